@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Settings.h"
+
+#include <QLockFile>
+#include <QObject>
+#include <QPointer>
+
+#include <memory>
+
+class QMenu;
+class QSystemTrayIcon;
+
+// The running program: single instance, tray icon and its menu.
+class AppDelegate : public QObject {
+    Q_OBJECT
+public:
+    explicit AppDelegate(QObject* parent = nullptr);
+    ~AppDelegate() override;
+
+    // The whole start-up; false when another copy already runs and this one must leave quietly.
+    bool applicationDidFinishLaunching();
+
+private:
+    bool ensureSingleInstance();
+    void setupStatusItem();
+    std::unique_ptr<QMenu> buildMenu();
+    void refreshMenu();
+
+    std::unique_ptr<QLockFile> m_instanceLock;
+    std::unique_ptr<QSystemTrayIcon> m_statusItem;
+    std::unique_ptr<QMenu> m_menu;
+};

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QLoggingCategory>
+
+// One category per area, so `QT_LOGGING_RULES="voxaria.whisper.debug=true"` follows one subsystem.
+Q_DECLARE_LOGGING_CATEGORY(lcApp)
+Q_DECLARE_LOGGING_CATEGORY(lcSettings)
+Q_DECLARE_LOGGING_CATEGORY(lcAudio)
+Q_DECLARE_LOGGING_CATEGORY(lcWhisper)
+Q_DECLARE_LOGGING_CATEGORY(lcSpeech)
+Q_DECLARE_LOGGING_CATEGORY(lcDictation)
+Q_DECLARE_LOGGING_CATEGORY(lcHotkey)
+Q_DECLARE_LOGGING_CATEGORY(lcInsert)
+Q_DECLARE_LOGGING_CATEGORY(lcHud)
+Q_DECLARE_LOGGING_CATEGORY(lcHistory)

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "Platform/AudioInput.h"
+
+#include <QString>
+
+// A scriptable microphone: tests choose its format, make start fail, and push buffers.
+class FakeAudioInput final : public AudioInput {
+public:
+    std::optional<AudioFormat> deviceFormat = AudioFormat{16000, 1, AudioFormat::SampleType::int16};
+    QString startFailure; // when set, start() throws a PlatformError with this text
+    int startCount = 0;
+    int stopCount = 0;
+
+    std::optional<AudioFormat> format() override { return deviceFormat; }
+    void start(BufferHandler handler) override;
+    void stop() override;
+    bool isRunning() const override { return m_running; }
+
+    // Delivers one buffer as the capture thread would; ignored unless running.
+    void deliver(QByteArrayView interleavedFrames);
+
+private:
+    BufferHandler m_handler;
+    bool m_running = false;
+};

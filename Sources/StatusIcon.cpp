@@ -1,0 +1,50 @@
+#include "StatusIcon.h"
+
+#include <QPainter>
+#include <QPixmap>
+
+namespace StatusIcon {
+
+namespace {
+
+QColor colourOf(Tint tint)
+{
+    switch (tint) {
+    case Tint::red: return QColor(0xFF, 0x3B, 0x30);
+    case Tint::orange: return QColor(0xFF, 0x95, 0x00);
+    case Tint::normal: break;
+    }
+    return QColor(0xE8, 0xE8, 0xE8);
+}
+
+QPixmap waveform(int size, const QColor& colour)
+{
+    QPixmap pixmap(size, size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(colour);
+    // Seven bars of a symmetric waveform, tallest in the middle.
+    static constexpr double heights[] = {0.25, 0.5, 0.75, 1.0, 0.75, 0.5, 0.25};
+    const double slot = size / 7.0;
+    const double barWidth = slot * 0.6;
+    for (int i = 0; i < 7; ++i) {
+        const double height = size * 0.85 * heights[i];
+        painter.drawRoundedRect(QRectF(i * slot + (slot - barWidth) / 2, (size - height) / 2, barWidth, height),
+                                barWidth / 2, barWidth / 2);
+    }
+    return pixmap;
+}
+
+}
+
+QIcon make(Tint tint)
+{
+    QIcon icon;
+    for (int size : {16, 22, 24, 32, 48, 64})
+        icon.addPixmap(waveform(size, colourOf(tint)));
+    return icon;
+}
+
+}

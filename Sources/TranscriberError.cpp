@@ -1,0 +1,12 @@
+#include "TranscriberError.h"
+
+QString TranscriberError::description() const
+{
+#ifdef Q_OS_MACOS
+    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + m_identifier
+        + QStringLiteral(". Verifique em Ajustes > Teclado > Ditado se o idioma está instalado.");
+#else
+    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + m_identifier
+        + QStringLiteral(". Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+#endif
+}

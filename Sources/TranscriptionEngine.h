@@ -1,0 +1,30 @@
+#pragma once
+
+#include "Error.h"
+
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+// The contract both dictation engines fulfil. The controller makes one engine per dictation and
+// drives it only through these calls, all on the main thread; every callback also arrives on the
+// main thread. Calling order: start, then finish (one of onFinal/onError follows) or cancel.
+class TranscriptionEngine : public QObject {
+    Q_OBJECT
+public:
+    using PartialCallback = std::function<void(const QString& textSoFar)>;
+    using FinalCallback = std::function<void(const QString& text)>;
+    using ErrorCallback = std::function<void(const Error& error)>;
+
+    using QObject::QObject;
+
+    // Opens the microphone and returns once it is capturing; throws an Error when it cannot, in
+    // which case no callback is ever made for this dictation.
+    virtual void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) = 0;
+    // Stops recording at once; the result follows asynchronously.
+    virtual void finish() = 0;
+    // Stops everything and discards the dictation: neither onFinal nor onError follows.
+    virtual void cancel() = 0;
+    virtual bool providesPartials() const = 0;
+};
