@@ -15,6 +15,8 @@ public:
 
     // Appends the converted samples of one input buffer to `out`; false when conversion failed.
     virtual bool convert(QByteArrayView interleavedFrames, std::vector<qint16>& out) = 0;
+    // Appends what the resampling filter still holds: the last few milliseconds of speech.
+    virtual void flush(std::vector<qint16>& out) = 0;
 
     // The real converter, or nothing when `from` cannot be converted (no channels, no rate...).
     static std::unique_ptr<AudioConverter> makeDefault(const AudioFormat& from, int targetSampleRate);

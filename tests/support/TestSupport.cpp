@@ -79,7 +79,9 @@ bool hasX11()
 
 bool hasPulseAudio()
 {
-    return QProcess::execute(QStringLiteral("pactl"), {QStringLiteral("info")}) == 0;
+    QProcess pactl;
+    pactl.start(QStringLiteral("pactl"), {QStringLiteral("info")});
+    return pactl.waitForFinished() && pactl.exitStatus() == QProcess::NormalExit && pactl.exitCode() == 0;
 }
 
 bool playIntoMicrophone(const QString& path)
@@ -94,10 +96,11 @@ bool playIntoMicrophone(const QString& path)
 
 double audioDuration(const QString& path)
 {
-    QProcess soxi;
-    soxi.start(QStringLiteral("soxi"), {QStringLiteral("-D"), path});
-    soxi.waitForFinished();
-    return soxi.readAllStandardOutput().trimmed().toDouble();
+    QProcess probe;
+    probe.start(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
+                                            QStringLiteral("format=duration"), QStringLiteral("-of"), QStringLiteral("csv=p=0"), path});
+    probe.waitForFinished();
+    return probe.readAllStandardOutput().trimmed().toDouble();
 }
 
 FakeWhisper::FakeWhisper()

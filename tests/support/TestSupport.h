@@ -4,6 +4,13 @@
 
 #include <chrono>
 #include <functional>
+#include <ostream>
+
+// Readable QStrings in test failure messages.
+inline void PrintTo(const QString& text, std::ostream* out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace TestSupport {
 
@@ -26,7 +33,7 @@ bool hasPulseAudio();
 
 // Plays a sound file into the virtual microphone and waits until it has been played.
 bool playIntoMicrophone(const QString& path);
-// Length in seconds of an audio file, as sox reports it.
+// Length in seconds of an audio file, as ffprobe reports it.
 double audioDuration(const QString& path);
 
 // The fake whisper-cli, installed beside this test program (where the app looks first), and the

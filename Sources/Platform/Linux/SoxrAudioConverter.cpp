@@ -86,15 +86,30 @@ bool SoxrAudioConverter::convert(QByteArrayView interleavedFrames, std::vector<q
     downmix(interleavedFrames);
     if (m_mono.empty())
         return interleavedFrames.isEmpty();
-
     // Room for every sample this buffer can yield, plus what the filter held back from before.
     const size_t capacity = size_t(std::floor(double(m_mono.size()) * m_ratio)) + 64;
+    return process(m_mono.data(), m_mono.size(), capacity, out);
+}
+
+void SoxrAudioConverter::flush(std::vector<qint16>& out)
+{
+    // A null input tells soxr the stream has ended; it then drains its filter in one or more calls.
+    constexpr size_t kChunk = 1024;
+    size_t before;
+    do {
+        before = out.size();
+        if (!process(nullptr, 0, kChunk, out))
+            return;
+    } while (out.size() - before == kChunk);
+}
+
+bool SoxrAudioConverter::process(const float* in, size_t frames, size_t capacity, std::vector<qint16>& out)
+{
     const size_t start = out.size();
     out.resize(start + capacity);
     size_t consumed = 0;
     size_t produced = 0;
-    const soxr_error_t error = soxr_process(m_resampler, m_mono.data(), m_mono.size(), &consumed,
-                                            out.data() + start, capacity, &produced);
+    const soxr_error_t error = soxr_process(m_resampler, in, frames, &consumed, out.data() + start, capacity, &produced);
     out.resize(start + produced);
     if (error) {
         qCWarning(lcAudio) << "resampling failed:" << error;

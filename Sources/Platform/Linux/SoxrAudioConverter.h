@@ -14,10 +14,12 @@ public:
     ~SoxrAudioConverter() override;
 
     bool convert(QByteArrayView interleavedFrames, std::vector<qint16>& out) override;
+    void flush(std::vector<qint16>& out) override;
 
 private:
     SoxrAudioConverter(soxr* resampler, AudioFormat from, double ratio);
     void downmix(QByteArrayView interleavedFrames);
+    bool process(const float* in, size_t frames, size_t capacity, std::vector<qint16>& out);
 
     soxr* m_resampler;
     AudioFormat m_from;

@@ -1,0 +1,358 @@
+#include "WhisperTranscriber.h"
+
+#include "AppPaths.h"
+#include "Logging.h"
+#include "Settings.h"
+#include "WavWriter.h"
+#include "WhisperError.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStringDecoder>
+#include <QTimer>
+#include <QUuid>
+
+#include <mutex>
+#include <vector>
+
+namespace {
+
+// Only the last line of whisper-cli's error output is ever shown; a child that writes megabytes
+// of diagnostics must not grow our memory with it.
+constexpr qsizetype kErrorTailLimit = 64 * 1024;
+// A cancelled whisper-cli gets this long to leave after the polite signal before it is killed.
+constexpr int kTerminateGraceMs = 2000;
+
+QString newRecordingPath()
+{
+    return AppPaths::temporaryFolder() + QStringLiteral("/voxaria-")
+        + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".wav");
+}
+
+QString withoutExtension(const QString& path)
+{
+    return path.left(path.size() - QFileInfo(path).suffix().size() - 1);
+}
+
+void removeDictationFiles(const QString& wavPath)
+{
+    QFile::remove(wavPath);
+    QFile::remove(withoutExtension(wavPath) + QStringLiteral(".txt"));
+}
+
+std::optional<QString> decodeUtf8(const QByteArray& bytes)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
+
+// The last non-empty line of the error output, or "código N" when there is none or it is not UTF-8.
+QString failureDetail(const QByteArray& errorOutput, int exitStatus)
+{
+    if (const std::optional<QString> text = decodeUtf8(errorOutput)) {
+        const QStringList lines = text->split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        if (!lines.isEmpty())
+            return lines.last();
+    }
+    return QStringLiteral("código ") + QString::number(exitStatus);
+}
+
+void appendToTail(QByteArray& tail, const QByteArray& chunk)
+{
+    tail += chunk;
+    if (tail.size() <= 2 * kErrorTailLimit)
+        return;
+    tail = tail.right(kErrorTailLimit);
+    // Start at a line boundary so a cut multi-byte character cannot spoil the decoding.
+    const qsizetype newline = tail.indexOf('\n');
+    tail = newline >= 0 ? tail.mid(newline + 1) : QByteArray();
+}
+
+}
+
+// What the capture thread touches while recording: the converter and the open WAV. The main thread
+// reaches it only after the capture has stopped.
+struct WhisperTranscriber::Recording {
+    std::unique_ptr<AudioConverter> converter;
+    std::unique_ptr<WavWriter> file;
+    std::vector<qint16> converted;
+
+    void append(QByteArrayView buffer)
+    {
+        converted.clear();
+        // A buffer that fails to convert or to be written is dropped; the recording goes on.
+        if (!converter->convert(buffer, converted) || converted.empty())
+            return;
+        write();
+    }
+
+    // The end of the recording: what the resampler still holds goes in before the file is closed.
+    void finalise()
+    {
+        converted.clear();
+        converter->flush(converted);
+        if (!converted.empty())
+            write();
+        file->close();
+    }
+
+    void write()
+    {
+        if (!file->append(converted.data(), converted.size()))
+            qCDebug(lcWhisper) << "dropped a buffer:" << file->errorString();
+    }
+};
+
+WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter,
+                                       QObject* parent)
+    : TranscriptionEngine(parent), m_audioEngine(std::move(audioEngine)), m_makeConverter(std::move(makeConverter))
+{
+}
+
+WhisperTranscriber::~WhisperTranscriber()
+{
+    cancel();
+}
+
+QStringList WhisperTranscriber::binaryCandidates()
+{
+#ifdef Q_OS_MACOS
+    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"),
+            QStringLiteral("/opt/homebrew/bin/whisper-cli"), QStringLiteral("/usr/local/bin/whisper-cli")};
+#else
+    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"),
+            QStringLiteral("/usr/local/bin/whisper-cli"), QStringLiteral("/usr/bin/whisper-cli")};
+#endif
+}
+
+std::optional<QString> WhisperTranscriber::firstExecutable(const QStringList& candidates)
+{
+    for (const QString& candidate : candidates) {
+        const QFileInfo info(candidate);
+        if (info.isFile() && info.isExecutable())
+            return candidate;
+    }
+    return std::nullopt;
+}
+
+std::optional<QString> WhisperTranscriber::binaryURL()
+{
+    return firstExecutable(binaryCandidates());
+}
+
+std::optional<QString> WhisperTranscriber::modelURL()
+{
+    const QDir models(AppPaths::modelsFolder());
+    const QString selected = models.filePath(Settings::shared().whisperModelFileName());
+    if (QFileInfo::exists(selected))
+        return selected;
+    if (!models.exists())
+        return std::nullopt;
+    // Listed by name, so "the first" is the same on every machine.
+    const QStringList entries = models.entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
+    QStringList bins;
+    for (const QString& entry : entries) {
+        if (QFileInfo(entry).suffix() == QLatin1String("bin"))
+            bins << entry;
+    }
+    for (const QString& bin : bins) {
+        if (bin.contains(QLatin1String("large")))
+            return models.filePath(bin);
+    }
+    if (!bins.isEmpty())
+        return models.filePath(bins.first());
+    return std::nullopt;
+}
+
+bool WhisperTranscriber::isAvailable()
+{
+    return binaryURL() && modelURL();
+}
+
+void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCallback onError)
+{
+    if (!binaryURL())
+        throw WhisperError::notInstalled();
+    if (!modelURL())
+        throw WhisperError::modelMissing();
+
+    m_onFinal = std::move(onFinal);
+    m_onError = std::move(onError);
+    m_cancelled = false;
+
+    const auto unsupported = [] { return WhisperError::transcriptionFailed(QStringLiteral("formato de áudio não suportado")); };
+    const std::optional<AudioFormat> microphone = m_audioEngine->format();
+    if (!microphone || !microphone->isUsable())
+        throw unsupported();
+    auto recording = std::make_shared<Recording>();
+    recording->converter = m_makeConverter(*microphone, kSampleRate);
+    if (!recording->converter)
+        throw unsupported();
+
+    m_wavURL = newRecordingPath();
+    recording->file = std::make_unique<WavWriter>(*m_wavURL, kSampleRate, 1);
+    if (!recording->file->open()) {
+        const QString reason = recording->file->errorString();
+        cleanup();
+        throw PlatformError(QStringLiteral("Não foi possível criar a gravação: ") + reason);
+    }
+    m_audioFile = recording;
+    try {
+        // The capture thread holds the recording itself, never the engine.
+        m_audioEngine->start([recording](QByteArrayView buffer) { recording->append(buffer); });
+    } catch (const Error&) {
+        m_audioFile.reset();
+        cleanup();
+        throw;
+    }
+    qCDebug(lcWhisper) << "recording to" << *m_wavURL;
+}
+
+void WhisperTranscriber::stopRecording()
+{
+    if (m_audioEngine->isRunning())
+        m_audioEngine->stop();
+    // The capture thread is done with the recording now; closing writes the WAV's final sizes.
+    if (m_audioFile)
+        m_audioFile->finalise();
+    m_audioFile.reset();
+}
+
+void WhisperTranscriber::finish()
+{
+    stopRecording();
+    if (m_cancelled || !m_wavURL) {
+        cleanup();
+        return;
+    }
+    const std::optional<QString> binary = binaryURL();
+    const std::optional<QString> model = modelURL();
+    if (!binary || !model) {
+        // The program or the model vanished while the key was held: the controller still waits for
+        // an answer, so say which one is missing.
+        cleanup();
+        const WhisperError error = binary ? WhisperError::modelMissing() : WhisperError::notInstalled();
+        QTimer::singleShot(0, this, [this, error] { answerWithError(error); });
+        return;
+    }
+    launch(*binary, *model);
+}
+
+QStringList WhisperTranscriber::arguments(const QString& model, const QString& outputBase) const
+{
+    const QString language = Settings::shared().localeIdentifier().left(2).toLower();
+    return {QStringLiteral("-m"), model,
+            QStringLiteral("-f"), *m_wavURL,
+            QStringLiteral("-l"), language,
+            QStringLiteral("--no-timestamps"),
+            QStringLiteral("--no-prints"),
+            QStringLiteral("-otxt"),
+            QStringLiteral("-of"), outputBase};
+}
+
+void WhisperTranscriber::launch(const QString& binary, const QString& model)
+{
+    const QString outputBase = withoutExtension(*m_wavURL);
+    auto* process = new QProcess(this);
+    m_process = process;
+    process->setProgram(binary);
+    process->setArguments(arguments(model, outputBase));
+    // Nothing on standard output is used; the null device can never fill up and stall the child.
+    process->setStandardOutputFile(QProcess::nullDevice());
+
+    auto errorOutput = std::make_shared<QByteArray>();
+    connect(process, &QProcess::readyReadStandardError, this,
+            [process, errorOutput] { appendToTail(*errorOutput, process->readAllStandardError()); });
+    connect(process, &QProcess::finished, this,
+            [this, process, outputBase, errorOutput](int exitCode, QProcess::ExitStatus exitStatus) {
+                appendToTail(*errorOutput, process->readAllStandardError());
+                process->deleteLater();
+                // A crash counts as a failure even when the signal number reads as 0.
+                const int status = exitStatus == QProcess::CrashExit && exitCode == 0 ? -1 : exitCode;
+                complete(status, outputBase, *errorOutput);
+            });
+    // Queued: a launch failure is answered later, never from inside finish().
+    connect(process, &QProcess::errorOccurred, this, [this, process](QProcess::ProcessError error) {
+        if (error != QProcess::FailedToStart)
+            return;
+        qCWarning(lcWhisper) << "cannot launch whisper-cli:" << process->errorString();
+        process->deleteLater();
+        m_process.clear();
+        cleanup();
+        answerWithError(PlatformError(process->errorString()));
+    }, Qt::QueuedConnection);
+    qCDebug(lcWhisper) << "running" << binary << process->arguments();
+    process->start(QIODevice::ReadOnly);
+}
+
+void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput)
+{
+    m_process.clear();
+    if (m_cancelled) {
+        cleanup();
+        return;
+    }
+    QFile transcript(outputBase + QStringLiteral(".txt"));
+    std::optional<QString> text;
+    if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
+        text = decodeUtf8(transcript.readAll());
+    if (text) {
+        if (FinalCallback onFinal = std::exchange(m_onFinal, nullptr))
+            onFinal(text->trimmed());
+        m_onError = nullptr;
+    } else {
+        qCWarning(lcWhisper) << "whisper-cli failed with status" << exitStatus;
+        answerWithError(WhisperError::transcriptionFailed(failureDetail(errorOutput, exitStatus)));
+    }
+    cleanup();
+}
+
+void WhisperTranscriber::answerWithError(const Error& error)
+{
+    m_onFinal = nullptr;
+    if (ErrorCallback onError = std::exchange(m_onError, nullptr))
+        onError(error);
+}
+
+void WhisperTranscriber::cancel()
+{
+    m_cancelled = true;
+    stopRecording();
+    retireProcess();
+    cleanup();
+    m_onFinal = nullptr;
+    m_onError = nullptr;
+}
+
+void WhisperTranscriber::retireProcess()
+{
+    QProcess* process = m_process.data();
+    m_process.clear();
+    if (!process)
+        return;
+    // The child may still write its transcript while it dies, and this engine may be gone by then:
+    // the process owns its own clean-up from here on.
+    const QString wavPath = m_wavURL.value_or(QString());
+    process->disconnect(this);
+    process->setParent(nullptr);
+    connect(process, &QProcess::finished, process, [process, wavPath] {
+        if (!wavPath.isEmpty())
+            removeDictationFiles(wavPath);
+        process->deleteLater();
+    });
+    process->terminate();
+    QTimer::singleShot(kTerminateGraceMs, process, &QProcess::kill);
+}
+
+void WhisperTranscriber::cleanup()
+{
+    if (!m_wavURL)
+        return;
+    removeDictationFiles(*m_wavURL);
+    m_wavURL.reset();
+}

@@ -1,0 +1,103 @@
+// How long Voxaria itself adds around whisper-cli: from the key release (finish()) to the child
+// running, and from the child's exit to the text reaching onFinal. whisper-cli's own time is left
+// out: a tiny shell stand-in writes its transcript and the moment it exits.
+#include "AppPaths.h"
+#include "Platform/Fakes/FakeAudioInput.h"
+#include "Settings.h"
+#include "WhisperTranscriber.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+qint64 realtimeNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+void installStandIn(const QString& path, const QString& stampFolder)
+{
+    QFile script(path);
+    script.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    // The last argument is the output base; the moments of starting and exiting are written beside.
+    // bash's clock variable stamps the moments without starting another process.
+    script.write(QStringLiteral("#!/bin/bash\n"
+                                "echo ${EPOCHREALTIME/./} > '%1/started'\n"
+                                "printf 'texto' > \"${@: -1}.txt\"\n"
+                                "echo ${EPOCHREALTIME/./} > '%1/exited'\n")
+                     .arg(stampFolder)
+                     .toUtf8());
+    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+// Nanoseconds since the epoch, from a stamp written in microseconds.
+qint64 readStamp(const QString& path)
+{
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    return file.readAll().trimmed().toLongLong() * 1000;
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    QTemporaryDir home;
+    qputenv("XDG_DATA_HOME", home.path().toUtf8());
+    qputenv("XDG_CONFIG_HOME", home.path().toUtf8());
+    qputenv("TMPDIR", home.path().toUtf8());
+    QCoreApplication app(argc, argv);
+    QDir().mkpath(AppPaths::modelsFolder());
+    QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
+    model.open(QIODevice::WriteOnly);
+    const QString binary = QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli");
+    installStandIn(binary, home.path());
+
+    std::vector<double> toStarted, toChild, exitToFinal;
+    const QByteArray silence(3200, '\0');
+    for (int run = 0; run < 30; ++run) {
+        auto input = std::make_unique<FakeAudioInput>();
+        FakeAudioInput* microphone = input.get();
+        WhisperTranscriber engine(std::move(input));
+        qint64 finalAt = 0;
+        engine.start({}, [&](const QString&) { finalAt = realtimeNs(); }, [](const Error& e) {
+            std::fprintf(stderr, "error: %s\n", qPrintable(e.description()));
+        });
+        microphone->deliver(silence);
+        QElapsedTimer clock;
+        const qint64 releasedAt = realtimeNs();
+        clock.start();
+        engine.finish();
+        const double finishMs = clock.nsecsElapsed() / 1e6;
+        while (!finalAt)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+        toStarted.push_back(finishMs);
+        toChild.push_back((readStamp(home.path() + QStringLiteral("/started")) - releasedAt) / 1e6);
+        exitToFinal.push_back((finalAt - readStamp(home.path() + QStringLiteral("/exited"))) / 1e6);
+    }
+    QFile::remove(binary);
+    std::printf("finish() returned with whisper-cli launched: median %.2f ms (target <= 10 ms)\n", median(toStarted));
+    std::printf("key release -> first line of the child running: median %.2f ms (includes bash start-up)\n",
+                median(toChild));
+    std::printf("whisper-cli exit -> onFinal: median %.2f ms (target <= 5 ms; includes process reaping)\n",
+                median(exitToFinal));
+    return 0;
+}
