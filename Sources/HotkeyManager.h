@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Platform/KeyMonitor.h"
+
+#include <QObject>
+
+#include <functional>
+#include <memory>
+
+// Turns the holding of the chosen dictation key into one onPress and one onRelease. Only modifier
+// flag changes are watched, so the key types nothing and works whichever application is in front.
+// The key setting is read at every event: a key chosen in the menu counts at once.
+class HotkeyManager : public QObject {
+    Q_OBJECT
+public:
+    explicit HotkeyManager(std::unique_ptr<KeyMonitor> monitor = KeyMonitor::makeDefault(), QObject* parent = nullptr);
+    ~HotkeyManager() override;
+
+    std::function<void()> onPress;
+    std::function<void()> onRelease;
+
+    // Installs the monitor; a second call replaces it, so there is never more than one.
+    void start();
+    // Removes the monitor and forgets the key, without an onRelease even when the key is held.
+    void stop();
+
+    void handle(const FlagsChangedEvent& event);
+
+private:
+    std::unique_ptr<KeyMonitor> m_source;
+    KeyMonitor::Token m_monitor = 0;
+    bool m_isDown = false;
+};

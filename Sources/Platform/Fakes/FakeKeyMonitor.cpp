@@ -1,0 +1,28 @@
+#include "FakeKeyMonitor.h"
+
+#include <vector>
+
+KeyMonitor::Token FakeKeyMonitor::addMonitor(Handler handler)
+{
+    ++addCount;
+    if (!available)
+        return 0;
+    const Token token = m_nextToken++;
+    m_handlers.emplace(token, std::move(handler));
+    return token;
+}
+
+void FakeKeyMonitor::removeMonitor(Token token)
+{
+    ++removeCount;
+    m_handlers.erase(token);
+}
+
+void FakeKeyMonitor::post(quint16 keyCode, quint64 modifierFlags)
+{
+    std::vector<Handler> handlers;
+    for (const auto& [token, handler] : m_handlers)
+        handlers.push_back(handler);
+    for (const Handler& handler : handlers)
+        handler(FlagsChangedEvent{keyCode, modifierFlags});
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <functional>
+#include <memory>
+
+// One change of the modifier keys, in the terms of the macOS design: the virtual key code of the
+// key that went up or down, and the device-independent flags of every modifier still held.
+struct FlagsChangedEvent {
+    quint16 keyCode = 0;
+    quint64 modifierFlags = 0;
+};
+
+// A source of flags-changed events from every application, ours included. Handlers run on the main
+// thread. The source never swallows an event: the key still reaches the application it was typed in.
+class KeyMonitor {
+public:
+    using Handler = std::function<void(const FlagsChangedEvent& event)>;
+    // Identifies an installed handler; 0 means none could be installed.
+    using Token = quint64;
+
+    virtual ~KeyMonitor() = default;
+
+    // Installs a handler; answers 0 (and logs why) when the platform cannot watch the keys.
+    virtual Token addMonitor(Handler handler) = 0;
+    // Removes a handler; no call to it happens afterwards. Unknown tokens are ignored.
+    virtual void removeMonitor(Token token) = 0;
+
+    // The real key source of this platform.
+    static std::unique_ptr<KeyMonitor> makeDefault();
+};

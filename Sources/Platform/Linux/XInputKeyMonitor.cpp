@@ -1,0 +1,159 @@
+#include "XInputKeyMonitor.h"
+
+#include "Logging.h"
+
+#include <QSocketNotifier>
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XInput2.h>
+
+#include <vector>
+
+std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
+{
+    return std::make_unique<XInputKeyMonitor>();
+}
+
+XInputKeyMonitor::XInputKeyMonitor() = default;
+
+XInputKeyMonitor::~XInputKeyMonitor()
+{
+    closeConnection();
+}
+
+std::optional<XInputKeyMonitor::ModifierKey> XInputKeyMonitor::modifierForKeycode(int keycode)
+{
+    // Keycodes of the evdev layout every X server uses today (kernel code + 8).
+    switch (keycode) {
+    case 108: return ModifierKey{61, 0x80000};   // right Alt / AltGr -> right Option
+    case 64: return ModifierKey{58, 0x80000};    // left Alt -> left Option
+    case 134: return ModifierKey{54, 0x100000};  // right Super -> right Command
+    case 133: return ModifierKey{55, 0x100000};  // left Super -> left Command
+    case 151: return ModifierKey{63, 0x800000};  // XF86WakeUp, where keyboards report Fn
+    case 37: return ModifierKey{59, 0x40000};    // left Control
+    case 105: return ModifierKey{62, 0x40000};   // right Control
+    case 50: return ModifierKey{56, 0x20000};    // left Shift
+    case 62: return ModifierKey{60, 0x20000};    // right Shift
+    default: return std::nullopt;
+    }
+}
+
+KeyMonitor::Token XInputKeyMonitor::addMonitor(Handler handler)
+{
+    if (!m_display && !openConnection())
+        return 0;
+    const Token token = m_nextToken++;
+    m_handlers.emplace(token, std::move(handler));
+    return token;
+}
+
+void XInputKeyMonitor::removeMonitor(Token token)
+{
+    m_handlers.erase(token);
+    if (m_handlers.empty())
+        closeConnection();
+}
+
+bool XInputKeyMonitor::openConnection()
+{
+    Display* display = XOpenDisplay(nullptr);
+    if (!display) {
+        qCWarning(lcHotkey) << "cannot watch the dictation key: no X display (DISPLAY is"
+                            << qEnvironmentVariable("DISPLAY") << ")";
+        return false;
+    }
+    int event = 0;
+    int error = 0;
+    int major = 2;
+    int minor = 2;
+    if (!XQueryExtension(display, "XInputExtension", &m_xinputOpcode, &event, &error)
+        || XIQueryVersion(display, &major, &minor) != Success) {
+        qCWarning(lcHotkey) << "cannot watch the dictation key: the X server lacks XInput 2";
+        XCloseDisplay(display);
+        return false;
+    }
+
+    unsigned char bits[XIMaskLen(XI_LASTEVENT)] = {};
+    XISetMask(bits, XI_RawKeyPress);
+    XISetMask(bits, XI_RawKeyRelease);
+    XIEventMask mask{XIAllMasterDevices, int(sizeof bits), bits};
+    XISelectEvents(display, DefaultRootWindow(display), &mask, 1);
+    XFlush(display);
+
+    m_display = display;
+    m_heldKeycodes.clear();
+    m_notifier = std::make_unique<QSocketNotifier>(ConnectionNumber(display), QSocketNotifier::Read);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &XInputKeyMonitor::readPendingEvents);
+    qCInfo(lcHotkey) << "watching modifier keys through XInput" << major << "." << minor;
+    return true;
+}
+
+void XInputKeyMonitor::closeConnection()
+{
+    if (!m_display)
+        return;
+    m_notifier.reset();
+    XCloseDisplay(m_display);
+    m_display = nullptr;
+    m_heldKeycodes.clear();
+}
+
+void XInputKeyMonitor::readPendingEvents()
+{
+    // Xlib may already have queued several events from one read of the socket: drain them all, or
+    // the notifier would not fire again for those still in the queue.
+    while (m_display && XPending(m_display) > 0) {
+        XEvent event;
+        XNextEvent(m_display, &event);
+        XGenericEventCookie* cookie = &event.xcookie;
+        if (cookie->type != GenericEvent || cookie->extension != m_xinputOpcode || !XGetEventData(m_display, cookie))
+            continue;
+        if (cookie->evtype == XI_RawKeyPress || cookie->evtype == XI_RawKeyRelease) {
+            const int keycode = static_cast<XIRawEvent*>(cookie->data)->detail;
+            const bool pressed = cookie->evtype == XI_RawKeyPress;
+            Display* display = m_display;
+            keyChanged(keycode, pressed);
+            // A handler may have removed the last monitor and closed this connection.
+            if (m_display != display)
+                return;
+        }
+        XFreeEventData(m_display, cookie);
+    }
+}
+
+void XInputKeyMonitor::keyChanged(int keycode, bool pressed)
+{
+    const std::optional<ModifierKey> key = modifierForKeycode(keycode);
+    if (!key)
+        return;
+    // Key repeat reports a held key as pressed again; only real changes become events.
+    const bool changed = pressed ? m_heldKeycodes.insert(keycode).second : m_heldKeycodes.erase(keycode) > 0;
+    if (!changed)
+        return;
+    deliver(FlagsChangedEvent{key->virtualKeyCode, heldFlags()});
+}
+
+quint64 XInputKeyMonitor::heldFlags() const
+{
+    quint64 flags = 0;
+    for (int keycode : m_heldKeycodes)
+        flags |= modifierForKeycode(keycode)->flag;
+    return flags;
+}
+
+void XInputKeyMonitor::deliver(const FlagsChangedEvent& event)
+{
+    qCDebug(lcHotkey) << "flags changed: key" << event.keyCode << "flags" << Qt::hex << event.modifierFlags;
+    // Handlers may add or remove monitors while being called: call the ones installed now, and
+    // skip any that is gone by its turn.
+    std::vector<Token> tokens;
+    for (const auto& [token, handler] : m_handlers)
+        tokens.push_back(token);
+    for (Token token : tokens) {
+        auto found = m_handlers.find(token);
+        if (found == m_handlers.end())
+            continue;
+        Handler handler = found->second;
+        handler(event);
+    }
+}

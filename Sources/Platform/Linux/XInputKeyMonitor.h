@@ -1,0 +1,49 @@
+#pragma once
+
+#include "Platform/KeyMonitor.h"
+
+#include <QObject>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+class QSocketNotifier;
+struct _XDisplay;
+
+// The modifier keys of the whole X display, read as XInput2 raw key events on the root window.
+// Raw events need no grab, so every key still reaches the window it was typed in. The monitor has
+// an X connection of its own, open only while a handler is installed and watched by a socket
+// notifier on the main thread, so events cost nothing while no key moves.
+class XInputKeyMonitor final : public QObject, public KeyMonitor {
+    Q_OBJECT
+public:
+    XInputKeyMonitor();
+    ~XInputKeyMonitor() override;
+
+    Token addMonitor(Handler handler) override;
+    void removeMonitor(Token token) override;
+
+    // The design's virtual key code and flag for an X keycode, when it is a modifier key we track.
+    struct ModifierKey {
+        quint16 virtualKeyCode;
+        quint64 flag;
+    };
+    static std::optional<ModifierKey> modifierForKeycode(int keycode);
+
+private:
+    bool openConnection();
+    void closeConnection();
+    void readPendingEvents();
+    void keyChanged(int keycode, bool pressed);
+    quint64 heldFlags() const;
+    void deliver(const FlagsChangedEvent& event);
+
+    _XDisplay* m_display = nullptr;
+    int m_xinputOpcode = 0;
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    std::map<Token, Handler> m_handlers;
+    Token m_nextToken = 1;
+    std::set<int> m_heldKeycodes;
+};
