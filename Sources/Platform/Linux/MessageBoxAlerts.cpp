@@ -1,0 +1,64 @@
+#include "MessageBoxAlerts.h"
+
+#include "Logging.h"
+
+#include <QAbstractButton>
+#include <QGuiApplication>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTimer>
+
+namespace {
+
+QMessageBox::ButtonRole messageBoxRole(Alerts::Button::Role role)
+{
+    switch (role) {
+    case Alerts::Button::Role::destructive: return QMessageBox::DestructiveRole;
+    case Alerts::Button::Role::cancel: return QMessageBox::RejectRole;
+    case Alerts::Button::Role::standard: break;
+    }
+    return QMessageBox::AcceptRole;
+}
+
+}
+
+std::unique_ptr<Alerts> Alerts::makeDefault()
+{
+    return std::make_unique<MessageBoxAlerts>();
+}
+
+int MessageBoxAlerts::runModal(const Alert& alert)
+{
+    QMessageBox box;
+    box.setWindowTitle(QGuiApplication::applicationDisplayName());
+    box.setText(alert.messageText);
+    box.setInformativeText(alert.informativeText);
+    // A tray program has no window in front; without this the alert can open behind the user's
+    // current application and the modal loop would look like a hang.
+    box.setWindowFlag(Qt::WindowStaysOnTopHint);
+
+    QList<QAbstractButton*> buttons;
+    for (const Button& button : alert.buttons)
+        buttons.append(box.addButton(button.title, messageBoxRole(button.role)));
+    if (buttons.isEmpty())
+        buttons.append(box.addButton(QMessageBox::Ok));
+    if (auto* first = qobject_cast<QPushButton*>(buttons.first()))
+        box.setDefaultButton(first);
+
+    QTimer::singleShot(0, &box, [&box] {
+        box.raise();
+        box.activateWindow();
+    });
+    box.exec();
+
+    const int chosen = buttons.indexOf(box.clickedButton());
+    if (chosen >= 0)
+        return chosen;
+    // Closed without a button (window manager close): the cancelling button, else the last one.
+    for (qsizetype i = 0; i < alert.buttons.size(); ++i) {
+        if (alert.buttons[i].role == Button::Role::cancel)
+            return static_cast<int>(i);
+    }
+    qCDebug(lcApp) << "Alert closed without a button:" << alert.messageText;
+    return static_cast<int>(buttons.size() - 1);
+}
