@@ -1,0 +1,15 @@
+#pragma once
+
+#include <memory>
+
+// Whether this process may watch the keyboard of other applications and post synthetic keys to
+// them. Main thread only.
+class AccessibilityTrust {
+public:
+    virtual ~AccessibilityTrust() = default;
+
+    // With `prompt`, a platform that can ask the user for the grant does so when it is missing.
+    virtual bool isTrusted(bool prompt) = 0;
+
+    static std::unique_ptr<AccessibilityTrust> makeDefault();
+};

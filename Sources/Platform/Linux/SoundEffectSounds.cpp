@@ -1,0 +1,36 @@
+#include "SoundEffectSounds.h"
+
+#include "Logging.h"
+
+#include <QSoundEffect>
+#include <QUrl>
+
+std::unique_ptr<Sounds> Sounds::makeDefault()
+{
+    return std::make_unique<SoundEffectSounds>();
+}
+
+SoundEffectSounds::SoundEffectSounds()
+{
+    for (const char* name : {"Tink", "Pop", "Basso", "Glass"}) {
+        auto* effect = new QSoundEffect(this);
+        effect->setSource(QUrl(QStringLiteral("qrc:/sounds/%1.wav").arg(QLatin1String(name))));
+        connect(effect, &QSoundEffect::statusChanged, this, [effect, name] {
+            if (effect->status() == QSoundEffect::Error)
+                qCWarning(lcDictation) << "the sound" << name << "cannot be played";
+        });
+        m_effects.insert(QLatin1String(name), effect);
+    }
+}
+
+SoundEffectSounds::~SoundEffectSounds() = default;
+
+void SoundEffectSounds::play(const QString& name)
+{
+    QSoundEffect* effect = m_effects.value(name);
+    if (!effect) {
+        qCWarning(lcDictation) << "no sound named" << name;
+        return;
+    }
+    effect->play();
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+#include <memory>
+
+// The short feedback sounds shipped with the app, by their design names: "Tink", "Pop", "Basso",
+// "Glass". Playing returns at once; the sound runs on its own. Main thread only.
+class Sounds {
+public:
+    virtual ~Sounds() = default;
+
+    // An unknown name is logged and otherwise ignored.
+    virtual void play(const QString& name) = 0;
+
+    static std::unique_ptr<Sounds> makeDefault();
+};
