@@ -1,0 +1,14 @@
+#pragma once
+
+#include "Platform/FrontApplication.h"
+
+// An application in front chosen by the test.
+class FakeFrontApplication final : public FrontApplication {
+public:
+    std::optional<QString> name;
+    std::optional<WindowClass> focusedWindowClass;
+    int queryCount = 0;
+
+    std::optional<QString> localizedName() override;
+    std::optional<WindowClass> windowClass() override;
+};

@@ -1,0 +1,57 @@
+#include "FakePasteboard.h"
+
+QStringList FakePasteboard::types(int index)
+{
+    QStringList result;
+    if (index >= 0 && index < itemCount()) {
+        for (const Entry& entry : items[size_t(index)])
+            result.append(entry.type);
+    }
+    return result;
+}
+
+std::optional<QByteArray> FakePasteboard::data(int index, const QString& type)
+{
+    if (index < 0 || index >= itemCount())
+        return std::nullopt;
+    for (const Entry& entry : items[size_t(index)]) {
+        if (entry.type == type)
+            return entry.data;
+    }
+    return std::nullopt;
+}
+
+void FakePasteboard::clearContents()
+{
+    items.clear();
+    ++writeCount;
+}
+
+void FakePasteboard::setString(const QString& text)
+{
+    items = {{{plainTextType, text.toUtf8()}}};
+    ++writeCount;
+}
+
+void FakePasteboard::writeItems(const std::vector<Item>& written)
+{
+    items.clear();
+    for (const Item& item : written) {
+        FakeItem copy;
+        for (const auto& [type, bytes] : item.entries())
+            copy.push_back({type, bytes});
+        items.push_back(std::move(copy));
+    }
+    ++writeCount;
+}
+
+std::optional<QString> FakePasteboard::string() const
+{
+    if (items.empty())
+        return std::nullopt;
+    for (const Entry& entry : items.front()) {
+        if (entry.type == plainTextType && entry.data)
+            return QString::fromUtf8(*entry.data);
+    }
+    return std::nullopt;
+}

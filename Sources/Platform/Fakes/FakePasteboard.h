@@ -1,0 +1,31 @@
+#pragma once
+
+#include "Platform/Pasteboard.h"
+
+// A pasteboard in memory. Tests fill `items`, including types that yield no data, and read back
+// what was written; every write is counted.
+class FakePasteboard final : public Pasteboard {
+public:
+    static inline const QString plainTextType = QStringLiteral("text/plain");
+
+    struct Entry {
+        QString type;
+        std::optional<QByteArray> data; // nothing: the type is declared but gives no data
+        bool operator==(const Entry&) const = default;
+    };
+    using FakeItem = std::vector<Entry>;
+
+    std::vector<FakeItem> items;
+    int writeCount = 0;
+
+    int itemCount() override { return int(items.size()); }
+    QStringList types(int index) override;
+    std::optional<QByteArray> data(int index, const QString& type) override;
+
+    void clearContents() override;
+    void setString(const QString& text) override;
+    void writeItems(const std::vector<Item>& written) override;
+
+    // The plain text on the pasteboard, if its first item has some.
+    std::optional<QString> string() const;
+};

@@ -1,0 +1,131 @@
+#include "Logging.h"
+
+#include <QSet>
+
+#include "X11Display.h"
+#include "XTestKeyPoster.h"
+
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
+
+std::shared_ptr<KeyPoster> KeyPoster::makeDefault()
+{
+    return std::make_shared<XTestKeyPoster>();
+}
+
+namespace {
+
+// The keys this system synthesises, by virtual key code; the keycode comes from the current layout.
+std::optional<KeySym> keySymFor(quint16 virtualKey)
+{
+    switch (virtualKey) {
+    case KeyPoster::virtualKeyV: return XK_v;
+    default: return std::nullopt;
+    }
+}
+
+bool hasXTest(Display* display)
+{
+    int eventBase = 0;
+    int errorBase = 0;
+    int major = 0;
+    int minor = 0;
+    return XTestQueryExtension(display, &eventBase, &errorBase, &major, &minor);
+}
+
+// The display, when it can take synthetic keys.
+Display* xtestDisplay()
+{
+    Display* display = X11Display::shared();
+    static const bool available = display && hasXTest(display);
+    if (display && !available)
+        qCWarning(lcInsert) << "The X server lacks the XTEST extension: cannot synthesise the paste";
+    return available ? display : nullptr;
+}
+
+void sendKey(Display* display, KeyCode keycode, bool down)
+{
+    XTestFakeKeyEvent(display, keycode, down ? True : False, CurrentTime);
+}
+
+}
+
+XTestKeyPoster::XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication)
+    : m_frontApplication(std::move(frontApplication))
+{
+}
+
+bool XTestKeyPoster::isTerminal(const FrontApplication::WindowClass& windowClass)
+{
+    static const QSet<QString> terminals = {
+        QStringLiteral("xterm"), QStringLiteral("uxterm"), QStringLiteral("gnome-terminal"),
+        QStringLiteral("gnome-terminal-server"), QStringLiteral("org.gnome.terminal"), QStringLiteral("org.gnome.console"),
+        QStringLiteral("kgx"), QStringLiteral("ptyxis"), QStringLiteral("konsole"), QStringLiteral("org.kde.konsole"),
+        QStringLiteral("yakuake"), QStringLiteral("alacritty"), QStringLiteral("kitty"), QStringLiteral("foot"),
+        QStringLiteral("footclient"), QStringLiteral("xfce4-terminal"), QStringLiteral("mate-terminal"),
+        QStringLiteral("lxterminal"), QStringLiteral("qterminal"), QStringLiteral("terminator"), QStringLiteral("tilix"),
+        QStringLiteral("com.gexperts.tilix"), QStringLiteral("terminology"), QStringLiteral("urxvt"),
+        QStringLiteral("rxvt"), QStringLiteral("st"), QStringLiteral("st-256color"), QStringLiteral("wezterm"),
+        QStringLiteral("org.wezfurlong.wezterm"), QStringLiteral("sakura"), QStringLiteral("guake"),
+        QStringLiteral("tilda"), QStringLiteral("cool-retro-term"), QStringLiteral("contour"), QStringLiteral("ghostty"),
+        QStringLiteral("com.mitchellh.ghostty"),
+    };
+    return terminals.contains(windowClass.instance.toLower()) || terminals.contains(windowClass.className.toLower());
+}
+
+std::optional<KeyPoster::KeyEvent> XTestKeyPoster::makeKeyEvent(quint16 virtualKey, bool keyDown)
+{
+    Display* display = xtestDisplay();
+    const std::optional<KeySym> keySym = keySymFor(virtualKey);
+    if (!display || !keySym)
+        return std::nullopt;
+    if (XKeysymToKeycode(display, *keySym) == 0) {
+        qCWarning(lcInsert) << "The keyboard layout has no key for" << XKeysymToString(*keySym);
+        return std::nullopt;
+    }
+    return KeyEvent{virtualKey, keyDown, 0};
+}
+
+std::vector<KeySym> XTestKeyPoster::modifiersFor(quint64 flags)
+{
+    std::vector<KeySym> modifiers;
+    if (flags & (commandFlag | controlFlag))
+        modifiers.push_back(XK_Control_L);
+    if (flags & optionFlag)
+        modifiers.push_back(XK_Alt_L);
+    const bool shift = (flags & shiftFlag) != 0;
+    if (shift || ((flags & commandFlag) && isTerminalInFront()))
+        modifiers.push_back(XK_Shift_L);
+    return modifiers;
+}
+
+bool XTestKeyPoster::isTerminalInFront()
+{
+    const std::optional<FrontApplication::WindowClass> windowClass =
+        m_frontApplication ? m_frontApplication->windowClass() : std::nullopt;
+    return windowClass && isTerminal(*windowClass);
+}
+
+void XTestKeyPoster::post(const KeyEvent& event)
+{
+    Display* display = xtestDisplay();
+    const std::optional<KeySym> keySym = keySymFor(event.virtualKey);
+    if (!display || !keySym)
+        return;
+    const KeyCode keycode = XKeysymToKeycode(display, *keySym);
+    if (event.keyDown) {
+        m_heldModifiers.clear();
+        for (KeySym modifier : modifiersFor(event.flags)) {
+            const KeyCode modifierCode = XKeysymToKeycode(display, modifier);
+            sendKey(display, modifierCode, true);
+            m_heldModifiers.push_back(modifierCode);
+        }
+        sendKey(display, keycode, true);
+    } else {
+        sendKey(display, keycode, false);
+        for (auto modifier = m_heldModifiers.rbegin(); modifier != m_heldModifiers.rend(); ++modifier)
+            sendKey(display, *modifier, false);
+        m_heldModifiers.clear();
+    }
+    XFlush(display);
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "Platform/FrontApplication.h"
+#include "Platform/KeyPoster.h"
+
+#include <X11/Xlib.h>
+
+#include <vector>
+
+// Synthetic keys through the XTEST extension. Command stands for Control, the modifier Linux
+// applications use for their shortcuts; a terminal gets Shift added to it, since a terminal passes
+// a plain Control-V to its program as ^V.
+class XTestKeyPoster final : public KeyPoster {
+public:
+    explicit XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication = FrontApplication::makeDefault());
+
+    std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
+    void post(const KeyEvent& event) override;
+
+    static bool isTerminal(const FrontApplication::WindowClass& windowClass);
+
+private:
+    std::vector<KeySym> modifiersFor(quint64 flags);
+    bool isTerminalInFront();
+
+    std::unique_ptr<FrontApplication> m_frontApplication;
+    // The modifier keys pressed with the last key-down, released with its key-up.
+    std::vector<KeyCode> m_heldModifiers;
+};

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+// The general clipboard, seen as a list of items, each offering data under one or more types.
+// All calls belong on the main thread.
+class Pasteboard {
+public:
+    // An item made by us, to be written back: data under types, in the order they were set.
+    class Item {
+    public:
+        void setData(const QString& type, const QByteArray& data) { m_entries.emplace_back(type, data); }
+        const std::vector<std::pair<QString, QByteArray>>& entries() const { return m_entries; }
+        bool operator==(const Item&) const = default;
+
+    private:
+        std::vector<std::pair<QString, QByteArray>> m_entries;
+    };
+
+    virtual ~Pasteboard() = default;
+
+    virtual int itemCount() = 0;
+    // The types the item at `index` declares, in its own order.
+    virtual QStringList types(int index) = 0;
+    // The item's data for a type; nothing when the owner gives none.
+    virtual std::optional<QByteArray> data(int index, const QString& type) = 0;
+
+    virtual void clearContents() = 0;
+    // Replaces the contents with one item holding `text` as plain text.
+    virtual void setString(const QString& text) = 0;
+    // Replaces the contents with `items`.
+    virtual void writeItems(const std::vector<Item>& items) = 0;
+
+    // The system's general clipboard.
+    static std::shared_ptr<Pasteboard> general();
+};
