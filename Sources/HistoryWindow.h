@@ -1,0 +1,63 @@
+#pragma once
+
+#include "HistoryStore.h"
+
+#include <QObject>
+
+#include <memory>
+
+class Alerts;
+class QLabel;
+class QLineEdit;
+class QPlainTextEdit;
+class QPushButton;
+class QTableView;
+class QWidget;
+
+// "Histórico de ditados": search, browse, copy, delete and clear past dictations. The window is
+// built on the first show(), hidden (never destroyed) when closed, and redrawn on every change of
+// the store, shown or not. Main thread only.
+class HistoryWindow : public QObject {
+    Q_OBJECT
+public:
+    // The app's window, over HistoryStore::shared() and the platform's alerts.
+    static HistoryWindow& shared();
+
+    HistoryWindow(HistoryStore& store, Alerts& alerts, QObject* parent = nullptr);
+    ~HistoryWindow() override;
+
+    // Builds the window on first use, refreshes it and brings it to the front.
+    void show();
+    // Absent until the first show().
+    QWidget* window() const { return m_window.get(); }
+    // The entries the table shows, in store order.
+    const QList<HistoryStore::Entry>& filtered() const { return m_filtered; }
+
+    void copySelected();
+    void deleteSelected();
+    void clearAll();
+
+private:
+    class TableModel;
+
+    void build();
+    QWidget* buildButtonRow();
+    void refresh();
+    void reloadTableKeepingSelectedRow(QList<HistoryStore::Entry> rows);
+    void updateSelection();
+    int selectedRow() const;
+    const HistoryStore::Entry* selectedEntry() const;
+
+    HistoryStore& m_store;
+    Alerts& m_alerts;
+    QList<HistoryStore::Entry> m_filtered;
+
+    std::unique_ptr<QWidget> m_window;
+    std::unique_ptr<TableModel> m_model;
+    QTableView* m_table = nullptr;
+    QLineEdit* m_searchField = nullptr;
+    QPlainTextEdit* m_detailView = nullptr;
+    QLabel* m_statusLabel = nullptr;
+    QPushButton* m_copyButton = nullptr;
+    QPushButton* m_deleteButton = nullptr;
+};
