@@ -156,7 +156,7 @@ void SpeechTranscriber::finish()
 {
     stopAudio();
     endAudio();
-    QTimer::singleShot(m_finalDelay, this, [this, recognition = m_recognition] {
+    QTimer::singleShot(m_finalDelay, Qt::PreciseTimer, this, [this, recognition = m_recognition] {
         if (recognition == m_recognition)
             deliverFinal();
     });

@@ -7,6 +7,11 @@
 #include <pocketsphinx.h>
 
 #include <mutex>
+#include <thread>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,6 +25,50 @@ KeptDecoder& kept()
 {
     static auto* instance = new KeptDecoder;
     return *instance;
+}
+
+struct ModelPaths {
+    QByteArray acoustic;
+    QByteArray language;
+    QByteArray dictionary;
+
+    explicit ModelPaths(const PocketSphinxModel& model)
+        : acoustic(model.acousticModel.toLocal8Bit())
+        , language(model.languageModel.toLocal8Bit())
+        , dictionary(model.dictionary.toLocal8Bit())
+    {
+    }
+
+    cmd_ln_t* makeConfig() const
+    {
+        // PocketSphinx writes hundreds of lines to standard error unless told otherwise.
+        return cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", acoustic.constData(), "-lm", language.constData(),
+                           "-dict", dictionary.constData(), "-logfn", "/dev/null", nullptr);
+    }
+};
+
+// PocketSphinx ends the whole process when a model file is malformed. A model the user installed
+// is therefore tried first in a forked child, which may die in our place; a child that neither
+// succeeds nor dies within the limit counts as a failure too.
+bool loadsInChildProcess(const ModelPaths& paths)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        cmd_ln_t* config = paths.makeConfig();
+        _exit(config && ps_init(config) ? 0 : 1);
+    }
+    if (child < 0)
+        return false;
+    int status = 0;
+    for (int waited = 0; waitpid(child, &status, WNOHANG) == 0; waited += 20) {
+        if (waited > 20000) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }
@@ -39,12 +88,12 @@ std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphin
 {
     QElapsedTimer clock;
     clock.start();
-    const QByteArray acoustic = model.acousticModel.toLocal8Bit();
-    const QByteArray language = model.languageModel.toLocal8Bit();
-    const QByteArray dictionary = model.dictionary.toLocal8Bit();
-    // PocketSphinx writes hundreds of lines to standard error unless told otherwise.
-    cmd_ln_t* config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", acoustic.constData(), "-lm", language.constData(),
-                                   "-dict", dictionary.constData(), "-logfn", "/dev/null", nullptr);
+    const ModelPaths paths(model);
+    if (!model.isShippedWithSystem() && !loadsInChildProcess(paths)) {
+        qCWarning(lcSpeech) << "the speech model in" << model.acousticModel << "does not load";
+        return nullptr;
+    }
+    cmd_ln_t* config = paths.makeConfig();
     if (!config) {
         qCWarning(lcSpeech) << "PocketSphinx rejected the configuration for" << model.acousticModel;
         return nullptr;

@@ -79,6 +79,12 @@ std::optional<PocketSphinxModel> PocketSphinxModel::find(const QString& localeId
     return std::nullopt;
 }
 
+bool PocketSphinxModel::isShippedWithSystem() const
+{
+    const QString system = QStringLiteral(POCKETSPHINX_MODEL_DIR "/");
+    return acousticModel.startsWith(system) && languageModel.startsWith(system) && dictionary.startsWith(system);
+}
+
 QStringList PocketSphinxModel::searchFolders()
 {
     return {AppPaths::dataFolder() + QStringLiteral("/speech"), QStringLiteral(POCKETSPHINX_MODEL_DIR)};

@@ -11,6 +11,8 @@ struct PocketSphinxModel {
     QString languageModel;
     QString dictionary;
 
+    // Models from the distribution's package are trusted; the ones users install may be broken.
+    bool isShippedWithSystem() const;
     bool operator==(const PocketSphinxModel&) const = default;
 
     // The model for a locale such as "en-US", looked for in `searchFolders()` in order, each holding
