@@ -10,7 +10,6 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QThread>
 #include <QApplication>
 
@@ -63,13 +62,12 @@ protected:
             std::move(input),
             [this](const QString& locale) -> std::shared_ptr<SpeechRecognizer> {
                 askedLocales << locale;
-                return recognizerAvailable ? recognizer : nullptr;
+                return recognizer;
             },
             &AudioConverter::makeDefault, finalDelay);
     }
 
     std::shared_ptr<FakeSpeechRecognizer> recognizer = std::make_shared<FakeSpeechRecognizer>();
-    bool recognizerAvailable = true;
     QStringList askedLocales;
     FakeAudioInput* microphone = nullptr;
     Answers answers;
@@ -214,27 +212,6 @@ TEST_F(SpeechTranscriberTest, AFinalResultWhileRecordingAnswersAtOnceAndFinishOn
     EXPECT_EQ(answers.finals, QStringList({"done early"}));
 }
 
-TEST_F(SpeechTranscriberTest, AnUnknownLanguageFailsAtOnceWithoutTouchingTheMicrophone)
-{
-    Settings::shared().setLocaleIdentifier(QStringLiteral("pt-BR"));
-    for (bool madeButUnavailable : {false, true}) {
-        SCOPED_TRACE(madeButUnavailable ? "recogniser reports itself unavailable" : "no recogniser");
-        recognizerAvailable = madeButUnavailable;
-        recognizer->available = !madeButUnavailable;
-        auto engine = makeEngine();
-        try {
-            answers.start(*engine);
-            FAIL() << "start should have thrown";
-        } catch (const TranscriberError& error) {
-            EXPECT_EQ(error.errorCase(), TranscriberError::Case::recognizerUnavailable);
-            EXPECT_EQ(error.description(), "Reconhecimento de fala indisponível para o idioma pt-BR. Verifique se o "
-                                           "modelo do PocketSphinx para esse idioma está instalado.");
-        }
-        EXPECT_EQ(microphone->startCount, 0);
-        EXPECT_EQ(recognizer->taskCount(), 0);
-    }
-}
-
 TEST_F(SpeechTranscriberTest, SettingsChooseTheLanguageAndOnDeviceRecognition)
 {
     Settings::shared().setLocaleIdentifier(QString());
@@ -327,6 +304,29 @@ TEST_F(PocketSphinxTest, ModelsAreFoundPerLanguageInTheUserFolderFirstThenTheSys
     EXPECT_NE(SpeechRecognizer::make(QStringLiteral("pt-br")), nullptr);
 }
 
+TEST_F(PocketSphinxTest, PortugueseWithoutAModelFailsInstantlyWithTheMicrophoneUntouched)
+{
+    Settings::shared().setLocaleIdentifier(QStringLiteral("pt-BR"));
+    auto input = std::make_unique<FakeAudioInput>();
+    FakeAudioInput* microphone = input.get();
+    SpeechTranscriber engine(std::move(input));
+    Answers answers;
+    QElapsedTimer clock;
+    clock.start();
+    try {
+        answers.start(engine);
+        FAIL() << "start should have thrown";
+    } catch (const TranscriberError& error) {
+        EXPECT_EQ(error.errorCase(), TranscriberError::Case::recognizerUnavailable);
+        EXPECT_EQ(error.description(), "Reconhecimento de fala indisponível para o idioma pt-BR. Verifique se o modelo "
+                                       "do PocketSphinx para esse idioma está instalado.");
+    }
+    EXPECT_LT(clock.elapsed(), 100);
+    EXPECT_EQ(microphone->startCount, 0);
+    spin(200ms);
+    EXPECT_EQ(answers.answers(), 0);
+}
+
 TEST_F(PocketSphinxTest, ABrokenUserModelIsAnErrorOfTheDictationNotACrash)
 {
     const QString folder = userModelFolder(QStringLiteral("xx-XX"));
@@ -370,14 +370,6 @@ protected:
         return answers.finals.value(0);
     }
 
-    static QStringList captureStreams()
-    {
-        QProcess pactl;
-        pactl.start(QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("source-outputs")});
-        pactl.waitForFinished();
-        return QString::fromUtf8(pactl.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
-    }
-
     Answers answers;
 };
 
@@ -407,29 +399,5 @@ TEST_F(RealRecognitionTest, AnEnglishRecordingStaysUnderTheMeasuredWordErrorRate
     EXPECT_LT(wer, 0.75);
 }
 
-TEST_F(RealRecognitionTest, PortugueseWithoutAModelFailsInstantlyWithTheMicrophoneClosed)
-{
-    Settings::shared().setLocaleIdentifier(QStringLiteral("pt-BR"));
-    auto input = std::make_unique<FakeAudioInput>();
-    FakeAudioInput* microphone = input.get();
-    SpeechTranscriber engine(std::move(input));
-    QElapsedTimer clock;
-    clock.start();
-    EXPECT_THROW(answers.start(engine), TranscriberError);
-    EXPECT_LT(clock.elapsed(), 100);
-    EXPECT_EQ(microphone->startCount, 0);
-
-    // And with the real microphone: no capture stream appears on the sound server.
-    const QStringList streamsBefore = captureStreams();
-    SpeechTranscriber realEngine;
-    try {
-        answers.start(realEngine);
-        FAIL() << "start should have thrown";
-    } catch (const TranscriberError& error) {
-        EXPECT_EQ(error.description(), "Reconhecimento de fala indisponível para o idioma pt-BR. Verifique se o modelo "
-                                       "do PocketSphinx para esse idioma está instalado.");
-    }
-    EXPECT_EQ(captureStreams(), streamsBefore);
-}
 
 }
