@@ -1,0 +1,219 @@
+#include "HUDPanel.h"
+
+#include "Logging.h"
+
+#include <QApplication>
+#include <QCursor>
+#include <QFontMetrics>
+#include <QLabel>
+#include <QPainterPath>
+#include <QRegion>
+#include <QScreen>
+#include <QVBoxLayout>
+
+namespace {
+
+constexpr int cornerRadius = 12;
+constexpr int horizontalInset = 16;
+constexpr int verticalInset = 10;
+constexpr int lineSpacing = 4;
+constexpr int textWidth = HUDPanel::width - 2 * horizontalInset;
+const QChar ellipsis(0x2026);
+
+QFont systemFont(int pixelSize, QFont::Weight weight)
+{
+    QFont font = QApplication::font();
+    // Sizes are in logical pixels, the unit the panel's own width is given in.
+    font.setPixelSize(pixelSize);
+    font.setWeight(weight);
+    return font;
+}
+
+// Measured the way the label lays its text out, so what fits here fits there.
+int wrappedHeight(const QString& text, const QFontMetrics& metrics)
+{
+    return metrics.boundingRect(QRect(0, 0, textWidth, 1 << 20), Qt::TextWordWrap | Qt::AlignHCenter, text).height();
+}
+
+bool fitsInLines(const QString& text, const QFontMetrics& metrics, int lines)
+{
+    return wrappedHeight(text, metrics) <= wrappedHeight(QStringList(lines, QStringLiteral("x")).join(u'\n'), metrics);
+}
+
+// Cutting inside a surrogate pair would leave half an emoji after the ellipsis.
+qsizetype characterBoundaryFrom(const QString& text, qsizetype index)
+{
+    while (index < text.size() && text.at(index).isLowSurrogate())
+        ++index;
+    return index;
+}
+
+// The end of `text` that fits in the allowed lines, with an ellipsis standing for what was cut
+// from its beginning, as the label will wrap it.
+QString headTruncated(const QString& text, const QFont& font)
+{
+    const QFontMetrics metrics(font);
+    if (fitsInLines(text, metrics, HUDPanel::maximumTextLines))
+        return text;
+    // Binary search for the fewest leading characters to drop: dropping `enough` is known to fit,
+    // dropping fewer than `tooFew` is known not to.
+    qsizetype tooFew = 1;
+    qsizetype enough = text.size();
+    while (tooFew < enough) {
+        const qsizetype middle = characterBoundaryFrom(text, tooFew + (enough - tooFew) / 2);
+        if (middle >= enough)
+            break;
+        if (fitsInLines(ellipsis + text.mid(middle), metrics, HUDPanel::maximumTextLines))
+            enough = middle;
+        else
+            tooFew = middle + 1;
+    }
+    return ellipsis + text.mid(enough).trimmed();
+}
+
+QLabel* makeLabel(QWidget* parent, const QString& name, const QFont& font, const QString& colour)
+{
+    auto label = new QLabel(parent);
+    label->setObjectName(name);
+    label->setFont(font);
+    label->setAlignment(Qt::AlignHCenter | Qt::AlignVCenter);
+    label->setTextFormat(Qt::PlainText);
+    label->setStyleSheet(QStringLiteral("color: %1; background: transparent;").arg(colour));
+    return label;
+}
+
+HUDPanel::ScreenArea areaOf(const QScreen* screen)
+{
+    return {screen->geometry(), screen->availableGeometry()};
+}
+
+}
+
+HUDPanel::HUDPanel()
+    : m_panel(std::make_unique<QWidget>(nullptr,
+          Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus
+              | Qt::WindowTransparentForInput | Qt::X11BypassWindowManagerHint))
+{
+    m_panel->setObjectName(QStringLiteral("hudPanel"));
+    m_panel->setAttribute(Qt::WA_ShowWithoutActivating);
+    m_panel->setAttribute(Qt::WA_TranslucentBackground);
+    m_panel->setAttribute(Qt::WA_X11DoNotAcceptFocus);
+    // Tool windows would otherwise vanish whenever the application is not the active one.
+    m_panel->setAttribute(Qt::WA_MacAlwaysShowToolWindow);
+    m_panel->setFocusPolicy(Qt::NoFocus);
+
+    auto background = new QWidget(m_panel.get());
+    background->setObjectName(QStringLiteral("hudBackground"));
+    background->setAttribute(Qt::WA_StyledBackground);
+    // The dark tint of a HUD material under a black veil at 40 %; blurring what lies behind is
+    // left to the compositor, where there is one.
+    background->setStyleSheet(
+        QStringLiteral("#hudBackground { background-color: rgba(16, 16, 18, 212); border-radius: %1px; }")
+            .arg(cornerRadius));
+
+    m_statusLabel = makeLabel(background, QStringLiteral("statusLabel"), systemFont(12, QFont::DemiBold),
+        QStringLiteral("rgb(255, 255, 255)"));
+    m_textLabel = makeLabel(background, QStringLiteral("textLabel"), systemFont(13, QFont::Normal),
+        QStringLiteral("rgba(255, 255, 255, 217)"));
+    m_textLabel->setWordWrap(true);
+    m_textLabel->hide();
+
+    m_stack = new QVBoxLayout(background);
+    m_stack->setContentsMargins(horizontalInset, verticalInset, horizontalInset, verticalInset);
+    m_stack->setSpacing(lineSpacing);
+    m_stack->addWidget(m_statusLabel);
+    m_stack->addWidget(m_textLabel);
+
+    auto fill = new QVBoxLayout(m_panel.get());
+    fill->setContentsMargins(0, 0, 0, 0);
+    // The panel's height is set from the measured fit; a minimum from a stale layout must not win.
+    fill->setSizeConstraint(QLayout::SetNoConstraint);
+    fill->addWidget(background);
+    m_panel->resize(width, 64);
+}
+
+HUDPanel::~HUDPanel() = default;
+
+QWidget* HUDPanel::panel() const
+{
+    return m_panel.get();
+}
+
+void HUDPanel::show(const QString& status, const QString& text)
+{
+    qCInfo(lcHud) << "Showing" << status << "with text" << text;
+    m_statusLabel->setText(status);
+    m_panel->setAccessibleName(status);
+    setText(text);
+    layoutAndPosition();
+    m_panel->show();
+    m_panel->raise();
+}
+
+void HUDPanel::update(const QString& text)
+{
+    qCInfo(lcHud) << "Text" << text;
+    setText(text);
+    layoutAndPosition();
+}
+
+void HUDPanel::hide()
+{
+    qCInfo(lcHud) << "Hidden";
+    m_panel->hide();
+}
+
+void HUDPanel::setText(const QString& text)
+{
+    m_textLabel->setText(headTruncated(text, m_textLabel->font()));
+    m_textLabel->setVisible(!text.isEmpty());
+}
+
+int HUDPanel::fittingHeight() const
+{
+    // Measured on the stack itself: the window's own layout answers from a cache that a label's
+    // new text does not clear until the next event-loop pass.
+    m_stack->invalidate();
+    const int height = m_stack->hasHeightForWidth() ? m_stack->totalHeightForWidth(width)
+                                                    : m_stack->totalSizeHint().height();
+    return std::max(height, minimumHeight);
+}
+
+std::optional<QRect> HUDPanel::placement(
+    const QList<ScreenArea>& screens, const std::optional<ScreenArea>& mainScreen, QPoint pointer, int height)
+{
+    std::optional<ScreenArea> chosen = mainScreen;
+    for (const ScreenArea& screen : screens) {
+        if (screen.frame.contains(pointer)) {
+            chosen = screen;
+            break;
+        }
+    }
+    if (!chosen)
+        return std::nullopt;
+    const QRect visible = chosen->visibleFrame;
+    const int x = visible.x() + visible.width() / 2 - width / 2;
+    // Growing upward keeps the bottom edge at the same distance above the screen's bottom.
+    const int y = visible.y() + visible.height() - distanceAboveBottom - height;
+    return QRect(x, y, width, height);
+}
+
+void HUDPanel::layoutAndPosition()
+{
+    QList<ScreenArea> screens;
+    for (const QScreen* screen : QGuiApplication::screens())
+        screens.append(areaOf(screen));
+    const QScreen* primary = QGuiApplication::primaryScreen();
+    const std::optional<ScreenArea> mainScreen = primary ? std::optional(areaOf(primary)) : std::nullopt;
+    const std::optional<QRect> frame = placement(screens, mainScreen, QCursor::pos(), fittingHeight());
+    if (!frame) {
+        qCWarning(lcHud) << "No screen to show the HUD on";
+        return;
+    }
+    m_panel->setGeometry(*frame);
+    // Without a compositor the translucent corners would show black: cut them off.
+    QPainterPath outline;
+    outline.addRoundedRect(QRectF(0, 0, frame->width(), frame->height()), cornerRadius, cornerRadius);
+    m_panel->setMask(QRegion(outline.toFillPolygon().toPolygon()));
+    m_panel->repaint();
+}
