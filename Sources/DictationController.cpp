@@ -1,0 +1,194 @@
+#include "DictationController.h"
+
+#include "HistoryStore.h"
+#include "Logging.h"
+#include "Settings.h"
+#include "SpeechTranscriber.h"
+#include "TextInserter.h"
+#include "WhisperTranscriber.h"
+
+#include <QDebug>
+#include <QPointer>
+#include <QTimer>
+
+namespace {
+
+const QString accessibilityWarning = QStringLiteral("⚠️ Conceda permissão de Acessibilidade e tente de novo");
+const QString listeningMessage = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
+const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
+const QString noApplicationName = QStringLiteral("—");
+
+}
+
+void DictationController::ReleaseLater::operator()(TranscriptionEngine* engine) const
+{
+    engine->deleteLater();
+}
+
+DictationController::DictationController(QObject* parent)
+    : DictationController(Collaborators{}, parent)
+{
+}
+
+DictationController::DictationController(Collaborators collaborators, QObject* parent)
+    : QObject(parent)
+    , m_makeEngine(collaborators.makeEngine ? std::move(collaborators.makeEngine) : EngineFactory(&makeEngine))
+    , m_sounds(collaborators.sounds ? std::move(collaborators.sounds) : Sounds::makeDefault())
+    , m_accessibility(collaborators.accessibility ? std::move(collaborators.accessibility) : AccessibilityTrust::makeDefault())
+    , m_frontApplication(collaborators.frontApplication ? std::move(collaborators.frontApplication)
+                                                        : FrontApplication::makeDefault())
+    , m_insertText(collaborators.insertText ? std::move(collaborators.insertText)
+                                            : TextInsertion([](const QString& text) { TextInserter::insert(text); }))
+    , m_timing(collaborators.timing)
+{
+}
+
+DictationController::~DictationController()
+{
+    // A dictation still under way when the program ends leaves no recording or child behind.
+    if (m_transcriber)
+        m_transcriber->cancel();
+}
+
+std::unique_ptr<TranscriptionEngine> DictationController::makeEngine()
+{
+    if (Settings::shared().engine() == TranscriptionEngineKind::whisper && WhisperTranscriber::isAvailable())
+        return std::make_unique<WhisperTranscriber>();
+    return std::make_unique<SpeechTranscriber>();
+}
+
+void DictationController::startRecording()
+{
+    if (m_state != State::idle)
+        return;
+    if (!m_accessibility->isTrusted(true)) {
+        qCInfo(lcDictation) << "key pressed without keyboard access; no dictation";
+        m_hud.show(accessibilityWarning, QString());
+        hideLaterIfStillIdle(m_timing.accessibilityMessage);
+        return;
+    }
+    if (!startEngine())
+        return;
+    setState(State::recording);
+    m_recordingStartedAt = std::chrono::steady_clock::now();
+    play("Tink");
+    m_hud.show(listeningMessage, QString());
+}
+
+bool DictationController::startEngine()
+{
+    m_transcriber = EnginePtr(m_makeEngine().release());
+    QPointer<DictationController> weakSelf(this);
+    try {
+        m_transcriber->start(
+            [weakSelf](const QString& textSoFar) {
+                if (weakSelf)
+                    weakSelf->m_hud.update(textSoFar);
+            },
+            [weakSelf](const QString& text) {
+                if (weakSelf)
+                    weakSelf->handleFinal(text);
+            },
+            [weakSelf](const Error& error) {
+                if (weakSelf)
+                    weakSelf->handleError(error);
+            });
+    } catch (const Error& error) {
+        handleError(error);
+        return false;
+    } catch (const std::exception& failure) {
+        handleError(PlatformError(QString::fromLocal8Bit(failure.what())));
+        return false;
+    }
+    return true;
+}
+
+void DictationController::stopRecordingAndInsert()
+{
+    if (m_state != State::recording)
+        return;
+    if (m_recordingStartedAt && std::chrono::steady_clock::now() - *m_recordingStartedAt < m_timing.shortPress) {
+        qCInfo(lcDictation) << "short press; dictation dropped";
+        if (m_transcriber)
+            m_transcriber->cancel();
+        m_transcriber.reset();
+        setState(State::idle);
+        m_hud.hide();
+        return;
+    }
+    setState(State::finishing);
+    m_hud.show(transcribingMessage, QString());
+    if (m_transcriber)
+        m_transcriber->finish();
+}
+
+void DictationController::handleFinal(const QString& text)
+{
+    if (m_state == State::idle)
+        return;
+    setState(State::idle);
+    m_transcriber.reset();
+    m_hud.hide();
+    const QString trimmed = text.trimmed();
+    if (trimmed.isEmpty()) {
+        qCInfo(lcDictation) << "nothing was heard";
+        play("Basso");
+        return;
+    }
+    play("Pop");
+    insert(trimmed);
+}
+
+void DictationController::insert(const QString& text)
+{
+    // Asked before pasting, so the name is that of the application receiving the text.
+    const QString appName = m_frontApplication->localizedName().value_or(QString());
+    const QString shownName = appName.isEmpty() ? noApplicationName : appName;
+    qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
+    m_insertText(text);
+    HistoryStore::shared().add(text, shownName);
+}
+
+void DictationController::handleError(const Error& error)
+{
+    qCWarning(lcDictation) << "dictation failed:" << error.description();
+    setState(State::idle);
+    m_transcriber.reset();
+    m_hud.show(QStringLiteral("⚠️ ") + error.description(), QString());
+    play("Basso");
+    hideLaterIfStillIdle(m_timing.errorMessage);
+}
+
+void DictationController::setState(State state)
+{
+    m_state = state;
+    qCDebug(lcDictation) << "state" << state;
+    if (onStateChange)
+        onStateChange(state);
+}
+
+void DictationController::play(const char* sound)
+{
+    if (Settings::shared().playSounds())
+        m_sounds->play(QLatin1String(sound));
+}
+
+void DictationController::hideLaterIfStillIdle(std::chrono::milliseconds delay)
+{
+    // The state is tested when the timer fires: a dictation started meanwhile keeps its HUD.
+    // Precise: a coarse timer of this length may fire a fifth of a second early.
+    QTimer::singleShot(delay, Qt::PreciseTimer, this, [this] {
+        if (m_state == State::idle)
+            m_hud.hide();
+    });
+}
+
+QDebug operator<<(QDebug debug, DictationController::State state)
+{
+    switch (state) {
+    case DictationController::State::idle: return debug << "idle";
+    case DictationController::State::recording: return debug << "recording";
+    case DictationController::State::finishing: return debug << "finishing";
+    }
+    return debug;
+}

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "Error.h"
+#include "HUDPanel.h"
+#include "Platform/AccessibilityTrust.h"
+#include "Platform/FrontApplication.h"
+#include "Platform/Sounds.h"
+#include "TranscriptionEngine.h"
+
+#include <QObject>
+#include <QString>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+
+// Runs one push-to-talk dictation at a time: picks and drives the engine, tells the user on the
+// HUD and with sounds what is happening, and pastes and records the final text. Main thread only.
+class DictationController : public QObject {
+    Q_OBJECT
+public:
+    enum class State { idle, recording, finishing };
+
+    using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
+    using TextInsertion = std::function<void(const QString& text)>;
+
+    struct Timing {
+        // A press shorter than this was a slip, not a dictation.
+        std::chrono::milliseconds shortPress{300};
+        // How long the accessibility warning stays, if no dictation started meanwhile.
+        std::chrono::milliseconds accessibilityMessage{3000};
+        // How long an error stays, if no dictation started meanwhile.
+        std::chrono::milliseconds errorMessage{4000};
+    };
+
+    // What the controller works with. Whatever is left empty is the real thing.
+    struct Collaborators {
+        EngineFactory makeEngine;
+        std::unique_ptr<Sounds> sounds;
+        std::unique_ptr<AccessibilityTrust> accessibility;
+        std::unique_ptr<FrontApplication> frontApplication;
+        TextInsertion insertText;
+        Timing timing;
+    };
+
+    // The real engines, sounds, trust test, front application and insertion.
+    explicit DictationController(QObject* parent = nullptr);
+    explicit DictationController(Collaborators collaborators, QObject* parent = nullptr);
+    ~DictationController() override;
+
+    // Called after every change of state, synchronously, with the new state.
+    std::function<void(State)> onStateChange;
+
+    State state() const { return m_state; }
+    HUDPanel& hud() { return m_hud; }
+
+    // The key went down / up.
+    void startRecording();
+    void stopRecordingAndInsert();
+
+    // A new engine for the current settings: Whisper when chosen and available, otherwise the
+    // native recogniser, silently.
+    static std::unique_ptr<TranscriptionEngine> makeEngine();
+
+private:
+    // Engines are released while one of their own callbacks may still be on the stack.
+    struct ReleaseLater {
+        void operator()(TranscriptionEngine* engine) const;
+    };
+    using EnginePtr = std::unique_ptr<TranscriptionEngine, ReleaseLater>;
+
+    bool startEngine();
+    void handleFinal(const QString& text);
+    void handleError(const Error& error);
+    void insert(const QString& text);
+    void setState(State state);
+    void play(const char* sound);
+    void hideLaterIfStillIdle(std::chrono::milliseconds delay);
+
+    State m_state = State::idle;
+    EnginePtr m_transcriber;
+    HUDPanel m_hud;
+    std::optional<std::chrono::steady_clock::time_point> m_recordingStartedAt;
+
+    EngineFactory m_makeEngine;
+    std::unique_ptr<Sounds> m_sounds;
+    std::unique_ptr<AccessibilityTrust> m_accessibility;
+    std::unique_ptr<FrontApplication> m_frontApplication;
+    TextInsertion m_insertText;
+    Timing m_timing;
+};
+
+QDebug operator<<(QDebug debug, DictationController::State state);
