@@ -5,7 +5,7 @@
 // Shows a multi-line text field that takes the keyboard focus, then prints "ready WINDOW_ID" (the
 // X11 window id, in decimal) on standard output. After every change it rewrites OUTPUT_FILE with
 // the field's whole text in UTF-8, so the file always holds everything received so far. Its
-// WM_CLASS is "receiver" / "Receiver" and its window title "receiver". It runs until terminated.
+// WM_CLASS is "receiver" / "receiver" and its window title "receiver". It runs until terminated.
 
 #include <QApplication>
 #include <QPlainTextEdit>

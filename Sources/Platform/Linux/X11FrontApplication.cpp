@@ -77,6 +77,69 @@ bool matchesEither(const QString& candidate, const FrontApplication::WindowClass
             || candidate.compare(windowClass.instance, Qt::CaseInsensitive) == 0);
 }
 
+std::optional<Window> focusedTopLevel(Display* display)
+{
+    const Window root = DefaultRootWindow(display);
+    Window window = None;
+    const Atom activeWindow = XInternAtom(display, "_NET_ACTIVE_WINDOW", False);
+    if (const auto active = X11Display::cardinalProperty(display, root, activeWindow, XA_WINDOW))
+        window = Window(*active);
+    if (window == None) {
+        // No window manager says which window is active: follow the keyboard focus instead.
+        int revertTo = 0;
+        XGetInputFocus(display, &window, &revertTo);
+    }
+    const Atom wmClass = XInternAtom(display, "WM_CLASS", False);
+    // The focus often sits on a child of the application's top-level window; climb to the window
+    // that carries the class, or at least to the top-level one.
+    while (window != None && window != PointerRoot && window != root) {
+        if (X11Display::stringProperty(display, window, wmClass))
+            return window;
+        Window rootReturn = None;
+        Window parent = None;
+        Window* children = nullptr;
+        unsigned int count = 0;
+        const bool ok = X11Display::withErrorsTrapped(display, [&] {
+            XQueryTree(display, window, &rootReturn, &parent, &children, &count);
+        });
+        if (children)
+            XFree(children);
+        if (!ok)
+            return std::nullopt;
+        if (parent == root)
+            return window;
+        window = parent;
+    }
+    return std::nullopt;
+}
+
+std::optional<FrontApplication::WindowClass> classOf(Display* display, Window window)
+{
+    const std::optional<QByteArray> raw =
+        X11Display::stringProperty(display, window, XInternAtom(display, "WM_CLASS", False));
+    if (!raw)
+        return std::nullopt;
+    // Two NUL-terminated strings: the instance name, then the class.
+    const QList<QByteArray> parts = raw->split('\0');
+    FrontApplication::WindowClass windowClass;
+    windowClass.instance = QString::fromLocal8Bit(parts.value(0));
+    windowClass.className = QString::fromLocal8Bit(parts.value(1));
+    return windowClass;
+}
+
+std::optional<QString> processName(Display* display, Window window)
+{
+    const auto pid =
+        X11Display::cardinalProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), XA_CARDINAL);
+    if (!pid)
+        return std::nullopt;
+    QFile comm(QStringLiteral("/proc/%1/comm").arg(*pid));
+    if (!comm.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QString name = QString::fromLocal8Bit(comm.readAll()).trimmed();
+    return name.isEmpty() ? std::nullopt : std::optional<QString>(name);
+}
+
 }
 
 std::optional<QString> X11FrontApplication::desktopEntryName(const WindowClass& windowClass)
@@ -118,63 +181,3 @@ std::optional<FrontApplication::WindowClass> X11FrontApplication::windowClass()
     return window ? classOf(display, *window) : std::nullopt;
 }
 
-std::optional<Window> X11FrontApplication::focusedTopLevel(Display* display)
-{
-    const Window root = DefaultRootWindow(display);
-    Window window = None;
-    const Atom activeWindow = XInternAtom(display, "_NET_ACTIVE_WINDOW", False);
-    if (const auto active = X11Display::cardinalProperty(display, root, activeWindow, XA_WINDOW))
-        window = Window(*active);
-    if (window == None) {
-        // No window manager says which window is active: follow the keyboard focus instead.
-        int revertTo = 0;
-        XGetInputFocus(display, &window, &revertTo);
-    }
-    const Atom wmClass = XInternAtom(display, "WM_CLASS", False);
-    // The focus often sits on a child of the application's top-level window; climb to the window
-    // that carries the class.
-    while (window != None && window != PointerRoot && window != root) {
-        if (X11Display::stringProperty(display, window, wmClass))
-            return window;
-        Window rootReturn = None;
-        Window parent = None;
-        Window* children = nullptr;
-        unsigned int count = 0;
-        const bool ok = X11Display::withErrorsTrapped(display, [&] {
-            XQueryTree(display, window, &rootReturn, &parent, &children, &count);
-        });
-        if (children)
-            XFree(children);
-        if (!ok)
-            break;
-        window = parent;
-    }
-    return std::nullopt;
-}
-
-std::optional<FrontApplication::WindowClass> X11FrontApplication::classOf(Display* display, Window window)
-{
-    const std::optional<QByteArray> raw =
-        X11Display::stringProperty(display, window, XInternAtom(display, "WM_CLASS", False));
-    if (!raw)
-        return std::nullopt;
-    // Two NUL-terminated strings: the instance name, then the class.
-    const QList<QByteArray> parts = raw->split('\0');
-    WindowClass windowClass;
-    windowClass.instance = QString::fromLocal8Bit(parts.value(0));
-    windowClass.className = QString::fromLocal8Bit(parts.value(1));
-    return windowClass;
-}
-
-std::optional<QString> X11FrontApplication::processName(Display* display, Window window)
-{
-    const auto pid =
-        X11Display::cardinalProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), XA_CARDINAL);
-    if (!pid)
-        return std::nullopt;
-    QFile comm(QStringLiteral("/proc/%1/comm").arg(*pid));
-    if (!comm.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QString name = QString::fromLocal8Bit(comm.readAll()).trimmed();
-    return name.isEmpty() ? std::nullopt : std::optional<QString>(name);
-}

@@ -2,8 +2,6 @@
 
 #include "Platform/FrontApplication.h"
 
-#include <X11/Xlib.h>
-
 // The front application on X11: the window named by the window manager's _NET_ACTIVE_WINDOW, or,
 // with no window manager, the top-level window above the one holding the input focus.
 class X11FrontApplication final : public FrontApplication {
@@ -14,9 +12,4 @@ public:
     // The Name of the installed .desktop entry for this window class (its pt_BR translation when it
     // has one), or nothing when no entry matches.
     static std::optional<QString> desktopEntryName(const WindowClass& windowClass);
-
-private:
-    static std::optional<Window> focusedTopLevel(Display* display);
-    static std::optional<WindowClass> classOf(Display* display, Window window);
-    static std::optional<QString> processName(Display* display, Window window);
 };

@@ -86,9 +86,9 @@ std::optional<KeyPoster::KeyEvent> XTestKeyPoster::makeKeyEvent(quint16 virtualK
     return KeyEvent{virtualKey, keyDown, 0};
 }
 
-std::vector<KeySym> XTestKeyPoster::modifiersFor(quint64 flags)
+std::vector<unsigned long> XTestKeyPoster::modifiersFor(quint64 flags)
 {
-    std::vector<KeySym> modifiers;
+    std::vector<unsigned long> modifiers;
     if (flags & (commandFlag | controlFlag))
         modifiers.push_back(XK_Control_L);
     if (flags & optionFlag)

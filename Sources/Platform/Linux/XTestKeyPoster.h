@@ -3,8 +3,6 @@
 #include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 
-#include <X11/Xlib.h>
-
 #include <vector>
 
 // Synthetic keys through the XTEST extension. Command stands for Control, the modifier Linux
@@ -20,10 +18,11 @@ public:
     static bool isTerminal(const FrontApplication::WindowClass& windowClass);
 
 private:
-    std::vector<KeySym> modifiersFor(quint64 flags);
+    // The modifier keysyms that stand for `flags` here.
+    std::vector<unsigned long> modifiersFor(quint64 flags);
     bool isTerminalInFront();
 
     std::unique_ptr<FrontApplication> m_frontApplication;
     // The modifier keys pressed with the last key-down, released with its key-up.
-    std::vector<KeyCode> m_heldModifiers;
+    std::vector<unsigned char> m_heldModifiers;
 };
