@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 
+#include "HistoryWindow.h"
 #include "Logging.h"
 #include "StatusIcon.h"
 
@@ -21,6 +22,23 @@ bool AppDelegate::applicationDidFinishLaunching()
     if (!ensureSingleInstance())
         return false;
     setupStatusItem();
+
+    QPointer<AppDelegate> weakSelf(this);
+    m_dictation.onStateChange = [weakSelf](DictationController::State state) {
+        if (weakSelf)
+            weakSelf->updateStatusIcon(state);
+    };
+    m_hotkeyManager.onPress = [weakSelf] {
+        if (weakSelf)
+            weakSelf->m_dictation.startRecording();
+    };
+    m_hotkeyManager.onRelease = [weakSelf] {
+        if (weakSelf)
+            weakSelf->m_dictation.stopRecordingAndInsert();
+    };
+    // Started once and never stopped: the key is watched for as long as the program runs.
+    m_hotkeyManager.start();
+    qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
     return true;
 }
 
@@ -46,11 +64,27 @@ void AppDelegate::setupStatusItem()
     m_statusItem->show();
 }
 
+void AppDelegate::updateStatusIcon(DictationController::State state)
+{
+    if (!m_statusItem)
+        return;
+    StatusIcon::Tint tint = StatusIcon::Tint::normal;
+    switch (state) {
+    case DictationController::State::idle: tint = StatusIcon::Tint::normal; break;
+    case DictationController::State::recording: tint = StatusIcon::Tint::red; break;
+    case DictationController::State::finishing: tint = StatusIcon::Tint::orange; break;
+    }
+    m_statusItem->setIcon(StatusIcon::make(tint));
+}
+
 std::unique_ptr<QMenu> AppDelegate::buildMenu()
 {
     auto menu = std::make_unique<QMenu>();
     menu->addAction(QStringLiteral("Segure ") + Settings::shared().hotKey().label() + QStringLiteral(" para ditar"))
         ->setEnabled(false);
+    menu->addSeparator();
+    menu->addAction(QStringLiteral("Histórico de ditados…"), QKeySequence(QStringLiteral("Ctrl+H")), this,
+                    [] { HistoryWindow::shared().show(); });
     menu->addSeparator();
     menu->addAction(QStringLiteral("Sair do Voxaria"), QKeySequence(QStringLiteral("Ctrl+Q")), qApp, &QApplication::quit);
     return menu;

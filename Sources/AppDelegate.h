@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DictationController.h"
+#include "HotkeyManager.h"
 #include "Settings.h"
 
 #include <QLockFile>
@@ -11,7 +13,8 @@
 class QMenu;
 class QSystemTrayIcon;
 
-// The running program: single instance, tray icon and its menu.
+// The running program: single instance, the tray icon that follows the dictation state, its menu,
+// and the dictation key wired to the dictation controller.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
@@ -24,10 +27,13 @@ public:
 private:
     bool ensureSingleInstance();
     void setupStatusItem();
+    void updateStatusIcon(DictationController::State state);
     std::unique_ptr<QMenu> buildMenu();
     void refreshMenu();
 
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
     std::unique_ptr<QMenu> m_menu;
+    HotkeyManager m_hotkeyManager;
+    DictationController m_dictation;
 };

@@ -1,0 +1,184 @@
+// The real program under the headless desktop: keys pressed on the X server, speech played into the
+// virtual microphone, text arriving in another application's window.
+#include "AppRun.h"
+#include "TestSupport.h"
+#include "XTestKeyboard.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int rightAlt = 108;
+const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
+const QString transcribing = QStringLiteral("✍️ Transcrevendo…");
+const QString goForwardRaw = QStringLiteral("/usr/share/pocketsphinx/test/data/goforward.raw");
+
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
+            GTEST_SKIP() << "needs the headless desktop and microphone (run under scripts/with-harness.sh)";
+        ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+        XTestKeyboard::focus(receiver.windowId());
+    }
+
+    // Sets the native recogniser on the language whose model Debian ships.
+    void useNativeEnglish()
+    {
+        app.setSetting(QStringLiteral("engine"), QStringLiteral("apple"));
+        app.setSetting(QStringLiteral("localeIdentifier"), QStringLiteral("en-US"));
+        // Our own sounds would be heard by the virtual microphone and reach the recogniser.
+        app.setSetting(QStringLiteral("playSounds"), false);
+    }
+
+    QString goForward()
+    {
+        if (!QFileInfo::exists(goForwardRaw))
+            return {};
+        return Desktop::wavCopy(goForwardRaw, app.root(),
+                                {QStringLiteral("-f"), QStringLiteral("s16le"), QStringLiteral("-ar"), QStringLiteral("16000"),
+                                 QStringLiteral("-ac"), QStringLiteral("1")});
+    }
+
+    // Holds the dictation key, waits for the listening message, plays the speech, and releases.
+    void holdAndSpeak(const QString& wav, const QString& listeningShot = {})
+    {
+        const int from = app.lineCount();
+        ASSERT_TRUE(XTestKeyboard::press(rightAlt));
+        ASSERT_TRUE(app.waitForLog(listening, 5s, from)) << app.log().join('\n').toStdString();
+        if (!listeningShot.isEmpty())
+            EXPECT_TRUE(Desktop::screenshot(Desktop::screenshotFolder() + QLatin1Char('/') + listeningShot));
+        const bool played = TestSupport::playIntoMicrophone(wav);
+        ASSERT_TRUE(XTestKeyboard::release(rightAlt));
+        ASSERT_TRUE(played) << "paplay could not play " << wav.toStdString();
+    }
+
+    QJsonArray history() const
+    {
+        QFile file(app.dataFolder() + QStringLiteral("/history.json"));
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        return QJsonDocument::fromJson(file.readAll()).array();
+    }
+
+    // The receiver and the history stay untouched for a while.
+    void expectNothingInserted()
+    {
+        TestSupport::spin(1500ms);
+        EXPECT_EQ(receiver.text(), QString());
+        EXPECT_TRUE(history().isEmpty());
+    }
+
+    ReceivingWindow receiver;
+    AppRun app;
+};
+
+TEST_F(EndToEnd, NativeEngineTypesTheSpeechIntoTheFocusedWindowAndKeepsTheClipboard)
+{
+    useNativeEnglish();
+    ClipboardOwner previous(QStringLiteral("conteúdo anterior"));
+    ASSERT_TRUE(previous.ready());
+    ASSERT_TRUE(app.start());
+    const QString speech = goForward();
+    if (speech.isEmpty())
+        GTEST_SKIP() << "pocketsphinx-testdata is not installed";
+
+    holdAndSpeak(speech, QStringLiteral("hud-listening.png"));
+    ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s))
+        << "received: " << receiver.text().toStdString() << "\n" << app.log().join('\n').toStdString();
+
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return !history().isEmpty(); }, 3s));
+    const QJsonArray entries = history();
+    ASSERT_EQ(entries.size(), 1);
+    EXPECT_EQ(entries.at(0).toObject().value(QStringLiteral("text")).toString(), QStringLiteral("go forward ten meters"));
+    EXPECT_EQ(entries.at(0).toObject().value(QStringLiteral("appName")).toString().toLower(), QStringLiteral("receiver"));
+    EXPECT_TRUE(TestSupport::waitUntil([] { return Desktop::clipboardText() == QStringLiteral("conteúdo anterior"); }, 3s))
+        << "clipboard holds: " << Desktop::clipboardText().toStdString();
+}
+
+TEST_F(EndToEnd, WhisperEnginePastesItsTranscriptOfTheWholeRecording)
+{
+    app.useFakeWhisper(QStringLiteral("text=o texto que o whisper ouviu\nsleep=1.5\n"));
+    ASSERT_TRUE(app.start());
+    const QString clip = Desktop::wavCopy(TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-000.ogg")), app.root());
+    ASSERT_FALSE(clip.isEmpty());
+
+    const int from = app.lineCount();
+    holdAndSpeak(clip);
+    ASSERT_TRUE(app.waitForLog(transcribing, 3s, from));
+    EXPECT_TRUE(Desktop::screenshot(Desktop::screenshotFolder() + QStringLiteral("/hud-transcribing.png")));
+    ASSERT_TRUE(receiver.waitForText(QStringLiteral("o texto que o whisper ouviu"), 15s))
+        << app.log().join('\n').toStdString();
+
+    QFile recording(app.whisperInputCopy());
+    ASSERT_TRUE(recording.exists());
+    const double recorded = (recording.size() - 44) / 32000.0;
+    EXPECT_NEAR(recorded, TestSupport::audioDuration(clip), 0.15) << "the recording lost or gained audio";
+    EXPECT_EQ(history().size(), 1);
+    EXPECT_TRUE(QDir(app.temporaryFolder()).entryList({QStringLiteral("voxaria-*")}).isEmpty())
+        << "the dictation's files stayed behind";
+}
+
+TEST_F(EndToEnd, AShortPressInsertsNothingAndHidesTheHud)
+{
+    useNativeEnglish();
+    ASSERT_TRUE(app.start());
+    const int from = app.lineCount();
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 200ms));
+    ASSERT_TRUE(app.waitForLog(listening, 3s, from));
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("short press"), 3s, from));
+    expectNothingInserted();
+    const QStringList hud = app.linesWith(QStringLiteral("voxaria.hud:"));
+    ASSERT_FALSE(hud.isEmpty());
+    EXPECT_TRUE(hud.last().contains(QStringLiteral("Hidden"))) << hud.join('\n').toStdString();
+}
+
+TEST_F(EndToEnd, AMissingLanguageIsExplainedAndTheNextPressWorksOnceSwitched)
+{
+    useNativeEnglish();
+    app.setSetting(QStringLiteral("localeIdentifier"), QStringLiteral("pt-BR"));
+    ASSERT_TRUE(app.start());
+    const QString speech = goForward();
+    if (speech.isEmpty())
+        GTEST_SKIP() << "pocketsphinx-testdata is not installed";
+
+    const int from = app.lineCount();
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 500ms));
+    const QString warning = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
+                                           "Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+    EXPECT_TRUE(app.waitForLog(warning, 5s, from)) << app.log().join('\n').toStdString();
+    expectNothingInserted();
+
+    app.setSetting(QStringLiteral("localeIdentifier"), QStringLiteral("en-US"));
+    holdAndSpeak(speech);
+    EXPECT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s))
+        << app.log().join('\n').toStdString();
+}
+
+TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndTheFirstKeepsItsOnlyTrayIcon)
+{
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(TestSupport::waitUntil([] { return Desktop::trayIconCount(QStringLiteral("Voxaria")) == 1; }, 5s));
+
+    QProcess second;
+    second.setProcessEnvironment(app.process().processEnvironment());
+    second.start(app.process().program(), {});
+    ASSERT_TRUE(second.waitForFinished(10000)) << "the second copy did not leave";
+    EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(second.exitCode(), 0);
+    TestSupport::spin(500ms);
+    EXPECT_EQ(Desktop::trayIconCount(QStringLiteral("Voxaria")), 1);
+    EXPECT_EQ(app.process().state(), QProcess::Running);
+}
+
+}

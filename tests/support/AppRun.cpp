@@ -1,0 +1,263 @@
+#include "AppRun.h"
+
+#include "TestSupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcessEnvironment>
+#include <QRegularExpression>
+#include <QSettings>
+
+namespace {
+
+QString configFolder(const QString& root)
+{
+    return root + QStringLiteral("/home/.config");
+}
+
+bool copyExecutable(const QString& from, const QString& to)
+{
+    QFile::remove(to);
+    if (!QFile::copy(from, to))
+        return false;
+    return QFile::setPermissions(to, QFile::permissions(to) | QFileDevice::ExeOwner | QFileDevice::ExeUser);
+}
+
+QString run(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(10000))
+        return {};
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+}
+
+AppRun::AppRun()
+    : m_root(QDir::tempPath() + QStringLiteral("/voxaria-run-XXXXXX"))
+    , m_binary(QStringLiteral(VOXARIA_APP_BINARY))
+{
+    for (const char* folder : {"home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
+        QDir().mkpath(root() + QLatin1Char('/') + QLatin1String(folder));
+    m_process.setProcessChannelMode(QProcess::SeparateChannels);
+    QObject::connect(&m_process, &QProcess::readyReadStandardError, &m_process, [this] { readLog(); });
+}
+
+AppRun::~AppRun()
+{
+    stop();
+}
+
+QString AppRun::dataFolder() const
+{
+    return root() + QStringLiteral("/home/.local/share/Voxaria");
+}
+
+QString AppRun::temporaryFolder() const
+{
+    return root() + QStringLiteral("/tmp");
+}
+
+void AppRun::setSetting(const QString& key, const QVariant& value)
+{
+    // The native store of the program's settings domain on Linux: an INI file named after it.
+    QSettings store(configFolder(root()) + QStringLiteral("/app.voxaria.Voxaria.conf"), QSettings::IniFormat);
+    store.setValue(key, value);
+    store.sync();
+}
+
+void AppRun::useFakeWhisper(const QString& control)
+{
+    const QString bin = root() + QStringLiteral("/bin");
+    QDir().mkpath(bin);
+    m_binary = bin + QStringLiteral("/voxaria");
+    copyExecutable(QStringLiteral(VOXARIA_APP_BINARY), m_binary);
+    copyExecutable(TestSupport::fakesPath(QStringLiteral("whisper-cli")), bin + QStringLiteral("/whisper-cli"));
+    QFile file(bin + QStringLiteral("/whisper-cli.control"));
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(control.toUtf8());
+
+    QDir().mkpath(dataFolder() + QStringLiteral("/models"));
+    QFile model(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"));
+    model.open(QIODevice::WriteOnly);
+    model.write("not a real model; the fake does not read it");
+}
+
+QString AppRun::whisperInputCopy() const
+{
+    return QFileInfo(m_binary).absolutePath() + QStringLiteral("/whisper-cli.lastinput.wav");
+}
+
+bool AppRun::start()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("HOME"), root() + QStringLiteral("/home"));
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), root() + QStringLiteral("/home/.local/share"));
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), configFolder(root()));
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), root() + QStringLiteral("/home/.cache"));
+    environment.insert(QStringLiteral("TMPDIR"), temporaryFolder());
+    environment.insert(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("voxaria.*.debug=true"));
+    environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    m_process.setProcessEnvironment(environment);
+    m_process.start(m_binary, {});
+    if (!m_process.waitForStarted(5000))
+        return false;
+    return waitForLog(QStringLiteral("watching modifier keys"), std::chrono::seconds(10));
+}
+
+bool AppRun::waitForExit(std::chrono::milliseconds timeout)
+{
+    return TestSupport::waitUntil([&] { return m_process.state() == QProcess::NotRunning; }, timeout);
+}
+
+void AppRun::stop()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return;
+    m_process.terminate();
+    if (!waitForExit(std::chrono::seconds(5))) {
+        m_process.kill();
+        m_process.waitForFinished(2000);
+    }
+    readLog();
+}
+
+void AppRun::readLog()
+{
+    m_partialLine += m_process.readAllStandardError();
+    qsizetype end = 0;
+    while ((end = m_partialLine.indexOf('\n')) >= 0) {
+        m_lines << QString::fromUtf8(m_partialLine.left(end));
+        m_partialLine.remove(0, end + 1);
+    }
+}
+
+bool AppRun::waitForLog(const QString& fragment, std::chrono::milliseconds timeout, int fromLine)
+{
+    return TestSupport::waitUntil(
+        [&] {
+            for (qsizetype i = fromLine; i < m_lines.size(); ++i) {
+                if (m_lines.at(i).contains(fragment))
+                    return true;
+            }
+            return false;
+        },
+        timeout);
+}
+
+QStringList AppRun::linesWith(const QString& fragment) const
+{
+    QStringList found;
+    for (const QString& line : m_lines) {
+        if (line.contains(fragment))
+            found << line;
+    }
+    return found;
+}
+
+ReceivingWindow::ReceivingWindow() = default;
+
+ReceivingWindow::~ReceivingWindow()
+{
+    m_process.kill();
+    m_process.waitForFinished(2000);
+}
+
+bool ReceivingWindow::start()
+{
+    m_process.start(QStringLiteral(VOXARIA_HELPER_receiver), {m_folder.filePath(QStringLiteral("received.txt"))});
+    const bool ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
+    if (!ready)
+        return false;
+    const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
+    m_windowId = line.section(QLatin1Char(' '), 1, 1).toULongLong();
+    return line.startsWith(QStringLiteral("ready")) && m_windowId != 0;
+}
+
+QString ReceivingWindow::text() const
+{
+    QFile file(m_folder.filePath(QStringLiteral("received.txt")));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(file.readAll());
+}
+
+bool ReceivingWindow::waitForText(const QString& expected, std::chrono::milliseconds timeout)
+{
+    return TestSupport::waitUntil([&] { return text().contains(expected, Qt::CaseInsensitive); }, timeout);
+}
+
+ClipboardOwner::ClipboardOwner(const QString& text)
+{
+    const QString path = m_folder.filePath(QStringLiteral("clip.txt"));
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(text.toUtf8());
+    file.close();
+    m_process.start(QStringLiteral(VOXARIA_HELPER_clipboardowner), {QStringLiteral("text/plain"), path});
+    m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
+}
+
+ClipboardOwner::~ClipboardOwner()
+{
+    m_process.kill();
+    m_process.waitForFinished(2000);
+}
+
+namespace Desktop {
+
+QString clipboardText()
+{
+    return run(QStringLiteral("xclip"), {QStringLiteral("-o"), QStringLiteral("-selection"), QStringLiteral("clipboard")});
+}
+
+int trayIconCount(const QString& windowClass)
+{
+    // The tray host's panel embeds one window per icon; count those of the program's class.
+    const QStringList lines = run(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")})
+                                  .split(QLatin1Char('\n'));
+    const QString wanted = QStringLiteral("(\"%1\" \"%2\")").arg(windowClass.toLower(), windowClass);
+    int count = 0;
+    int panelIndent = -1;
+    for (const QString& line : lines) {
+        const int indent = int(line.indexOf(QRegularExpression(QStringLiteral("\\S"))));
+        if (line.contains(QStringLiteral("(\"panel\" \"trayer\")"))) {
+            panelIndent = indent;
+            continue;
+        }
+        if (panelIndent < 0 || indent < 0)
+            continue;
+        if (indent <= panelIndent && line.contains(QStringLiteral("0x")))
+            panelIndent = -1;
+        else if (line.contains(wanted))
+            ++count;
+    }
+    return count;
+}
+
+bool screenshot(const QString& path)
+{
+    return QProcess::execute(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), path}) == 0;
+}
+
+QString screenshotFolder()
+{
+    const QString chosen = qEnvironmentVariable("VOXARIA_SCREENSHOT_DIR");
+    const QString folder = chosen.isEmpty() ? QCoreApplication::applicationDirPath() : chosen;
+    QDir().mkpath(folder);
+    return folder;
+}
+
+QString wavCopy(const QString& source, const QString& folder, const QStringList& rawFormat)
+{
+    const QString target = folder + QLatin1Char('/') + QFileInfo(source).completeBaseName() + QStringLiteral(".wav");
+    const QStringList arguments = QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"), QStringLiteral("error"),
+                                              QStringLiteral("-y")}
+        + rawFormat + QStringList{QStringLiteral("-i"), source, target};
+    return QProcess::execute(QStringLiteral("ffmpeg"), arguments) == 0 ? target : QString();
+}
+
+}

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QVariant>
+
+#include <chrono>
+#include <memory>
+
+// One run of the real voxaria program with folders of its own (HOME, XDG data/config/cache and
+// TMPDIR under a fresh temporary folder), its log collected line by line for the test to follow.
+class AppRun {
+public:
+    AppRun();
+    ~AppRun();
+
+    QString root() const { return m_root.path(); }
+    // ~/.local/share/Voxaria of this run.
+    QString dataFolder() const;
+    QString temporaryFolder() const;
+
+    // Writes one preference as the settings menu would, before or while the program runs.
+    void setSetting(const QString& key, const QVariant& value);
+
+    // Runs a copy of the program with the fake whisper-cli beside it, where it looks first, and a
+    // model file installed. The fake obeys `control` (see tests/fakes/whisper-cli).
+    void useFakeWhisper(const QString& control);
+    // What the fake recorded of its last run.
+    QString whisperInputCopy() const;
+
+    // Starts the program and waits until it watches the dictation key.
+    bool start();
+    bool waitForExit(std::chrono::milliseconds timeout);
+    void stop();
+    QProcess& process() { return m_process; }
+
+    // Waits until a log line containing `fragment` has been written since the line numbered
+    // `fromLine` (0: since the start), and answers whether it came.
+    bool waitForLog(const QString& fragment, std::chrono::milliseconds timeout, int fromLine = 0);
+    int lineCount() const { return int(m_lines.size()); }
+    QStringList log() const { return m_lines; }
+    QStringList linesWith(const QString& fragment) const;
+
+private:
+    void readLog();
+
+    QTemporaryDir m_root;
+    QString m_binary;
+    QProcess m_process;
+    QStringList m_lines;
+    QByteArray m_partialLine;
+};
+
+// The receiving application: a text window of another process that has the keyboard focus.
+class ReceivingWindow {
+public:
+    ReceivingWindow();
+    ~ReceivingWindow();
+
+    // Starts it and waits until it has the focus.
+    bool start();
+    quint64 windowId() const { return m_windowId; }
+    QString text() const;
+    bool waitForText(const QString& expected, std::chrono::milliseconds timeout);
+
+private:
+    QTemporaryDir m_folder;
+    QProcess m_process;
+    quint64 m_windowId = 0;
+};
+
+// Owns the clipboard with a text, as another application that copied something would.
+class ClipboardOwner {
+public:
+    explicit ClipboardOwner(const QString& text);
+    ~ClipboardOwner();
+    bool ready() const { return m_ready; }
+
+private:
+    QTemporaryDir m_folder;
+    QProcess m_process;
+    bool m_ready = false;
+};
+
+namespace Desktop {
+// The text the CLIPBOARD selection offers now, read by another client (xclip).
+QString clipboardText();
+// How many tray icons the given program class shows in the tray host.
+int trayIconCount(const QString& windowClass);
+// Saves a picture of the whole screen.
+bool screenshot(const QString& path);
+// Where screenshots go: VOXARIA_SCREENSHOT_DIR when set, else the test program's folder.
+QString screenshotFolder();
+// A WAV copy of any audio file, for paplay.
+QString wavCopy(const QString& source, const QString& folder, const QStringList& rawFormat = {});
+}
