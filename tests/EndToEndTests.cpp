@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -21,6 +22,34 @@ constexpr int rightAlt = 108;
 const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString transcribing = QStringLiteral("✍️ Transcrevendo…");
 const QString goForwardRaw = QStringLiteral("/usr/share/pocketsphinx/test/data/goforward.raw");
+
+enum class Tint { normal, red, orange };
+
+// The colour the tray icon's waveform is drawn in now: red and orange are unmistakable, anything
+// else is the normal colour.
+Tint trayIconTint()
+{
+    const QList<quint64> icons = Desktop::trayIconWindows(QStringLiteral("Voxaria"));
+    if (icons.size() != 1)
+        return Tint::normal;
+    const QImage image = Desktop::windowImage(icons.first());
+    int red = 0;
+    int orange = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor pixel = image.pixelColor(x, y);
+            if (pixel.red() < 230 || pixel.blue() > 80)
+                continue;
+            if (pixel.green() < 90)
+                ++red;
+            else if (pixel.green() > 120 && pixel.green() < 180)
+                ++orange;
+        }
+    }
+    if (red > 10 && red > orange)
+        return Tint::red;
+    return orange > 10 ? Tint::orange : Tint::normal;
+}
 
 class EndToEnd : public ::testing::Test {
 protected:
@@ -51,13 +80,17 @@ protected:
     }
 
     // Holds the dictation key, waits for the listening message, plays the speech, and releases.
-    void holdAndSpeak(const QString& wav, const QString& listeningShot = {})
+    // Looking at the icon and the screen takes a moment, which the recording then also holds.
+    enum class Look { quick, atIconAndScreen };
+    void holdAndSpeak(const QString& wav, Look look = Look::quick)
     {
         const int from = app.lineCount();
         ASSERT_TRUE(XTestKeyboard::press(rightAlt));
         ASSERT_TRUE(app.waitForLog(listening, 5s, from)) << app.log().join('\n').toStdString();
-        if (!listeningShot.isEmpty())
-            EXPECT_TRUE(Desktop::screenshot(Desktop::screenshotFolder() + QLatin1Char('/') + listeningShot));
+        if (look == Look::atIconAndScreen) {
+            EXPECT_TRUE(TestSupport::waitUntil([] { return trayIconTint() == Tint::red; }, 2s)) << "the icon is not red while listening";
+            EXPECT_TRUE(Desktop::screenshot(Desktop::screenshotFolder() + QStringLiteral("/hud-listening.png")));
+        }
         const bool played = TestSupport::playIntoMicrophone(wav);
         ASSERT_TRUE(XTestKeyboard::release(rightAlt));
         ASSERT_TRUE(played) << "paplay could not play " << wav.toStdString();
@@ -93,7 +126,7 @@ TEST_F(EndToEnd, NativeEngineTypesTheSpeechIntoTheFocusedWindowAndKeepsTheClipbo
     if (speech.isEmpty())
         GTEST_SKIP() << "pocketsphinx-testdata is not installed";
 
-    holdAndSpeak(speech, QStringLiteral("hud-listening.png"));
+    holdAndSpeak(speech, Look::atIconAndScreen);
     ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s))
         << "received: " << receiver.text().toStdString() << "\n" << app.log().join('\n').toStdString();
 
@@ -110,15 +143,17 @@ TEST_F(EndToEnd, WhisperEnginePastesItsTranscriptOfTheWholeRecording)
 {
     app.useFakeWhisper(QStringLiteral("text=o texto que o whisper ouviu\nsleep=1.5\n"));
     ASSERT_TRUE(app.start());
-    const QString clip = Desktop::wavCopy(TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-000.ogg")), app.root());
+    const QString clip = Desktop::wavCopy(TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg")), app.root());
     ASSERT_FALSE(clip.isEmpty());
 
     const int from = app.lineCount();
     holdAndSpeak(clip);
     ASSERT_TRUE(app.waitForLog(transcribing, 3s, from));
     EXPECT_TRUE(Desktop::screenshot(Desktop::screenshotFolder() + QStringLiteral("/hud-transcribing.png")));
+    EXPECT_EQ(trayIconTint(), Tint::orange) << "the icon is not orange while transcribing";
     ASSERT_TRUE(receiver.waitForText(QStringLiteral("o texto que o whisper ouviu"), 15s))
         << app.log().join('\n').toStdString();
+    EXPECT_TRUE(TestSupport::waitUntil([] { return trayIconTint() == Tint::normal; }, 2s)) << "the icon stayed coloured";
 
     QFile recording(app.whisperInputCopy());
     ASSERT_TRUE(recording.exists());
@@ -168,7 +203,8 @@ TEST_F(EndToEnd, AMissingLanguageIsExplainedAndTheNextPressWorksOnceSwitched)
 TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndTheFirstKeepsItsOnlyTrayIcon)
 {
     ASSERT_TRUE(app.start());
-    ASSERT_TRUE(TestSupport::waitUntil([] { return Desktop::trayIconCount(QStringLiteral("Voxaria")) == 1; }, 5s));
+    const auto trayIcons = [] { return Desktop::trayIconWindows(QStringLiteral("Voxaria")).size(); };
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return trayIcons() == 1; }, 5s));
 
     QProcess second;
     second.setProcessEnvironment(app.process().processEnvironment());
@@ -177,7 +213,7 @@ TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndTheFirstKeepsItsOnlyTrayIcon)
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
     TestSupport::spin(500ms);
-    EXPECT_EQ(Desktop::trayIconCount(QStringLiteral("Voxaria")), 1);
+    EXPECT_EQ(trayIcons(), 1);
     EXPECT_EQ(app.process().state(), QProcess::Running);
 }
 

@@ -214,28 +214,39 @@ QString clipboardText()
     return run(QStringLiteral("xclip"), {QStringLiteral("-o"), QStringLiteral("-selection"), QStringLiteral("clipboard")});
 }
 
-int trayIconCount(const QString& windowClass)
+QList<quint64> trayIconWindows(const QString& windowClass)
 {
-    // The tray host's panel embeds one window per icon; count those of the program's class.
+    // The tray host's panel embeds one window per icon; take those of the program's class.
     const QStringList lines = run(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")})
                                   .split(QLatin1Char('\n'));
     const QString wanted = QStringLiteral("(\"%1\" \"%2\")").arg(windowClass.toLower(), windowClass);
-    int count = 0;
+    const QRegularExpression windowId(QStringLiteral("^\\s*(0x[0-9a-f]+)"));
+    QList<quint64> found;
     int panelIndent = -1;
     for (const QString& line : lines) {
         const int indent = int(line.indexOf(QRegularExpression(QStringLiteral("\\S"))));
+        const QRegularExpressionMatch id = windowId.match(line);
         if (line.contains(QStringLiteral("(\"panel\" \"trayer\")"))) {
             panelIndent = indent;
             continue;
         }
-        if (panelIndent < 0 || indent < 0)
+        if (panelIndent < 0 || !id.hasMatch())
             continue;
-        if (indent <= panelIndent && line.contains(QStringLiteral("0x")))
+        if (indent <= panelIndent)
             panelIndent = -1;
         else if (line.contains(wanted))
-            ++count;
+            found << id.captured(1).toULongLong(nullptr, 16);
     }
-    return count;
+    return found;
+}
+
+QImage windowImage(quint64 window)
+{
+    QProcess import;
+    import.start(QStringLiteral("import"), {QStringLiteral("-window"), QString::number(window), QStringLiteral("png:-")});
+    if (!import.waitForFinished(10000))
+        return {};
+    return QImage::fromData(import.readAllStandardOutput(), "PNG");
 }
 
 bool screenshot(const QString& path)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QImage>
+#include <QList>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -87,8 +89,10 @@ private:
 namespace Desktop {
 // The text the CLIPBOARD selection offers now, read by another client (xclip).
 QString clipboardText();
-// How many tray icons the given program class shows in the tray host.
-int trayIconCount(const QString& windowClass);
+// The windows of the tray icons that programs of the given class show in the tray host.
+QList<quint64> trayIconWindows(const QString& windowClass);
+// What a window shows now, as read back from the X server.
+QImage windowImage(quint64 window);
 // Saves a picture of the whole screen.
 bool screenshot(const QString& path);
 // Where screenshots go: VOXARIA_SCREENSHOT_DIR when set, else the test program's folder.
