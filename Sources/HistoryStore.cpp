@@ -189,7 +189,9 @@ void HistoryStore::load()
 void HistoryStore::keepCopyOfCorruptFile() const
 {
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
-    const QString copy = m_fileLocation + QStringLiteral(".corrupt-") + stamp;
+    QString copy = m_fileLocation + QStringLiteral(".corrupt-") + stamp;
+    for (int serial = 2; QFileInfo::exists(copy); ++serial)
+        copy = m_fileLocation + QStringLiteral(".corrupt-%1-%2").arg(stamp).arg(serial);
     if (QFile::copy(m_fileLocation, copy))
         qCWarning(lcHistory) << "Kept a copy of the unreadable history at" << copy;
     else
