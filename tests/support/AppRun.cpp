@@ -71,14 +71,29 @@ void AppRun::setSetting(const QString& key, const QVariant& value)
 
 void AppRun::useFakeWhisper(const QString& control)
 {
+    installWhisper(TestSupport::fakesPath(QStringLiteral("whisper-cli")));
+    QFile file(whisperFolder() + QStringLiteral("/whisper-cli.control"));
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(control.toUtf8());
+}
+
+void AppRun::useWhisperStandIn(const QByteArray& script)
+{
+    const QString path = root() + QStringLiteral("/whisper-cli.script");
+    QFile file(path);
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write(script);
+    file.close();
+    installWhisper(path);
+}
+
+void AppRun::installWhisper(const QString& program)
+{
     const QString bin = root() + QStringLiteral("/bin");
     QDir().mkpath(bin);
     m_binary = bin + QStringLiteral("/voxaria");
     copyExecutable(QStringLiteral(VOXARIA_APP_BINARY), m_binary);
-    copyExecutable(TestSupport::fakesPath(QStringLiteral("whisper-cli")), bin + QStringLiteral("/whisper-cli"));
-    QFile file(bin + QStringLiteral("/whisper-cli.control"));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(control.toUtf8());
+    copyExecutable(program, bin + QStringLiteral("/whisper-cli"));
 
     QDir().mkpath(dataFolder() + QStringLiteral("/models"));
     QFile model(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"));
@@ -86,9 +101,14 @@ void AppRun::useFakeWhisper(const QString& control)
     model.write("not a real model; the fake does not read it");
 }
 
+QString AppRun::whisperFolder() const
+{
+    return QFileInfo(m_binary).absolutePath();
+}
+
 QString AppRun::whisperInputCopy() const
 {
-    return QFileInfo(m_binary).absolutePath() + QStringLiteral("/whisper-cli.lastinput.wav");
+    return whisperFolder() + QStringLiteral("/whisper-cli.lastinput.wav");
 }
 
 bool AppRun::start()
@@ -168,7 +188,7 @@ ReceivingWindow::~ReceivingWindow()
 
 bool ReceivingWindow::start()
 {
-    m_process.start(QStringLiteral(VOXARIA_HELPER_receiver), {m_folder.filePath(QStringLiteral("received.txt"))});
+    m_process.start(QStringLiteral(VOXARIA_HELPER_receiver), {outputPath()});
     const bool ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
     if (!ready)
         return false;
@@ -179,7 +199,7 @@ bool ReceivingWindow::start()
 
 QString ReceivingWindow::text() const
 {
-    QFile file(m_folder.filePath(QStringLiteral("received.txt")));
+    QFile file(outputPath());
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readAll());

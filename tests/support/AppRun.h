@@ -29,6 +29,10 @@ public:
     // Runs a copy of the program with the fake whisper-cli beside it, where it looks first, and a
     // model file installed. The fake obeys `control` (see tests/fakes/whisper-cli).
     void useFakeWhisper(const QString& control);
+    // The same with a program of the caller's own (e.g. a script that stamps the time) as whisper-cli.
+    void useWhisperStandIn(const QByteArray& script);
+    // The folder of the program copy and its whisper-cli.
+    QString whisperFolder() const;
     // What the fake recorded of its last run.
     QString whisperInputCopy() const;
 
@@ -46,6 +50,7 @@ public:
     QStringList linesWith(const QString& fragment) const;
 
 private:
+    void installWhisper(const QString& program);
     void readLog();
 
     QTemporaryDir m_root;
@@ -64,6 +69,8 @@ public:
     // Starts it and waits until it has the focus.
     bool start();
     quint64 windowId() const { return m_windowId; }
+    // The file the window rewrites with its whole text after every change.
+    QString outputPath() const { return m_folder.filePath(QStringLiteral("received.txt")); }
     QString text() const;
     bool waitForText(const QString& expected, std::chrono::milliseconds timeout);
 

@@ -1,0 +1,218 @@
+// What a user feels of a dictation with the real program: how much speech right after the key press
+// is lost, how long after the key release whisper-cli starts, how long after whisper-cli exits the
+// text reaches the focused window, and what the program costs once idle after ten dictations.
+// whisper-cli is a bash stand-in that stamps its start and exit and copies the WAV it was given.
+// Run under scripts/with-harness.sh.
+#include "AppRun.h"
+#include "TestSupport.h"
+#include "XTestKeyboard.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QThread>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int rightAlt = 108;
+constexpr double toneMs = 500;
+
+qint64 realtimeUs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return qint64(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+qint64 readStampUs(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toLongLong() : 0;
+}
+
+qint64 modifiedUs(const QString& path)
+{
+    struct stat info {};
+    if (stat(path.toLocal8Bit().constData(), &info) != 0)
+        return 0;
+    return qint64(info.st_mtim.tv_sec) * 1000000 + info.st_mtim.tv_nsec / 1000;
+}
+
+QByteArray standIn(const QString& stamps)
+{
+    // Arguments as Voxaria passes them: -f is the fourth, the output base the last.
+    return QStringLiteral("#!/bin/bash\n"
+                          "echo ${EPOCHREALTIME/./} > '%1/started'\n"
+                          "cp \"$4\" '%1/input.wav'\n"
+                          "printf 'ditado%s ' \"${EPOCHREALTIME/./}\" > \"${@: -1}.txt\"\n"
+                          "echo ${EPOCHREALTIME/./} > '%1/exited'\n")
+        .arg(stamps)
+        .toUtf8();
+}
+
+// Milliseconds of the marker tone missing from the start of the recording, and where it began.
+struct LeadIn {
+    double missingMs = -1;
+    double toneStartMs = -1;
+};
+
+LeadIn measureLeadIn(const QString& wav)
+{
+    QFile file(wav);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll().mid(44);
+    const auto* samples = reinterpret_cast<const qint16*>(bytes.constData());
+    const qsizetype count = bytes.size() / 2;
+    qsizetype first = -1;
+    qsizetype last = -1;
+    for (qsizetype i = 0; i < count; ++i) {
+        if (std::abs(int(samples[i])) > 1500) {
+            if (first < 0)
+                first = i;
+            last = i;
+        }
+    }
+    if (first < 0)
+        return {};
+    // A tone that begins after the first sample was caught whole from its start; one that is already
+    // sounding at the first sample lost whatever of it is not in the file.
+    const double heardMs = (last - first) / 16.0;
+    const bool cutAtStart = first == 0;
+    return {cutAtStart ? std::max(0.0, toneMs - heardMs) : 0.0, first / 16.0};
+}
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return -1;
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+double maximum(const std::vector<double>& values)
+{
+    return values.empty() ? -1 : *std::max_element(values.begin(), values.end());
+}
+
+qint64 statusField(qint64 pid, const QString& task, const QByteArray& field)
+{
+    QFile status(QStringLiteral("/proc/%1/task/%2/status").arg(pid).arg(task));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
+    }
+    return 0;
+}
+
+qint64 contextSwitches(qint64 pid)
+{
+    qint64 total = 0;
+    for (const QString& task : QDir(QStringLiteral("/proc/%1/task").arg(pid)).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        total += statusField(pid, task, "voluntary_ctxt_switches") + statusField(pid, task, "nonvoluntary_ctxt_switches");
+    return total;
+}
+
+qint64 residentKb(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    }
+    return 0;
+}
+
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (qEnvironmentVariableIsEmpty("DISPLAY") || !TestSupport::hasPulseAudio()) {
+        std::fprintf(stderr, "DictationBench needs the headless desktop: run it through scripts/with-harness.sh\n");
+        return 1;
+    }
+    ReceivingWindow receiver;
+    if (!receiver.start()) {
+        std::fprintf(stderr, "the receiving window did not start\n");
+        return 1;
+    }
+    XTestKeyboard::focus(receiver.windowId());
+
+    AppRun run;
+    const QString stamps = run.root() + QStringLiteral("/stamps");
+    QDir().mkpath(stamps);
+    run.setSetting(QStringLiteral("playSounds"), false);
+    run.useWhisperStandIn(standIn(stamps));
+    if (!run.start()) {
+        std::fprintf(stderr, "voxaria did not start:\n%s\n", qPrintable(run.log().join('\n')));
+        return 1;
+    }
+    const QString tone = run.root() + QStringLiteral("/tone.wav");
+    QProcess::execute(QStringLiteral("sox"), {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"),
+                                              QStringLiteral("-c"), QStringLiteral("2"), tone, QStringLiteral("synth"),
+                                              QString::number(toneMs / 1000), QStringLiteral("sine"), QStringLiteral("1000"),
+                                              QStringLiteral("vol"), QStringLiteral("0.5")});
+
+    std::vector<double> missing, toneStart, releaseToStart, exitToText;
+    for (int dictation = 0; dictation < 10; ++dictation) {
+        const bool withTone = dictation < 5;
+        const qint64 textBefore = receiver.text().size();
+        XTestKeyboard::press(rightAlt);
+        if (withTone) {
+            TestSupport::spin(50ms);
+            TestSupport::playIntoMicrophone(tone);
+            TestSupport::spin(150ms);
+        } else {
+            TestSupport::spin(400ms);
+        }
+        const qint64 releasedUs = realtimeUs();
+        XTestKeyboard::release(rightAlt);
+        if (!TestSupport::waitUntil([&] { return receiver.text().size() > textBefore; }, 10s)) {
+            std::fprintf(stderr, "dictation %d brought no text:\n%s\n", dictation + 1, qPrintable(run.log().join('\n')));
+            return 1;
+        }
+        releaseToStart.push_back((readStampUs(stamps + QStringLiteral("/started")) - releasedUs) / 1000.0);
+        exitToText.push_back((modifiedUs(receiver.outputPath()) - readStampUs(stamps + QStringLiteral("/exited"))) / 1000.0);
+        if (withTone) {
+            const LeadIn leadIn = measureLeadIn(stamps + QStringLiteral("/input.wav"));
+            missing.push_back(leadIn.missingMs);
+            toneStart.push_back(leadIn.toneStartMs);
+        }
+        // The clipboard is given back 0.65 s after the paste; let it settle before the next one.
+        TestSupport::spin(800ms);
+    }
+
+    const qint64 pid = run.process().processId();
+    QThread::sleep(3);
+    const qint64 before = contextSwitches(pid);
+    QThread::sleep(10);
+    const qint64 wakeups = contextSwitches(pid) - before;
+    const qint64 rss = residentKb(pid);
+    run.stop();
+
+    std::printf("lost lead-in of a tone played 50 ms after the key press: median %.1f ms, worst %.1f ms (target 0)\n",
+                median(missing), maximum(missing));
+    std::printf("  the tone began %.0f ms into the recording (median)\n", median(toneStart));
+    std::printf("key release -> whisper-cli started: median %.1f ms, worst %.1f ms (target <= 20 ms)\n",
+                median(releaseToStart), maximum(releaseToStart));
+    std::printf("whisper-cli exit -> text in the receiving window: median %.1f ms, worst %.1f ms (target <= 80 ms)\n",
+                median(exitToText), maximum(exitToText));
+    std::printf("idle after 10 dictations: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", wakeups);
+    std::printf("idle after 10 dictations: resident memory %.1f MB (target <= 60 MB)\n", rss / 1024.0);
+    return 0;
+}
