@@ -23,8 +23,6 @@ public:
         bool operator==(const Entry&) const = default;
     };
 
-    // The name other components know the change broadcast by; didChange() is its Qt form.
-    static constexpr const char* didChangeName = "HistoryStoreDidChange";
     // add() trims the list to this many entries, dropping the oldest.
     static constexpr int maximumEntries = 200;
     // Seconds between the Unix epoch and 2001-01-01 00:00:00 UTC.
@@ -34,14 +32,10 @@ public:
     static HistoryStore& shared();
     // ~/.local/share/Voxaria/history.json (the data folder as it is now).
     static QString defaultFileLocation();
-    // The current time as seconds since 2001-01-01 UTC, with sub-millisecond precision.
-    static double now();
-
     // A store over the given file, loaded at once. The folder is created by the first save.
     explicit HistoryStore(QString fileLocation, QObject* parent = nullptr);
 
     const QList<Entry>& entries() const { return m_entries; }
-    QString fileLocation() const { return m_fileLocation; }
 
     // Stores the arguments as given (no trimming), newest first, and saves.
     void add(const QString& text, const QString& appName);
@@ -50,10 +44,12 @@ public:
     void clear();
 
 signals:
-    // After every save, whether or not the file could be written.
+    // "HistoryStoreDidChange": after every save, whether or not the file could be written.
     void didChange();
 
 private:
+    // The current time as seconds since 2001-01-01 UTC, with sub-millisecond precision.
+    static double now();
     void load();
     void keepCopyOfCorruptFile() const;
     void save();

@@ -30,8 +30,6 @@ public:
     void show();
     // Absent until the first show().
     QWidget* window() const { return m_window.get(); }
-    // The entries the table shows, in store order.
-    const QList<HistoryStore::Entry>& filtered() const { return m_filtered; }
 
     void copySelected();
     void deleteSelected();
@@ -50,6 +48,7 @@ private:
 
     HistoryStore& m_store;
     Alerts& m_alerts;
+    // The entries the table shows, in store order; the table's rows.
     QList<HistoryStore::Entry> m_filtered;
 
     std::unique_ptr<QWidget> m_window;
