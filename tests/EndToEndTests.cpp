@@ -160,6 +160,7 @@ TEST_F(EndToEnd, WhisperEnginePastesItsTranscriptOfTheWholeRecording)
     const double recorded = (recording.size() - 44) / 32000.0;
     EXPECT_NEAR(recorded, TestSupport::audioDuration(clip), 0.15) << "the recording lost or gained audio";
     EXPECT_EQ(history().size(), 1);
+    EXPECT_TRUE(app.linesWith(QStringLiteral("cannot be played")).isEmpty()) << app.log().join(QLatin1Char('\n')).toStdString();
     EXPECT_TRUE(QDir(app.temporaryFolder()).entryList({QStringLiteral("voxaria-*")}).isEmpty())
         << "the dictation's files stayed behind";
 }

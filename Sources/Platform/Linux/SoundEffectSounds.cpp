@@ -10,8 +10,16 @@ std::unique_ptr<Sounds> Sounds::makeDefault()
     return std::make_unique<SoundEffectSounds>();
 }
 
+// The sounds are compiled into the static core library, whose resource registration the linker
+// drops unless something refers to it. Outside any namespace, as the macro requires.
+static void registerBundledSounds()
+{
+    Q_INIT_RESOURCE(voxaria);
+}
+
 SoundEffectSounds::SoundEffectSounds()
 {
+    registerBundledSounds();
     for (const char* name : {"Tink", "Pop", "Basso", "Glass"}) {
         auto* effect = new QSoundEffect(this);
         effect->setSource(QUrl(QStringLiteral("qrc:/sounds/%1.wav").arg(QLatin1String(name))));
