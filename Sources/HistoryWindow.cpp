@@ -1,6 +1,5 @@
 #include "HistoryWindow.h"
 
-#include "Logging.h"
 #include "Platform/Alerts.h"
 
 #include <QAbstractTableModel>
@@ -17,6 +16,8 @@
 #include <QTableView>
 #include <QTextBoundaryFinder>
 #include <QVBoxLayout>
+
+#include <functional>
 
 namespace {
 
