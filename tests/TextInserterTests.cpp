@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QImage>
 #include <QPainter>
+#include <QProcess>
 
 #include <gtest/gtest.h>
 
@@ -172,6 +173,32 @@ TEST_F(TextInserterOnX11Test, TextArrivesIntactAndTheClipboardOffersExactlyWhatI
     EXPECT_EQ(DesktopApps::clipboardTargets(), targetsBefore);
     for (const auto& [type, bytes] : formats)
         EXPECT_EQ(DesktopApps::clipboardData(type), bytes) << type.toStdString();
+}
+
+TEST_F(TextInserterOnX11Test, TakesTheClipboardFromProgramsThatClaimedItJustNowTimeAfterTime)
+{
+    for (int round = 1; round <= 3; ++round) {
+        SCOPED_TRACE(round);
+        // This process lets go of the clipboard (as when a dictation restored an empty one), then
+        // xclip claims it at the server's current time, later than any event this process saw:
+        // no event tells us the time moved on.
+        DesktopApps::clearClipboard();
+        const QByteArray copied = "copiado agora " + QByteArray::number(round);
+        QProcess xclip;
+        xclip.start(QStringLiteral("xclip"), {QStringLiteral("-selection"), QStringLiteral("clipboard"),
+                                                 QStringLiteral("-t"), QStringLiteral("text/html"), QStringLiteral("-i")});
+        xclip.write(copied);
+        xclip.closeWriteChannel();
+        ASSERT_TRUE(xclip.waitForFinished());
+        // Seen through this process's own clipboard, which reads without learning the server's time.
+        ASSERT_TRUE(TestSupport::waitUntil([] { return Pasteboard::general()->itemCount() > 0; }, 2s));
+
+        TextInserter::insert(dictation);
+        EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("UTF8_STRING")), dictation.toUtf8())
+            << "the dictation did not reach the clipboard";
+        waitPastRestoration();
+        EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/html")), copied);
+    }
 }
 
 TEST_F(TextInserterOnX11Test, EmptyClipboardIsEmptyAgainAfterThePaste)

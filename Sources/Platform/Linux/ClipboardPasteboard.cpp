@@ -2,9 +2,15 @@
 
 #include "Logging.h"
 
+#include <QAbstractNativeEventFilter>
 #include <QClipboard>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QWindow>
+
+#include <xcb/xcb.h>
 
 std::shared_ptr<Pasteboard> Pasteboard::general()
 {
@@ -12,6 +18,52 @@ std::shared_ptr<Pasteboard> Pasteboard::general()
 }
 
 namespace {
+
+// Notices when the X server echoes a property change on one window back to Qt.
+class PropertyEcho final : public QAbstractNativeEventFilter {
+public:
+    explicit PropertyEcho(WId window) : m_window(window) {}
+    bool seen = false;
+
+    bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) override
+    {
+        if (eventType != "xcb_generic_event_t")
+            return false;
+        const auto event = static_cast<const xcb_generic_event_t*>(message);
+        if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY
+            && static_cast<const xcb_property_notify_event_t*>(message)->window == m_window)
+            seen = true;
+        return false;
+    }
+
+private:
+    WId m_window;
+};
+
+// Qt claims the selection with the time of the last X event this process saw. Voxaria sees few
+// (its windows rarely get input), so after another program copies something the server would
+// ignore a claim that old and the paste would paste the old contents. A property change on a
+// window of ours brings the server's current time back to Qt through its own event handling.
+void bringServerTimeToQt()
+{
+    if (QGuiApplication::platformName() != QLatin1String("xcb"))
+        return;
+    static QWindow* stamp = [] {
+        auto window = new QWindow;
+        window->create();
+        return window;
+    }();
+    static int counter = 0;
+    PropertyEcho echo(stamp->winId());
+    QCoreApplication::instance()->installNativeEventFilter(&echo);
+    stamp->setTitle(QString::number(++counter));
+    const QDeadlineTimer deadline(200);
+    while (!echo.seen && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 5);
+    QCoreApplication::instance()->removeNativeEventFilter(&echo);
+    if (!echo.seen)
+        qCWarning(lcInsert) << "The X server did not echo a property change; the clipboard may stay with its owner";
+}
 
 const QMimeData* currentContents()
 {
@@ -57,14 +109,18 @@ std::optional<QByteArray> ClipboardPasteboard::data(int index, const QString& ty
 
 void ClipboardPasteboard::clearContents()
 {
-    if (QClipboard* clipboard = QGuiApplication::clipboard())
+    if (QClipboard* clipboard = QGuiApplication::clipboard()) {
+        bringServerTimeToQt();
         clipboard->clear(QClipboard::Clipboard);
+    }
 }
 
 void ClipboardPasteboard::setString(const QString& text)
 {
-    if (QClipboard* clipboard = QGuiApplication::clipboard())
+    if (QClipboard* clipboard = QGuiApplication::clipboard()) {
+        bringServerTimeToQt();
         clipboard->setText(text, QClipboard::Clipboard);
+    }
 }
 
 void ClipboardPasteboard::writeItems(const std::vector<Item>& items)
@@ -81,9 +137,9 @@ void ClipboardPasteboard::writeItems(const std::vector<Item>& items)
                 contents->setData(type, bytes);
         }
     }
-    if (contents->formats().isEmpty()) {
+    bringServerTimeToQt();
+    if (contents->formats().isEmpty())
         clipboard->clear(QClipboard::Clipboard);
-        return;
-    }
-    clipboard->setMimeData(contents.release(), QClipboard::Clipboard);
+    else
+        clipboard->setMimeData(contents.release(), QClipboard::Clipboard);
 }
