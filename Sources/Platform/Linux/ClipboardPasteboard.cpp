@@ -65,20 +65,21 @@ void bringServerTimeToQt()
         qCWarning(lcInsert) << "The X server did not echo a property change; the clipboard may stay with its owner";
 }
 
+// The selection protocol's own targets are no data; application/x-qt-image is Qt's decoded view
+// of image formats that are saved anyway.
+bool isBookkeepingFormat(const QString& format)
+{
+    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"),
+        QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
+    return bookkeeping.contains(format);
+}
+
 const QMimeData* currentContents()
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     return clipboard ? clipboard->mimeData(QClipboard::Clipboard) : nullptr;
 }
 
-}
-
-bool ClipboardPasteboard::isBookkeepingFormat(const QString& format)
-{
-    // application/x-qt-image is Qt's decoded view of the image formats that are saved anyway.
-    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"),
-        QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
-    return bookkeeping.contains(format);
 }
 
 int ClipboardPasteboard::itemCount()
@@ -92,7 +93,7 @@ QStringList ClipboardPasteboard::types(int index)
     if (index != 0 || !contents)
         return {};
     QStringList formats = contents->formats();
-    formats.removeIf(&ClipboardPasteboard::isBookkeepingFormat);
+    formats.removeIf(isBookkeepingFormat);
     return formats;
 }
 

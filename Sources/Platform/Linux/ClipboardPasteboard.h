@@ -13,6 +13,4 @@ public:
     void clearContents() override;
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& items) override;
-
-    static bool isBookkeepingFormat(const QString& format);
 };

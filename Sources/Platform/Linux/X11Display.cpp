@@ -19,6 +19,11 @@ int recordError(Display*, XErrorEvent* event)
 
 struct Connection {
     Display* display = XOpenDisplay(nullptr);
+    Connection()
+    {
+        if (!display)
+            qCWarning(lcInsert) << "No X display: synthetic keys and the front application are unavailable";
+    }
     ~Connection()
     {
         if (display)
@@ -30,12 +35,6 @@ struct Connection {
 Display* shared()
 {
     static Connection connection;
-    static const bool reported = [] {
-        if (!connection.display)
-            qCWarning(lcInsert) << "No X display: synthetic keys and the front application are unavailable";
-        return true;
-    }();
-    Q_UNUSED(reported);
     return connection.display;
 }
 
