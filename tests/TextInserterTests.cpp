@@ -129,10 +129,11 @@ TEST_F(TextInserterTest, RealDelaysPasteAfterFiftyMillisecondsAndRestoreAfterSix
     TextInserter::insert(dictation, {pasteboard, keyPoster, {}});
     ASSERT_TRUE(TestSupport::waitUntil([&] { return pasteboard->string() == QStringLiteral("antes"); }, 2s));
     const qint64 restoredAt = clock.elapsed();
+    // Upper bounds leave room for a busy machine; the lower ones are the delays themselves.
     EXPECT_GE(postedAt, 45);
-    EXPECT_LE(postedAt, 80);
+    EXPECT_LE(postedAt, 150);
     EXPECT_GE(restoredAt, 640);
-    EXPECT_LE(restoredAt, 750);
+    EXPECT_LE(restoredAt, 1000);
 }
 
 // Against the real X server: a real receiving window, a foreign clipboard owner, xterm.
