@@ -201,6 +201,21 @@ TEST_F(EndToEnd, AMissingLanguageIsExplainedAndTheNextPressWorksOnceSwitched)
         << app.log().join('\n').toStdString();
 }
 
+TEST_F(EndToEnd, EndedFromOutsideDuringADictationItLeavesNoRecordingBehind)
+{
+    app.useFakeWhisper({});
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(XTestKeyboard::press(rightAlt));
+    ASSERT_TRUE(app.waitForLog(listening, 5s));
+    EXPECT_FALSE(QDir(app.temporaryFolder()).entryList({QStringLiteral("voxaria-*")}).isEmpty());
+    app.process().terminate();
+    ASSERT_TRUE(app.waitForExit(5s));
+    ASSERT_TRUE(XTestKeyboard::release(rightAlt));
+    EXPECT_EQ(app.process().exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(app.process().exitCode(), 0);
+    EXPECT_TRUE(QDir(app.temporaryFolder()).entryList({QStringLiteral("voxaria-*")}).isEmpty());
+}
+
 TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndTheFirstKeepsItsOnlyTrayIcon)
 {
     ASSERT_TRUE(app.start());
