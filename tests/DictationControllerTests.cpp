@@ -178,6 +178,7 @@ TEST_F(DictationTest, KeysDuringAFinishingDictationAreIgnored)
     controller->startRecording();
     controller->stopRecordingAndInsert();
     EXPECT_EQ(script->made, 1);
+    EXPECT_EQ(trust->checks, 1) << "a press during a dictation must not even ask for access";
     EXPECT_EQ(script->finished, 1);
     EXPECT_EQ(hudStatus(), transcribing);
 

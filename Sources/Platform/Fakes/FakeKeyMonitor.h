@@ -7,10 +7,6 @@
 // A scriptable key source: tests post flags-changed events and see which handlers are installed.
 class FakeKeyMonitor final : public KeyMonitor {
 public:
-    bool available = true; // when false, addMonitor answers 0 as on a display without XInput2
-    int addCount = 0;
-    int removeCount = 0;
-
     Token addMonitor(Handler handler) override;
     void removeMonitor(Token token) override;
 
