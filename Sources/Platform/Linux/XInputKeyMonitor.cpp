@@ -7,6 +7,7 @@
 #include <X11/Xlib.h>
 #include <X11/extensions/XInput2.h>
 
+#include <optional>
 #include <vector>
 
 std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
@@ -14,14 +15,15 @@ std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
     return std::make_unique<XInputKeyMonitor>();
 }
 
-XInputKeyMonitor::XInputKeyMonitor() = default;
+namespace {
 
-XInputKeyMonitor::~XInputKeyMonitor()
-{
-    closeConnection();
-}
+struct ModifierKey {
+    quint16 virtualKeyCode;
+    quint64 flag;
+};
 
-std::optional<XInputKeyMonitor::ModifierKey> XInputKeyMonitor::modifierForKeycode(int keycode)
+// The design's virtual key code and flag for an X keycode, when it is a modifier key we track.
+std::optional<ModifierKey> modifierForKeycode(int keycode)
 {
     // Keycodes of the evdev layout every X server uses today (kernel code + 8).
     switch (keycode) {
@@ -36,6 +38,15 @@ std::optional<XInputKeyMonitor::ModifierKey> XInputKeyMonitor::modifierForKeycod
     case 62: return ModifierKey{60, 0x20000};    // right Shift
     default: return std::nullopt;
     }
+}
+
+}
+
+XInputKeyMonitor::XInputKeyMonitor() = default;
+
+XInputKeyMonitor::~XInputKeyMonitor()
+{
+    closeConnection();
 }
 
 KeyMonitor::Token XInputKeyMonitor::addMonitor(Handler handler)

@@ -6,7 +6,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 
 class QSocketNotifier;
@@ -24,13 +23,6 @@ public:
 
     Token addMonitor(Handler handler) override;
     void removeMonitor(Token token) override;
-
-    // The design's virtual key code and flag for an X keycode, when it is a modifier key we track.
-    struct ModifierKey {
-        quint16 virtualKeyCode;
-        quint64 flag;
-    };
-    static std::optional<ModifierKey> modifierForKeycode(int keycode);
 
 private:
     bool openConnection();
