@@ -95,7 +95,7 @@ bool XInputKeyMonitor::openConnection()
     m_heldKeycodes.clear();
     m_notifier = std::make_unique<QSocketNotifier>(ConnectionNumber(display), QSocketNotifier::Read);
     connect(m_notifier.get(), &QSocketNotifier::activated, this, &XInputKeyMonitor::readPendingEvents);
-    qCInfo(lcHotkey) << "watching modifier keys through XInput" << major << "." << minor;
+    qCInfo(lcHotkey).noquote() << QStringLiteral("watching modifier keys through XInput %1.%2").arg(major).arg(minor);
     return true;
 }
 
@@ -103,7 +103,9 @@ void XInputKeyMonitor::closeConnection()
 {
     if (!m_display)
         return;
-    m_notifier.reset();
+    // Later, not now: a handler run from the notifier's own signal may be what closes it.
+    m_notifier->setEnabled(false);
+    m_notifier.release()->deleteLater();
     XCloseDisplay(m_display);
     m_display = nullptr;
     m_heldKeycodes.clear();
@@ -119,16 +121,13 @@ void XInputKeyMonitor::readPendingEvents()
         XGenericEventCookie* cookie = &event.xcookie;
         if (cookie->type != GenericEvent || cookie->extension != m_xinputOpcode || !XGetEventData(m_display, cookie))
             continue;
-        if (cookie->evtype == XI_RawKeyPress || cookie->evtype == XI_RawKeyRelease) {
-            const int keycode = static_cast<XIRawEvent*>(cookie->data)->detail;
-            const bool pressed = cookie->evtype == XI_RawKeyPress;
-            Display* display = m_display;
-            keyChanged(keycode, pressed);
-            // A handler may have removed the last monitor and closed this connection.
-            if (m_display != display)
-                return;
-        }
+        const bool isKey = cookie->evtype == XI_RawKeyPress || cookie->evtype == XI_RawKeyRelease;
+        const int keycode = isKey ? static_cast<XIRawEvent*>(cookie->data)->detail : 0;
+        const bool pressed = cookie->evtype == XI_RawKeyPress;
+        // Freed before the handlers run: one of them may close this connection.
         XFreeEventData(m_display, cookie);
+        if (isKey)
+            keyChanged(keycode, pressed);
     }
 }
 
