@@ -229,4 +229,21 @@ TEST_F(HotkeyOnX11, LeftAltHeldKeepsTheOptionFlagThroughRightAltsRelease)
     EXPECT_EQ(watched->releases, 1);
 }
 
+TEST_F(HotkeyOnX11, StoppingFromInsideACallbackAndStartingAgainKeepsWorking)
+{
+    watched->manager.onPress = [this] {
+        ++watched->presses;
+        watched->manager.stop(); // closes the X connection whose event is being handled
+    };
+    hold(108);
+    EXPECT_EQ(watched->presses, 1);
+    EXPECT_EQ(watched->releases, 0) << "a stopped manager saw the release";
+
+    watched->manager.onPress = [this] { ++watched->presses; };
+    watched->manager.start();
+    hold(108);
+    EXPECT_EQ(watched->presses, 2);
+    EXPECT_EQ(watched->releases, 1);
+}
+
 }
