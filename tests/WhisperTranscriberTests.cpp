@@ -102,7 +102,6 @@ protected:
     void SetUp() override
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
-        QDir().mkpath(AppPaths::modelsFolder());
         installModel(QStringLiteral("ggml-large-v3-turbo-q5_0.bin"));
         QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId()).clear();
         for (const QString& leftover : dictationFiles())
@@ -111,6 +110,7 @@ protected:
 
     static void installModel(const QString& name)
     {
+        QDir().mkpath(AppPaths::modelsFolder());
         QFile model(AppPaths::modelsFolder() + QLatin1Char('/') + name);
         model.open(QIODevice::WriteOnly);
         model.write("ggml");
@@ -185,80 +185,59 @@ TEST_F(WhisperTranscriberTest, ModelIsTheSelectedFileElseTheFirstLargeElseTheFir
     EXPECT_EQ(WhisperTranscriber::modelURL(), std::nullopt);
 }
 
-TEST_F(WhisperTranscriberTest, StartRefusesWithTheMessageOfWhatIsMissing)
+// What start() threw, or "started"; a refused start must leave the microphone closed.
+QString startFailure(WhisperTranscriber& engine, const FakeAudioInput& microphone)
 {
-    const auto startError = [&]() -> QString {
-        auto engine = makeEngine();
-        Outcome outcome;
-        try {
-            engine->start({}, outcome.onFinal(), outcome.onError());
-        } catch (const Error& error) {
-            EXPECT_FALSE(microphone->isRunning());
-            return error.description();
-        }
-        return QStringLiteral("started");
-    };
+    try {
+        engine.start({}, [](const QString&) {}, [](const Error&) {});
+    } catch (const Error& error) {
+        EXPECT_FALSE(microphone.isRunning());
+        return error.description();
+    }
+    return QStringLiteral("started");
+}
 
+TEST_F(WhisperTranscriberTest, StartFailsAtOnceWithTheMessageOfWhatIsMissing)
+{
     QDir(AppPaths::modelsFolder()).removeRecursively();
     QFile::remove(whisper.binaryPath());
     // The program is looked for before the model.
-    EXPECT_EQ(startError(), "whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
-
+    auto withoutProgram = makeEngine();
+    EXPECT_EQ(startFailure(*withoutProgram, *microphone), "whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
     FakeWhisper reinstalled;
-    EXPECT_EQ(startError(), "Modelo Whisper não encontrado em ~/.local/share/Voxaria/models/");
-    EXPECT_TRUE(dictationFiles().isEmpty());
-}
+    auto withoutModel = makeEngine();
+    EXPECT_EQ(startFailure(*withoutModel, *microphone), "Modelo Whisper não encontrado em ~/.local/share/Voxaria/models/");
+    installModel("ggml-small-q5_1.bin");
 
-TEST_F(WhisperTranscriberTest, UnusableMicrophoneFailsAtOnceAndLeavesItFree)
-{
     const QString unsupported = "Falha na transcrição Whisper: formato de áudio não suportado";
     for (std::optional<AudioFormat> format : {std::optional<AudioFormat>(),
                                               std::optional(AudioFormat{0, 2, AudioFormat::SampleType::float32}),
                                               std::optional(AudioFormat{48000, 0, AudioFormat::SampleType::float32})}) {
-        auto input = std::make_unique<FakeAudioInput>();
-        input->deviceFormat = format;
-        FakeAudioInput* fake = input.get();
-        WhisperTranscriber engine(std::move(input));
-        try {
-            engine.start({}, {}, {});
-            ADD_FAILURE() << "start should have failed";
-        } catch (const WhisperError& error) {
-            EXPECT_EQ(error.description(), unsupported);
-        }
-        EXPECT_EQ(fake->startCount, 0);
+        auto engine = makeEngine();
+        microphone->deviceFormat = format;
+        EXPECT_EQ(startFailure(*engine, *microphone), unsupported);
+        EXPECT_EQ(microphone->startCount, 0);
     }
-
-    WhisperTranscriber noConverter(std::make_unique<FakeAudioInput>(), [](const AudioFormat&, int) { return nullptr; });
-    EXPECT_THROW(noConverter.start({}, {}, {}), WhisperError);
-
     auto input = std::make_unique<FakeAudioInput>();
-    input->startFailure = "O dispositivo de áudio está ocupado";
-    WhisperTranscriber busy(std::move(input));
-    try {
-        busy.start({}, {}, {});
-        ADD_FAILURE() << "start should have failed";
-    } catch (const PlatformError& error) {
-        EXPECT_EQ(error.description(), "O dispositivo de áudio está ocupado");
-    }
-    EXPECT_TRUE(dictationFiles().isEmpty()) << "a failed start removes its empty recording";
-}
+    FakeAudioInput& fake = *input;
+    WhisperTranscriber noConverter(std::move(input), [](const AudioFormat&, int) { return nullptr; });
+    EXPECT_EQ(startFailure(noConverter, fake), unsupported);
 
-TEST_F(WhisperTranscriberTest, UnwritableTemporaryFolderIsAClearErrorFromStart)
-{
-    const QByteArray saved = qgetenv("TMPDIR");
+    auto busy = makeEngine();
+    microphone->startFailure = "O dispositivo de áudio está ocupado";
+    EXPECT_EQ(startFailure(*busy, *microphone), "O dispositivo de áudio está ocupado");
+
     // A temporary "folder" that is a plain file cannot be written into, even by root.
+    const QByteArray savedTmp = qgetenv("TMPDIR");
     const QString notAFolder = TestSupport::isolatedRoot() + "/not-a-folder";
     QFile(notAFolder).open(QIODevice::WriteOnly);
     qputenv("TMPDIR", notAFolder.toUtf8());
-    auto engine = makeEngine();
-    try {
-        engine->start({}, {}, {});
-        ADD_FAILURE() << "start should have failed";
-    } catch (const PlatformError& error) {
-        EXPECT_TRUE(error.description().startsWith("Não foi possível criar a gravação")) << error.description().toStdString();
-    }
-    EXPECT_FALSE(microphone->isRunning());
-    qputenv("TMPDIR", saved);
+    auto cannotWrite = makeEngine();
+    const QString unwritable = startFailure(*cannotWrite, *microphone);
+    qputenv("TMPDIR", savedTmp);
+    EXPECT_TRUE(unwritable.startsWith("Não foi possível criar a gravação")) << unwritable.toStdString();
+
+    EXPECT_TRUE(dictationFiles().isEmpty()) << "a failed start removes its empty recording";
 }
 
 TEST_F(WhisperTranscriberTest, DictationRunsWhisperWithTheElevenArgumentsAndAnswersTrimmedText)
@@ -336,30 +315,27 @@ TEST_F(WhisperTranscriberTest, ACrashingOrFloodingWhisperNeitherHangsNorLosesThe
     EXPECT_TRUE(dictationFiles().isEmpty());
 }
 
-TEST_F(WhisperTranscriberTest, ProgramThatCannotBeLaunchedIsReportedThroughOnError)
+TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)
 {
+    auto vanished = makeEngine();
+    Outcome notInstalled;
+    vanished->start({}, notInstalled.onFinal(), notInstalled.onError());
+    QFile::remove(whisper.binaryPath());
+    vanished->finish();
+    ASSERT_TRUE(waitUntil([&] { return notInstalled.answered(); }));
+    EXPECT_EQ(notInstalled.errorMessage, "whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
+
     QFile broken(whisper.binaryPath());
     broken.open(QIODevice::WriteOnly | QIODevice::Truncate);
     broken.write("#!/nonexistent/interpreter\n");
+    broken.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     broken.close();
     auto engine = makeEngine();
-    Outcome outcome;
-    dictate(*engine, outcome);
-    EXPECT_EQ(outcome.errors, 1);
-    EXPECT_TRUE(dynamic_cast<const PlatformError*>(outcome.error.get()));
-    EXPECT_FALSE(outcome.errorMessage.isEmpty());
-    EXPECT_TRUE(dictationFiles().isEmpty());
-}
-
-TEST_F(WhisperTranscriberTest, ProgramRemovedWhileRecordingIsReportedAsNotInstalled)
-{
-    auto engine = makeEngine();
-    Outcome outcome;
-    engine->start({}, outcome.onFinal(), outcome.onError());
-    QFile::remove(whisper.binaryPath());
-    engine->finish();
-    ASSERT_TRUE(waitUntil([&] { return outcome.answered(); }));
-    EXPECT_EQ(outcome.errorMessage, "whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
+    Outcome unlaunchable;
+    dictate(*engine, unlaunchable);
+    EXPECT_EQ(unlaunchable.errors, 1);
+    EXPECT_TRUE(dynamic_cast<const PlatformError*>(unlaunchable.error.get()));
+    EXPECT_FALSE(unlaunchable.errorMessage.isEmpty());
     EXPECT_TRUE(dictationFiles().isEmpty());
 }
 
