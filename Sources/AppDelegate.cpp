@@ -58,6 +58,8 @@ bool AppDelegate::ensureSingleInstance()
 
 void AppDelegate::setupStatusItem()
 {
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
     m_statusItem = std::make_unique<QSystemTrayIcon>(StatusIcon::make(StatusIcon::Tint::normal));
     m_statusItem->setToolTip(QStringLiteral("Voxaria"));
     refreshMenu();
