@@ -141,7 +141,10 @@ QWidget* HUDPanel::panel() const
 
 void HUDPanel::show(const QString& status, const QString& text)
 {
-    qCInfo(lcHud) << "Showing" << status << "with text" << text;
+    // The status is logged for whoever follows the HUD without seeing it; the user's words only
+    // when debugging is asked for.
+    qCInfo(lcHud) << "Showing" << status;
+    qCDebug(lcHud) << "with text" << text;
     m_statusLabel->setText(status);
     m_panel->setAccessibleName(status);
     setText(text);
@@ -152,7 +155,7 @@ void HUDPanel::show(const QString& status, const QString& text)
 
 void HUDPanel::update(const QString& text)
 {
-    qCInfo(lcHud) << "Text" << text;
+    qCDebug(lcHud) << "Text" << text;
     setText(text);
     layoutAndPosition();
 }
