@@ -1,5 +1,7 @@
+#include "AppRun.h"
 #include "DesktopApps.h"
 #include "TestSupport.h"
+#include "XTestKeyboard.h"
 
 #include "Platform/Linux/X11FrontApplication.h"
 #include "Platform/Linux/XTestKeyPoster.h"
@@ -14,16 +16,12 @@ namespace {
 
 using WindowClass = FrontApplication::WindowClass;
 
-const WindowClass receiverClass{QStringLiteral("receiver"), QStringLiteral("receiver")};
-
 class FrontApplicationTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         if (!TestSupport::hasX11())
             GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
-        QDir(applicationsFolder()).removeRecursively();
-        QDir().mkpath(applicationsFolder());
     }
 
     void TearDown() override { QDir(applicationsFolder()).removeRecursively(); }
@@ -35,6 +33,7 @@ protected:
 
     static void installDesktopEntry(const QString& fileName, const QByteArray& contents)
     {
+        QDir().mkpath(applicationsFolder());
         QFile file(applicationsFolder() + QLatin1Char('/') + fileName);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(contents);
@@ -43,18 +42,11 @@ protected:
     X11FrontApplication front;
 };
 
-TEST_F(FrontApplicationTest, NamesTheFocusedWindowByItsClassWhenNoDesktopEntryKnowsIt)
+TEST_F(FrontApplicationTest, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseByItsWindowClass)
 {
-    DesktopApps::Receiver receiver;
-    ASSERT_TRUE(receiver.isReady() && receiver.focus());
-    EXPECT_EQ(front.windowClass(), receiverClass);
+    ReceivingWindow receiver;
+    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     EXPECT_EQ(front.localizedName(), QStringLiteral("receiver"));
-}
-
-TEST_F(FrontApplicationTest, PrefersTheBrazilianNameOfTheMatchingDesktopEntry)
-{
-    DesktopApps::Receiver receiver;
-    ASSERT_TRUE(receiver.isReady() && receiver.focus());
 
     // Matched by its file name alone, untranslated.
     installDesktopEntry(QStringLiteral("Receiver.desktop"),
@@ -70,17 +62,18 @@ TEST_F(FrontApplicationTest, PrefersTheBrazilianNameOfTheMatchingDesktopEntry)
 
 TEST_F(FrontApplicationTest, FollowsTheFocusFromWindowToWindowAndRecognisesTerminals)
 {
-    DesktopApps::Receiver receiver;
+    ReceivingWindow receiver;
     DesktopApps::Terminal terminal;
-    ASSERT_TRUE(receiver.isReady() && terminal.isReady());
+    ASSERT_TRUE(receiver.start() && terminal.windowId() != 0) << "the receiving window or xterm did not come up";
 
-    ASSERT_TRUE(terminal.focus());
+    XTestKeyboard::focus(terminal.windowId());
     const std::optional<WindowClass> terminalClass = front.windowClass();
     ASSERT_TRUE(terminalClass);
     EXPECT_EQ(terminalClass->className, QStringLiteral("XTerm"));
     EXPECT_TRUE(XTestKeyPoster::isTerminal(*terminalClass));
 
-    ASSERT_TRUE(receiver.focus());
+    XTestKeyboard::focus(receiver.windowId());
+    const WindowClass receiverClass{QStringLiteral("receiver"), QStringLiteral("receiver")};
     EXPECT_EQ(front.windowClass(), receiverClass);
     EXPECT_FALSE(XTestKeyPoster::isTerminal(receiverClass));
     EXPECT_TRUE(XTestKeyPoster::isTerminal({QStringLiteral("gnome-terminal-server"), QStringLiteral("Gnome-terminal")}));

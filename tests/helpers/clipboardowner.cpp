@@ -3,8 +3,7 @@
 // Usage: clipboardowner TYPE FILE [TYPE FILE ...]
 //
 // Offers each FILE's bytes under its MIME TYPE on the CLIPBOARD selection, prints "ready" on
-// standard output, and keeps serving the selection until terminated or until another program
-// takes the clipboard over.
+// standard output, and keeps serving the selection until terminated.
 
 #include <QApplication>
 #include <QClipboard>
@@ -29,12 +28,7 @@ int main(int argc, char** argv)
         }
         contents->setData(QString::fromLocal8Bit(argv[index]), file.readAll());
     }
-    QClipboard* clipboard = QGuiApplication::clipboard();
-    clipboard->setMimeData(contents, QClipboard::Clipboard);
-    QObject::connect(clipboard, &QClipboard::changed, &app, [clipboard](QClipboard::Mode mode) {
-        if (mode == QClipboard::Clipboard && !clipboard->ownsClipboard())
-            QCoreApplication::quit();
-    });
+    QGuiApplication::clipboard()->setMimeData(contents, QClipboard::Clipboard);
     std::printf("ready\n");
     std::fflush(stdout);
     return app.exec();

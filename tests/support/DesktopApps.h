@@ -4,27 +4,27 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
-#include <memory>
 #include <utility>
 #include <vector>
 
-// Real X11 programs that tests drive: the receiving window, a foreign clipboard owner, xterm, and
-// readers of the clipboard that look at it the way any other application would.
+// Programs of the X11 desktop that tests drive, and the clipboard as any other program sees it.
 namespace DesktopApps {
 
-// The helper window that records what it receives (tests/helpers/receiver.cpp).
-class Receiver {
+// xterm running `cat` in raw mode, so every byte the terminal sends is recorded.
+class Terminal {
 public:
-    Receiver();
-    ~Receiver();
-    bool isReady() const { return m_windowId != 0; }
+    Terminal();
+    ~Terminal();
+    // 0 when xterm did not come up.
     unsigned long windowId() const { return m_windowId; }
-    QString text() const;
-    bool focus() const;
+    QByteArray received() const;
 
 private:
-    QString m_output;
+    QString outputPath() const { return m_folder.filePath(QStringLiteral("received")); }
+
+    QTemporaryDir m_folder;
     QProcess m_process;
     unsigned long m_windowId = 0;
 };
@@ -41,30 +41,11 @@ private:
     bool m_ready = false;
 };
 
-// xterm running `cat` in raw mode into a file, so every byte the terminal sends is recorded.
-class Terminal {
-public:
-    Terminal();
-    ~Terminal();
-    bool isReady() const { return m_windowId != 0; }
-    QByteArray received() const;
-    bool focus() const;
-
-private:
-    QString m_output;
-    QProcess m_process;
-    unsigned long m_windowId = 0;
-};
-
-// The clipboard as seen from outside: its targets, and the bytes of one target (empty if none).
-// The event loop keeps running meanwhile, since this process may be the owner.
+// The clipboard's sorted targets, and the bytes of one target (empty if none), read by xclip while
+// the event loop keeps running, since this process may be the owner.
 QStringList clipboardTargets();
 QByteArray clipboardData(const QString& target);
 // Leaves the clipboard without an owner.
 void clearClipboard();
-
-// The window holding the keyboard focus (xdotool's view).
-unsigned long focusedWindow();
-bool focusWindow(unsigned long windowId);
 
 }
