@@ -24,37 +24,29 @@ protected:
             GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
     }
 
-    void TearDown() override { QDir(applicationsFolder()).removeRecursively(); }
-
-    static QString applicationsFolder()
-    {
-        return QStandardPaths::writableLocation(QStandardPaths::ApplicationsLocation);
-    }
-
-    static void installDesktopEntry(const QString& fileName, const QByteArray& contents)
-    {
-        QDir().mkpath(applicationsFolder());
-        QFile file(applicationsFolder() + QLatin1Char('/') + fileName);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
-    }
-
     X11FrontApplication front;
 };
 
 TEST_F(FrontApplicationTest, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseByItsWindowClass)
 {
+    QDir applications(QStandardPaths::writableLocation(QStandardPaths::ApplicationsLocation));
+    applications.removeRecursively();
+    applications.mkpath(QStringLiteral("."));
+    const auto install = [&](const QString& fileName, const QByteArray& contents) {
+        QFile file(applications.filePath(fileName));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(contents);
+    };
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     EXPECT_EQ(front.localizedName(), QStringLiteral("receiver"));
 
     // Matched by its file name alone, untranslated.
-    installDesktopEntry(QStringLiteral("Receiver.desktop"),
-        "[Desktop Entry]\nType=Application\nName=Receiving Window\nExec=receiver\n");
+    install(QStringLiteral("Receiver.desktop"), "[Desktop Entry]\nType=Application\nName=Receiving Window\nExec=receiver\n");
     EXPECT_EQ(front.localizedName(), QStringLiteral("Receiving Window"));
 
     // An entry naming the window class wins, in its pt_BR translation; an action's name is no name.
-    installDesktopEntry(QStringLiteral("org.example.Inbox.desktop"),
+    install(QStringLiteral("org.example.Inbox.desktop"),
         "[Desktop Entry]\nType=Application\nName=Inbox\nName[pt]=Caixa\nName[pt_BR]=Caixa de Entrada\n"
         "StartupWMClass=Receiver\nActions=new;\n\n[Desktop Action new]\nName=New window\nName[pt_BR]=Nova janela\n");
     EXPECT_EQ(front.localizedName(), QStringLiteral("Caixa de Entrada"));

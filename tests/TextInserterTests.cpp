@@ -141,14 +141,14 @@ TEST_F(TextInserterOnX11Test, TextArrivesOnceAndTheClipboardOffersExactlyWhatItD
 {
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
-    const std::vector<std::pair<QString, QByteArray>> nothing;
-    const std::vector<std::pair<QString, QByteArray>> fourFormats = {
+    using Formats = std::vector<std::pair<QString, QByteArray>>;
+    const Formats fourFormats = {
         {QStringLiteral("text/plain"), QByteArray("texto de antes")},
         {QStringLiteral("text/html"), QByteArray("<b>texto</b> de antes")},
         {QStringLiteral("image/png"), pngImage()},
         {QStringLiteral("application/x-voxaria-test"), QByteArray("\x01\x02\xff", 3)},
     };
-    for (const auto& formats : {nothing, fourFormats}) {
+    for (const Formats& formats : {Formats(), fourFormats}) {
         SCOPED_TRACE(formats.empty() ? "empty clipboard" : "clipboard of another program");
         DesktopApps::clearClipboard();
         std::optional<DesktopApps::ClipboardOwner> owner;
