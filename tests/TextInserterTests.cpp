@@ -6,6 +6,7 @@
 
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
+#include "Platform/Linux/XTestKeyPoster.h"
 
 #include <QBuffer>
 #include <QElapsedTimer>
@@ -190,6 +191,11 @@ TEST_F(TextInserterOnX11Test, TakesTheClipboardFromProgramsThatClaimedItJustNowT
 
 TEST_F(TextInserterOnX11Test, TerminalGetsControlShiftVSoTheTextArrivesInsteadOfCaretV)
 {
+    // Other terminals are known by their window class too; an editor is no terminal.
+    EXPECT_TRUE(XTestKeyPoster::isTerminal({QStringLiteral("gnome-terminal-server"), QStringLiteral("Gnome-terminal")}));
+    EXPECT_TRUE(XTestKeyPoster::isTerminal({QStringLiteral("Alacritty"), QStringLiteral("Alacritty")}));
+    EXPECT_FALSE(XTestKeyPoster::isTerminal({QStringLiteral("gedit"), QStringLiteral("Gedit")}));
+
     DesktopApps::Terminal terminal;
     ASSERT_NE(terminal.windowId(), 0u) << "xterm did not come up";
     XTestKeyboard::focus(terminal.windowId());
