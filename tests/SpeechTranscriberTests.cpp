@@ -83,6 +83,17 @@ protected:
         return engine;
     }
 
+    // What a failing start() said, as the user would read it.
+    QString startFailure(SpeechTranscriber& engine)
+    {
+        try {
+            answers.start(engine);
+        } catch (const Error& error) {
+            return error.description();
+        }
+        return QStringLiteral("(started)");
+    }
+
     std::shared_ptr<FakeSpeechRecognizer> recognizer = std::make_shared<FakeSpeechRecognizer>();
     QStringList askedLocales;
     FakeAudioInput* microphone = nullptr;
@@ -221,38 +232,24 @@ TEST_F(SpeechTranscriberTest, MicrophoneAudioReachesTheRecogniserAs16kHzMono)
     EXPECT_NEAR(loudest, 0.5 * 32767, 0.05 * 32767) << "the down-mix must keep the level, not sum or drop a channel";
 }
 
-TEST_F(SpeechTranscriberTest, AStartThatFailsSaysWhyLeavesTheMicrophoneFreeAndTheNextStartWorks)
+TEST_F(SpeechTranscriberTest, AStartThatFailsSaysWhyLeavesNothingPendingAndTheNextStartWorks)
 {
-    const struct {
-        const char* name;
-        std::function<void()> breakIt;
-        QString message;
-    } failures[] = {
-        {"no model for the language", [this] { recognizer = nullptr; },
-         "Reconhecimento de fala indisponível para o idioma en-US. Verifique se o modelo do PocketSphinx para esse "
-         "idioma está instalado."},
-        {"busy microphone", [this] { microphone->startFailure = QStringLiteral("Dispositivo ocupado"); }, "Dispositivo ocupado"},
-    };
-    for (const auto& failure : failures) {
-        SCOPED_TRACE(failure.name);
-        auto engine = makeEngine();
-        failure.breakIt();
-        try {
-            answers.start(*engine);
-            ADD_FAILURE() << "start did not fail";
-        } catch (const Error& error) {
-            EXPECT_EQ(error.description(), failure.message);
-        }
-        EXPECT_FALSE(microphone->isRunning());
-        engine->finish();
-        spin(500ms);
-        EXPECT_EQ(answers.answers(), 0);
+    auto engine = makeEngine();
+    microphone->startFailure = QStringLiteral("Dispositivo ocupado");
+    EXPECT_EQ(startFailure(*engine), "Dispositivo ocupado");
+    microphone->startFailure.clear();
+    recognizer = nullptr; // no model for the language
+    EXPECT_EQ(startFailure(*engine), "Reconhecimento de fala indisponível para o idioma en-US. Verifique se o modelo do "
+                                     "PocketSphinx para esse idioma está instalado.");
+    EXPECT_EQ(microphone->startCount, 1) << "a language without a model never touches the microphone";
+    EXPECT_FALSE(microphone->isRunning());
+    engine->finish();
+    spin(500ms);
+    EXPECT_EQ(answers.answers(), 0);
 
-        recognizer = std::make_shared<FakeSpeechRecognizer>();
-        microphone->startFailure.clear();
-        answers.start(*engine);
-        EXPECT_TRUE(microphone->isRunning());
-    }
+    recognizer = std::make_shared<FakeSpeechRecognizer>();
+    answers.start(*engine);
+    EXPECT_TRUE(microphone->isRunning()) << "the next dictation starts normally";
 }
 
 // The real recogniser and model lookup, without a microphone.
