@@ -129,6 +129,8 @@ TEST_F(EndToEnd, NativeEngineTypesTheSpeechIntoTheFocusedWindowAndKeepsTheClipbo
     holdAndSpeak(speech, Look::atIconAndScreen);
     ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s))
         << "received: " << receiver.text().toStdString() << "\n" << app.log().join('\n').toStdString();
+    // The words showed on the HUD while the key was still held.
+    EXPECT_FALSE(app.linesWith(QStringLiteral("voxaria.hud: Text")).isEmpty()) << app.log().join('\n').toStdString();
 
     ASSERT_TRUE(TestSupport::waitUntil([&] { return !history().isEmpty(); }, 3s));
     const QJsonArray entries = history();
