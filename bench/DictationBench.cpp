@@ -4,6 +4,7 @@
 // whisper-cli is a bash stand-in that stamps its start and exit and copies the WAV it was given.
 // Run under scripts/with-harness.sh.
 #include "AppRun.h"
+#include "ProcessStats.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
@@ -105,38 +106,6 @@ double maximum(const std::vector<double>& values)
     return values.empty() ? -1 : *std::max_element(values.begin(), values.end());
 }
 
-qint64 statusField(qint64 pid, const QString& task, const QByteArray& field)
-{
-    QFile status(QStringLiteral("/proc/%1/task/%2/status").arg(pid).arg(task));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith(field + ':'))
-            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
-    }
-    return 0;
-}
-
-qint64 contextSwitches(qint64 pid)
-{
-    qint64 total = 0;
-    for (const QString& task : QDir(QStringLiteral("/proc/%1/task").arg(pid)).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
-        total += statusField(pid, task, "voluntary_ctxt_switches") + statusField(pid, task, "nonvoluntary_ctxt_switches");
-    return total;
-}
-
-qint64 residentKb(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-    }
-    return 0;
-}
-
 }
 
 int main(int argc, char** argv)
@@ -199,10 +168,10 @@ int main(int argc, char** argv)
 
     const qint64 pid = run.process().processId();
     QThread::sleep(3);
-    const qint64 before = contextSwitches(pid);
+    const qint64 before = ProcessStats::contextSwitches(pid);
     QThread::sleep(10);
-    const qint64 wakeups = contextSwitches(pid) - before;
-    const qint64 rss = residentKb(pid);
+    const qint64 wakeups = ProcessStats::contextSwitches(pid) - before;
+    const qint64 rss = ProcessStats::residentKb(pid);
     run.stop();
 
     std::printf("lost lead-in of a tone played 50 ms after the key press: median %.1f ms, worst %.1f ms (target 0)\n",

@@ -52,43 +52,50 @@ bool endTrap(Display* display)
     return !trappedError;
 }
 
-std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property)
-{
-    Atom actualType = None;
+namespace {
+
+// One property's value as Xlib hands it over, freed with Xlib's own allocator.
+struct PropertyValue {
     int format = 0;
     unsigned long count = 0;
+    unsigned char* data = nullptr;
+    PropertyValue() = default;
+    PropertyValue(const PropertyValue&) = delete;
+    PropertyValue& operator=(const PropertyValue&) = delete;
+    ~PropertyValue()
+    {
+        if (data)
+            XFree(data);
+    }
+};
+
+bool readProperty(Display* display, Window window, Atom property, Atom type, long length, PropertyValue& value)
+{
+    Atom actualType = None;
     unsigned long remaining = 0;
-    unsigned char* value = nullptr;
-    const bool ok = withErrorsTrapped(display, [&] {
-        XGetWindowProperty(display, window, property, 0, 4096, False, AnyPropertyType, &actualType, &format,
-            &count, &remaining, &value);
-    });
-    std::optional<QByteArray> result;
-    if (ok && value && format == 8)
-        result = QByteArray(reinterpret_cast<const char*>(value), int(count));
-    if (value)
-        XFree(value);
-    return result;
+    return withErrorsTrapped(display, [&] {
+        XGetWindowProperty(display, window, property, 0, length, False, type, &actualType, &value.format,
+            &value.count, &remaining, &value.data);
+    }) && value.data;
+}
+
+}
+
+std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property)
+{
+    PropertyValue value;
+    if (!readProperty(display, window, property, AnyPropertyType, 4096, value) || value.format != 8)
+        return std::nullopt;
+    return QByteArray(reinterpret_cast<const char*>(value.data), int(value.count));
 }
 
 std::optional<unsigned long> cardinalProperty(Display* display, Window window, Atom property, Atom type)
 {
-    Atom actualType = None;
-    int format = 0;
-    unsigned long count = 0;
-    unsigned long remaining = 0;
-    unsigned char* value = nullptr;
-    const bool ok = withErrorsTrapped(display, [&] {
-        XGetWindowProperty(display, window, property, 0, 1, False, type, &actualType, &format, &count, &remaining,
-            &value);
-    });
-    std::optional<unsigned long> result;
+    PropertyValue value;
     // Xlib hands 32-bit properties back as longs.
-    if (ok && value && format == 32 && count == 1)
-        result = *reinterpret_cast<unsigned long*>(value);
-    if (value)
-        XFree(value);
-    return result;
+    if (!readProperty(display, window, property, type, 1, value) || value.format != 32 || value.count != 1)
+        return std::nullopt;
+    return *reinterpret_cast<unsigned long*>(value.data);
 }
 
 }

@@ -1,0 +1,42 @@
+#pragma once
+
+// What /proc tells about another process: how often its threads woke up, how much memory it holds.
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QString>
+
+namespace ProcessStats {
+
+// A numeric field ("VmRSS", "voluntary_ctxt_switches"...) of a /proc status file, 0 when absent.
+inline qint64 statusField(const QString& statusPath, const QByteArray& field)
+{
+    QFile status(statusPath);
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
+    }
+    return 0;
+}
+
+// Wake-ups of the whole process: the context switches of all its threads.
+inline qint64 contextSwitches(qint64 pid)
+{
+    qint64 total = 0;
+    const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
+    for (const QString& task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QString status = tasks + QLatin1Char('/') + task + QStringLiteral("/status");
+        total += statusField(status, "voluntary_ctxt_switches") + statusField(status, "nonvoluntary_ctxt_switches");
+    }
+    return total;
+}
+
+inline qint64 residentKb(qint64 pid)
+{
+    return statusField(QStringLiteral("/proc/%1/status").arg(pid), "VmRSS");
+}
+
+}
