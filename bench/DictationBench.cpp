@@ -12,7 +12,6 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QThread>
 
 #include <sys/stat.h>
 
@@ -166,12 +165,7 @@ int main(int argc, char** argv)
         TestSupport::spin(800ms);
     }
 
-    const qint64 pid = run.process().processId();
-    QThread::sleep(3);
-    const qint64 before = ProcessStats::contextSwitches(pid);
-    QThread::sleep(10);
-    const qint64 wakeups = ProcessStats::contextSwitches(pid) - before;
-    const qint64 rss = ProcessStats::residentKb(pid);
+    const ProcessStats::IdleCost idle = ProcessStats::idleCost(run.process().processId());
     run.stop();
 
     std::printf("lost lead-in of a tone played 50 ms after the key press: median %.1f ms, worst %.1f ms (target 0)\n",
@@ -181,7 +175,7 @@ int main(int argc, char** argv)
                 median(releaseToStart), maximum(releaseToStart));
     std::printf("whisper-cli exit -> text in the receiving window: median %.1f ms, worst %.1f ms (target <= 80 ms)\n",
                 median(exitToText), maximum(exitToText));
-    std::printf("idle after 10 dictations: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", wakeups);
-    std::printf("idle after 10 dictations: resident memory %.1f MB (target <= 60 MB)\n", rss / 1024.0);
+    std::printf("idle after 10 dictations: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", idle.wakeups);
+    std::printf("idle after 10 dictations: resident memory %.1f MB (target <= 60 MB)\n", idle.residentKb / 1024.0);
     return 0;
 }

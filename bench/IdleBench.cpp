@@ -6,7 +6,6 @@
 #include <QCoreApplication>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <cstdio>
 
@@ -29,15 +28,10 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "cannot start %s\n", VOXARIA_APP_BINARY);
         return 1;
     }
-    const qint64 pid = voxaria.processId();
-    QThread::sleep(3);
-    const qint64 before = ProcessStats::contextSwitches(pid);
-    QThread::sleep(10);
-    const qint64 wakeups = ProcessStats::contextSwitches(pid) - before;
-    const qint64 rssKb = ProcessStats::residentKb(pid);
+    const ProcessStats::IdleCost idle = ProcessStats::idleCost(voxaria.processId());
     voxaria.terminate();
     voxaria.waitForFinished();
-    std::printf("idle voxaria: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", wakeups);
-    std::printf("idle voxaria: resident memory %.1f MB (target <= 60 MB)\n", rssKb / 1024.0);
+    std::printf("idle voxaria: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", idle.wakeups);
+    std::printf("idle voxaria: resident memory %.1f MB (target <= 60 MB)\n", idle.residentKb / 1024.0);
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QString>
+#include <QThread>
 
 namespace ProcessStats {
 
@@ -37,6 +38,20 @@ inline qint64 contextSwitches(qint64 pid)
 inline qint64 residentKb(qint64 pid)
 {
     return statusField(QStringLiteral("/proc/%1/status").arg(pid), "VmRSS");
+}
+
+// What a process costs while nobody uses it: measured after it settled for 3 s, over 10 s.
+struct IdleCost {
+    qint64 wakeups;
+    qint64 residentKb;
+};
+
+inline IdleCost idleCost(qint64 pid)
+{
+    QThread::sleep(3);
+    const qint64 before = contextSwitches(pid);
+    QThread::sleep(10);
+    return {contextSwitches(pid) - before, residentKb(pid)};
 }
 
 }

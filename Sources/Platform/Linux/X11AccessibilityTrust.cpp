@@ -5,7 +5,6 @@
 #include "X11Display.h"
 
 #include <X11/extensions/XInput2.h>
-#include <X11/extensions/XTest.h>
 
 std::unique_ptr<AccessibilityTrust> AccessibilityTrust::makeDefault()
 {
@@ -26,21 +25,12 @@ bool offersXInput2(Display* display)
     return XIQueryVersion(display, &major, &minor) == Success && major >= 2;
 }
 
-bool offersXTest(Display* display)
-{
-    int event = 0;
-    int error = 0;
-    int major = 0;
-    int minor = 0;
-    return XTestQueryExtension(display, &event, &error, &major, &minor);
-}
-
 }
 
 bool X11AccessibilityTrust::isTrusted(bool prompt)
 {
     Display* display = X11Display::shared();
-    const bool trusted = display && offersXInput2(display) && offersXTest(display);
+    const bool trusted = display && offersXInput2(display) && X11Display::offersXTest(display);
     if (!trusted && prompt)
         qCWarning(lcDictation) << "keyboard access is not possible here: it needs an X11 session whose server"
                                   " offers XInput 2 and XTEST";

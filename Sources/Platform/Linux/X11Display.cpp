@@ -3,6 +3,7 @@
 #include "X11Display.h"
 
 #include <X11/Xatom.h>
+#include <X11/extensions/XTest.h>
 
 namespace X11Display {
 
@@ -79,6 +80,15 @@ bool readProperty(Display* display, Window window, Atom property, Atom type, lon
     }) && value.data;
 }
 
+}
+
+bool offersXTest(Display* display)
+{
+    int eventBase = 0;
+    int errorBase = 0;
+    int major = 0;
+    int minor = 0;
+    return XTestQueryExtension(display, &eventBase, &errorBase, &major, &minor);
 }
 
 std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property)

@@ -28,6 +28,9 @@ bool withErrorsTrapped(Display* display, Requests&& requests)
     return endTrap(display);
 }
 
+// Whether the display can take synthetic input events (the XTEST extension).
+bool offersXTest(Display* display);
+
 // A string property of a window (e.g. WM_CLASS), raw, or nothing.
 std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property);
 // The first value of a CARDINAL or WINDOW property (e.g. _NET_WM_PID), or nothing.

@@ -24,20 +24,11 @@ std::optional<KeySym> keySymFor(quint16 virtualKey)
     }
 }
 
-bool hasXTest(Display* display)
-{
-    int eventBase = 0;
-    int errorBase = 0;
-    int major = 0;
-    int minor = 0;
-    return XTestQueryExtension(display, &eventBase, &errorBase, &major, &minor);
-}
-
 // The display, when it can take synthetic keys.
 Display* xtestDisplay()
 {
     Display* display = X11Display::shared();
-    static const bool available = display && hasXTest(display);
+    static const bool available = display && X11Display::offersXTest(display);
     if (display && !available)
         qCWarning(lcInsert) << "The X server lacks the XTEST extension: cannot synthesise the paste";
     return available ? display : nullptr;
