@@ -9,6 +9,8 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QThread>
 
@@ -288,12 +290,17 @@ TEST(PocketSphinx, ABrokenUserModelIsAnErrorOfTheDictationNotACrash)
     EXPECT_TRUE(answers.errors.first().contains(QStringLiteral("modelo do PocketSphinx"))) << answers.errors.first().toStdString();
 }
 
-// (substitutions + deletions + insertions) / reference words, over lower-case words without punctuation.
-double wordErrorRate(const QString& reference, const QString& hypothesis)
+QStringList wordsOf(const QString& text)
 {
     static const QRegularExpression notWordCharacter(QStringLiteral("[^\\w']+"));
-    const QStringList expected = reference.toLower().split(notWordCharacter, Qt::SkipEmptyParts);
-    const QStringList heard = hypothesis.toLower().split(notWordCharacter, Qt::SkipEmptyParts);
+    return text.toLower().split(notWordCharacter, Qt::SkipEmptyParts);
+}
+
+// (substitutions + deletions + insertions) / reference words.
+double wordErrorRate(const QString& reference, const QString& hypothesis)
+{
+    const QStringList expected = wordsOf(reference);
+    const QStringList heard = wordsOf(hypothesis);
     // One row of the edit-distance table at a time.
     std::vector<int> row(heard.size() + 1);
     std::iota(row.begin(), row.end(), 0);
@@ -308,30 +315,94 @@ double wordErrorRate(const QString& reference, const QString& hypothesis)
     return double(row[heard.size()]) / qMax(1, int(expected.size()));
 }
 
-// Real speech through the virtual microphone into the real engine. PocketSphinx is weak on FLEURS:
-// through the virtual microphone this clip measured a word error rate of about 0.45-0.6, and above
-// 0.9 at a wrong sample rate or with a mangled down-mix.
-TEST(RealRecognition, SpokenEnglishStaysUnderTheMeasuredWordErrorRateWithPartialsBeforeTheFinalText)
+// The share of the reference's words that were heard, in any order.
+double wordRecall(const QString& reference, const QString& hypothesis)
+{
+    QStringList unmatched = wordsOf(hypothesis);
+    const QStringList expected = wordsOf(reference);
+    const auto found = std::count_if(expected.begin(), expected.end(), [&](const QString& word) { return unmatched.removeOne(word); });
+    return double(found) / qMax(1, int(expected.size()));
+}
+
+// The clip PocketSphinx hears best of the English recordings, and what it should say.
+const QString kSpeech = QStringLiteral("speech/fleurs-en-005.ogg");
+QString referenceText()
+{
+    QFile reference(testDataPath(QStringLiteral("speech/fleurs-en-005.txt")));
+    reference.open(QIODevice::ReadOnly);
+    return QString::fromUtf8(reference.readAll());
+}
+
+// The recording as a typical microphone delivers it: 48 kHz stereo float.
+QByteArray decodedAsMicrophoneFrames(const QString& path)
+{
+    QProcess decoder;
+    decoder.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
+                                             QStringLiteral("-ar"), QStringLiteral("48000"), QStringLiteral("-ac"), QStringLiteral("2"),
+                                             QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
+    decoder.waitForFinished(30000);
+    return decoder.readAllStandardOutput();
+}
+
+class RealRecognition : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!QFileInfo::exists(kSystemEnglishModel))
+            GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+        Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
+    }
+
+    // The one final text after finish(), printed so a run shows what was heard; empty on an error.
+    QString finalText(std::chrono::seconds timeout)
+    {
+        if (!waitUntil([&] { return answers.answers() > 0; }, timeout) || answers.finals.size() != 1) {
+            ADD_FAILURE() << "no final text: " << answers.errors.join(' ').toStdString();
+            return {};
+        }
+        std::cout << "heard: " << answers.finals.first().toStdString() << std::endl;
+        return answers.finals.first();
+    }
+
+    Answers answers;
+};
+
+// Fed the same buffers, the chain after the microphone (down-mix, resampling to 16 kHz, PocketSphinx)
+// hears the same words give or take one: a word error rate of 0.55-0.6 in every run measured. That pins
+// its accuracy; PocketSphinx is weak on FLEURS, and a wrong rate or a mangled down-mix takes this
+// clip above 0.9.
+TEST_F(RealRecognition, SpokenEnglishDecodesUnderTheMeasuredWordErrorRate)
+{
+    const QByteArray frames = decodedAsMicrophoneFrames(testDataPath(kSpeech));
+    ASSERT_GT(frames.size(), 48000 * 8) << "ffmpeg could not decode the speech";
+    auto input = std::make_unique<FakeAudioInput>();
+    input->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};
+    FakeAudioInput* microphone = input.get();
+    // Delivered all at once, the clip takes the decoder longer than the usual wait after the key.
+    SpeechTranscriber engine(std::move(input), &SpeechRecognizer::make, &AudioConverter::makeDefault, 30s);
+    answers.start(engine);
+    constexpr qsizetype kBufferBytes = 960 * 2 * sizeof(float); // 20 ms
+    for (qsizetype at = 0; at < frames.size(); at += kBufferBytes)
+        microphone->deliver(QByteArrayView(frames).sliced(at, qMin(kBufferBytes, frames.size() - at)));
+    engine.finish();
+    EXPECT_LT(wordErrorRate(referenceText(), finalText(20s)), 0.7);
+}
+
+// Real speech through the virtual microphone. Where the speech falls against PocketSphinx's 10 ms
+// frames changes a few words from one run to the next (a word error rate anywhere from 0.55 to
+// 0.85 was measured for this clip), so this asks only that a good share of the words be heard at
+// all: between a half and two thirds of them always were, and noise or a misread format gives
+// almost none.
+TEST_F(RealRecognition, SpeechIntoTheMicrophoneIsHeardWithPartialsBeforeTheFinalText)
 {
     if (!hasPulseAudio())
         GTEST_SKIP() << "needs the harness's PulseAudio virtual microphone (scripts/with-harness.sh)";
-    if (!QFileInfo::exists(kSystemEnglishModel))
-        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
-    Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
-    QFile reference(testDataPath(QStringLiteral("speech/fleurs-en-005.txt")));
-    ASSERT_TRUE(reference.open(QIODevice::ReadOnly));
-
     SpeechTranscriber engine;
-    Answers answers;
     answers.start(engine);
-    EXPECT_TRUE(playIntoMicrophone(testDataPath(QStringLiteral("speech/fleurs-en-005.ogg"))));
+    EXPECT_TRUE(playIntoMicrophone(testDataPath(kSpeech)));
     spin(300ms); // the tail still travelling through the sound server
     engine.finish();
-    ASSERT_TRUE(waitUntil([&] { return answers.answers() > 0; }, 10s));
-    ASSERT_EQ(answers.finals.size(), 1) << answers.errors.join(' ').toStdString();
-    const double wer = wordErrorRate(QString::fromUtf8(reference.readAll()), answers.finals.first());
-    std::cout << "word error rate " << wer << " for: " << answers.finals.first().toStdString() << std::endl;
-    EXPECT_LT(wer, 0.75);
+    EXPECT_GE(wordRecall(referenceText(), finalText(10s)), 0.35);
     EXPECT_GE(answers.partials.size(), 1);
     EXPECT_TRUE(answers.allOnMainThread);
 }
