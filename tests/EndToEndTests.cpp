@@ -173,8 +173,8 @@ TEST_F(EndToEnd, AShortPressInsertsNothingAndHidesTheHud)
     ASSERT_TRUE(app.start());
     const int from = app.lineCount();
     ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 200ms));
-    ASSERT_TRUE(app.waitForLog(listening, 3s, from));
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("short press"), 3s, from));
+    ASSERT_TRUE(app.waitForLog(listening, 3s, from)) << app.log().join('\n').toStdString();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("short press"), 3s, from)) << app.log().join('\n').toStdString();
     expectNothingInserted();
     const QStringList hud = app.linesWith(QStringLiteral("voxaria.hud:"));
     ASSERT_FALSE(hud.isEmpty());

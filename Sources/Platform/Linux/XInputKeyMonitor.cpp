@@ -89,7 +89,8 @@ bool XInputKeyMonitor::openConnection()
     XISetMask(bits, XI_RawKeyRelease);
     XIEventMask mask{XIAllMasterDevices, int(sizeof bits), bits};
     XISelectEvents(display, DefaultRootWindow(display), &mask, 1);
-    XFlush(display);
+    // Waits until the server has the selection: a key pressed after "watching" is then always seen.
+    XSync(display, False);
 
     m_display = display;
     m_heldKeycodes.clear();
