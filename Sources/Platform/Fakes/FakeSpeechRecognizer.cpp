@@ -73,31 +73,29 @@ int FakeSpeechRecognizer::taskCount() const
     return m_taskCount;
 }
 
-std::vector<qint16> FakeSpeechRecognizer::receivedSamples() const
+template <typename T>
+T FakeSpeechRecognizer::ofCurrent(T Recognition::*field, T none) const
 {
     std::lock_guard lock(m_mutex);
     if (!m_current)
-        return {};
+        return none;
     std::lock_guard recognitionLock(m_current->mutex);
-    return m_current->samples;
+    return (*m_current).*field;
+}
+
+std::vector<qint16> FakeSpeechRecognizer::receivedSamples() const
+{
+    return ofCurrent(&Recognition::samples, std::vector<qint16>{});
 }
 
 bool FakeSpeechRecognizer::audioEnded() const
 {
-    std::lock_guard lock(m_mutex);
-    if (!m_current)
-        return false;
-    std::lock_guard recognitionLock(m_current->mutex);
-    return m_current->ended;
+    return ofCurrent(&Recognition::ended, false);
 }
 
 bool FakeSpeechRecognizer::taskCancelled() const
 {
-    std::lock_guard lock(m_mutex);
-    if (!m_current)
-        return false;
-    std::lock_guard recognitionLock(m_current->mutex);
-    return m_current->cancelled;
+    return ofCurrent(&Recognition::cancelled, false);
 }
 
 void FakeSpeechRecognizer::sendPartial(const QString& text)
