@@ -1,7 +1,7 @@
 // Prints how long the history takes for what the user waits on: an add (with its atomic write) on a
 // full history, loading a very large file, and one keystroke in the history window's search field.
-#include "HistoryStore.h"
-#include "HistoryWindow.h"
+#include "History/HistoryStore.h"
+#include "History/HistoryWindow.h"
 #include "Platform/Fakes/FakeAlerts.h"
 
 #include <QApplication>

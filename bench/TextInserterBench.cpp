@@ -3,7 +3,7 @@
 //    to save it, and the time the restoration takes to put it back;
 //  - when the pasted text lands in a focused text field, counted from the call (target 50 ms).
 
-#include "TextInserter.h"
+#include "Dictation/TextInserter.h"
 
 #include <QApplication>
 #include <QBuffer>

@@ -1,10 +1,10 @@
 // How long Voxaria itself adds around whisper-cli: from the key release (finish()) to the child
 // running, and from the child's exit to the text reaching onFinal. whisper-cli's own time is left
 // out: a tiny shell stand-in writes its transcript and the moment it exits.
-#include "AppPaths.h"
+#include "Shared/AppPaths.h"
 #include "Platform/Fakes/FakeAudioInput.h"
-#include "Settings.h"
-#include "WhisperTranscriber.h"
+#include "App/Settings.h"
+#include "Engines/WhisperTranscriber.h"
 
 #include <QCoreApplication>
 #include <QDir>

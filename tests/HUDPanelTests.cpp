@@ -1,5 +1,5 @@
 #include "AppRun.h"
-#include "HUDPanel.h"
+#include "Dictation/HUDPanel.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 

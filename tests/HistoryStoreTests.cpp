@@ -1,5 +1,5 @@
 #include "HistoryFiles.h"
-#include "HistoryStore.h"
+#include "History/HistoryStore.h"
 
 #include <QDir>
 #include <QProcess>

@@ -1,7 +1,7 @@
 #include "AppRun.h"
 #include "HistoryFiles.h"
-#include "HistoryStore.h"
-#include "HistoryWindow.h"
+#include "History/HistoryStore.h"
+#include "History/HistoryWindow.h"
 #include "Platform/Fakes/FakeAlerts.h"
 
 #include <QApplication>

@@ -1,6 +1,6 @@
-#include "HotkeyManager.h"
+#include "Dictation/HotkeyManager.h"
 #include "Platform/Fakes/FakeKeyMonitor.h"
-#include "Settings.h"
+#include "App/Settings.h"
 
 #include "TestSupport.h"
 #include "XTestKeyboard.h"

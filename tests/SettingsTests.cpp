@@ -1,7 +1,7 @@
-#include "HotKey.h"
-#include "LanguageOption.h"
-#include "Settings.h"
-#include "TranscriptionEngineKind.h"
+#include "App/HotKey.h"
+#include "App/LanguageOption.h"
+#include "App/Settings.h"
+#include "App/TranscriptionEngineKind.h"
 
 #include <QSettings>
 

@@ -1,8 +1,8 @@
-#include "AppPaths.h"
+#include "Shared/AppPaths.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Fakes/FakeSpeechRecognizer.h"
-#include "Settings.h"
-#include "SpeechTranscriber.h"
+#include "App/Settings.h"
+#include "Engines/SpeechTranscriber.h"
 #include "TestSupport.h"
 
 #include <QApplication>

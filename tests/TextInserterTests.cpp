@@ -1,7 +1,7 @@
 #include "AppRun.h"
 #include "DesktopApps.h"
 #include "TestSupport.h"
-#include "TextInserter.h"
+#include "Dictation/TextInserter.h"
 #include "XTestKeyboard.h"
 
 #include "Platform/Fakes/FakeKeyPoster.h"

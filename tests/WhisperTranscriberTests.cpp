@@ -1,10 +1,10 @@
-#include "AppPaths.h"
+#include "Shared/AppPaths.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Linux/PulseAudioInput.h"
-#include "Settings.h"
+#include "App/Settings.h"
 #include "TestSupport.h"
-#include "WhisperError.h"
-#include "WhisperTranscriber.h"
+#include "Engines/WhisperError.h"
+#include "Engines/WhisperTranscriber.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Error.h"
+#include "Shared/Error.h"
 
 #include <QString>
 #include <QtGlobal>

@@ -1,5 +1,5 @@
 // Saves a history over and over until it is killed, so a test can kill it in the middle of a write.
-#include "HistoryStore.h"
+#include "History/HistoryStore.h"
 
 #include <QCoreApplication>
 #include <QString>

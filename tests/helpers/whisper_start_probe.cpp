@@ -2,7 +2,7 @@
 // "started" or the error's description. Used to check how the engine behaves where the audio
 // system is missing (the caller points PULSE_SERVER at nothing). A fake whisper-cli must be
 // beside this program and a model in $XDG_DATA_HOME/Voxaria/models.
-#include "WhisperTranscriber.h"
+#include "Engines/WhisperTranscriber.h"
 
 #include <QCoreApplication>
 

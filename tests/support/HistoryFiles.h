@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HistoryStore.h"
+#include "History/HistoryStore.h"
 
 // History files written by a generic JSON writer rather than the store's own encoder, so a test can
 // hand the store any file it likes.

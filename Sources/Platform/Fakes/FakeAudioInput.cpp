@@ -1,6 +1,6 @@
 #include "FakeAudioInput.h"
 
-#include "Error.h"
+#include "Shared/Error.h"
 
 void FakeAudioInput::start(BufferHandler handler)
 {

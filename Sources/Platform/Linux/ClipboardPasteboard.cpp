@@ -1,6 +1,6 @@
 #include "ClipboardPasteboard.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QAbstractNativeEventFilter>
 #include <QClipboard>

@@ -1,6 +1,6 @@
 #include "MessageBoxAlerts.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QAbstractButton>
 #include <QGuiApplication>

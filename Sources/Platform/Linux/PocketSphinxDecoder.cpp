@@ -1,6 +1,6 @@
 #include "PocketSphinxDecoder.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QElapsedTimer>
 

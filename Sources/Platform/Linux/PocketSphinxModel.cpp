@@ -1,7 +1,7 @@
 #include "PocketSphinxModel.h"
 
-#include "AppPaths.h"
-#include "Logging.h"
+#include "Shared/AppPaths.h"
+#include "Shared/Logging.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,6 +1,6 @@
 #include "PocketSphinxRecognizer.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 #include "PocketSphinxDecoder.h"
 
 #include <condition_variable>

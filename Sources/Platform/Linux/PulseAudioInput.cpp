@@ -1,7 +1,7 @@
 #include "PulseAudioInput.h"
 
-#include "Error.h"
-#include "Logging.h"
+#include "Shared/Error.h"
+#include "Shared/Logging.h"
 #include "PulseDefaultSource.h"
 
 #include <QAudioSource>

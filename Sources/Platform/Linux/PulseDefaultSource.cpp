@@ -1,6 +1,6 @@
 #include "PulseDefaultSource.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <pulse/pulseaudio.h>
 

@@ -1,6 +1,6 @@
 #include "SoundEffectSounds.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QSoundEffect>
 #include <QUrl>

@@ -1,6 +1,6 @@
 #include "SoxrAudioConverter.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <soxr.h>
 

@@ -1,6 +1,6 @@
 #include "X11AccessibilityTrust.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include "X11Display.h"
 

@@ -1,4 +1,4 @@
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include "X11Display.h"
 

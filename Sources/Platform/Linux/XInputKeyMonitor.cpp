@@ -1,6 +1,6 @@
 #include "XInputKeyMonitor.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QSocketNotifier>
 

@@ -1,7 +1,7 @@
 #include "SpeechTranscriber.h"
 
-#include "Logging.h"
-#include "Settings.h"
+#include "Shared/Logging.h"
+#include "App/Settings.h"
 #include "TranscriberError.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Error.h"
+#include "Shared/Error.h"
 
 // The native engine's error: no recogniser for the configured language.
 class TranscriberError final : public Error {

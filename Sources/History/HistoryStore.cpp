@@ -1,7 +1,7 @@
 #include "HistoryStore.h"
 
-#include "AppPaths.h"
-#include "Logging.h"
+#include "Shared/AppPaths.h"
+#include "Shared/Logging.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,6 +1,6 @@
 #include "HUDPanel.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QApplication>
 #include <QCursor>

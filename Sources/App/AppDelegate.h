@@ -1,7 +1,7 @@
 #pragma once
 
-#include "DictationController.h"
-#include "HotkeyManager.h"
+#include "Dictation/DictationController.h"
+#include "Dictation/HotkeyManager.h"
 #include "Settings.h"
 
 #include <QLockFile>

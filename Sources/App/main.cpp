@@ -1,5 +1,5 @@
 #include "AppDelegate.h"
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QApplication>
 #include <QSocketNotifier>

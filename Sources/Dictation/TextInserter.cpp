@@ -1,6 +1,6 @@
 #include "TextInserter.h"
 
-#include "Logging.h"
+#include "Shared/Logging.h"
 
 #include <QCoreApplication>
 #include <QTimer>

@@ -1,11 +1,11 @@
 #include "DictationController.h"
 
-#include "HistoryStore.h"
-#include "Logging.h"
-#include "Settings.h"
-#include "SpeechTranscriber.h"
+#include "History/HistoryStore.h"
+#include "Shared/Logging.h"
+#include "App/Settings.h"
+#include "Engines/SpeechTranscriber.h"
 #include "TextInserter.h"
-#include "WhisperTranscriber.h"
+#include "Engines/WhisperTranscriber.h"
 
 #include <QDebug>
 #include <QPointer>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Error.h"
+#include "Shared/Error.h"
 
 // The Whisper engine's errors, in the order users meet them.
 class WhisperError final : public Error {

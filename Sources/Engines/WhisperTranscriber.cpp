@@ -1,9 +1,9 @@
 #include "WhisperTranscriber.h"
 
-#include "AppPaths.h"
-#include "Logging.h"
-#include "Settings.h"
-#include "WavWriter.h"
+#include "Shared/AppPaths.h"
+#include "Shared/Logging.h"
+#include "App/Settings.h"
+#include "Shared/WavWriter.h"
 #include "WhisperError.h"
 
 #include <QCoreApplication>

@@ -1,7 +1,7 @@
 #include "AppDelegate.h"
 
-#include "HistoryWindow.h"
-#include "Logging.h"
+#include "History/HistoryWindow.h"
+#include "Shared/Logging.h"
 #include "StatusIcon.h"
 
 #include <QApplication>

@@ -1,7 +1,7 @@
 #include "HotkeyManager.h"
 
-#include "Logging.h"
-#include "Settings.h"
+#include "Shared/Logging.h"
+#include "App/Settings.h"
 
 #include <QPointer>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "Error.h"
+#include "Shared/Error.h"
 #include "HUDPanel.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/FrontApplication.h"
 #include "Platform/Sounds.h"
-#include "TranscriptionEngine.h"
+#include "Engines/TranscriptionEngine.h"
 
 #include <QObject>
 #include <QString>
