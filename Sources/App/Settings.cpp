@@ -1,5 +1,11 @@
 #include "Settings.h"
 
+#include "Shared/Logging.h"
+
+#include <QSettings>
+
+#include <memory>
+
 namespace {
 constexpr auto kEngine = "engine";
 constexpr auto kWhisperModelFileName = "whisperModelFileName";
@@ -7,6 +13,33 @@ constexpr auto kHotKey = "hotKey";
 constexpr auto kLocaleIdentifier = "localeIdentifier";
 constexpr auto kPreferOnDevice = "preferOnDevice";
 constexpr auto kPlaySounds = "playSounds";
+
+// A store of its own for every access, rather than one shared object: QSettings objects are
+// reentrant, not thread-safe, and Qt lets distinct objects on the same file be used from several
+// threads at once, each seeing the others' changes immediately. A short-lived one belongs to the
+// one thread that made it. When made, it reads the file again if the file changed on disk, so a
+// value written by another process or by hand is seen at the next read. A shared object behind a
+// mutex would not be enough: Qt saves its pending changes later from its own thread's event loop,
+// outside any lock of ours.
+std::unique_ptr<QSettings> openStore()
+{
+    return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId());
+}
+
+QVariant readValue(const char* key)
+{
+    return openStore()->value(QLatin1String(key));
+}
+
+void writeValue(const char* key, const QVariant& value)
+{
+    const std::unique_ptr<QSettings> store = openStore();
+    store->setValue(QLatin1String(key), value);
+    // Written now, so another process sees it at once, and a failure can be told.
+    store->sync();
+    if (store->status() != QSettings::NoError)
+        qCWarning(lcSettings) << "cannot save the setting" << key << "to" << store->fileName();
+}
 }
 
 Settings& Settings::shared()
@@ -20,23 +53,17 @@ QString Settings::applicationId()
     return QStringLiteral("app.voxaria.Voxaria");
 }
 
-Settings::Settings()
-    : m_defaults(QSettings::NativeFormat, QSettings::UserScope, applicationId())
-{
-}
+Settings::Settings() = default;
 
 QString Settings::stringValue(const char* key, const QString& fallback) const
 {
-    // Another process (or the user) may have changed the file since our last read.
-    m_defaults.sync();
-    const QVariant value = m_defaults.value(QLatin1String(key));
+    const QVariant value = readValue(key);
     return value.isValid() ? value.toString() : fallback;
 }
 
 bool Settings::boolValue(const char* key) const
 {
-    m_defaults.sync();
-    const QVariant value = m_defaults.value(QLatin1String(key));
+    const QVariant value = readValue(key);
     return value.isValid() ? value.toBool() : true;
 }
 
@@ -47,7 +74,7 @@ TranscriptionEngineKind Settings::engine() const
 
 void Settings::setEngine(TranscriptionEngineKind engine)
 {
-    m_defaults.setValue(QLatin1String(kEngine), engine.rawValue());
+    writeValue(kEngine, engine.rawValue());
 }
 
 QString Settings::whisperModelFileName() const
@@ -57,7 +84,7 @@ QString Settings::whisperModelFileName() const
 
 void Settings::setWhisperModelFileName(const QString& fileName)
 {
-    m_defaults.setValue(QLatin1String(kWhisperModelFileName), fileName);
+    writeValue(kWhisperModelFileName, fileName);
 }
 
 HotKey Settings::hotKey() const
@@ -67,7 +94,7 @@ HotKey Settings::hotKey() const
 
 void Settings::setHotKey(HotKey key)
 {
-    m_defaults.setValue(QLatin1String(kHotKey), key.rawValue());
+    writeValue(kHotKey, key.rawValue());
 }
 
 QString Settings::localeIdentifier() const
@@ -77,7 +104,7 @@ QString Settings::localeIdentifier() const
 
 void Settings::setLocaleIdentifier(const QString& identifier)
 {
-    m_defaults.setValue(QLatin1String(kLocaleIdentifier), identifier);
+    writeValue(kLocaleIdentifier, identifier);
 }
 
 bool Settings::preferOnDevice() const
@@ -87,7 +114,7 @@ bool Settings::preferOnDevice() const
 
 void Settings::setPreferOnDevice(bool on)
 {
-    m_defaults.setValue(QLatin1String(kPreferOnDevice), on);
+    writeValue(kPreferOnDevice, on);
 }
 
 bool Settings::playSounds() const
@@ -97,5 +124,5 @@ bool Settings::playSounds() const
 
 void Settings::setPlaySounds(bool on)
 {
-    m_defaults.setValue(QLatin1String(kPlaySounds), on);
+    writeValue(kPlaySounds, on);
 }

@@ -3,11 +3,10 @@
 #include "HotKey.h"
 #include "TranscriptionEngineKind.h"
 
-#include <QSettings>
 #include <QString>
 
 // The six user preferences. Nothing is cached: every read asks the store, so a choice made in the
-// menu takes effect at the very next read.
+// menu takes effect at the very next read. Safe to read and write from any thread.
 class Settings {
 public:
     static Settings& shared();
@@ -37,6 +36,4 @@ private:
     Settings();
     QString stringValue(const char* key, const QString& fallback) const;
     bool boolValue(const char* key) const;
-
-    mutable QSettings m_defaults;
 };
