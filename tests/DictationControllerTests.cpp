@@ -1,5 +1,6 @@
 #include "Shared/AppPaths.h"
 #include "Dictation/DictationController.h"
+#include "Dictation/HotkeyManager.h"
 #include "History/HistoryStore.h"
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeFrontApplication.h"
@@ -10,6 +11,7 @@
 #include "Engines/WhisperTranscriber.h"
 
 #include "TestSupport.h"
+#include "XTestKeyboard.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,6 +19,8 @@
 #include <QWidget>
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 using namespace std::chrono_literals;
 using State = DictationController::State;
@@ -29,7 +33,8 @@ struct EngineScript {
     int made = 0;
     int finished = 0;
     int cancelled = 0;
-    std::shared_ptr<const Error> startFailure;
+    std::chrono::milliseconds startTakes{0}; // a slow microphone
+    std::optional<WhisperError> startFailure;
     TranscriptionEngine::PartialCallback partial;
     TranscriptionEngine::FinalCallback final;
     TranscriptionEngine::ErrorCallback error;
@@ -41,8 +46,9 @@ public:
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override
     {
+        std::this_thread::sleep_for(m_script->startTakes);
         if (m_script->startFailure)
-            throw WhisperError(static_cast<const WhisperError&>(*m_script->startFailure));
+            throw *m_script->startFailure;
         m_script->partial = std::move(onPartial);
         m_script->final = std::move(onFinal);
         m_script->error = std::move(onError);
@@ -58,63 +64,60 @@ private:
 const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString transcribing = QStringLiteral("✍️ Transcrevendo…");
 const QString accessibilityWarning = QStringLiteral("⚠️ Conceda permissão de Acessibilidade e tente de novo");
+const WhisperError whisperFailed = WhisperError::transcriptionFailed(QStringLiteral("código 1"));
 
 class DictationTest : public ::testing::Test {
-protected:
-    static constexpr auto accessibilityDelay = 150ms;
+public:
     static constexpr auto errorDelay = 250ms;
 
-    void SetUp() override
-    {
-        Settings::shared().setPlaySounds(true);
-        HistoryStore::shared().clear();
-        makeController({300ms, accessibilityDelay, errorDelay});
-    }
+    void SetUp() override { restart(); }
 
-    void makeController(DictationController::Timing timing)
+    // A fresh controller over fresh fakes, with nothing recorded yet; the messages go quickly.
+    void restart(bool playSounds = true, DictationController::Timing timing = {300ms, 150ms, errorDelay})
     {
-        DictationController::Collaborators collaborators;
-        collaborators.makeEngine = [script = script] { return std::make_unique<ScriptedEngine>(script); };
+        Settings::shared().setPlaySounds(playSounds);
+        HistoryStore::shared().clear();
+        controller.reset();
+        script = std::make_shared<EngineScript>();
+        inserted.clear();
+        states.clear();
         auto fakeSounds = std::make_unique<FakeSounds>();
-        sounds = fakeSounds.get();
-        collaborators.sounds = std::move(fakeSounds);
         auto fakeTrust = std::make_unique<FakeAccessibilityTrust>();
-        trust = fakeTrust.get();
-        collaborators.accessibility = std::move(fakeTrust);
         auto fakeFront = std::make_unique<FakeFrontApplication>();
+        sounds = fakeSounds.get();
+        trust = fakeTrust.get();
         front = fakeFront.get();
         front->name = QStringLiteral("Editor de texto");
-        collaborators.frontApplication = std::move(fakeFront);
-        collaborators.insertText = [this](const QString& text) {
-            inserted << text;
-            frontQueriesAtInsertion = front->queryCount;
-        };
-        collaborators.timing = timing;
-        controller = std::make_unique<DictationController>(std::move(collaborators));
+        controller = std::make_unique<DictationController>(DictationController::Collaborators{
+            [script = script] { return std::make_unique<ScriptedEngine>(script); }, std::move(fakeSounds),
+            std::move(fakeTrust), std::move(fakeFront),
+            [this](const QString& text) {
+                inserted << text;
+                frontQueriesAtInsertion = front->queryCount;
+            },
+            timing});
         controller->onStateChange = [this](State state) { states << state; };
     }
 
     bool hudVisible() { return controller->hud().panel()->isVisible(); }
     QString hudStatus() { return controller->hud().panel()->accessibleName(); }
-    // The HUD's second line, empty when it is hidden.
-    QString hudText()
+    bool hudShowsText(const QString& text)
     {
         for (QLabel* label : controller->hud().panel()->findChildren<QLabel*>()) {
-            if (!label->isHidden() && label->text() != hudStatus())
-                return label->text();
+            if (!label->isHidden() && label->text() == text)
+                return true;
         }
-        return {};
+        return false;
     }
 
-    // A press held long enough to count as a dictation, then released.
+    // The key held for 0.4 s by its events' times.
     void dictate()
     {
-        controller->startRecording();
-        TestSupport::spin(320ms);
-        controller->stopRecordingAndInsert();
+        controller->startRecording(1000);
+        controller->stopRecordingAndInsert(1400);
     }
 
-    std::shared_ptr<EngineScript> script = std::make_shared<EngineScript>();
+    std::shared_ptr<EngineScript> script;
     FakeSounds* sounds = nullptr;
     FakeAccessibilityTrust* trust = nullptr;
     FakeFrontApplication* front = nullptr;
@@ -124,268 +127,171 @@ protected:
     std::unique_ptr<DictationController> controller;
 };
 
-TEST_F(DictationTest, AHeldKeyListensTranscribesPastesAndRecords)
+TEST_F(DictationTest, PartialTextShowsUntilTheResultIsPastedIntoTheNamedApplication)
 {
-    controller->startRecording();
-    EXPECT_EQ(controller->state(), State::recording);
-    EXPECT_TRUE(hudVisible());
-    EXPECT_EQ(hudStatus(), listening);
-    EXPECT_EQ(sounds->played, QStringList{"Tink"});
+    controller->startRecording(1000);
     EXPECT_TRUE(trust->lastPrompt) << "the trust test must ask the user when access is missing";
-
     script->partial("go for");
-    EXPECT_EQ(hudText(), "go for");
-
-    TestSupport::spin(320ms);
-    controller->stopRecordingAndInsert();
-    EXPECT_EQ(controller->state(), State::finishing);
-    EXPECT_EQ(hudStatus(), transcribing);
-    EXPECT_EQ(hudText(), "") << "the second line is emptied with every new status";
-    EXPECT_EQ(script->finished, 1);
-
-    script->final("  go forward ten meters\n ");
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_FALSE(hudVisible());
-    EXPECT_EQ(sounds->played, (QStringList{"Tink", "Pop"}));
-    EXPECT_EQ(inserted, QStringList{"go forward ten meters"});
+    EXPECT_TRUE(hudShowsText("go for"));
+    controller->stopRecordingAndInsert(1400);
+    EXPECT_FALSE(hudShowsText("go for")) << "the second line is emptied with every new status";
+    script->partial("go forward");
+    EXPECT_TRUE(hudShowsText("go forward")) << "partial text still shows while finishing";
+    script->final("go forward ten meters");
     EXPECT_EQ(frontQueriesAtInsertion, 1) << "the application is named before the text reaches it";
-    ASSERT_EQ(HistoryStore::shared().entries().size(), 1);
-    EXPECT_EQ(HistoryStore::shared().entries().first().text, "go forward ten meters");
-    EXPECT_EQ(HistoryStore::shared().entries().first().appName, "Editor de texto");
-    EXPECT_EQ(states, (QList<State>{State::recording, State::finishing, State::idle}));
-}
 
-TEST_F(DictationTest, AShortPressLeavesNoTrace)
-{
-    controller->startRecording();
-    TestSupport::spin(100ms);
-    controller->stopRecordingAndInsert();
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_EQ(script->cancelled, 1);
-    EXPECT_EQ(script->finished, 0);
-    EXPECT_FALSE(hudVisible());
-
-    script->final("late words"); // a result already on its way is dropped
-    EXPECT_TRUE(inserted.isEmpty());
-    EXPECT_TRUE(HistoryStore::shared().entries().isEmpty());
-    EXPECT_EQ(sounds->played, QStringList{"Tink"});
-    EXPECT_EQ(states, (QList<State>{State::recording, State::idle}));
-}
-
-TEST_F(DictationTest, KeysDuringAFinishingDictationAreIgnored)
-{
-    dictate();
-    controller->startRecording();
-    controller->stopRecordingAndInsert();
-    EXPECT_EQ(script->made, 1);
-    EXPECT_EQ(trust->checks, 1) << "a press during a dictation must not even ask for access";
-    EXPECT_EQ(script->finished, 1);
-    EXPECT_EQ(hudStatus(), transcribing);
-
-    script->final("primeiro ditado");
-    EXPECT_EQ(inserted, QStringList{"primeiro ditado"});
-    controller->stopRecordingAndInsert(); // a stray release while idle
-    EXPECT_EQ(states, (QList<State>{State::recording, State::finishing, State::idle}));
-}
-
-TEST_F(DictationTest, AnEngineThatEndsWhileTheKeyIsHeldCompletesTheDictation)
-{
-    controller->startRecording();
-    script->final("já terminou");
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_EQ(inserted, QStringList{"já terminou"});
-    controller->stopRecordingAndInsert();
-    EXPECT_EQ(script->finished, 0);
-}
-
-TEST_F(DictationTest, AnEmptyResultOnlySoundsBasso)
-{
-    dictate();
-    script->final(" \n\t ");
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_FALSE(hudVisible());
-    EXPECT_EQ(sounds->played, (QStringList{"Tink", "Basso"}));
-    EXPECT_TRUE(inserted.isEmpty());
-    EXPECT_EQ(front->queryCount, 0);
-    EXPECT_TRUE(HistoryStore::shared().entries().isEmpty());
-}
-
-TEST_F(DictationTest, WithoutAFrontApplicationTheHistoryNamesADash)
-{
     front->name.reset();
     dictate();
     script->final("sem janela");
     front->name = QString();
     dictate();
     script->final("janela sem nome");
-    ASSERT_EQ(HistoryStore::shared().entries().size(), 2);
-    EXPECT_EQ(HistoryStore::shared().entries().at(0).appName, "—");
-    EXPECT_EQ(HistoryStore::shared().entries().at(1).appName, "—");
+    QStringList names;
+    for (const auto& entry : HistoryStore::shared().entries())
+        names << entry.appName;
+    EXPECT_EQ(names, QStringList({"—", "—", "Editor de texto"})) << "newest first";
 }
 
-TEST_F(DictationTest, AnErrorIsShownThenHiddenUnlessANewDictationRuns)
+// One step of a dictation: a key event at its own time (none: the moment of the call), the engine's
+// result or error, or how the world is when the key goes down.
+using Step = std::function<void(DictationTest&)>;
+Step down(std::optional<KeyEventTime> time) { return [=](DictationTest& test) { test.controller->startRecording(time); }; }
+Step up(std::optional<KeyEventTime> time) { return [=](DictationTest& test) { test.controller->stopRecordingAndInsert(time); }; }
+Step result(const char* text) { return [=](DictationTest& test) { test.script->final(QString::fromUtf8(text)); }; }
+const Step failure = [](DictationTest& test) { test.script->error(whisperFailed); };
+const Step distrust = [](DictationTest& test) { test.trust->trusted = false; };
+const Step failStart = [](DictationTest& test) { test.script->startFailure = WhisperError::modelMissing(); };
+
+struct Scenario {
+    const char* name;
+    std::chrono::milliseconds startTakes;
+    std::vector<Step> steps;
+    QList<State> states;
+    QStringList sounds;
+    QString hud; // the status left on the HUD; empty when it is hidden
+    QStringList inserted;
+    int finished;
+    int cancelled;
+};
+
+const QList<State> dropped{State::recording, State::idle};
+const QList<State> stillFinishing{State::recording, State::finishing};
+const QList<State> completed{State::recording, State::finishing, State::idle};
+
+const Scenario scenarios[] = {
+    {"held 0.4 s", 0ms, {down(0), up(400), result("  go forward\n ")}, completed, {"Tink", "Pop"}, "", {"go forward"}, 1, 0},
+    {"under 0.3 s, with a late result", 0ms, {down(1000), up(1299), result("late")}, dropped, {"Tink"}, "", {}, 0, 1},
+    {"0.3 s", 0ms, {down(1000), up(1300)}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
+    {"0.4 s, slow microphone", 500ms, {down(1000), up(1400)}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
+    {"0.2 s, slow microphone", 500ms, {down(1000), up(1200)}, dropped, {"Tink"}, "", {}, 0, 1},
+    {"no event times, slow microphone", 500ms, {down({}), up({})}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
+    {"no event times, quick release", 0ms, {down({}), up({})}, dropped, {"Tink"}, "", {}, 0, 1},
+    {"across the clock's wrap", 0ms, {down(0xFFFFFF00u), up(0x100)}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
+    {"a press while finishing", 0ms, {down(0), up(400), down(500), up(600), result("primeiro")},
+     completed, {"Tink", "Pop"}, "", {"primeiro"}, 1, 0},
+    {"ended by the engine while held", 0ms, {down(0), result("já"), up(400)}, dropped, {"Tink", "Pop"}, "", {"já"}, 0, 0},
+    {"an empty result", 0ms, {down(0), up(400), result(" \n\t ")}, completed, {"Tink", "Basso"}, "", {}, 1, 0},
+    {"an error while finishing", 0ms, {down(0), up(400), failure}, completed, {"Tink", "Basso"},
+     QStringLiteral("⚠️ ") + whisperFailed.description(), {}, 1, 0},
+    {"a release while idle", 0ms, {up(0)}, {}, {}, "", {}, 0, 0},
+    {"no keyboard access", 0ms, {distrust, down(0), up(400)}, {}, {}, accessibilityWarning, {}, 0, 0},
+    {"an engine that cannot start", 0ms, {failStart, down(0), up(400)}, {State::idle}, {"Basso"},
+     QStringLiteral("⚠️ ") + WhisperError::modelMissing().description(), {}, 0, 0},
+};
+
+TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)
 {
-    dictate();
-    script->error(WhisperError::transcriptionFailed(QStringLiteral("código 1")));
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_TRUE(hudVisible());
-    EXPECT_EQ(hudStatus(), "⚠️ Falha na transcrição Whisper: código 1");
-    EXPECT_EQ(sounds->played, (QStringList{"Tink", "Basso"}));
-
-    // A new press within the old delay keeps its HUD past that delay.
-    TestSupport::spin(errorDelay / 2);
-    controller->startRecording();
-    TestSupport::spin(errorDelay);
-    EXPECT_TRUE(hudVisible());
-    EXPECT_EQ(hudStatus(), listening);
-
-    controller->stopRecordingAndInsert();
-    script->error(WhisperError::notInstalled());
-    EXPECT_TRUE(hudVisible());
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 2s)) << "the error must go away by itself";
-    EXPECT_EQ(script->made, 2);
+    for (const Scenario& scenario : scenarios) {
+        for (const bool playSounds : {true, false}) {
+            SCOPED_TRACE(std::string(scenario.name) + (playSounds ? "" : ", sounds off"));
+            restart(playSounds);
+            script->startTakes = scenario.startTakes;
+            for (const Step& step : scenario.steps)
+                step(*this);
+            EXPECT_EQ(states, scenario.states);
+            EXPECT_EQ(sounds->played, playSounds ? scenario.sounds : QStringList());
+            EXPECT_EQ(hudVisible() ? hudStatus() : QString(), scenario.hud);
+            EXPECT_EQ(inserted, scenario.inserted);
+            EXPECT_EQ(HistoryStore::shared().entries().size(), scenario.inserted.size());
+            EXPECT_EQ(front->queryCount, scenario.inserted.size()) << "only an insertion names the application";
+            EXPECT_EQ(script->made, scenario.states.isEmpty() ? 0 : 1);
+            EXPECT_EQ(script->finished, scenario.finished);
+            EXPECT_EQ(script->cancelled, scenario.cancelled);
+        }
+    }
 }
 
-TEST_F(DictationTest, AnEngineThatCannotStartReportsAtOnceAndStaysIdle)
-{
-    script->startFailure = std::make_shared<WhisperError>(WhisperError::modelMissing());
-    controller->startRecording();
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_EQ(states, QList<State>{State::idle});
-    EXPECT_EQ(hudStatus(), QStringLiteral("⚠️ ") + WhisperError::modelMissing().description());
-    EXPECT_EQ(sounds->played, QStringList{"Basso"});
-    controller->stopRecordingAndInsert();
-    EXPECT_EQ(script->finished + script->cancelled, 0);
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 2s));
-
-    script->startFailure.reset();
-    controller->startRecording();
-    EXPECT_EQ(controller->state(), State::recording) << "the next press starts afresh";
-}
-
-TEST_F(DictationTest, WithoutKeyboardAccessNothingStarts)
+TEST_F(DictationTest, TheTimerOfAnOldMessageNeverHidesANewDictation)
 {
     trust->trusted = false;
     controller->startRecording();
-    EXPECT_EQ(controller->state(), State::idle);
-    EXPECT_EQ(script->made, 0);
-    EXPECT_TRUE(states.isEmpty());
-    EXPECT_TRUE(sounds->played.isEmpty());
-    EXPECT_EQ(hudStatus(), accessibilityWarning);
-    controller->stopRecordingAndInsert();
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 2s));
-
-    // Granted within the warning's delay: the dictation's HUD survives the old timer.
-    controller->startRecording();
     trust->trusted = true;
-    TestSupport::spin(accessibilityDelay / 3);
+    dictate();
+    script->error(whisperFailed);
     controller->startRecording();
-    TestSupport::spin(accessibilityDelay * 2);
-    EXPECT_EQ(controller->state(), State::recording);
-    EXPECT_TRUE(hudVisible());
+    TestSupport::spin(errorDelay * 2);
+    EXPECT_TRUE(hudVisible()) << "the warning's or the error's timer hid a new dictation";
     EXPECT_EQ(hudStatus(), listening);
-}
 
-TEST_F(DictationTest, SoundsOffSilencesEveryCaseAndChangesNothingElse)
-{
-    Settings::shared().setPlaySounds(false);
-    dictate();
-    script->final("texto");
-    dictate();
-    script->final("  ");
-    dictate();
-    script->error(WhisperError::notInstalled());
-    Settings::shared().setPlaySounds(true);
-    EXPECT_TRUE(sounds->played.isEmpty());
-    EXPECT_EQ(inserted, QStringList{"texto"});
-    EXPECT_EQ(HistoryStore::shared().entries().size(), 1);
-}
-
-TEST_F(DictationTest, TimersAndCallbacksOutlivingTheControllerDoNothing)
-{
-    dictate();
-    script->error(WhisperError::notInstalled());
+    // Callbacks and a timer that outlive the controller do nothing.
+    controller->stopRecordingAndInsert();
+    script->error(whisperFailed);
     controller.reset();
     script->final("tarde demais");
     TestSupport::spin(errorDelay * 2);
     EXPECT_TRUE(inserted.isEmpty());
 }
 
-TEST(DictationTiming, MessagesStayForThreeAndFourSeconds)
+TEST_F(DictationTest, TheWarningStaysThreeSecondsAndAnErrorFour)
 {
-    DictationController::Collaborators collaborators;
-    auto trust = std::make_unique<FakeAccessibilityTrust>();
-    trust->trusted = false;
-    FakeAccessibilityTrust* trustPtr = trust.get();
-    collaborators.accessibility = std::move(trust);
-    collaborators.sounds = std::make_unique<FakeSounds>();
-    collaborators.makeEngine = [] {
-        auto script = std::make_shared<EngineScript>();
-        script->startFailure = std::make_shared<WhisperError>(WhisperError::notInstalled());
-        return std::make_unique<ScriptedEngine>(script);
-    };
-    DictationController controller(std::move(collaborators));
-
-    controller.startRecording();
-    TestSupport::spin(2850ms);
-    EXPECT_TRUE(controller.hud().panel()->isVisible()) << "the accessibility warning went too early";
-    TestSupport::spin(300ms);
-    EXPECT_FALSE(controller.hud().panel()->isVisible()) << "the accessibility warning stayed too long";
-
-    trustPtr->trusted = true;
-    controller.startRecording();
-    TestSupport::spin(3850ms);
-    EXPECT_TRUE(controller.hud().panel()->isVisible()) << "the error went too early";
-    TestSupport::spin(300ms);
-    EXPECT_FALSE(controller.hud().panel()->isVisible()) << "the error stayed too long";
+    restart(true, DictationController::Timing{});
+    script->startFailure = WhisperError::notInstalled();
+    for (const bool trusted : {false, true}) {
+        trust->trusted = trusted;
+        const auto shownAt = std::chrono::steady_clock::now();
+        controller->startRecording();
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 10s));
+        EXPECT_GE(std::chrono::steady_clock::now() - shownAt, trusted ? 4s : 3s) << (trusted ? "the error" : "the warning");
+    }
 }
 
-// The engine follows the "engine" setting and what is installed.
-class EngineChoice : public ::testing::Test {
-protected:
-    void TearDown() override
-    {
-        QDir(AppPaths::modelsFolder()).removeRecursively();
-        Settings::shared().setEngine(TranscriptionEngineKind::whisper);
-    }
-    static void installModel()
-    {
-        QDir().mkpath(AppPaths::modelsFolder());
-        QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
-        ASSERT_TRUE(model.open(QIODevice::WriteOnly));
-        model.write("model");
-    }
-    template <typename Engine>
-    static bool madeA()
-    {
-        std::unique_ptr<TranscriptionEngine> engine = DictationController::makeEngine();
-        return dynamic_cast<Engine*>(engine.get()) != nullptr;
-    }
-};
-
-TEST_F(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSilently)
-{
-    TestSupport::FakeWhisper whisper;
-    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
-    EXPECT_TRUE(madeA<SpeechTranscriber>()) << "no model installed yet";
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper) << "the fallback leaves the setting alone";
-
-    installModel();
-    EXPECT_TRUE(madeA<WhisperTranscriber>());
-
-    Settings::shared().setEngine(TranscriptionEngineKind::apple);
-    EXPECT_TRUE(madeA<SpeechTranscriber>());
-}
-
-}
-
-namespace {
-
-TEST(KeyboardAccess, AnXServerWithXInput2AndXTestIsTrusted)
+TEST_F(DictationTest, RealKeyEventsAreTimedByTheServerNotByTheirHandling)
 {
     if (!TestSupport::hasX11())
         GTEST_SKIP() << "needs an X display (run under scripts/with-harness.sh)";
-    EXPECT_TRUE(AccessibilityTrust::makeDefault()->isTrusted(false));
+    restart(true, DictationController::Timing{});
+    script->startTakes = 500ms;
+    HotkeyManager key;
+    key.onPress = [this](std::optional<KeyEventTime> time) { controller->startRecording(time); };
+    key.onRelease = [this](std::optional<KeyEventTime> time) { controller->stopRecordingAndInsert(time); };
+    key.start();
+    const int rightAlt = 108; // the dictation key by default
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 200ms));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return states.size() == 2; }));
+    EXPECT_EQ(states.last(), State::idle) << "a 0.2 s tap must be dropped";
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 400ms));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return states.size() == 4; }));
+    EXPECT_EQ(states.last(), State::finishing) << "a 0.4 s hold must be transcribed, however slow the start";
+}
+
+// The engine follows the "engine" setting and what is installed.
+TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSilently)
+{
+    const auto madeNative = [] { return dynamic_cast<SpeechTranscriber*>(DictationController::makeEngine().get()) != nullptr; };
+    TestSupport::FakeWhisper whisper;
+    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    EXPECT_TRUE(madeNative()) << "no model installed yet";
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper) << "the fallback leaves the setting alone";
+
+    QDir().mkpath(AppPaths::modelsFolder());
+    QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
+    ASSERT_TRUE(model.open(QIODevice::WriteOnly) && model.write("model") > 0 && model.flush());
+    EXPECT_FALSE(madeNative()) << "Whisper is chosen and installed";
+
+    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    EXPECT_TRUE(madeNative());
+    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    QDir(AppPaths::modelsFolder()).removeRecursively();
 }
 
 }

@@ -15,124 +15,72 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr quint64 optionFlag = 0x80000;
-constexpr quint64 commandFlag = 0x100000;
-constexpr quint64 functionFlag = 0x800000;
-constexpr quint64 shiftFlag = 0x20000;
-constexpr quint16 rightOption = 61;
-constexpr quint16 leftOption = 58;
-constexpr quint16 rightCommand = 54;
-constexpr quint16 function = 63;
-constexpr quint16 leftShift = 56;
-
 // A manager over a given key source, counting its callbacks.
 struct Watched {
     explicit Watched(std::unique_ptr<KeyMonitor> source)
         : manager(std::move(source))
     {
-        manager.onPress = [this] { ++presses; };
-        manager.onRelease = [this] { ++releases; };
+        manager.onPress = [this](std::optional<KeyEventTime> time) { ++presses; lastTime = time; };
+        manager.onRelease = [this](std::optional<KeyEventTime> time) { ++releases; lastTime = time; };
     }
     HotkeyManager manager;
     int presses = 0;
     int releases = 0;
+    std::optional<KeyEventTime> lastTime;
 };
 
-class HotkeyRules : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        Settings::shared().setHotKey(HotKey::rightOption);
-        auto fake = std::make_unique<FakeKeyMonitor>();
-        keys = fake.get();
-        watched = std::make_unique<Watched>(std::move(fake));
-        watched->manager.start();
-    }
-    void TearDown() override { Settings::shared().setHotKey(HotKey::rightOption); }
-
-    int presses() const { return watched->presses; }
-    int releases() const { return watched->releases; }
-
-    FakeKeyMonitor* keys = nullptr;
-    std::unique_ptr<Watched> watched;
-};
-
-TEST_F(HotkeyRules, OnlyTheChosenKeyGivesOnePressAndOneRelease)
+// What the X server cannot send: a "down" repeated by the source, and a key change while a key is
+// held, besides the key event's time and the stop/start rules.
+TEST(HotkeyRules, EachHoldOfTheChosenKeyGivesOnePressAndOneReleaseWithTheirTimes)
 {
-    keys->post(leftOption, optionFlag);
-    keys->post(leftOption, 0);
-    keys->post(rightCommand, commandFlag);
-    keys->post(rightCommand, 0);
-    EXPECT_EQ(presses(), 0);
+    constexpr quint16 rightOption = 61, rightCommand = 54, function = 63;
+    constexpr quint64 option = 0x80000, command = 0x100000, functionFlag = 0x800000;
+    Settings::shared().setHotKey(HotKey::rightOption);
+    auto source = std::make_unique<FakeKeyMonitor>();
+    FakeKeyMonitor* keys = source.get();
+    Watched watched(std::move(source));
+    watched.manager.start();
+    watched.manager.start();
+    EXPECT_EQ(keys->installedCount(), 1) << "a second start must replace the monitor";
 
-    keys->post(rightOption, optionFlag);
-    keys->post(rightOption, optionFlag); // a repeated "down" is not a second press
-    keys->post(leftShift, optionFlag | shiftFlag); // Shift during a dictation neither ends nor restarts it
-    keys->post(leftShift, optionFlag);
-    EXPECT_EQ(presses(), 1);
-    EXPECT_EQ(releases(), 0);
-    keys->post(rightOption, 0);
-    keys->post(rightOption, 0);
-    EXPECT_EQ(presses(), 1);
-    EXPECT_EQ(releases(), 1);
-}
+    keys->post(rightOption, option, 1000);
+    EXPECT_EQ(watched.lastTime, 1000u);
+    keys->post(rightOption, option, 1100);
+    keys->post(rightOption, 0, 1400);
+    EXPECT_EQ(watched.lastTime, 1400u);
+    EXPECT_EQ(watched.presses, 1);
+    EXPECT_EQ(watched.releases, 1);
 
-TEST_F(HotkeyRules, TheLeftTwinStillHoldingTheFlagHidesTheRelease)
-{
-    keys->post(rightOption, optionFlag);
-    keys->post(leftOption, optionFlag);
-    keys->post(rightOption, optionFlag); // right released, but left Alt keeps the Option flag set
-    EXPECT_EQ(releases(), 0);
-    keys->post(leftOption, 0);
-    keys->post(rightOption, optionFlag); // pressed again: still the same dictation
-    keys->post(rightOption, 0);
-    EXPECT_EQ(presses(), 1);
-    EXPECT_EQ(releases(), 1);
-}
-
-TEST_F(HotkeyRules, TheKeyChosenInTheMenuCountsFromTheNextEvent)
-{
     Settings::shared().setHotKey(HotKey::rightCommand);
-    keys->post(rightOption, optionFlag);
-    keys->post(rightOption, 0);
-    EXPECT_EQ(presses(), 0) << "right Alt must do nothing while right Super is chosen";
-    keys->post(rightCommand, commandFlag);
+    keys->post(rightCommand, command);
     Settings::shared().setHotKey(HotKey::fn); // changed while right Super is held
     keys->post(rightCommand, 0);
-    EXPECT_EQ(releases(), 0) << "the old key's release is no longer recognised";
+    EXPECT_EQ(watched.releases, 1) << "the old key's release is no longer recognised";
     keys->post(function, functionFlag); // taken as nothing: the manager still thinks a key is down
     keys->post(function, 0);
-    EXPECT_EQ(presses(), 1);
-    EXPECT_EQ(releases(), 1);
+    EXPECT_EQ(watched.presses, 2);
+    EXPECT_EQ(watched.releases, 2);
+
     keys->post(function, functionFlag);
-    EXPECT_EQ(presses(), 2);
-}
-
-TEST_F(HotkeyRules, StopForgetsAHeldKeySilentlyAndStartReplacesTheMonitor)
-{
-    keys->post(rightOption, optionFlag);
-    watched->manager.stop();
+    watched.manager.stop();
     EXPECT_EQ(keys->installedCount(), 0);
-    keys->post(rightOption, 0);
-    EXPECT_EQ(releases(), 0);
-
-    watched->manager.start();
-    watched->manager.start();
-    EXPECT_EQ(keys->installedCount(), 1);
-    keys->post(rightOption, optionFlag);
-    EXPECT_EQ(presses(), 2) << "after a restart the next press counts again, once";
+    keys->post(function, 0);
+    EXPECT_EQ(watched.releases, 2) << "a stopped manager sends no release";
+    watched.manager.start();
+    keys->post(function, functionFlag);
+    EXPECT_EQ(watched.presses, 4) << "after a restart the next press counts again";
 }
 
 // The real X11 source: keys pressed with XTest reach our monitor and the focused window alike.
 class KeyReceiver : public QWidget {
 public:
-    QList<int> pressedKeys;
     QList<int> releasedKeys;
 
 protected:
-    void keyPressEvent(QKeyEvent* event) override { pressedKeys << int(event->nativeScanCode()); }
     void keyReleaseEvent(QKeyEvent* event) override { releasedKeys << int(event->nativeScanCode()); }
 };
+
+constexpr int rightAlt = 108, leftAlt = 64, rightSuper = 134, leftShift = 50;
 
 class HotkeyOnX11 : public ::testing::Test {
 protected:
@@ -141,84 +89,72 @@ protected:
         if (!TestSupport::hasX11())
             GTEST_SKIP() << "needs an X display (run under scripts/with-harness.sh)";
         Settings::shared().setHotKey(HotKey::rightOption);
-        receiver.setWindowTitle(QStringLiteral("receiver"));
         receiver.resize(200, 100);
         receiver.show();
         ASSERT_TRUE(TestSupport::waitUntil([&] { return receiver.isVisible() && receiver.windowHandle()->isExposed(); }));
         XTestKeyboard::focus(receiver.winId());
         ASSERT_TRUE(TestSupport::waitUntil([&] { return XTestKeyboard::focusedWindow() == receiver.winId(); }));
-        watched = std::make_unique<Watched>(KeyMonitor::makeDefault());
+        auto source = KeyMonitor::makeDefault();
+        // Counts every modifier change the source reports, so a test knows when its keys were seen.
+        source->addMonitor([this](const FlagsChangedEvent&) { ++seen; });
+        watched = std::make_unique<Watched>(std::move(source));
         watched->manager.start();
     }
-    void TearDown() override { Settings::shared().setHotKey(HotKey::rightOption); }
 
-    // Holds a key for a moment and waits for the events to settle.
-    void hold(int keycode)
+    // Sends key changes (keycode, down) and runs the event loop until the monitor has seen them.
+    void send(std::initializer_list<std::pair<int, bool>> changes)
     {
-        ASSERT_TRUE(XTestKeyboard::press(keycode));
-        TestSupport::spin(100ms);
-        ASSERT_TRUE(XTestKeyboard::release(keycode));
-        TestSupport::spin(150ms);
+        for (const auto& [keycode, down] : changes)
+            ASSERT_TRUE(down ? XTestKeyboard::press(keycode) : XTestKeyboard::release(keycode));
+        const int expected = seen + int(changes.size());
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return seen >= expected; })) << "the monitor missed a key";
     }
 
     KeyReceiver receiver;
     std::unique_ptr<Watched> watched;
+    int seen = 0;
 };
 
-TEST_F(HotkeyOnX11, RightAltIsTheDefaultKeyAndStillReachesTheFocusedWindow)
+TEST_F(HotkeyOnX11, RightAltDictatesLeftAltOnlyKeepsTheFlagAndAChosenKeyCountsAtOnce)
 {
-    ASSERT_TRUE(XTestKeyboard::press(108));
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return watched->presses == 1; }, 2s));
-    EXPECT_EQ(watched->releases, 0) << "no release while the key is held";
-    ASSERT_TRUE(XTestKeyboard::release(108));
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return watched->releases == 1; }, 2s));
-    TestSupport::spin(150ms);
-    EXPECT_EQ(watched->presses, 1);
+    send({{leftAlt, true}, {leftAlt, false}, {rightAlt, true}, {leftShift, true}, {leftShift, false}});
+    EXPECT_EQ(watched->presses, 1) << "only right Alt is the dictation key, and Shift does not restart it";
+    send({{rightAlt, false}});
     EXPECT_EQ(watched->releases, 1);
-    EXPECT_TRUE(receiver.pressedKeys.contains(108)) << "the key was swallowed";
-    EXPECT_TRUE(receiver.releasedKeys.contains(108));
-}
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.releasedKeys.contains(rightAlt); })) << "the key was swallowed";
 
-TEST_F(HotkeyOnX11, LeftAltOnlyKeepsTheOptionFlagAndRightSuperWorksOnceChosen)
-{
-    hold(64);
-    EXPECT_EQ(watched->presses, 0);
-    EXPECT_TRUE(receiver.pressedKeys.contains(64));
-
-    ASSERT_TRUE(XTestKeyboard::press(108));
-    ASSERT_TRUE(XTestKeyboard::press(64));
-    ASSERT_TRUE(XTestKeyboard::release(108));
-    TestSupport::spin(200ms);
-    EXPECT_EQ(watched->releases, 0) << "left Alt still holds the Option flag";
-    ASSERT_TRUE(XTestKeyboard::release(64));
-    hold(108);
-    EXPECT_EQ(watched->presses, 1);
-    EXPECT_EQ(watched->releases, 1);
-
-    hold(134);
-    EXPECT_EQ(watched->presses, 1) << "right Super is not the chosen key yet";
-    Settings::shared().setHotKey(HotKey::rightCommand);
-    hold(134);
+    send({{rightAlt, true}, {leftAlt, true}, {rightAlt, false}});
+    EXPECT_EQ(watched->releases, 1) << "left Alt still holds the Option flag";
+    send({{leftAlt, false}, {rightAlt, true}, {rightAlt, false}});
     EXPECT_EQ(watched->presses, 2);
     EXPECT_EQ(watched->releases, 2);
-    EXPECT_TRUE(receiver.pressedKeys.contains(134));
+
+    send({{rightSuper, true}, {rightSuper, false}});
+    EXPECT_EQ(watched->presses, 2) << "right Super is not the chosen key yet";
+    Settings::shared().setHotKey(HotKey::rightCommand);
+    send({{rightSuper, true}, {rightSuper, false}});
+    EXPECT_EQ(watched->presses, 3);
+    EXPECT_EQ(watched->releases, 3);
 }
 
 TEST_F(HotkeyOnX11, StoppingFromInsideACallbackAndStartingAgainKeepsWorking)
 {
-    watched->manager.onPress = [this] {
+    // Alone on its source, so stopping closes the X connection whose event is being handled.
+    watched = std::make_unique<Watched>(KeyMonitor::makeDefault());
+    watched->manager.onPress = [this](std::optional<KeyEventTime>) {
         ++watched->presses;
-        watched->manager.stop(); // closes the X connection whose event is being handled
+        watched->manager.stop();
     };
-    hold(108);
-    EXPECT_EQ(watched->presses, 1);
-    EXPECT_EQ(watched->releases, 0) << "a stopped manager saw the release";
-
-    watched->manager.onPress = [this] { ++watched->presses; };
     watched->manager.start();
-    hold(108);
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 50ms));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return watched->presses == 1; }));
+
+    watched->manager.onPress = [this](std::optional<KeyEventTime>) { ++watched->presses; };
+    watched->manager.start();
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 50ms));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return watched->releases >= 1; }));
     EXPECT_EQ(watched->presses, 2);
-    EXPECT_EQ(watched->releases, 1);
+    EXPECT_EQ(watched->releases, 1) << "a stopped manager saw the release";
 }
 
 }

@@ -28,13 +28,13 @@ bool AppDelegate::applicationDidFinishLaunching()
         if (weakSelf)
             weakSelf->updateStatusIcon(state);
     };
-    m_hotkeyManager.onPress = [weakSelf] {
+    m_hotkeyManager.onPress = [weakSelf](std::optional<KeyEventTime> time) {
         if (weakSelf)
-            weakSelf->m_dictation.startRecording();
+            weakSelf->m_dictation.startRecording(time);
     };
-    m_hotkeyManager.onRelease = [weakSelf] {
+    m_hotkeyManager.onRelease = [weakSelf](std::optional<KeyEventTime> time) {
         if (weakSelf)
-            weakSelf->m_dictation.stopRecordingAndInsert();
+            weakSelf->m_dictation.stopRecordingAndInsert(time);
     };
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();

@@ -57,10 +57,23 @@ std::unique_ptr<TranscriptionEngine> DictationController::makeEngine()
     return std::make_unique<SpeechTranscriber>();
 }
 
-void DictationController::startRecording()
+std::chrono::steady_clock::duration DictationController::KeyMoment::until(const KeyMoment& later) const
+{
+    // Two events of the same key source are compared by their own times, which neither a slow
+    // microphone start nor a busy main thread can stretch or shrink. Unsigned subtraction keeps the
+    // difference right across the clock's wrap.
+    if (eventTime && later.eventTime)
+        return std::chrono::milliseconds(KeyEventTime(*later.eventTime - *eventTime));
+    return later.calledAt - calledAt;
+}
+
+void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
 {
     if (m_state != State::idle)
         return;
+    // Taken before the engine starts: opening the microphone may take a while, and the key is
+    // held all along.
+    const KeyMoment pressed{pressedAt};
     if (!m_accessibility->isTrusted(true)) {
         qCInfo(lcDictation) << "key pressed without keyboard access; no dictation";
         m_hud.show(accessibilityWarning, QString());
@@ -70,7 +83,7 @@ void DictationController::startRecording()
     if (!startEngine())
         return;
     setState(State::recording);
-    m_recordingStartedAt = std::chrono::steady_clock::now();
+    m_keyPressedAt = pressed;
     play("Tink");
     m_hud.show(listeningMessage, QString());
 }
@@ -103,12 +116,14 @@ bool DictationController::startEngine()
     return true;
 }
 
-void DictationController::stopRecordingAndInsert()
+void DictationController::stopRecordingAndInsert(std::optional<KeyEventTime> releasedAt)
 {
     if (m_state != State::recording)
         return;
-    if (m_recordingStartedAt && std::chrono::steady_clock::now() - *m_recordingStartedAt < m_timing.shortPress) {
-        qCInfo(lcDictation) << "short press; dictation dropped";
+    const auto held = m_keyPressedAt.until(KeyMoment{releasedAt});
+    if (held < m_timing.shortPress) {
+        qCInfo(lcDictation) << "short press; dictation dropped after"
+                            << std::chrono::duration_cast<std::chrono::milliseconds>(held).count() << "ms";
         if (m_transcriber)
             m_transcriber->cancel();
         m_transcriber.reset();

@@ -4,6 +4,7 @@
 #include "HUDPanel.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/FrontApplication.h"
+#include "Platform/KeyMonitor.h"
 #include "Platform/Sounds.h"
 #include "Engines/TranscriptionEngine.h"
 
@@ -26,7 +27,7 @@ public:
     using TextInsertion = std::function<void(const QString& text)>;
 
     struct Timing {
-        // A press shorter than this was a slip, not a dictation.
+        // A press shorter than this was a slip, not a dictation (key down to key up).
         std::chrono::milliseconds shortPress{300};
         // How long the accessibility warning stays, if no dictation started meanwhile.
         std::chrono::milliseconds accessibilityMessage{3000};
@@ -55,9 +56,10 @@ public:
     State state() const { return m_state; }
     HUDPanel& hud() { return m_hud; }
 
-    // The key went down / up.
-    void startRecording();
-    void stopRecordingAndInsert();
+    // The key went down / up, at the key event's own time when the caller has it; without one, the
+    // moment of the call counts.
+    void startRecording(std::optional<KeyEventTime> pressedAt = std::nullopt);
+    void stopRecordingAndInsert(std::optional<KeyEventTime> releasedAt = std::nullopt);
 
     // A new engine for the current settings: Whisper when chosen and available, otherwise the
     // native recogniser, silently.
@@ -70,6 +72,15 @@ private:
     };
     using EnginePtr = std::unique_ptr<TranscriptionEngine, ReleaseLater>;
 
+    // When the key moved: its event's time if the caller has one, and the monotonic clock at the
+    // call for callers without.
+    struct KeyMoment {
+        std::optional<KeyEventTime> eventTime;
+        std::chrono::steady_clock::time_point calledAt = std::chrono::steady_clock::now();
+
+        std::chrono::steady_clock::duration until(const KeyMoment& later) const;
+    };
+
     bool startEngine();
     void handleFinal(const QString& text);
     void handleError(const Error& error);
@@ -81,7 +92,8 @@ private:
     State m_state = State::idle;
     EnginePtr m_transcriber;
     HUDPanel m_hud;
-    std::optional<std::chrono::steady_clock::time_point> m_recordingStartedAt;
+    // Set whenever a recording starts.
+    KeyMoment m_keyPressedAt;
 
     EngineFactory m_makeEngine;
     std::unique_ptr<Sounds> m_sounds;

@@ -49,7 +49,7 @@ void HotkeyManager::handle(const FlagsChangedEvent& event)
     m_isDown = down;
     qCDebug(lcHotkey) << key.rawValue() << (down ? "pressed" : "released");
     // A copy: the callback may replace itself while it runs.
-    const std::function<void()> callback = down ? onPress : onRelease;
+    const KeyCallback callback = down ? onPress : onRelease;
     if (callback)
-        callback();
+        callback(event.time);
 }

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 // Turns the holding of the chosen dictation key into one onPress and one onRelease. Only modifier
 // flag changes are watched, so the key types nothing and works whichever application is in front.
@@ -16,8 +17,10 @@ public:
     explicit HotkeyManager(std::unique_ptr<KeyMonitor> monitor = KeyMonitor::makeDefault(), QObject* parent = nullptr);
     ~HotkeyManager() override;
 
-    std::function<void()> onPress;
-    std::function<void()> onRelease;
+    // Called with the key event's own time, when the source tells it.
+    using KeyCallback = std::function<void(std::optional<KeyEventTime> time)>;
+    KeyCallback onPress;
+    KeyCallback onRelease;
 
     // Installs the monitor; a second call replaces it, so there is never more than one.
     void start();

@@ -4,12 +4,21 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
-// One change of the modifier keys, in the terms of the macOS design: the virtual key code of the
-// key that went up or down, and the device-independent flags of every modifier still held.
+// When a key moved, in milliseconds of the key source's own clock (the X server's time on Linux).
+// The clock has no fixed origin and wraps after 49.7 days: only the difference of two times counts,
+// taken modulo 2^32.
+using KeyEventTime = quint32;
+
+// One change of the modifier keys, in the macOS virtual key codes and modifier flags the rest of
+// the program speaks: the key that went up or down, and the device-independent flags of every
+// modifier still held.
 struct FlagsChangedEvent {
     quint16 keyCode = 0;
     quint64 modifierFlags = 0;
+    // None when the source cannot tell.
+    std::optional<KeyEventTime> time;
 };
 
 // A source of flags-changed events from every application, ours included. Handlers run on the main

@@ -10,7 +10,8 @@ namespace XTestKeyboard {
 
 bool press(int keycode);
 bool release(int keycode);
-// Presses, holds for the given time while the event loop runs, and releases.
+// Presses and releases the key `held` later by the X server's clock; returns once both are done.
+// The event loop does not run meanwhile.
 bool tap(int keycode, std::chrono::milliseconds held);
 
 // Gives the keyboard focus to a window, as a window manager would on a click.

@@ -14,11 +14,11 @@ void FakeKeyMonitor::removeMonitor(Token token)
     m_handlers.erase(token);
 }
 
-void FakeKeyMonitor::post(quint16 keyCode, quint64 modifierFlags)
+void FakeKeyMonitor::post(quint16 keyCode, quint64 modifierFlags, std::optional<KeyEventTime> time)
 {
     std::vector<Handler> handlers;
     for (const auto& [token, handler] : m_handlers)
         handlers.push_back(handler);
     for (const Handler& handler : handlers)
-        handler(FlagsChangedEvent{keyCode, modifierFlags});
+        handler(FlagsChangedEvent{keyCode, modifierFlags, time});
 }

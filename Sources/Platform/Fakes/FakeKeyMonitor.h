@@ -12,7 +12,7 @@ public:
 
     int installedCount() const { return int(m_handlers.size()); }
     // Delivers one event to every installed handler, as the platform would on the main thread.
-    void post(quint16 keyCode, quint64 modifierFlags);
+    void post(quint16 keyCode, quint64 modifierFlags, std::optional<KeyEventTime> time = std::nullopt);
 
 private:
     std::map<Token, Handler> m_handlers;

@@ -22,7 +22,8 @@ struct ModifierKey {
     quint64 flag;
 };
 
-// The design's virtual key code and flag for an X keycode, when it is a modifier key we track.
+// The macOS virtual key code and modifier flag the rest of the program uses for an X keycode, when
+// it is a modifier key we track.
 std::optional<ModifierKey> modifierForKeycode(int keycode)
 {
     // Keycodes of the evdev layout every X server uses today (kernel code + 8).
@@ -123,16 +124,20 @@ void XInputKeyMonitor::readPendingEvents()
         if (cookie->type != GenericEvent || cookie->extension != m_xinputOpcode || !XGetEventData(m_display, cookie))
             continue;
         const bool isKey = cookie->evtype == XI_RawKeyPress || cookie->evtype == XI_RawKeyRelease;
-        const int keycode = isKey ? static_cast<XIRawEvent*>(cookie->data)->detail : 0;
+        const auto* raw = static_cast<const XIRawEvent*>(cookie->data);
+        const int keycode = isKey ? raw->detail : 0;
+        // The server's own time of the key change: how long a key was held does not depend on how
+        // late we get to read the events.
+        const KeyEventTime time = isKey ? KeyEventTime(raw->time) : 0;
         const bool pressed = cookie->evtype == XI_RawKeyPress;
         // Freed before the handlers run: one of them may close this connection.
         XFreeEventData(m_display, cookie);
         if (isKey)
-            keyChanged(keycode, pressed);
+            keyChanged(keycode, pressed, time);
     }
 }
 
-void XInputKeyMonitor::keyChanged(int keycode, bool pressed)
+void XInputKeyMonitor::keyChanged(int keycode, bool pressed, KeyEventTime time)
 {
     const std::optional<ModifierKey> key = modifierForKeycode(keycode);
     if (!key)
@@ -141,7 +146,7 @@ void XInputKeyMonitor::keyChanged(int keycode, bool pressed)
     const bool changed = pressed ? m_heldKeycodes.insert(keycode).second : m_heldKeycodes.erase(keycode) > 0;
     if (!changed)
         return;
-    deliver(FlagsChangedEvent{key->virtualKeyCode, heldFlags()});
+    deliver(FlagsChangedEvent{key->virtualKeyCode, heldFlags(), time});
 }
 
 quint64 XInputKeyMonitor::heldFlags() const
@@ -154,7 +159,8 @@ quint64 XInputKeyMonitor::heldFlags() const
 
 void XInputKeyMonitor::deliver(const FlagsChangedEvent& event)
 {
-    qCDebug(lcHotkey) << "flags changed: key" << event.keyCode << "flags" << Qt::hex << event.modifierFlags;
+    qCDebug(lcHotkey) << "flags changed: key" << event.keyCode << "flags" << Qt::hex << event.modifierFlags
+                      << Qt::dec << "at" << event.time.value_or(0);
     // Handlers may add or remove monitors while being called: call the ones installed now, and
     // skip any that is gone by its turn.
     std::vector<Token> tokens;

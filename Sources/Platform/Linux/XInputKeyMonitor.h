@@ -28,7 +28,7 @@ private:
     bool openConnection();
     void closeConnection();
     void readPendingEvents();
-    void keyChanged(int keycode, bool pressed);
+    void keyChanged(int keycode, bool pressed, KeyEventTime time);
     quint64 heldFlags() const;
     void deliver(const FlagsChangedEvent& event);
 
