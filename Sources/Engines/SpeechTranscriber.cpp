@@ -12,8 +12,6 @@
 
 namespace {
 
-const QString kDefaultLocale = QStringLiteral("pt-BR");
-
 // Runs on the capture thread. It owns the converter and the request itself, so it never touches the
 // engine, which may be gone by the time a last buffer arrives.
 AudioInput::BufferHandler makeTap(std::shared_ptr<SpeechRecognizer::Request> request,
@@ -51,9 +49,7 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
 {
     cancel();
 
-    QString locale = Settings::shared().localeIdentifier();
-    if (locale.isEmpty())
-        locale = kDefaultLocale;
+    const QString locale = Settings::shared().localeIdentifier();
     // Checked before the microphone is touched: an unknown language must fail at once and leave
     // the microphone free.
     auto recognizer = m_makeRecognizer(locale);
@@ -74,7 +70,8 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
     ++m_recognition;
 
     try {
-        m_audioEngine->start(makeTap(request, makeConverterForMicrophone()));
+        m_audioEngine->start(makeTap(request, makeConverterForMicrophone()),
+                             [this, onError](const Error& error) { fail(error, onError); });
     } catch (const Error& error) {
         qCWarning(lcSpeech) << "microphone did not start:" << error.description();
         cancel();
@@ -142,7 +139,13 @@ void SpeechTranscriber::handleError(const Error& error, const ErrorCallback& onE
         qCInfo(lcSpeech) << "recogniser error ignored, text was already heard:" << error.description();
         return;
     }
-    qCWarning(lcSpeech) << "recogniser failed before any text:" << error.description();
+    fail(error, onError);
+}
+
+// Ends the dictation with an error while it is still recording: nothing of it is answered again.
+void SpeechTranscriber::fail(const Error& error, const ErrorCallback& onError)
+{
+    qCWarning(lcSpeech) << "dictation failed:" << error.description();
     stopAudio();
     endAudio();
     cancelTask();

@@ -40,6 +40,7 @@ private:
     void handleResult(quint64 recognition, const std::optional<Result>& result, const std::shared_ptr<const Error>& error,
                       const PartialCallback& onPartial, const ErrorCallback& onError);
     void handleError(const Error& error, const ErrorCallback& onError);
+    void fail(const Error& error, const ErrorCallback& onError);
     void deliverFinal();
     void stopAudio();
     void endAudio();

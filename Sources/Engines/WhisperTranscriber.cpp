@@ -148,9 +148,12 @@ std::optional<QString> WhisperTranscriber::binaryURL()
 std::optional<QString> WhisperTranscriber::modelURL()
 {
     const QDir models(AppPaths::modelsFolder());
-    const QString selected = models.filePath(Settings::shared().whisperModelFileName());
-    if (QFileInfo::exists(selected))
-        return selected;
+    const QString name = Settings::shared().whisperModelFileName();
+    // The setting names a file inside the models folder: a path out of it (absolute, "../", or a
+    // ":" Qt resource) finds nothing there.
+    const bool insideModels = !name.contains(QLatin1Char('/')) && !name.startsWith(QLatin1Char(':'));
+    if (insideModels && QFileInfo(models.filePath(name)).isFile())
+        return models.filePath(name);
     if (!models.exists())
         return std::nullopt;
     // Listed by name, so "the first" is the same on every machine.
@@ -204,7 +207,8 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     m_audioFile = recording;
     try {
         // The capture thread holds the recording itself, never the engine.
-        m_audioEngine->start([recording](QByteArrayView buffer) { recording->append(buffer); });
+        m_audioEngine->start([recording](QByteArrayView buffer) { recording->append(buffer); },
+                             [this](const Error& error) { abandonRecording(error); });
     } catch (const Error&) {
         m_audioFile.reset();
         cleanup();
@@ -221,6 +225,15 @@ void WhisperTranscriber::stopRecording()
     if (m_audioFile)
         m_audioFile->finalise();
     m_audioFile.reset();
+}
+
+// The microphone went away mid-dictation: half a recording is not worth transcribing.
+void WhisperTranscriber::abandonRecording(const Error& error)
+{
+    qCWarning(lcWhisper) << "recording abandoned:" << error.description();
+    stopRecording();
+    cleanup();
+    answerWithError(error);
 }
 
 void WhisperTranscriber::finish()
@@ -246,9 +259,11 @@ void WhisperTranscriber::finish()
 QStringList WhisperTranscriber::arguments(const QString& model, const QString& outputBase) const
 {
     const QString language = Settings::shared().localeIdentifier().left(2).toLower();
+    // whisper-cli refuses an empty language (it prints its usage and exits with status 0); with no
+    // language set, it should recognise whichever one is spoken.
     return {QStringLiteral("-m"), model,
             QStringLiteral("-f"), *m_wavURL,
-            QStringLiteral("-l"), language,
+            QStringLiteral("-l"), language.isEmpty() ? QStringLiteral("auto") : language,
             QStringLiteral("--no-timestamps"),
             QStringLiteral("--no-prints"),
             QStringLiteral("-otxt"),

@@ -46,6 +46,7 @@ private:
     struct Recording;
 
     void stopRecording();
+    void abandonRecording(const Error& error);
     void launch(const QString& binary, const QString& model);
     void complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput);
     void answerWithError(const Error& error);

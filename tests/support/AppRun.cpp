@@ -20,9 +20,7 @@ QString configFolder(const QString& root)
 bool copyExecutable(const QString& from, const QString& to)
 {
     QFile::remove(to);
-    if (!QFile::copy(from, to))
-        return false;
-    return QFile::setPermissions(to, QFile::permissions(to) | QFileDevice::ExeOwner | QFileDevice::ExeUser);
+    return QFile::copy(from, to) && QFile::setPermissions(to, QFile::permissions(to) | QFileDevice::ExeOwner);
 }
 
 QString run(const QString& program, const QStringList& arguments)
@@ -72,19 +70,19 @@ void AppRun::setSetting(const QString& key, const QVariant& value)
 void AppRun::useFakeWhisper(const QString& control)
 {
     installWhisper(TestSupport::fakesPath(QStringLiteral("whisper-cli")));
-    QFile file(whisperFolder() + QStringLiteral("/whisper-cli.control"));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(control.toUtf8());
+    TestSupport::writeFile(whisperFolder() + QStringLiteral("/whisper-cli.control"), control.toUtf8());
 }
 
 void AppRun::useWhisperStandIn(const QByteArray& script)
 {
     const QString path = root() + QStringLiteral("/whisper-cli.script");
-    QFile file(path);
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(script);
-    file.close();
+    TestSupport::writeFile(path, script);
     installWhisper(path);
+}
+
+void AppRun::releaseWhisper()
+{
+    TestSupport::writeFile(whisperFolder() + QStringLiteral("/whisper-cli.release"), {});
 }
 
 void AppRun::installWhisper(const QString& program)
@@ -95,10 +93,8 @@ void AppRun::installWhisper(const QString& program)
     copyExecutable(QStringLiteral(VOXARIA_APP_BINARY), m_binary);
     copyExecutable(program, bin + QStringLiteral("/whisper-cli"));
 
-    QDir().mkpath(dataFolder() + QStringLiteral("/models"));
-    QFile model(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"));
-    model.open(QIODevice::WriteOnly);
-    model.write("not a real model; the fake does not read it");
+    TestSupport::writeFile(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"),
+                           "not a real model; the fake does not read it");
 }
 
 QString AppRun::whisperFolder() const
@@ -210,29 +206,7 @@ bool ReceivingWindow::waitForText(const QString& expected, std::chrono::millisec
     return TestSupport::waitUntil([&] { return text().contains(expected, Qt::CaseInsensitive); }, timeout);
 }
 
-ClipboardOwner::ClipboardOwner(const QString& text)
-{
-    const QString path = m_folder.filePath(QStringLiteral("clip.txt"));
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(text.toUtf8());
-    file.close();
-    m_process.start(QStringLiteral(VOXARIA_HELPER_clipboardowner), {QStringLiteral("text/plain"), path});
-    m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
-}
-
-ClipboardOwner::~ClipboardOwner()
-{
-    m_process.kill();
-    m_process.waitForFinished(2000);
-}
-
 namespace Desktop {
-
-QString clipboardText()
-{
-    return run(QStringLiteral("xclip"), {QStringLiteral("-o"), QStringLiteral("-selection"), QStringLiteral("clipboard")});
-}
 
 QList<quint64> trayIconWindows(const QString& windowClass)
 {
@@ -267,11 +241,6 @@ QImage windowImage(quint64 window)
     if (!import.waitForFinished(10000))
         return {};
     return QImage::fromData(import.readAllStandardOutput(), "PNG");
-}
-
-bool screenshot(const QString& path)
-{
-    return QProcess::execute(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), path}) == 0;
 }
 
 QString screenshotFolder()

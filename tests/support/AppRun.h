@@ -35,6 +35,8 @@ public:
     QString whisperFolder() const;
     // What the fake recorded of its last run.
     QString whisperInputCopy() const;
+    // Lets a fake scripted with hold=1 go on.
+    void releaseWhisper();
 
     // Starts the program and waits until it watches the dictation key.
     bool start();
@@ -80,28 +82,11 @@ private:
     quint64 m_windowId = 0;
 };
 
-// Owns the clipboard with a text, as another application that copied something would.
-class ClipboardOwner {
-public:
-    explicit ClipboardOwner(const QString& text);
-    ~ClipboardOwner();
-    bool ready() const { return m_ready; }
-
-private:
-    QTemporaryDir m_folder;
-    QProcess m_process;
-    bool m_ready = false;
-};
-
 namespace Desktop {
-// The text the CLIPBOARD selection offers now, read by another client (xclip).
-QString clipboardText();
 // The windows of the tray icons that programs of the given class show in the tray host.
 QList<quint64> trayIconWindows(const QString& windowClass);
 // What a window shows now, as read back from the X server.
 QImage windowImage(quint64 window);
-// Saves a picture of the whole screen.
-bool screenshot(const QString& path);
 // Where screenshots go: VOXARIA_SCREENSHOT_DIR when set, else the test program's folder.
 QString screenshotFolder();
 // A WAV copy of any audio file, for paplay.

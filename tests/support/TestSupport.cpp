@@ -1,15 +1,21 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
-#include <QGuiApplication>
+#include <QAudioDevice>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QMediaDevices>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QThread>
+#include <QtEndian>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
 
 namespace TestSupport {
 
@@ -18,6 +24,16 @@ QTemporaryDir& root()
 {
     static QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/voxaria-test-XXXXXX"));
     return dir;
+}
+
+bool pactl(const QStringList& arguments, QString* output = nullptr)
+{
+    QProcess process;
+    process.start(QStringLiteral("pactl"), arguments);
+    const bool ok = process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    if (output)
+        *output = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    return ok;
 }
 }
 
@@ -72,6 +88,15 @@ QString fakesPath(const QString& name)
     return QStringLiteral(VOXARIA_FAKES_DIR "/") + name;
 }
 
+bool writeFile(const QString& path, const QByteArray& bytes, bool executable)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
+        return false;
+    return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner | QFileDevice::ExeUser);
+}
+
 bool hasX11()
 {
     return !qEnvironmentVariableIsEmpty("DISPLAY") && QGuiApplication::platformName() == QLatin1String("xcb");
@@ -79,9 +104,7 @@ bool hasX11()
 
 bool hasPulseAudio()
 {
-    QProcess pactl;
-    pactl.start(QStringLiteral("pactl"), {QStringLiteral("info")});
-    return pactl.waitForFinished() && pactl.exitStatus() == QProcess::NormalExit && pactl.exitCode() == 0;
+    return pactl({QStringLiteral("info")});
 }
 
 bool playIntoMicrophone(const QString& path)
@@ -103,12 +126,81 @@ double audioDuration(const QString& path)
     return probe.readAllStandardOutput().trimmed().toDouble();
 }
 
+QByteArray toneFrames(int frames, int from, float amplitude)
+{
+    QByteArray data(frames * 2 * int(sizeof(float)), Qt::Uninitialized);
+    auto* samples = reinterpret_cast<float*>(data.data());
+    for (int i = 0; i < frames; ++i)
+        samples[2 * i] = samples[2 * i + 1] = amplitude * float(std::sin(2 * M_PI * 440 * (from + i) / 48000.0));
+    return data;
+}
+
+WavInfo readWav(const QString& path)
+{
+    QFile file(path);
+    WavInfo info;
+    const QByteArray header = file.open(QIODevice::ReadOnly) ? file.read(44) : QByteArray();
+    if (header.size() < 44 || !header.startsWith("RIFF") || header.mid(8, 8) != "WAVEfmt " || header.mid(36, 4) != "data")
+        return info;
+    const auto u16 = [&](int offset) { return qFromLittleEndian<quint16>(header.constData() + offset); };
+    const auto u32 = [&](int offset) { return qFromLittleEndian<quint32>(header.constData() + offset); };
+    info = {false, u16(20), u16(22), int(u32(24)), u16(34), u32(40)};
+    info.valid = u32(4) == 36 + info.dataBytes && file.size() == 44 + info.dataBytes;
+    return info;
+}
+
+QStringList dictationFiles(const QString& folder)
+{
+    const QDir dir(folder.isEmpty() ? QDir::tempPath() : folder);
+    QStringList paths;
+    for (const QString& name : dir.entryList({QStringLiteral("voxaria-*")}, QDir::Files))
+        paths << dir.filePath(name);
+    return paths;
+}
+
+void EngineAnswers::start(TranscriptionEngine& engine)
+{
+    const auto note = [this] { onMainThread = onMainThread && QThread::currentThread() == qApp->thread(); };
+    engine.start([this, note](const QString& text) { note(); partials << text; },
+                 [this, note](const QString& text) { note(); finals << text; },
+                 [this, note](const Error& error) { note(); errors << error.description(); });
+}
+
+Headset::Headset()
+    : m_source(QStringLiteral("voxaria_headset_%1").arg(QCoreApplication::applicationPid()))
+{
+    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
+           QStringLiteral("master=voxaria_speaker.monitor"), QStringLiteral("source_name=") + m_source}, &m_module);
+    pactl({QStringLiteral("set-default-source"), m_source});
+    // Qt learns of new sources a moment later; the microphone is picked from its list.
+    waitUntil([this] { return isPlugged(); }, std::chrono::seconds(10));
+}
+
+Headset::~Headset()
+{
+    unplug();
+    pactl({QStringLiteral("set-default-source"), QStringLiteral("voxaria_mic")});
+}
+
+bool Headset::isPlugged() const
+{
+    const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
+    return !m_module.isEmpty()
+        && std::any_of(inputs.begin(), inputs.end(), [this](const QAudioDevice& input) { return input.id() == m_source.toUtf8(); });
+}
+
+bool Headset::unplug()
+{
+    return !m_module.isEmpty() && pactl({QStringLiteral("unload-module"), std::exchange(m_module, QString())});
+}
+
 FakeWhisper::FakeWhisper()
     : m_binary(QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"))
 {
     QFile::remove(m_binary);
-    QFile::copy(fakesPath(QStringLiteral("whisper-cli")), m_binary);
-    QFile::setPermissions(m_binary, QFile::permissions(m_binary) | QFileDevice::ExeOwner | QFileDevice::ExeUser);
+    QFile fake(fakesPath(QStringLiteral("whisper-cli")));
+    fake.open(QIODevice::ReadOnly);
+    writeFile(m_binary, fake.readAll(), true);
     script({});
 }
 
@@ -120,9 +212,7 @@ FakeWhisper::~FakeWhisper()
 
 void FakeWhisper::script(const QString& controlLines)
 {
-    QFile control(m_binary + QStringLiteral(".control"));
-    control.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    control.write(controlLines.toUtf8());
+    writeFile(m_binary + QStringLiteral(".control"), controlLines.toUtf8());
 }
 
 QStringList FakeWhisper::lastArguments() const
@@ -130,7 +220,9 @@ QStringList FakeWhisper::lastArguments() const
     QFile file(m_binary + QStringLiteral(".lastargs"));
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    // One argument a line; an empty argument is an empty line.
+    const QString lines = QString::fromUtf8(file.readAll());
+    return lines.isEmpty() ? QStringList() : lines.chopped(1).split(QLatin1Char('\n'));
 }
 
 QString FakeWhisper::lastInputCopy() const

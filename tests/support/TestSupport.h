@@ -1,9 +1,13 @@
 #pragma once
 
+#include "Engines/TranscriptionEngine.h"
+
 #include <QString>
+#include <QStringList>
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <ostream>
 
 // Readable QStrings in test failure messages.
@@ -26,6 +30,8 @@ void spin(std::chrono::milliseconds duration);
 
 QString testDataPath(const QString& relative); // e.g. "speech/jfk.wav"
 QString fakesPath(const QString& name);          // a fake program under tests/fakes
+// Writes a file, making its folder first.
+bool writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
 // Whether the headless harness (Xvfb + PulseAudio virtual microphone) is running around us.
 bool hasX11();
@@ -36,6 +42,49 @@ bool playIntoMicrophone(const QString& path);
 // Length in seconds of an audio file, as ffprobe reports it.
 double audioDuration(const QString& path);
 
+// A 440 Hz tone as 48 kHz stereo float, the shape a desktop microphone delivers, starting at
+// frame `from` of the tone so that consecutive buffers join up.
+QByteArray toneFrames(int frames, int from = 0, float amplitude = 0.3f);
+
+// The header of a canonical 44-byte WAV file; `valid` when its sizes agree with the file's.
+struct WavInfo {
+    bool valid = false;
+    int format = 0, channels = 0, sampleRate = 0, bitsPerSample = 0;
+    qint64 dataBytes = 0;
+    double seconds() const { return double(dataBytes) / (sampleRate * channels * bitsPerSample / 8); }
+};
+WavInfo readWav(const QString& path);
+
+// The files a dictation keeps in a temporary folder ("voxaria-*"), with their full paths.
+QStringList dictationFiles(const QString& folder = QString());
+
+// Everything an engine told the controller, and whether every call came on the main thread.
+struct EngineAnswers {
+    QStringList partials;
+    QStringList finals;
+    QStringList errors; // as the user reads them
+    bool onMainThread = true;
+
+    void start(TranscriptionEngine& engine);
+    int count() const { return int(finals.size() + errors.size()); }
+    bool answered() const { return count() > 0; }
+};
+
+// A second microphone (think of a USB headset) made PulseAudio's default source until the test
+// unplugs it. The harness's own microphone is the default again afterwards, whatever happened.
+class Headset {
+public:
+    Headset();
+    ~Headset();
+    // Plugged in, and listed by Qt as an input.
+    bool isPlugged() const;
+    bool unplug();
+
+private:
+    QString m_source;
+    QString m_module;
+};
+
 // The fake whisper-cli, installed beside this test program (where the app looks first), and the
 // control file beside it that scripts its next runs.
 class FakeWhisper {
@@ -43,7 +92,7 @@ public:
     FakeWhisper();
     ~FakeWhisper();
     QString binaryPath() const { return m_binary; }
-    // Lines of "key=value" the fake obeys (text=, exit=, stderr=, sleep=, notxt=1, progress=1...).
+    // Lines of "key=value" the fake obeys (text=, exit=, stderr=, sleep=, notxt=1...).
     void script(const QString& controlLines);
     // The arguments and the input WAV of the most recent run, as the fake recorded them.
     QStringList lastArguments() const;

@@ -13,14 +13,17 @@ public:
     int stopCount = 0;
 
     std::optional<AudioFormat> format() override { return deviceFormat; }
-    void start(BufferHandler handler) override;
+    void start(BufferHandler handler, FailureHandler onFailure) override;
     void stop() override;
     bool isRunning() const override { return m_running; }
 
     // Delivers one buffer as the capture thread would; ignored unless running.
     void deliver(QByteArrayView interleavedFrames);
+    // The device goes away, reported as the real input does on the main thread; ignored unless running.
+    void disconnect();
 
 private:
     BufferHandler m_handler;
+    FailureHandler m_onFailure;
     bool m_running = false;
 };

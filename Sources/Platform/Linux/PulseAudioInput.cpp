@@ -5,7 +5,11 @@
 #include "PulseDefaultSource.h"
 
 #include <QAudioSource>
+#include <QElapsedTimer>
 #include <QMediaDevices>
+#include <QTimer>
+
+#include <algorithm>
 
 std::unique_ptr<AudioInput> AudioInput::makeDefault()
 {
@@ -40,12 +44,17 @@ QAudioDevice defaultInputDevice()
 
 }
 
-// Lives on the capture thread: owns the QAudioSource and reads it as data arrives.
+// Lives on the capture thread: owns the QAudioSource and reads it as data arrives. It also watches
+// for the device going away, which Qt 6.4 does not report by itself: the device leaves the list of
+// inputs (a sound server that rescues streams moves ours to another source instead of failing it),
+// the stream stops with an error, or no audio arrives any more (the sound server went away).
 class CaptureWorker : public QObject {
 public:
-    QString start(const QAudioDevice& device, const AudioInput::BufferHandler& handler)
+    QString start(const QAudioDevice& device, const AudioInput::BufferHandler& handler, std::function<void()> onLost)
     {
         m_handler = handler;
+        m_onLost = std::move(onLost);
+        m_deviceId = device.id();
         const QAudioFormat format = device.preferredFormat();
         m_source = new QAudioSource(device, format, this);
         // About 20 ms per read keeps the tail short when the key is released.
@@ -58,6 +67,10 @@ public:
             return reason;
         }
         QObject::connect(m_io, &QIODevice::readyRead, this, [this] { deliverPending(); });
+        m_lastAudio.start();
+        m_watch = new QTimer(this);
+        QObject::connect(m_watch, &QTimer::timeout, this, [this] { checkDevice(); });
+        m_watch->start(kWatchIntervalMs);
         return {};
     }
 
@@ -68,9 +81,12 @@ public:
         deliverPending();
         m_source->stop();
         delete m_source;
+        delete m_watch;
         m_source = nullptr;
+        m_watch = nullptr;
         m_io = nullptr;
         m_handler = nullptr;
+        m_onLost = nullptr;
     }
 
 private:
@@ -79,16 +95,51 @@ private:
         if (!m_io)
             return;
         const QByteArray data = m_io->readAll();
-        if (!data.isEmpty() && m_handler)
+        if (data.isEmpty())
+            return;
+        m_lastAudio.restart();
+        if (m_handler)
             m_handler(QByteArrayView(data));
     }
 
+    void checkDevice()
+    {
+        if (!isListed())
+            lost("the device left the list of inputs");
+        else if (m_source->state() == QAudio::StoppedState && m_source->error() != QAudio::NoError)
+            lost("the capture stream stopped with error " + QByteArray::number(int(m_source->error())));
+        else if (m_lastAudio.hasExpired(kSilentStreamMs))
+            lost("no audio for " + QByteArray::number(kSilentStreamMs) + " ms");
+    }
+
+    bool isListed() const
+    {
+        const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
+        return std::any_of(inputs.begin(), inputs.end(), [this](const QAudioDevice& input) { return input.id() == m_deviceId; });
+    }
+
+    void lost(const QByteArray& why)
+    {
+        qCWarning(lcAudio) << "microphone lost:" << why.constData();
+        if (std::function<void()> onLost = std::exchange(m_onLost, nullptr))
+            onLost();
+    }
+
+    // A live capture stream delivers every 20 ms, silence included.
+    static constexpr int kSilentStreamMs = 3000;
+    static constexpr int kWatchIntervalMs = 250;
+
     QAudioSource* m_source = nullptr;
+    QTimer* m_watch = nullptr;
+    QElapsedTimer m_lastAudio;
     QIODevice* m_io = nullptr;
+    QByteArray m_deviceId;
     AudioInput::BufferHandler m_handler;
+    std::function<void()> m_onLost;
 };
 
 PulseAudioInput::PulseAudioInput()
+    : m_mainThread(std::make_unique<QObject>())
 {
     m_thread.setObjectName(QStringLiteral("voxaria-capture"));
 }
@@ -117,7 +168,7 @@ std::optional<AudioFormat> PulseAudioInput::format()
     return format;
 }
 
-void PulseAudioInput::start(BufferHandler handler)
+void PulseAudioInput::start(BufferHandler handler, FailureHandler onFailure)
 {
     if (m_running)
         return;
@@ -128,8 +179,10 @@ void PulseAudioInput::start(BufferHandler handler)
         m_worker->moveToThread(&m_thread);
     }
     m_thread.start();
+    m_onFailure = std::move(onFailure);
+    const auto onLost = [this, capture = ++m_capture] { reportLoss(capture); };
     QString failure;
-    QMetaObject::invokeMethod(m_worker, [&] { failure = m_worker->start(m_device, handler); },
+    QMetaObject::invokeMethod(m_worker, [&] { failure = m_worker->start(m_device, handler, onLost); },
                               Qt::BlockingQueuedConnection);
     if (!failure.isEmpty()) {
         m_thread.quit();
@@ -147,6 +200,19 @@ void PulseAudioInput::stop()
     m_thread.quit();
     m_thread.wait();
     m_running = false;
+    m_onFailure = nullptr;
+}
+
+// Called on the capture thread; the failure handler runs on the main thread, unless that capture was
+// stopped (or this input destroyed, taking m_mainThread and the queued call with it) meanwhile.
+void PulseAudioInput::reportLoss(quint64 capture)
+{
+    QMetaObject::invokeMethod(m_mainThread.get(), [this, capture] {
+        if (capture != m_capture || !m_running)
+            return;
+        if (FailureHandler onFailure = std::exchange(m_onFailure, nullptr))
+            onFailure(disconnected());
+    }, Qt::QueuedConnection);
 }
 
 bool PulseAudioInput::isRunning() const
