@@ -12,6 +12,8 @@
 
 #include <csignal>
 
+#include <sys/resource.h>
+
 namespace {
 
 using Entry = HistoryStore::Entry;
@@ -24,6 +26,9 @@ QList<Entry> numberedEntries(int count)
         entries.append({QUuid::createUuid(), 785000000.25 - 60.0 * (count - 1 - n), "Editor", QString("ditado %1").arg(n)});
     return entries;
 }
+
+// What the history logged since the test began listening.
+QStringList historyLog;
 
 class HistoryStoreTest : public ::testing::Test {
 protected:
@@ -66,30 +71,39 @@ TEST_F(HistoryStoreTest, AnOversizedFileLoadsWholeAndAddKeepsTheNewest200)
     EXPECT_LT(qAbs(saved[0].dateTime().secsTo(QDateTime::currentDateTimeUtc())), 60) << "dates count from 2001-01-01 UTC";
 }
 
-TEST_F(HistoryStoreTest, EveryChangeRewritesTheFileAndAnnouncesEvenWhenNothingMatchesOrTheWriteFails)
+// A save that fails says why in the log, keeps the change in memory and announces it, and never
+// puts a torn file in place of the last good one.
+TEST_F(HistoryStoreTest, AFailedSaveIsLoggedWithItsReasonAndLosesNothing)
 {
     const QList<Entry> old = numberedEntries(3);
     HistoryFiles::write(path, HistoryFiles::json(old));
     HistoryStore store(path);
     QSignalSpy changes(&store, &HistoryStore::didChange);
-
-    store.remove(old[1].id);
-    EXPECT_EQ(store.entries(), QList<Entry>({old[0], old[2]}));
-    const QByteArray afterRemove = HistoryFiles::read(path);
-    QFile::remove(path);
-    store.remove(old[1].id);
-    EXPECT_EQ(HistoryFiles::read(path), afterRemove) << "a remove that matches nothing still saves";
-    store.clear();
-    EXPECT_EQ(HistoryFiles::read(path), "[]");
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext& context, const QString& message) {
+        if (qstrcmp(context.category, "voxaria.history") == 0)
+            historyLog.append(message);
+    });
+    // No file may grow past 100 bytes: the write fails part-way, as on a full disk.
+    rlimit normal{};
+    getrlimit(RLIMIT_FSIZE, &normal);
+    const rlimit full{100, normal.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &full);
+    store.add("não cabe no disco", "App");
+    setrlimit(RLIMIT_FSIZE, &normal);
+    EXPECT_TRUE(historyLog.join('\n').contains("File too large")) << historyLog.join('\n').toStdString();
+    EXPECT_EQ(HistoryStore(path).entries(), old) << "the last good file stays in place";
 
     QDir(folder.filePath("Voxaria")).removeRecursively();
     HistoryFiles::write(folder.filePath("Voxaria"), "a file where the folder should be");
-    store.add("fica na memória", "App");
-    EXPECT_EQ(store.entries().size(), 1) << "a failed write keeps the change in memory";
-    EXPECT_EQ(changes.count(), 4);
+    store.add("sem pasta", "App");
+    qInstallMessageHandler(nullptr);
+    EXPECT_TRUE(historyLog.last().contains("Not a directory")) << historyLog.last().toStdString();
+    EXPECT_EQ(store.entries().size(), 5);
+    EXPECT_EQ(changes.count(), 2);
 }
 
-TEST_F(HistoryStoreTest, OneBadElementEmptiesTheHistoryAndACopyOfTheFileIsKept)
+TEST_F(HistoryStoreTest, OneBadElementEmptiesTheHistoryAndOneCopyOfTheFileIsKeptAside)
 {
     const QString id = R"("id":"3F2504E0-4F89-41D3-9A0C-0305E82C3301")";
     for (const QString& bad : QStringList{"{" + id + R"(,"date":1,"appName":"a"})", "{" + id + R"(,"date":"1","appName":"a","text":"t"})",
@@ -100,10 +114,11 @@ TEST_F(HistoryStoreTest, OneBadElementEmptiesTheHistoryAndACopyOfTheFileIsKept)
         const QByteArray bytes = ("[{" + id + R"(,"date":1,"appName":"a","text":"t"},)" + bad + "]").toUtf8();
         HistoryFiles::write(caseFolder.filePath("history.json"), bytes);
 
-        EXPECT_TRUE(HistoryStore(caseFolder.filePath("history.json")).entries().isEmpty());
+        for (int launch = 0; launch < 2; ++launch)
+            EXPECT_TRUE(HistoryStore(caseFolder.filePath("history.json")).entries().isEmpty());
         EXPECT_EQ(HistoryFiles::read(caseFolder.filePath("history.json")), bytes) << "untouched until the next save";
         const QStringList copies = QDir(caseFolder.path()).entryList({"history.json.corrupt-*"});
-        ASSERT_EQ(copies.size(), 1);
+        ASSERT_EQ(copies.size(), 1) << "one copy, however many launches meet the file";
         EXPECT_EQ(HistoryFiles::read(caseFolder.filePath(copies.first())), bytes);
     }
 }
