@@ -62,14 +62,11 @@ protected:
         const QRect text = shown->fontMetrics().boundingRect(area, Qt::TextWordWrap | shown->alignment(), shown->text());
         return area.contains(text) && hud.panel()->rect().contains(QRect(shown->mapTo(hud.panel(), QPoint()), shown->size()));
     }
-    // 420 px wide, centred, on the screen, its bottom edge 80 px above the screen's bottom however tall it is.
-    void expectInPlace() const
+    // On the screen, its bottom edge 80 px above the screen's bottom however tall it grows.
+    bool inPlace() const
     {
         const QRect visible = QGuiApplication::primaryScreen()->availableGeometry();
-        EXPECT_EQ(frame().width(), 420);
-        EXPECT_EQ(frame().center().x(), visible.center().x());
-        EXPECT_EQ(frame().bottom(), visible.bottom() - 80);
-        EXPECT_TRUE(visible.contains(frame()));
+        return frame().bottom() == visible.bottom() - 80 && visible.contains(frame());
     }
 
     HUDPanel hud;
@@ -85,7 +82,7 @@ TEST_F(HUDPanelTest, UpdatesNeverShowItAndALongTextKeepsItsEndBehindALeadingElli
     EXPECT_FALSE(label("textLabel")->isVisible());
 
     hud.update(longText);
-    expectInPlace();
+    EXPECT_TRUE(inPlace());
     EXPECT_GT(frame().height(), statusOnly.height());
     EXPECT_TRUE(TestSupport::waitUntil([&] { return showsAllOf("textLabel"); })) << "the text is clipped";
     const QString shown = label("textLabel")->text();
@@ -115,7 +112,7 @@ TEST_F(HUDPanelTest, AnErrorWiderThanThePanelIsReadWhole)
             << "part of it is cut off";
         const QString shown = QString(label("statusLabel")->text()).remove(QChar(0x200B));
         EXPECT_TRUE(shown == error || (error == runaway && error.startsWith(shown.chopped(1)))) << shown.toStdString();
-        expectInPlace();
+        EXPECT_TRUE(inPlace());
     }
 }
 
