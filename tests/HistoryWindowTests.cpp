@@ -1,4 +1,3 @@
-#include "AppRun.h"
 #include "HistoryFiles.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
@@ -141,11 +140,8 @@ TEST_F(HistoryWindowTest, ClearingAsksWithThePluralWordingAndOnlyClearsWhenConfi
     store->add("único", "App");
     click("clearButton"); // unscripted: the fake answers "Cancelar"
     ASSERT_EQ(alerts.shown.size(), 1);
-    const Alerts::Alert& alert = alerts.shown.first();
-    EXPECT_EQ(alert.messageText, "Limpar todo o histórico?");
-    EXPECT_EQ(alert.informativeText, "Todos os 1 ditados salvos serão apagados. Esta ação não pode ser desfeita.");
-    ASSERT_EQ(alert.buttons.size(), 2);
-    EXPECT_EQ(alert.buttons[0].role, Alerts::Button::Role::destructive) << alert.buttons[0].title.toStdString();
+    EXPECT_EQ(alerts.shown[0].informativeText, "Todos os 1 ditados salvos serão apagados. Esta ação não pode ser desfeita.");
+    EXPECT_EQ(alerts.shown[0].buttons.value(0).role, Alerts::Button::Role::destructive);
     EXPECT_EQ(store->entries().size(), 1);
 
     store->add("segundo", "App");
