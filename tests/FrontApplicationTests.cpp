@@ -37,6 +37,10 @@ TEST(FrontApplication, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseB
         "[Desktop Entry]\nType=Application\nName=Inbox\nName[pt]=Caixa\nName[pt_BR]=Caixa de Entrada\n"
         "StartupWMClass=Receiver\nActions=new;\n\n[Desktop Action new]\nName=New window\nName[pt_BR]=Nova janela\n");
     EXPECT_EQ(front.localizedName(), QStringLiteral("Caixa de Entrada"));
+
+    // Entries are read once, not before every paste: one rewritten in place is not read again.
+    install(QStringLiteral("org.example.Inbox.desktop"), "[Desktop Entry]\nName=Outro nome\nStartupWMClass=Receiver\n");
+    EXPECT_EQ(front.localizedName(), QStringLiteral("Caixa de Entrada"));
 }
 
 }

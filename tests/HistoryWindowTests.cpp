@@ -1,4 +1,3 @@
-#include "AppRun.h"
 #include "HistoryFiles.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
@@ -51,20 +50,12 @@ protected:
     }
 
     template<typename Widget>
-    Widget* find(const char* name) const
-    {
-        auto* widget = history->window()->findChild<Widget*>(name);
-        EXPECT_NE(widget, nullptr) << name;
-        return widget;
-    }
+    Widget* find(const char* name) const { return history->window()->findChild<Widget*>(name); }
     QTableView* table() const { return find<QTableView>("table"); }
     QString status() const { return find<QLabel>("statusLabel")->text(); }
     QString detail() const { return find<QPlainTextEdit>("detailView")->toPlainText(); }
-    // Whether "Copiar" and "Apagar" can be pressed; they always go together with the selection.
-    QList<bool> actionsEnabled() const
-    {
-        return {find<QPushButton>("copyButton")->isEnabled(), find<QPushButton>("deleteButton")->isEnabled()};
-    }
+    // "Copiar" and "Apagar" go together with the selection.
+    bool actionsEnabled() const { return find<QPushButton>("copyButton")->isEnabled() && find<QPushButton>("deleteButton")->isEnabled(); }
     QString clipboard() const { return QGuiApplication::clipboard()->text(); }
     QString cell(int row, int column) const { return table()->model()->index(row, column).data().toString(); }
 
@@ -115,17 +106,19 @@ TEST_F(HistoryWindowTest, SearchIsCaseInsensitiveAccentSensitiveAndBlindToUnicod
     }
 }
 
-TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineButIsCopiedWhole)
+TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineAtItsLocalTimeButIsCopiedWhole)
 {
     const QString text = "Lista de compras:\nleite\npão";
-    open({entry(text, "Notas"), entry("outro", "Notas")});
+    open({entry(text, "Notas", localDate(3, 5, 9, 41)), entry("outro", "—", localDate(12, 31, 14, 27))});
+    EXPECT_EQ(QStringList({cell(0, 0), cell(1, 0), cell(1, 1)}), QStringList({"05/03 09:41", "31/12 14:27", "—"}));
     QGuiApplication::clipboard()->setText("antes");
+    EXPECT_FALSE(actionsEnabled());
     click("copyButton");
     EXPECT_EQ(clipboard(), "antes") << "nothing selected, nothing copied";
 
     EXPECT_EQ(cell(0, 2), "Lista de compras: leite pão");
     clickRow(0);
-    EXPECT_EQ(actionsEnabled(), QList<bool>({true, true}));
+    EXPECT_TRUE(actionsEnabled());
     EXPECT_EQ(detail(), text);
     click("copyButton");
     EXPECT_EQ(clipboard(), text);
@@ -138,22 +131,6 @@ TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineButIsCopiedWhole)
     EXPECT_EQ(status(), "3 ditados") << "the next refresh brings the count back";
 }
 
-TEST_F(HistoryWindowTest, DeletingUnderAFilterRemovesTheSelectedEntryWithoutAsking)
-{
-    const QList<Entry> entries = {entry("nota um", "Notas"), entry("outra coisa", "Firefox"), entry("nota dois", "Notas"),
-                                  entry("nota três", "Notas")};
-    open(entries);
-    type("nota");
-    clickRow(1);
-    EXPECT_EQ(detail(), "nota dois");
-    click("deleteButton");
-
-    EXPECT_TRUE(alerts.shown.isEmpty());
-    EXPECT_EQ(shownTexts(), QStringList({"nota um", "nota três"}));
-    EXPECT_EQ(status(), "2 ditados");
-    EXPECT_EQ(HistoryStore(path).entries(), QList<Entry>({entries[0], entries[1], entries[3]}));
-}
-
 TEST_F(HistoryWindowTest, ClearingAsksWithThePluralWordingAndOnlyClearsWhenConfirmed)
 {
     open({});
@@ -163,12 +140,8 @@ TEST_F(HistoryWindowTest, ClearingAsksWithThePluralWordingAndOnlyClearsWhenConfi
     store->add("único", "App");
     click("clearButton"); // unscripted: the fake answers "Cancelar"
     ASSERT_EQ(alerts.shown.size(), 1);
-    const Alerts::Alert& alert = alerts.shown.first();
-    EXPECT_EQ(alert.messageText, "Limpar todo o histórico?");
-    EXPECT_EQ(alert.informativeText, "Todos os 1 ditados salvos serão apagados. Esta ação não pode ser desfeita.");
-    ASSERT_EQ(alert.buttons.size(), 2);
-    EXPECT_EQ(QStringList({alert.buttons[0].title, alert.buttons[1].title}), QStringList({"Limpar tudo", "Cancelar"}));
-    EXPECT_EQ(alert.buttons[0].role, Alerts::Button::Role::destructive);
+    EXPECT_EQ(alerts.shown[0].informativeText, "Todos os 1 ditados salvos serão apagados. Esta ação não pode ser desfeita.");
+    EXPECT_EQ(alerts.shown[0].buttons.value(0).role, Alerts::Button::Role::destructive);
     EXPECT_EQ(store->entries().size(), 1);
 
     store->add("segundo", "App");
@@ -180,43 +153,29 @@ TEST_F(HistoryWindowTest, ClearingAsksWithThePluralWordingAndOnlyClearsWhenConfi
     EXPECT_EQ(status(), "0 ditados");
 }
 
-TEST_F(HistoryWindowTest, NewDictationsAppearAtOnceEvenWhileHiddenAndReopeningKeepsTheSearch)
+TEST_F(HistoryWindowTest, UnderAFilterNewDictationsAppearAtOnceAndDeletingRemovesTheSelectedOneWithoutAsking)
 {
-    open({entry("velha nota", "Notas")});
+    const QList<Entry> entries = {entry("nota um", "Notas"), entry("outra coisa", "Firefox"), entry("nota dois", "Notas")};
+    open(entries);
     type("nota");
     store->add("nova nota", "Notas");
     store->add("sem relação", "Outro app");
-    EXPECT_EQ(shownTexts(), QStringList({"nova nota", "velha nota"}));
+    EXPECT_EQ(shownTexts(), QStringList({"nova nota", "nota um", "nota dois"}));
+    clickRow(2);
+    EXPECT_EQ(detail(), "nota dois");
+    click("deleteButton");
+    EXPECT_TRUE(alerts.shown.isEmpty());
+    EXPECT_EQ(shownTexts(), QStringList({"nova nota", "nota um"}));
+    EXPECT_EQ(status(), "2 ditados");
+    EXPECT_EQ(HistoryStore(path).entries().mid(2), entries.mid(0, 2));
 
     QPointer<QWidget> window = history->window();
     window->close();
     ASSERT_FALSE(window.isNull()) << "closing only hides";
     store->add("nota escondida", "Notas");
     EXPECT_EQ(shownTexts().first(), "nota escondida");
-
     history->show();
-    EXPECT_EQ(find<QLineEdit>("searchField")->text(), "nota");
-}
-
-// Also leaves a picture of the window for a look at the design.
-TEST_F(HistoryWindowTest, OpensWithTheDesignedTextsAndLocalDayMonthTimes)
-{
-    open({entry("Bom dia! Podemos remarcar a reunião para quinta-feira às 15h?", "Thunderbird", localDate(3, 5, 9, 41)),
-          entry("Lembrete:\ncomprar pão, leite e café", "Notas", localDate(2, 28, 18, 3)),
-          entry("A apresentação ficou ótima, parabéns à equipe de operações pelo trabalho cuidadoso.", "—",
-                localDate(12, 31, 14, 27))});
-    EXPECT_EQ(history->window()->windowTitle(), "Histórico de ditados");
-    EXPECT_EQ(find<QLineEdit>("searchField")->placeholderText(), "Buscar no histórico…");
-    EXPECT_EQ(actionsEnabled(), QList<bool>({false, false})) << "nothing is selected yet";
-    for (int column = 0; column < 3; ++column)
-        EXPECT_EQ(table()->model()->headerData(column, Qt::Horizontal).toString(), QStringList({"Quando", "App", "Texto"})[column]);
-    EXPECT_EQ(QStringList({cell(0, 0), cell(0, 1), cell(2, 0), cell(2, 1)}),
-              QStringList({"05/03 09:41", "Thunderbird", "31/12 14:27", "—"}));
-
-    clickRow(1);
-    const QString file = Desktop::screenshotFolder() + "/history-window.png";
-    ASSERT_TRUE(history->window()->grab().save(file)) << file.toStdString();
-    std::printf("history window screenshot: %s\n", qPrintable(file));
+    EXPECT_EQ(find<QLineEdit>("searchField")->text(), "nota") << "reopening keeps the search";
 }
 
 }

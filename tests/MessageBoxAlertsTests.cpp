@@ -9,38 +9,32 @@
 
 namespace {
 
-// Answers the next modal message box by clicking the button with this title (empty: press Escape).
-void answerNextBox(const QString& title, QString* seenText)
+// Runs the alert and answers it as a user would, by clicking the button with this title (none:
+// pressing Escape). Gives the index the alert answered and the texts it showed.
+std::pair<int, QString> answer(const Alerts::Alert& alert, const QString& title)
 {
-    QTimer::singleShot(50, [title, seenText] {
+    QString seen;
+    QTimer::singleShot(50, [&] {
         auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
         ASSERT_NE(box, nullptr) << "no alert is showing";
-        *seenText = box->text() + "|" + box->informativeText();
-        if (title.isEmpty())
-            return box->reject();
+        seen = box->text() + "|" + box->informativeText();
         for (QAbstractButton* button : box->buttons()) {
             if (button->text() == title)
                 return button->click();
         }
-        FAIL() << "no button " << title.toStdString();
+        box->reject();
     });
+    const int chosen = MessageBoxAlerts().runModal(alert);
+    return {chosen, seen};
 }
 
 TEST(MessageBoxAlerts, AnswersTheIndexOfTheChosenButtonAndEscapeChoosesCancel)
 {
-    MessageBoxAlerts alerts;
     const Alerts::Alert alert{"Pergunta?", "Detalhes.",
                               {{"Apagar", Alerts::Button::Role::destructive}, {"Outro"}, {"Cancelar", Alerts::Button::Role::cancel}}};
-    QString seen;
-    answerNextBox("Outro", &seen);
-    EXPECT_EQ(alerts.runModal(alert), 1);
-    EXPECT_EQ(seen, "Pergunta?|Detalhes.");
-
-    answerNextBox({}, &seen);
-    EXPECT_EQ(alerts.runModal(alert), 2) << "Escape means the cancelling button";
-
-    answerNextBox("OK", &seen);
-    EXPECT_EQ(alerts.runModal({"Aviso", "Só um botão.", {}}), 0) << "no buttons means the platform's OK";
+    EXPECT_EQ(answer(alert, "Outro"), std::pair(1, QString("Pergunta?|Detalhes.")));
+    EXPECT_EQ(answer(alert, {}).first, 2) << "Escape means the cancelling button";
+    EXPECT_EQ(answer({"Aviso", "Só um botão.", {}}, "OK").first, 0) << "no buttons means the platform's OK";
 }
 
 }

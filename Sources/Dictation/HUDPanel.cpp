@@ -7,8 +7,10 @@
 #include <QFontMetrics>
 #include <QLabel>
 #include <QPainterPath>
+#include <QRegularExpression>
 #include <QRegion>
 #include <QScreen>
+#include <QTextBoundaryFinder>
 #include <QVBoxLayout>
 
 namespace {
@@ -19,6 +21,10 @@ constexpr int verticalInset = 10;
 constexpr int lineSpacing = 4;
 constexpr int textWidth = HUDPanel::width - 2 * horizontalInset;
 const QChar ellipsis(0x2026);
+const QChar zeroWidthSpace(0x200B);
+// An error longer than this many lines (a whisper-cli line can be kilobytes) keeps its beginning;
+// the panel must stay on the screen.
+constexpr int maximumStatusLines = 6;
 
 QFont systemFont(int pixelSize, QFont::Weight weight)
 {
@@ -40,35 +46,61 @@ bool fitsInLines(const QString& text, const QFontMetrics& metrics, int lines)
     return wrappedHeight(text, metrics) <= wrappedHeight(QStringList(lines, QStringLiteral("x")).join(u'\n'), metrics);
 }
 
-// Cutting inside a surrogate pair would leave half an emoji after the ellipsis.
-qsizetype characterBoundaryFrom(const QString& text, qsizetype index)
+// Word wrap breaks only between words, so a long path in an error would still run past the panel's
+// edges; a zero-width space between the characters of a word wider than a line lets it break there.
+QString breakableAnywhere(const QString& text, const QFontMetrics& metrics)
 {
-    while (index < text.size() && text.at(index).isLowSurrogate())
-        ++index;
-    return index;
+    static const QRegularExpression word(QStringLiteral("\\S+"));
+    QString result;
+    qsizetype copied = 0;
+    for (QRegularExpressionMatchIterator words = word.globalMatch(text); words.hasNext();) {
+        const QRegularExpressionMatch match = words.next();
+        if (metrics.horizontalAdvance(match.captured()) <= textWidth)
+            continue;
+        result += text.mid(copied, match.capturedStart() - copied);
+        QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, match.captured());
+        for (qsizetype start = 0, end = characters.toNextBoundary(); end > 0; start = end, end = characters.toNextBoundary())
+            result += match.captured().mid(start, end - start) + zeroWidthSpace;
+        copied = match.capturedEnd();
+    }
+    return result + text.mid(copied);
 }
 
-// The end of `text` that fits in the allowed lines, with an ellipsis standing for what was cut
-// from its beginning, as the label will wrap it.
-QString headTruncated(const QString& text, const QFont& font)
+// Cutting inside a surrogate pair would leave half an emoji beside the ellipsis: drop one more unit.
+qsizetype wholeCharacters(const QString& text, qsizetype dropped, Qt::TextElideMode mode)
+{
+    const auto cut = [&] { return mode == Qt::ElideLeft ? dropped : text.size() - dropped; };
+    while (dropped < text.size() && text.at(cut()).isLowSurrogate())
+        ++dropped;
+    return dropped;
+}
+
+// `text` as the label wraps it, cut to at most `lines` lines: ElideLeft drops its beginning (the end
+// of a dictation is what was just said), ElideRight its end; an ellipsis stands for what went.
+QString fittedToLines(const QString& text, const QFont& font, int lines, Qt::TextElideMode mode)
 {
     const QFontMetrics metrics(font);
-    if (fitsInLines(text, metrics, HUDPanel::maximumTextLines))
-        return text;
-    // Binary search for the fewest leading characters to drop: dropping `enough` is known to fit,
-    // dropping fewer than `tooFew` is known not to.
+    const QString breakable = breakableAnywhere(text, metrics);
+    if (fitsInLines(breakable, metrics, lines))
+        return breakable;
+    const auto shortened = [&](qsizetype dropped) {
+        return mode == Qt::ElideLeft ? ellipsis + breakable.mid(dropped).trimmed()
+                                     : breakable.left(breakable.size() - dropped).trimmed() + ellipsis;
+    };
+    // Binary search for the fewest characters to drop: dropping `enough` is known to fit, dropping
+    // fewer than `tooFew` is known not to.
     qsizetype tooFew = 1;
-    qsizetype enough = text.size();
+    qsizetype enough = breakable.size();
     while (tooFew < enough) {
-        const qsizetype middle = characterBoundaryFrom(text, tooFew + (enough - tooFew) / 2);
+        const qsizetype middle = wholeCharacters(breakable, tooFew + (enough - tooFew) / 2, mode);
         if (middle >= enough)
             break;
-        if (fitsInLines(ellipsis + text.mid(middle), metrics, HUDPanel::maximumTextLines))
+        if (fitsInLines(shortened(middle), metrics, lines))
             enough = middle;
         else
             tooFew = middle + 1;
     }
-    return ellipsis + text.mid(enough).trimmed();
+    return shortened(enough);
 }
 
 QLabel* makeLabel(QWidget* parent, const QString& name, const QFont& font, const QString& colour)
@@ -113,6 +145,8 @@ HUDPanel::HUDPanel()
 
     m_statusLabel = makeLabel(background, QStringLiteral("statusLabel"), systemFont(12, QFont::DemiBold),
         QStringLiteral("rgb(255, 255, 255)"));
+    // A status wider than the panel, such as an engine's error, goes on over further lines.
+    m_statusLabel->setWordWrap(true);
     m_textLabel = makeLabel(background, QStringLiteral("textLabel"), systemFont(13, QFont::Normal),
         QStringLiteral("rgba(255, 255, 255, 217)"));
     m_textLabel->setWordWrap(true);
@@ -145,7 +179,7 @@ void HUDPanel::show(const QString& status, const QString& text)
     // when debugging is asked for.
     qCInfo(lcHud) << "Showing" << status;
     qCDebug(lcHud) << "with text" << text;
-    m_statusLabel->setText(status);
+    m_statusLabel->setText(fittedToLines(status, m_statusLabel->font(), maximumStatusLines, Qt::ElideRight));
     m_panel->setAccessibleName(status);
     setText(text);
     layoutAndPosition();
@@ -168,7 +202,7 @@ void HUDPanel::hide()
 
 void HUDPanel::setText(const QString& text)
 {
-    m_textLabel->setText(headTruncated(text, m_textLabel->font()));
+    m_textLabel->setText(fittedToLines(text, m_textLabel->font(), maximumTextLines, Qt::ElideLeft));
     m_textLabel->setVisible(!text.isEmpty());
 }
 

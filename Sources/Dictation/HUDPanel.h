@@ -13,7 +13,8 @@ class QVBoxLayout;
 class QWidget;
 
 // The small floating status display of a dictation: a dark rounded panel near the bottom centre of
-// the screen holding the pointer, with a one-line status and up to three lines of text under it.
+// the screen holding the pointer, with a status (wrapped when wider than the panel, which then grows
+// upward) and up to three lines of text under it.
 // It never takes the focus, never activates the application and lets clicks through. It has no
 // timers and never hides itself; its owner decides. Main thread only.
 class HUDPanel {

@@ -18,8 +18,8 @@
 
 namespace {
 
-// Strings go out as raw UTF-8 with "/" escaped, the way the file has always been written, so that
-// a file written here is byte-for-byte what other builds of Voxaria write.
+// Strings go out as raw UTF-8 with "/" escaped, the form history files have always had, so a file
+// saved by this version differs from one saved by an earlier version only where the entries do.
 void appendJsonString(QByteArray& out, const QString& value)
 {
     static constexpr char hexDigits[] = "0123456789abcdef";
@@ -82,6 +82,19 @@ std::optional<QByteArray> encode(const QList<HistoryStore::Entry>& entries)
     }
     out.append(']');
     return out;
+}
+
+// A short write says nothing about why; the next attempt fails with the reason (a full disk, a
+// file-size limit), which then stays in the file's errorString().
+bool writeAll(QSaveFile& file, const QByteArray& bytes)
+{
+    for (qsizetype done = 0; done < bytes.size();) {
+        const qint64 written = file.write(bytes.constData() + done, bytes.size() - done);
+        if (written <= 0)
+            return false;
+        done += written;
+    }
+    return true;
 }
 
 // Only the 8-4-4-4-12 form counts as an id; QUuid alone would also take braces and other shapes.
@@ -181,8 +194,22 @@ void HistoryStore::load()
         return;
     }
     qCWarning(lcHistory) << "History file" << m_fileLocation << "is not a valid history; starting empty";
-    if (!bytes.isEmpty())
+    if (!bytes.isEmpty() && !hasCopyOf(bytes))
         keepCopyOfCorruptFile();
+}
+
+// Whether an earlier launch already kept these very bytes aside: every launch meets the same corrupt
+// file until a save replaces it, and one copy of it is enough.
+bool HistoryStore::hasCopyOf(const QByteArray& bytes) const
+{
+    const QFileInfo history(m_fileLocation);
+    const QString pattern = history.fileName() + QStringLiteral(".corrupt-*");
+    for (const QFileInfo& copy : history.dir().entryInfoList({pattern}, QDir::Files)) {
+        QFile file(copy.filePath());
+        if (copy.size() == bytes.size() && file.open(QIODevice::ReadOnly) && file.readAll() == bytes)
+            return true;
+    }
+    return false;
 }
 
 // The next save replaces the file, so this copy is the user's only chance to recover its entries.
@@ -226,7 +253,10 @@ void HistoryStore::save()
     QDir().mkpath(QFileInfo(m_fileLocation).absolutePath());
     if (const std::optional<QByteArray> bytes = encode(m_entries)) {
         QSaveFile file(m_fileLocation);
-        const bool written = file.open(QIODevice::WriteOnly) && file.write(*bytes) == bytes->size() && file.commit();
+        // Unbuffered: QSaveFile commits a temporary file whose buffered flush failed, which would
+        // put a torn history in place when the disk fills up.
+        const bool written = file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && writeAll(file, *bytes)
+            && file.commit();
         if (!written)
             qCWarning(lcHistory) << "Could not save the history to" << m_fileLocation << ":" << file.errorString();
     } else {

@@ -44,13 +44,14 @@ public:
     void clear();
 
 signals:
-    // "HistoryStoreDidChange": after every save, whether or not the file could be written.
+    // After every save, whether or not the file could be written.
     void didChange();
 
 private:
     // The current time as seconds since 2001-01-01 UTC, with sub-millisecond precision.
     static double now();
     void load();
+    bool hasCopyOf(const QByteArray& bytes) const;
     void keepCopyOfCorruptFile() const;
     void save();
 

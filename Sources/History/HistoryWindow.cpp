@@ -21,7 +21,8 @@
 
 namespace {
 
-// Sizes are the design's points; a point there is one logical pixel, so fonts are sized in pixels.
+// Fonts are sized in logical pixels, the unit every other size of the window is given in, so text
+// and layout keep their proportions on any screen.
 QFont systemFont(int pixelSize)
 {
     QFont font = QApplication::font();

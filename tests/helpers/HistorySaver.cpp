@@ -9,10 +9,8 @@
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s HISTORY_FILE\n", argv[0]);
-        return 2;
-    }
+    if (argc != 2)
+        return 2; // the history file is its one argument
     HistoryStore store(QString::fromLocal8Bit(argv[1]));
     // Long texts make each write take long enough to be caught half-way.
     const QString paragraph = QStringLiteral("Ditado número %1 com acentuação, aspas \" e barras / para o arquivo. ").repeated(20);

@@ -3,6 +3,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QStandardPaths>
 
 #include "X11Display.h"
@@ -57,17 +58,6 @@ DesktopEntry readDesktopEntry(const QString& path)
     }
     entry.portugueseName = brazilian.isEmpty() ? portuguese : brazilian;
     return entry;
-}
-
-QList<DesktopEntry> installedDesktopEntries()
-{
-    QList<DesktopEntry> entries;
-    for (const QString& folder : QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation)) {
-        QDirIterator files(folder, {QStringLiteral("*.desktop")}, QDir::Files, QDirIterator::Subdirectories);
-        while (files.hasNext())
-            entries.append(readDesktopEntry(files.next()));
-    }
-    return entries;
 }
 
 bool matchesEither(const QString& candidate, const FrontApplication::WindowClass& windowClass)
@@ -142,17 +132,83 @@ std::optional<QString> processName(Display* display, Window window)
 
 }
 
+// The installed .desktop entries, read once, and the name found for each window class. They are
+// read again only when an applications folder changes (an application installed or removed), so
+// the lookup before a paste costs a look at a few folders, not a read of hundreds of files.
+class X11FrontApplication::DesktopNames {
+public:
+    std::optional<QString> nameFor(const WindowClass& windowClass)
+    {
+        if (!m_stamps || *m_stamps != stampsOf(m_folders))
+            reload();
+        const std::pair key(windowClass.instance, windowClass.className);
+        auto found = m_names.constFind(key);
+        if (found == m_names.cend())
+            found = m_names.insert(key, match(windowClass));
+        return *found;
+    }
+
+private:
+    // A folder's modification time, and its number of entries for changes within one clock tick.
+    using Stamp = std::pair<qint64, qsizetype>;
+
+    static QList<Stamp> stampsOf(const QStringList& folders)
+    {
+        QList<Stamp> stamps;
+        for (const QString& folder : folders)
+            stamps.append({QFileInfo(folder).lastModified().toMSecsSinceEpoch(), QDir(folder).count()});
+        return stamps;
+    }
+
+    void reload()
+    {
+        m_entries.clear();
+        m_names.clear();
+        const QStringList locations = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
+        m_folders = locations;
+        for (const QString& folder : locations) {
+            QDirIterator found(folder, {QStringLiteral("*.desktop")}, QDir::Files | QDir::AllDirs | QDir::NoDotAndDotDot,
+                QDirIterator::Subdirectories);
+            while (found.hasNext()) {
+                const QString path = found.next();
+                if (found.fileInfo().isDir())
+                    m_folders.append(path);
+                else
+                    m_entries.append(readDesktopEntry(path));
+            }
+        }
+        m_stamps = stampsOf(m_folders);
+        qCDebug(lcApp) << "Read" << m_entries.size() << "application entries";
+    }
+
+    std::optional<QString> match(const WindowClass& windowClass) const
+    {
+        // An entry that names its window class is a surer match than one whose file merely shares it.
+        for (const auto& matches : {&DesktopEntry::startupWMClass, &DesktopEntry::fileId}) {
+            for (const DesktopEntry& entry : m_entries) {
+                if (!entry.name.isEmpty() && matchesEither(entry.*matches, windowClass))
+                    return entry.portugueseName.isEmpty() ? entry.name : entry.portugueseName;
+            }
+        }
+        return std::nullopt;
+    }
+
+    QStringList m_folders;
+    std::optional<QList<Stamp>> m_stamps;
+    QList<DesktopEntry> m_entries;
+    QHash<std::pair<QString, QString>, std::optional<QString>> m_names;
+};
+
+X11FrontApplication::X11FrontApplication()
+    : m_desktopNames(std::make_unique<DesktopNames>())
+{
+}
+
+X11FrontApplication::~X11FrontApplication() = default;
+
 std::optional<QString> X11FrontApplication::desktopEntryName(const WindowClass& windowClass)
 {
-    const QList<DesktopEntry> entries = installedDesktopEntries();
-    // An entry that names its window class is a surer match than one whose file merely shares it.
-    for (const auto& matches : {&DesktopEntry::startupWMClass, &DesktopEntry::fileId}) {
-        for (const DesktopEntry& entry : entries) {
-            if (!entry.name.isEmpty() && matchesEither(entry.*matches, windowClass))
-                return entry.portugueseName.isEmpty() ? entry.name : entry.portugueseName;
-        }
-    }
-    return std::nullopt;
+    return m_desktopNames->nameFor(windowClass);
 }
 
 std::optional<QString> X11FrontApplication::localizedName()

@@ -2,14 +2,23 @@
 
 #include "Platform/FrontApplication.h"
 
+#include <memory>
+
 // The front application on X11: the window named by the window manager's _NET_ACTIVE_WINDOW, or,
 // with no window manager, the top-level window above the one holding the input focus.
 class X11FrontApplication final : public FrontApplication {
 public:
+    X11FrontApplication();
+    ~X11FrontApplication() override;
+
     std::optional<QString> localizedName() override;
     std::optional<WindowClass> windowClass() override;
 
     // The Name of the installed .desktop entry for this window class (its pt_BR translation when it
     // has one), or nothing when no entry matches.
-    static std::optional<QString> desktopEntryName(const WindowClass& windowClass);
+    std::optional<QString> desktopEntryName(const WindowClass& windowClass);
+
+private:
+    class DesktopNames;
+    std::unique_ptr<DesktopNames> m_desktopNames;
 };
