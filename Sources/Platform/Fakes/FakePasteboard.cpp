@@ -24,12 +24,14 @@ std::optional<QByteArray> FakePasteboard::data(int index, const QString& type)
 void FakePasteboard::clearContents()
 {
     items.clear();
+    owned = false;
     ++writeCount;
 }
 
 void FakePasteboard::setString(const QString& text)
 {
     items = {{{plainTextType, text.toUtf8()}}};
+    owned = true;
     ++writeCount;
 }
 
@@ -42,7 +44,14 @@ void FakePasteboard::writeItems(const std::vector<Item>& written)
             copy.push_back({type, bytes});
         items.push_back(std::move(copy));
     }
+    owned = true;
     ++writeCount;
+}
+
+void FakePasteboard::copyElsewhere(std::vector<FakeItem> copied)
+{
+    items = std::move(copied);
+    owned = false;
 }
 
 std::optional<QString> FakePasteboard::string() const
