@@ -7,6 +7,8 @@
 #include <QGuiApplication>
 #include <QTemporaryFile>
 
+#include <X11/Xlib.h>
+
 using namespace std::chrono_literals;
 
 namespace DesktopApps {
@@ -98,6 +100,26 @@ void clearClipboard()
 {
     QGuiApplication::clipboard()->clear(QClipboard::Clipboard);
     TestSupport::spin(50ms);
+}
+
+bool copyWithXclip(const QByteArray& html)
+{
+    QProcess xclip;
+    xclip.start(QStringLiteral("xclip"),
+        {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-t"), QStringLiteral("text/html")});
+    xclip.write(html);
+    xclip.closeWriteChannel();
+    // xclip leaves a child serving the selection once it owns it.
+    return xclip.waitForFinished() && xclip.exitCode() == 0;
+}
+
+bool isKeyDown(int keycode)
+{
+    static Display* display = XOpenDisplay(nullptr);
+    char keys[32] = {};
+    if (display)
+        XQueryKeymap(display, keys);
+    return (keys[keycode / 8] >> (keycode % 8)) & 1;
 }
 
 }

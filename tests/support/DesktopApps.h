@@ -47,5 +47,10 @@ QStringList clipboardTargets();
 QByteArray clipboardData(const QString& target);
 // Leaves the clipboard without an owner.
 void clearClipboard();
+// Copies text/html bytes with xclip, which claims the clipboard at the server's current time.
+bool copyWithXclip(const QByteArray& html);
+
+// Whether the X server has the key down now.
+bool isKeyDown(int keycode);
 
 }
