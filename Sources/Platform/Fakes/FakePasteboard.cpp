@@ -48,12 +48,6 @@ void FakePasteboard::writeItems(const std::vector<Item>& written)
     ++writeCount;
 }
 
-void FakePasteboard::copyElsewhere(std::vector<FakeItem> copied)
-{
-    items = std::move(copied);
-    owned = false;
-}
-
 std::optional<QString> FakePasteboard::string() const
 {
     if (items.empty())

@@ -3,7 +3,7 @@
 #include "Platform/Pasteboard.h"
 
 // A pasteboard in memory. Tests fill `items`, including types that yield no data, and read back
-// what was written; every write is counted, and another program can take the pasteboard over.
+// what was written; every write is counted.
 class FakePasteboard final : public Pasteboard {
 public:
     static inline const QString plainTextType = QStringLiteral("text/plain");
@@ -17,7 +17,7 @@ public:
 
     std::vector<FakeItem> items;
     int writeCount = 0;
-    // Whether the last change came through this pasteboard's writes rather than another program.
+    // Whether the last change came through this pasteboard's writes rather than the test's.
     bool owned = false;
 
     int itemCount() override { return int(items.size()); }
@@ -28,9 +28,6 @@ public:
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& written) override;
     bool ownsContents() override { return owned; }
-
-    // What another program's copy does: new contents, owned by someone else.
-    void copyElsewhere(std::vector<FakeItem> copied);
 
     // The plain text on the pasteboard, if its first item has some.
     std::optional<QString> string() const;
