@@ -3,18 +3,22 @@
 #include "Shared/Logging.h"
 
 #include <QCoreApplication>
+#include <QPointer>
 #include <QTimer>
 
+#include <optional>
 #include <vector>
 
 namespace TextInserter {
 
 namespace {
 
+using Contents = std::vector<Pasteboard::Item>;
+
 // Copies of every item, keeping each type that still gives data; the owner may lose the rest.
-std::vector<Pasteboard::Item> saveContents(Pasteboard& pasteboard)
+Contents saveContents(Pasteboard& pasteboard)
 {
-    std::vector<Pasteboard::Item> saved;
+    Contents saved;
     const int count = pasteboard.itemCount();
     saved.reserve(size_t(count));
     for (int index = 0; index < count; ++index) {
@@ -28,14 +32,6 @@ std::vector<Pasteboard::Item> saveContents(Pasteboard& pasteboard)
         saved.push_back(std::move(copy));
     }
     return saved;
-}
-
-void restore(Pasteboard& pasteboard, const std::vector<Pasteboard::Item>& saved)
-{
-    pasteboard.clearContents();
-    if (!saved.empty())
-        pasteboard.writeItems(saved);
-    qCDebug(lcInsert) << "Clipboard restored with" << saved.size() << "item(s)";
 }
 
 void postCommandV(KeyPoster& keyPoster)
@@ -53,12 +49,80 @@ void postCommandV(KeyPoster& keyPoster)
     keyPoster.post(*keyUp);
 }
 
-// The timers hang on the application object, so they run on the main thread; their blocks own
-// what they touch, so nothing they hold can be gone when they fire.
-template <typename Block>
-void runLater(std::chrono::milliseconds delay, Block block)
+// One dictation on its way into the focused application: the paste after a short delay, then the
+// clipboard put back. It hangs on the application object, so its timers run on the main thread,
+// and quitting runs a restoration still ahead instead of letting the user's clipboard die with us.
+class Insertion final : public QObject {
+public:
+    Insertion(const Target& target, Contents saved)
+        : QObject(QCoreApplication::instance()), m_target(target), m_saved(std::move(saved))
+    {
+        connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Insertion::restore);
+        QTimer::singleShot(m_target.delays.beforePaste, Qt::PreciseTimer, this, &Insertion::paste);
+    }
+
+    bool restoresInto(const std::shared_ptr<Pasteboard>& pasteboard) const
+    {
+        return m_saved && m_target.pasteboard == pasteboard;
+    }
+
+    // A newer insertion into the same clipboard puts these contents back in this one's stead, so
+    // the last restoration brings back what the user had, not an earlier dictation.
+    Contents handOver()
+    {
+        Contents saved = std::move(*m_saved);
+        m_saved.reset();
+        return saved;
+    }
+
+private:
+    void paste()
+    {
+        if (m_finished)
+            return;
+        postCommandV(*m_target.keyPoster);
+        QTimer::singleShot(m_target.delays.beforeRestore, Qt::PreciseTimer, this, &Insertion::restore);
+    }
+
+    void restore()
+    {
+        if (m_finished)
+            return;
+        m_finished = true;
+        deleteLater();
+        if (!m_saved)
+            return;
+        Pasteboard& pasteboard = *m_target.pasteboard;
+        // A copy made elsewhere since the dictation is newer than what we saved: it stays.
+        if (!pasteboard.ownsContents()) {
+            qCDebug(lcInsert) << "The clipboard changed hands since the dictation; keeping the newer contents";
+            return;
+        }
+        pasteboard.clearContents();
+        if (!m_saved->empty())
+            pasteboard.writeItems(*m_saved);
+        qCDebug(lcInsert) << "Clipboard restored with" << m_saved->size() << "item(s)";
+    }
+
+    Target m_target;
+    std::optional<Contents> m_saved;
+    bool m_finished = false;
+};
+
+// The newest insertion, while its restoration is ahead.
+QPointer<Insertion> latest;
+
+// What the restoration of a new dictation puts back: while an earlier dictation still waits to
+// restore and the clipboard holds its text, that earlier restoration's contents; else what the
+// clipboard holds now.
+Contents contentsToRestore(const std::shared_ptr<Pasteboard>& pasteboard)
 {
-    QTimer::singleShot(delay, Qt::PreciseTimer, QCoreApplication::instance(), std::move(block));
+    if (latest && latest->restoresInto(pasteboard)) {
+        Contents earlier = latest->handOver();
+        if (pasteboard->ownsContents())
+            return earlier;
+    }
+    return saveContents(*pasteboard);
 }
 
 }
@@ -77,17 +141,11 @@ void insert(const QString& text, const Target& target)
 {
     if (text.isEmpty())
         return;
-    std::shared_ptr<Pasteboard> pasteboard = target.pasteboard;
-    auto saved = std::make_shared<const std::vector<Pasteboard::Item>>(saveContents(*pasteboard));
-    pasteboard->clearContents();
-    pasteboard->setString(text);
-    qCDebug(lcInsert) << "Pasting" << text.size() << "characters; saved" << saved->size() << "clipboard item(s)";
-
-    const Delays delays = target.delays;
-    runLater(delays.beforePaste, [pasteboard, saved, keyPoster = target.keyPoster, delays] {
-        postCommandV(*keyPoster);
-        runLater(delays.beforeRestore, [pasteboard, saved] { restore(*pasteboard, *saved); });
-    });
+    Contents saved = contentsToRestore(target.pasteboard);
+    target.pasteboard->clearContents();
+    target.pasteboard->setString(text);
+    qCDebug(lcInsert) << "Pasting" << text.size() << "characters; will restore" << saved.size() << "clipboard item(s)";
+    latest = new Insertion(target, std::move(saved));
 }
 
 }

@@ -10,7 +10,8 @@
 
 // Types a finished dictation into the focused application the way a user pastes: the text goes on
 // the clipboard, a synthetic Command-V (Control-V on Linux) follows, and later the clipboard gets
-// back exactly what it held before. No state of its own; main thread only.
+// back exactly what it held before, unless another program copied something meanwhile. Main thread
+// only.
 namespace TextInserter {
 
 struct Delays {
@@ -29,8 +30,10 @@ struct Target {
     static Target system();
 };
 
-// Returns at once; the paste and the restoration run later on the main thread. Nothing is
-// reported: a failed paste leaves the clipboard restored all the same.
+// Returns at once; the paste and the restoration run later on the main thread (a restoration still
+// ahead runs when the application quits). Nothing is reported: a failed paste leaves the clipboard
+// restored all the same. Dictations in quick succession end with the clipboard the user had before
+// the first.
 void insert(const QString& text);
 void insert(const QString& text, const Target& target);
 

@@ -37,7 +37,9 @@ public:
     virtual void setString(const QString& text) = 0;
     // Replaces the contents with `items`.
     virtual void writeItems(const std::vector<Item>& items) = 0;
+    // Whether the contents are still the ones this process wrote last, i.e. nobody copied since.
+    virtual bool ownsContents() = 0;
 
-    // The system's general clipboard.
+    // The system's general clipboard, the same object on every call.
     static std::shared_ptr<Pasteboard> general();
 };

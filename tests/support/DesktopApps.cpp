@@ -2,29 +2,17 @@
 
 #include "TestSupport.h"
 
-#include <QClipboard>
 #include <QFile>
-#include <QGuiApplication>
 #include <QTemporaryFile>
 
 using namespace std::chrono_literals;
 
 namespace DesktopApps {
 
-namespace {
-
-void stop(QProcess& process)
-{
-    process.kill();
-    process.waitForFinished();
-}
-
-QByteArray readAll(const QString& path)
+static QByteArray readAll(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 }
 
 Terminal::Terminal()
@@ -42,13 +30,7 @@ Terminal::Terminal()
         {QStringLiteral("-u8"), QStringLiteral("-geometry"), QStringLiteral("80x10+600+40"), QStringLiteral("-xrm"),
             QStringLiteral("XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)"),
             QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"), script});
-    TestSupport::waitUntil([&] { return readAll(idFile).trimmed().toULong() != 0; }, 15s);
-    m_windowId = readAll(idFile).trimmed().toULong();
-}
-
-Terminal::~Terminal()
-{
-    stop(m_process);
+    TestSupport::waitUntil([&] { return (m_windowId = readAll(idFile).trimmed().toULong()) != 0; }, 15s);
 }
 
 QByteArray Terminal::received() const
@@ -72,32 +54,13 @@ ClipboardOwner::ClipboardOwner(const std::vector<std::pair<QString, QByteArray>>
     m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, 15s);
 }
 
-ClipboardOwner::~ClipboardOwner()
-{
-    stop(m_process);
-}
-
-QStringList clipboardTargets()
-{
-    QStringList targets = QString::fromUtf8(clipboardData(QStringLiteral("TARGETS"))).split(u'\n', Qt::SkipEmptyParts);
-    targets.sort();
-    return targets;
-}
-
 QByteArray clipboardData(const QString& target)
 {
-    QProcess xclip;
+    Program xclip;
     xclip.start(QStringLiteral("xclip"),
         {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-o"), QStringLiteral("-t"), target});
     TestSupport::waitUntil([&] { return xclip.state() == QProcess::NotRunning; }, 10s);
-    stop(xclip);
     return xclip.readAllStandardOutput();
-}
-
-void clearClipboard()
-{
-    QGuiApplication::clipboard()->clear(QClipboard::Clipboard);
-    TestSupport::spin(50ms);
 }
 
 }

@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QProcess>
 #include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <utility>
@@ -12,11 +11,20 @@
 // Programs of the X11 desktop that tests drive, and the clipboard as any other program sees it.
 namespace DesktopApps {
 
+// A program started for a test, killed when the test is done with it.
+class Program : public QProcess {
+public:
+    ~Program() override
+    {
+        kill();
+        waitForFinished();
+    }
+};
+
 // xterm running `cat` in raw mode, so every byte the terminal sends is recorded.
 class Terminal {
 public:
     Terminal();
-    ~Terminal();
     // 0 when xterm did not come up.
     unsigned long windowId() const { return m_windowId; }
     QByteArray received() const;
@@ -25,7 +33,7 @@ private:
     QString outputPath() const { return m_folder.filePath(QStringLiteral("received")); }
 
     QTemporaryDir m_folder;
-    QProcess m_process;
+    Program m_process;
     unsigned long m_windowId = 0;
 };
 
@@ -33,19 +41,14 @@ private:
 class ClipboardOwner {
 public:
     explicit ClipboardOwner(const std::vector<std::pair<QString, QByteArray>>& formats);
-    ~ClipboardOwner();
     bool isReady() const { return m_ready; }
 
 private:
-    QProcess m_process;
+    Program m_process;
     bool m_ready = false;
 };
 
-// The clipboard's sorted targets, and the bytes of one target (empty if none), read by xclip while
-// the event loop keeps running, since this process may be the owner.
-QStringList clipboardTargets();
+// The bytes the clipboard offers for one target (empty if none), read by xclip while the event
+// loop keeps running, since this process may be the owner.
 QByteArray clipboardData(const QString& target);
-// Leaves the clipboard without an owner.
-void clearClipboard();
-
 }

@@ -24,12 +24,14 @@ std::optional<QByteArray> FakePasteboard::data(int index, const QString& type)
 void FakePasteboard::clearContents()
 {
     items.clear();
+    owned = false;
     ++writeCount;
 }
 
 void FakePasteboard::setString(const QString& text)
 {
     items = {{{plainTextType, text.toUtf8()}}};
+    owned = true;
     ++writeCount;
 }
 
@@ -42,6 +44,7 @@ void FakePasteboard::writeItems(const std::vector<Item>& written)
             copy.push_back({type, bytes});
         items.push_back(std::move(copy));
     }
+    owned = true;
     ++writeCount;
 }
 

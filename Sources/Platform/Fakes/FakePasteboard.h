@@ -17,6 +17,8 @@ public:
 
     std::vector<FakeItem> items;
     int writeCount = 0;
+    // Whether the last change came through this pasteboard's writes rather than the test's.
+    bool owned = false;
 
     int itemCount() override { return int(items.size()); }
     QStringList types(int index) override;
@@ -25,6 +27,7 @@ public:
     void clearContents() override;
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& written) override;
+    bool ownsContents() override { return owned; }
 
     // The plain text on the pasteboard, if its first item has some.
     std::optional<QString> string() const;

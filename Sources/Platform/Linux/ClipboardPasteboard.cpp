@@ -2,67 +2,59 @@
 
 #include "Shared/Logging.h"
 
-#include <QAbstractNativeEventFilter>
 #include <QClipboard>
-#include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QGuiApplication>
 #include <QMimeData>
-#include <QWindow>
+#include <QScreen>
+#include <qpa/qplatformnativeinterface.h>
+
+#include "X11Display.h"
 
 #include <xcb/xcb.h>
 
 std::shared_ptr<Pasteboard> Pasteboard::general()
 {
-    return std::make_shared<ClipboardPasteboard>();
+    static const auto general = std::make_shared<ClipboardPasteboard>();
+    return general;
 }
 
 namespace {
 
-// Notices when the X server echoes a property change on one window back to Qt.
-class PropertyEcho final : public QAbstractNativeEventFilter {
-public:
-    explicit PropertyEcho(WId window) : m_window(window) {}
-    bool seen = false;
+bool onX11()
+{
+    return QGuiApplication::platformName() == QLatin1String("xcb") && X11Display::shared();
+}
 
-    bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) override
-    {
-        if (eventType != "xcb_generic_event_t")
-            return false;
-        const auto event = static_cast<const xcb_generic_event_t*>(message);
-        if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY
-            && static_cast<const xcb_property_notify_event_t*>(message)->window == m_window)
-            seen = true;
-        return false;
-    }
-
-private:
-    WId m_window;
-};
-
-// Qt claims the selection with the time of the last X event this process saw. Voxaria sees few
-// (its windows rarely get input), so after another program copies something the server would
-// ignore a claim that old and the paste would paste the old contents. A property change on a
-// window of ours brings the server's current time back to Qt through its own event handling.
+// Qt claims the selection with the time of the last X event it saw. Voxaria sees few (its windows
+// rarely get input), so after another program copies something the server would ignore a claim
+// that old and the paste would paste the old contents. The server's current time, asked on our own
+// connection, is handed to Qt's xcb plugin, which only ever moves its clock forward.
 void bringServerTimeToQt()
 {
-    if (QGuiApplication::platformName() != QLatin1String("xcb"))
+    if (!onX11())
         return;
-    static QWindow* stamp = [] {
-        auto window = new QWindow;
-        window->create();
-        return window;
-    }();
-    static int counter = 0;
-    PropertyEcho echo(stamp->winId());
-    QCoreApplication::instance()->installNativeEventFilter(&echo);
-    stamp->setTitle(QString::number(++counter));
-    const QDeadlineTimer deadline(200);
-    while (!echo.seen && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 5);
-    QCoreApplication::instance()->removeNativeEventFilter(&echo);
-    if (!echo.seen)
-        qCWarning(lcInsert) << "The X server did not echo a property change; the clipboard may stay with its owner";
+    using SetAppTime = void (*)(QScreen*, xcb_timestamp_t);
+    static const auto setAppTime = reinterpret_cast<SetAppTime>(reinterpret_cast<void*>(
+        QGuiApplication::platformNativeInterface()->nativeResourceFunctionForScreen("setapptime")));
+    const std::optional<Time> now = X11Display::serverTime(X11Display::shared());
+    if (setAppTime && now)
+        setAppTime(QGuiApplication::primaryScreen(), xcb_timestamp_t(*now));
+    else
+        qCWarning(lcInsert) << "Could not hand the X server's time to Qt; the clipboard may stay with its owner";
+}
+
+// Whether the X server names a window of Qt's own connection as the CLIPBOARD owner. Asked of the
+// server, since Qt learns of a newer owner only when it next handles its events.
+bool qtOwnsSelection()
+{
+    const auto x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    Display* display = X11Display::shared();
+    if (!x11)
+        return false;
+    static const Atom clipboard = XInternAtom(display, "CLIPBOARD", False);
+    const Window owner = XGetSelectionOwner(display, clipboard);
+    const xcb_setup_t* setup = xcb_get_setup(x11->connection());
+    return owner != None && (owner & ~Window(setup->resource_id_mask)) == setup->resource_id_base;
 }
 
 // The selection protocol's own targets are no data; application/x-qt-image is Qt's decoded view
@@ -143,4 +135,12 @@ void ClipboardPasteboard::writeItems(const std::vector<Item>& items)
         clipboard->clear(QClipboard::Clipboard);
     else
         clipboard->setMimeData(contents.release(), QClipboard::Clipboard);
+}
+
+bool ClipboardPasteboard::ownsContents()
+{
+    if (onX11())
+        return qtOwnsSelection();
+    const QClipboard* clipboard = QGuiApplication::clipboard();
+    return clipboard && clipboard->ownsClipboard();
 }

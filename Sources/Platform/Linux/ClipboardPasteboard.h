@@ -13,4 +13,5 @@ public:
     void clearContents() override;
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& items) override;
+    bool ownsContents() override;
 };

@@ -91,6 +91,27 @@ bool offersXTest(Display* display)
     return XTestQueryExtension(display, &eventBase, &errorBase, &major, &minor);
 }
 
+std::optional<Time> serverTime(Display* display)
+{
+    // An empty append to a property of a hidden window of ours: the server stamps the
+    // PropertyNotify it sends back with its current time, and changes nothing.
+    static const Window stamp = [display] {
+        XSetWindowAttributes attributes{};
+        attributes.event_mask = PropertyChangeMask;
+        return XCreateWindow(display, DefaultRootWindow(display), -10, -10, 1, 1, 0, CopyFromParent, InputOnly,
+            CopyFromParent, CWEventMask, &attributes);
+    }();
+    static const Atom property = XInternAtom(display, "_VOXARIA_TIME", False);
+    XChangeProperty(display, stamp, property, XA_STRING, 8, PropModeAppend, reinterpret_cast<const unsigned char*>(""), 0);
+    // The event comes before the reply that ends the sync, so it is queued by now.
+    XSync(display, False);
+    std::optional<Time> time;
+    XEvent event;
+    while (XCheckTypedWindowEvent(display, stamp, PropertyNotify, &event))
+        time = event.xproperty.time;
+    return time;
+}
+
 std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property)
 {
     PropertyValue value;

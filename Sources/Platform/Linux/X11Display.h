@@ -31,6 +31,9 @@ bool withErrorsTrapped(Display* display, Requests&& requests)
 // Whether the display can take synthetic input events (the XTEST extension).
 bool offersXTest(Display* display);
 
+// The X server's current time, from a round trip on this connection (nothing if no answer came).
+std::optional<Time> serverTime(Display* display);
+
 // A string property of a window (e.g. WM_CLASS), raw, or nothing.
 std::optional<QByteArray> stringProperty(Display* display, Window window, Atom property);
 // The first value of a CARDINAL or WINDOW property (e.g. _NET_WM_PID), or nothing.

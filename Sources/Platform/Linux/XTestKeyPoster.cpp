@@ -5,8 +5,11 @@
 #include "X11Display.h"
 #include "XTestKeyPoster.h"
 
+#include <X11/XKBlib.h>
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
+
+#include <algorithm>
 
 std::shared_ptr<KeyPoster> KeyPoster::makeDefault()
 {
@@ -37,6 +40,31 @@ Display* xtestDisplay()
 void sendKey(Display* display, KeyCode keycode, bool down)
 {
     XTestFakeKeyEvent(display, keycode, down ? True : False, CurrentTime);
+}
+
+// Pressing a lock key again would toggle its lock, so such keys are left as they are.
+bool isLockKey(Display* display, KeyCode keycode)
+{
+    const KeySym keySym = XkbKeycodeToKeysym(display, keycode, 0, 0);
+    return keySym == XK_Caps_Lock || keySym == XK_Shift_Lock || keySym == XK_Num_Lock || keySym == XK_Scroll_Lock;
+}
+
+// The modifier keys down on the keyboard now, e.g. the dictation key pressed again or a Shift.
+std::vector<KeyCode> heldModifierKeys(Display* display)
+{
+    char keys[32] = {};
+    XQueryKeymap(display, keys);
+    XModifierKeymap* map = XGetModifierMapping(display);
+    std::vector<KeyCode> held;
+    for (int index = 0; map && index < 8 * map->max_keypermod; ++index) {
+        const KeyCode keycode = map->modifiermap[index];
+        const bool down = keycode != 0 && ((keys[keycode / 8] >> (keycode % 8)) & 1);
+        if (down && !isLockKey(display, keycode) && std::find(held.begin(), held.end(), keycode) == held.end())
+            held.push_back(keycode);
+    }
+    if (map)
+        XFreeModifiermap(map);
+    return held;
 }
 
 }
@@ -105,18 +133,27 @@ void XTestKeyPoster::post(const KeyEvent& event)
         return;
     const KeyCode keycode = XKeysymToKeycode(display, *keySym);
     if (event.keyDown) {
-        m_heldModifiers.clear();
+        // The event carries its own modifiers and no others: a modifier the user still holds would
+        // turn Control-V into a shortcut nobody answers (Control-AltGr-V) or another one (Control-
+        // Shift-V), so it is let go for the shortcut and pressed again after it.
+        m_releasedModifiers = heldModifierKeys(display);
+        for (KeyCode held : m_releasedModifiers)
+            sendKey(display, held, false);
+        m_pressedModifiers.clear();
         for (KeySym modifier : modifiersFor(event.flags)) {
             const KeyCode modifierCode = XKeysymToKeycode(display, modifier);
             sendKey(display, modifierCode, true);
-            m_heldModifiers.push_back(modifierCode);
+            m_pressedModifiers.push_back(modifierCode);
         }
         sendKey(display, keycode, true);
     } else {
         sendKey(display, keycode, false);
-        for (auto modifier = m_heldModifiers.rbegin(); modifier != m_heldModifiers.rend(); ++modifier)
+        for (auto modifier = m_pressedModifiers.rbegin(); modifier != m_pressedModifiers.rend(); ++modifier)
             sendKey(display, *modifier, false);
-        m_heldModifiers.clear();
+        for (KeyCode held : m_releasedModifiers)
+            sendKey(display, held, true);
+        m_pressedModifiers.clear();
+        m_releasedModifiers.clear();
     }
     XFlush(display);
 }

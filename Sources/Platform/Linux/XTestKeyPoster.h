@@ -7,7 +7,8 @@
 
 // Synthetic keys through the XTEST extension. Command stands for Control, the modifier Linux
 // applications use for their shortcuts; a terminal gets Shift added to it, since a terminal passes
-// a plain Control-V to its program as ^V.
+// a plain Control-V to its program as ^V. A key event carries exactly its own modifiers, whatever
+// the user holds meanwhile.
 class XTestKeyPoster final : public KeyPoster {
 public:
     explicit XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication = FrontApplication::makeDefault());
@@ -24,5 +25,7 @@ private:
 
     std::unique_ptr<FrontApplication> m_frontApplication;
     // The modifier keys pressed with the last key-down, released with its key-up.
-    std::vector<unsigned char> m_heldModifiers;
+    std::vector<unsigned char> m_pressedModifiers;
+    // The modifier keys the user held at the last key-down, let go until its key-up.
+    std::vector<unsigned char> m_releasedModifiers;
 };
