@@ -1,4 +1,5 @@
 #include "HistoryFiles.h"
+#include "TestSupport.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
 #include "Platform/Linux/MessageBoxAlerts.h"
@@ -63,7 +64,7 @@ protected:
 
     void open(const QList<Entry>& entries)
     {
-        HistoryFiles::write(path, HistoryFiles::json(entries));
+        ASSERT_TRUE(TestSupport::writeFile(path, HistoryFiles::json(entries)));
         store = std::make_unique<HistoryStore>(path);
         history = std::make_unique<HistoryWindow>(*store, alerts);
         history->show();

@@ -1,6 +1,5 @@
 #include "HistoryFiles.h"
 
-#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -16,14 +15,6 @@ QByteArray json(const QList<HistoryStore::Entry>& entries)
                                  {"id", entry.id.toString(QUuid::WithoutBraces)}, {"date", entry.date}});
     }
     return QJsonDocument(array).toJson(QJsonDocument::Indented);
-}
-
-void write(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
-        qFatal("cannot write the test file %s", qPrintable(path));
 }
 
 QByteArray read(const QString& path)
