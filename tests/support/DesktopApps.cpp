@@ -3,7 +3,6 @@
 #include "TestSupport.h"
 
 #include <QFile>
-#include <QTemporaryFile>
 
 using namespace std::chrono_literals;
 
@@ -41,13 +40,8 @@ QByteArray Terminal::received() const
 ClipboardOwner::ClipboardOwner(const std::vector<std::pair<QString, QByteArray>>& formats)
 {
     QStringList arguments;
-    for (const auto& [type, bytes] : formats) {
-        auto file = new QTemporaryFile(&m_process);
-        file->open();
-        file->write(bytes);
-        file->flush();
-        arguments << type << file->fileName();
-    }
+    for (const auto& [type, bytes] : formats)
+        arguments << type << QString::fromLatin1(bytes.toBase64());
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.start(QStringLiteral(VOXARIA_HELPER_clipboardowner), arguments);
     // The helper says "ready" once it owns the clipboard.
