@@ -16,7 +16,6 @@ TEST(FrontApplication, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseB
         GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
     X11FrontApplication front;
     QDir applications(QStandardPaths::writableLocation(QStandardPaths::ApplicationsLocation));
-    applications.removeRecursively();
     const auto install = [&](const QString& fileName, const QByteArray& contents) {
         ASSERT_TRUE(TestSupport::writeFile(applications.filePath(fileName), contents));
     };
