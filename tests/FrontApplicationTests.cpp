@@ -4,7 +4,6 @@
 #include "Platform/Linux/X11FrontApplication.h"
 
 #include <QDir>
-#include <QFile>
 #include <QStandardPaths>
 
 #include <gtest/gtest.h>
@@ -17,12 +16,8 @@ TEST(FrontApplication, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseB
         GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
     X11FrontApplication front;
     QDir applications(QStandardPaths::writableLocation(QStandardPaths::ApplicationsLocation));
-    applications.removeRecursively();
-    applications.mkpath(QStringLiteral("."));
     const auto install = [&](const QString& fileName, const QByteArray& contents) {
-        QFile file(applications.filePath(fileName));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
+        ASSERT_TRUE(TestSupport::writeFile(applications.filePath(fileName), contents));
     };
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";

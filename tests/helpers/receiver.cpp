@@ -35,10 +35,8 @@ int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("receiver"));
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: receiver OUTPUT_FILE\n");
-        return 2;
-    }
+    if (argc != 2)
+        return 2; // the output file is its one argument
     const QString output = QString::fromLocal8Bit(argv[1]);
     writeAtomically(output, {});
 

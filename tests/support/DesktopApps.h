@@ -1,6 +1,9 @@
 #pragma once
 
+#include "TestSupport.h"
+
 #include <QByteArray>
+#include <QFile>
 #include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
@@ -10,6 +13,14 @@
 
 // Programs of the X11 desktop that tests drive, and the clipboard as any other program sees it.
 namespace DesktopApps {
+
+using namespace std::chrono_literals;
+
+inline QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 // A program started for a test, killed when the test is done with it.
 class Program : public QProcess {
@@ -24,10 +35,26 @@ public:
 // xterm running `cat` in raw mode, so every byte the terminal sends is recorded.
 class Terminal {
 public:
-    Terminal();
+    Terminal()
+    {
+        // xterm pastes the CLIPBOARD on Control-Shift-V once told to, as terminal users configure it;
+        // raw mode hands `cat` every byte at once, without waiting for a newline.
+        const QString idFile = outputPath() + QStringLiteral(".id");
+        const QString script =
+            QStringLiteral("stty raw -echo; echo $WINDOWID > '%1'; exec cat > '%2'").arg(idFile, outputPath());
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+        m_process.setProcessEnvironment(environment);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral("xterm"),
+            {QStringLiteral("-u8"), QStringLiteral("-geometry"), QStringLiteral("80x10+600+40"), QStringLiteral("-xrm"),
+                QStringLiteral("XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)"),
+                QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"), script});
+        TestSupport::waitUntil([&] { return (m_windowId = readAll(idFile).trimmed().toULong()) != 0; }, 15s);
+    }
     // 0 when xterm did not come up.
     unsigned long windowId() const { return m_windowId; }
-    QByteArray received() const;
+    QByteArray received() const { return readAll(outputPath()); }
 
 private:
     QString outputPath() const { return m_folder.filePath(QStringLiteral("received")); }
@@ -40,7 +67,16 @@ private:
 // Another program owning the clipboard with the given (MIME type, bytes) pairs.
 class ClipboardOwner {
 public:
-    explicit ClipboardOwner(const std::vector<std::pair<QString, QByteArray>>& formats);
+    explicit ClipboardOwner(const std::vector<std::pair<QString, QByteArray>>& formats)
+    {
+        QStringList arguments;
+        for (const auto& [type, bytes] : formats)
+            arguments << type << QString::fromLatin1(bytes.toBase64());
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral(VOXARIA_HELPER_clipboardowner), arguments);
+        // The helper says "ready" once it owns the clipboard.
+        m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, 15s);
+    }
     bool isReady() const { return m_ready; }
 
 private:
@@ -50,5 +86,13 @@ private:
 
 // The bytes the clipboard offers for one target (empty if none), read by xclip while the event
 // loop keeps running, since this process may be the owner.
-QByteArray clipboardData(const QString& target);
+inline QByteArray clipboardData(const QString& target)
+{
+    Program xclip;
+    xclip.start(QStringLiteral("xclip"),
+        {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-o"), QStringLiteral("-t"), target});
+    TestSupport::waitUntil([&] { return xclip.state() == QProcess::NotRunning; }, 10s);
+    return xclip.readAllStandardOutput();
+}
+
 }
