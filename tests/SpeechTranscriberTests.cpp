@@ -11,9 +11,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QSettings>
 
-#include <iostream>
 #include <numeric>
 
 #include <gtest/gtest.h>
@@ -40,7 +38,6 @@ protected:
     void SetUp() override
     {
         Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
-        Settings::shared().setPreferOnDevice(true);
     }
 
     std::unique_ptr<SpeechTranscriber> makeEngine(std::chrono::milliseconds finalDelay = 300ms)
@@ -65,42 +62,11 @@ protected:
         return engine;
     }
 
-    // What a failing start() said, as the user would read it.
-    QString startFailure(SpeechTranscriber& engine)
-    {
-        try {
-            answers.start(engine);
-        } catch (const Error& error) {
-            return error.description();
-        }
-        return QStringLiteral("(started)");
-    }
-
     std::shared_ptr<FakeSpeechRecognizer> recognizer = std::make_shared<FakeSpeechRecognizer>();
     QStringList askedLocales;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
 };
-
-TEST_F(SpeechTranscriberTest, TheRecognisersFinalTextAnswersOnceUntrimmedAndOnlyFinishStopsTheMicrophone)
-{
-    for (const bool whileRecording : {false, true}) {
-        SCOPED_TRACE(whileRecording ? "final result while recording" : "final result after finish");
-        auto engine = startEngine();
-        if (!whileRecording)
-            engine->finish();
-        recognizer->sendFinal("go forward ten meters ");
-        recognizer->sendError("late failure");
-        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }));
-        EXPECT_EQ(microphone->isRunning(), whileRecording);
-        if (whileRecording)
-            engine->finish();
-        spin(500ms); // past the final timer: it must find the dictation answered
-        EXPECT_EQ(answers.finals, QStringList({"go forward ten meters "}));
-        EXPECT_TRUE(answers.errors.isEmpty());
-        EXPECT_FALSE(microphone->isRunning());
-    }
-}
 
 TEST_F(SpeechTranscriberTest, PartialsAreWholeTextsOnTheMainThreadAndTheLastIsTheFinalTwoSecondsAfterFinish)
 {
@@ -113,60 +79,61 @@ TEST_F(SpeechTranscriberTest, PartialsAreWholeTextsOnTheMainThreadAndTheLastIsTh
     QElapsedTimer clock;
     clock.start();
     engine->finish();
-    EXPECT_TRUE(recognizer->audioEnded());
     ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
     EXPECT_GE(clock.elapsed(), 1950) << "the last partial text came before the final delay was over";
     EXPECT_EQ(answers.finals, QStringList({"hello world"}));
     EXPECT_TRUE(answers.onMainThread);
 }
 
-TEST_F(SpeechTranscriberTest, ErrorsEndTheDictationWhileRecordingWithNothingHeardOrWhenTheMicrophoneGoes)
+// A dictation answers once, with the recogniser's text untrimmed or with an error; an error ends it
+// only while recording with nothing heard yet, or when the microphone goes.
+TEST_F(SpeechTranscriberTest, EachWayADictationEndsAnswersItOnce)
 {
-    {
-        SCOPED_TRACE("error while recording, nothing heard: onError at once, microphone released");
-        auto engine = startEngine();
-        recognizer->sendError("Nenhuma fala detectada");
-        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }));
-        EXPECT_EQ(answers.errors, QStringList({"Nenhuma fala detectada"}));
-        EXPECT_FALSE(microphone->isRunning());
-        engine->finish();
-        spin(500ms);
-        EXPECT_TRUE(answers.finals.isEmpty()) << "an answered dictation is never answered again";
-    }
-    {
-        SCOPED_TRACE("error after text was heard: ignored, finish delivers the text");
-        auto engine = startEngine();
+    const auto finalThenError = [this] {
+        recognizer->sendFinal("go forward ten meters ");
+        recognizer->sendError("late failure");
+    };
+    const auto heardThenError = [this] {
         recognizer->sendPartial("ok then");
         recognizer->sendError("network lost");
-        spin(100ms);
-        EXPECT_TRUE(microphone->isRunning());
-        EXPECT_EQ(answers.count(), 0);
-        engine->finish();
-        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }));
-        EXPECT_EQ(answers.finals, QStringList({"ok then"}));
-    }
-    {
-        SCOPED_TRACE("microphone gone after text was heard: onError at once, everything released");
-        auto engine = startEngine();
+    };
+    const auto heardThenMicrophoneGone = [this] {
         recognizer->sendPartial("ok then");
         ASSERT_TRUE(waitUntil([&] { return answers.partials.size() == 1; }));
         microphone->disconnect();
-        EXPECT_EQ(answers.errors, QStringList({"O microfone foi desconectado durante o ditado."}));
+    };
+    const auto error = [this](const char* description) { return [this, description] { recognizer->sendError(description); }; };
+    const struct {
+        const char* name;
+        std::function<void()> whileHeld, afterRelease;
+        bool answeredWhileHeld;
+        QStringList finals, errors;
+    } endings[] = {
+        {"final text while recording, then an error", finalThenError, {}, true, {"go forward ten meters "}, {}},
+        {"final text after the release, then an error", {}, finalThenError, false, {"go forward ten meters "}, {}},
+        {"error while recording, nothing heard", error("Nenhuma fala detectada"), {}, true, {}, {"Nenhuma fala detectada"}},
+        {"error after text was heard: ignored", heardThenError, {}, false, {"ok then"}, {}},
+        {"microphone gone after text was heard", heardThenMicrophoneGone, [this] { recognizer->sendFinal("ok then"); }, true, {},
+         {"O microfone foi desconectado durante o ditado."}},
+        {"error after the release, nothing heard: an empty text", {}, error("no speech"), false, {""}, {}},
+    };
+    for (const auto& ending : endings) {
+        SCOPED_TRACE(ending.name);
+        auto engine = startEngine();
+        if (ending.whileHeld)
+            ending.whileHeld();
+        EXPECT_EQ(waitUntil([&] { return answers.answered(); }, 1s), ending.answeredWhileHeld);
+        // Only the release or a failure stops the microphone; a final text does not.
+        EXPECT_EQ(microphone->isRunning(), ending.errors.isEmpty());
+        engine->finish();
+        if (ending.afterRelease)
+            ending.afterRelease();
+        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }));
+        spin(500ms); // past the final timer: it must find the dictation answered
+        EXPECT_EQ(answers.finals, ending.finals);
+        EXPECT_EQ(answers.errors, ending.errors);
         EXPECT_FALSE(microphone->isRunning());
         EXPECT_TRUE(recognizer->audioEnded() && recognizer->taskCancelled());
-        engine->finish();
-        recognizer->sendFinal("ok then");
-        spin(500ms);
-        EXPECT_EQ(answers.count(), 1);
-    }
-    {
-        SCOPED_TRACE("error after finish, nothing heard: an empty final at once, not an error");
-        auto engine = startEngine(5s);
-        engine->finish();
-        recognizer->sendError("no speech");
-        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 1s));
-        EXPECT_EQ(answers.finals, QStringList({""}));
-        EXPECT_TRUE(answers.errors.isEmpty());
     }
 }
 
@@ -193,61 +160,20 @@ TEST_F(SpeechTranscriberTest, CancelOrDestructionSilencesEverythingStillOnItsWay
     }
 }
 
-TEST_F(SpeechTranscriberTest, SettingsChooseTheLanguageAndOnDeviceRecognition)
+// A language stored empty is asked for as it is, and no recogniser knows it. (A refused language
+// followed by a dictation that works is met end to end.)
+TEST_F(SpeechTranscriberTest, AnEmptyLanguageIsRefusedAtOnceLeavingNothingPending)
 {
-    QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId()).remove("localeIdentifier");
-    auto engine = makeEngine();
-    answers.start(*engine);
-    EXPECT_EQ(askedLocales, QStringList({"pt-BR"})) << "an unset language means Brazilian Portuguese";
-    EXPECT_TRUE(recognizer->requestRequiredOnDevice());
-
-    Settings::shared().setLocaleIdentifier(QStringLiteral("es-ES"));
-    Settings::shared().setPreferOnDevice(false);
-    answers.start(*engine);
-    EXPECT_EQ(askedLocales.last(), "es-ES");
-    EXPECT_FALSE(recognizer->requestRequiredOnDevice());
-
-    // A language stored empty is asked for as it is, and no recogniser knows it.
     Settings::shared().setLocaleIdentifier(QString());
     recognizer = nullptr;
-    EXPECT_EQ(startFailure(*engine), "Reconhecimento de fala indisponível para o idioma . Verifique se o modelo do "
-                                     "PocketSphinx para esse idioma está instalado.");
-    EXPECT_EQ(askedLocales.last(), "");
-}
-
-TEST_F(SpeechTranscriberTest, MicrophoneAudioReachesTheRecogniserAs16kHzMono)
-{
     auto engine = makeEngine();
-    microphone->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};
-    answers.start(*engine);
-    // One second of a stereo 440 Hz tone, in 100 ms buffers as a capture thread would deliver it.
-    for (int buffer = 0; buffer < 10; ++buffer)
-        microphone->deliver(toneFrames(4800, buffer * 4800, 0.5f));
-    engine->finish();
-    const std::vector<qint16> samples = recognizer->receivedSamples();
-    EXPECT_NEAR(double(samples.size()), 16000.0, 400.0);
-    const auto loudest = *std::max_element(samples.begin() + 1000, samples.end() - 1000);
-    EXPECT_NEAR(loudest, 0.5 * 32767, 0.05 * 32767) << "the down-mix must keep the level, not sum or drop a channel";
-}
-
-TEST_F(SpeechTranscriberTest, AStartThatFailsSaysWhyLeavesNothingPendingAndTheNextStartWorks)
-{
-    auto engine = makeEngine();
-    microphone->startFailure = QStringLiteral("Dispositivo ocupado");
-    EXPECT_EQ(startFailure(*engine), "Dispositivo ocupado");
-    microphone->startFailure.clear();
-    recognizer = nullptr; // no model for the language
-    EXPECT_EQ(startFailure(*engine), "Reconhecimento de fala indisponível para o idioma en-US. Verifique se o modelo do "
-                                     "PocketSphinx para esse idioma está instalado.");
-    EXPECT_EQ(microphone->startCount, 1) << "a language without a model never touches the microphone";
-    EXPECT_FALSE(microphone->isRunning());
+    EXPECT_EQ(answers.startFailure(*engine), "Reconhecimento de fala indisponível para o idioma . Verifique se o modelo do "
+                                             "PocketSphinx para esse idioma está instalado.");
+    EXPECT_EQ(askedLocales, QStringList({""}));
+    EXPECT_EQ(microphone->startCount, 0) << "a language without a model never touches the microphone";
     engine->finish();
     spin(500ms);
     EXPECT_EQ(answers.count(), 0);
-
-    recognizer = std::make_shared<FakeSpeechRecognizer>();
-    answers.start(*engine);
-    EXPECT_TRUE(microphone->isRunning()) << "the next dictation starts normally";
 }
 
 // The real recogniser and model lookup, without a microphone.
@@ -255,7 +181,6 @@ TEST(PocketSphinx, ModelsAreFoundPerLanguageInTheUserFolderFirstThenTheSystem)
 {
     if (!QFileInfo::exists(kSystemEnglishModel))
         GTEST_SKIP() << "pocketsphinx-en-us is not installed";
-    EXPECT_NE(SpeechRecognizer::make(QStringLiteral("en-US")), nullptr);
     EXPECT_NE(SpeechRecognizer::make(QStringLiteral("EN_us")), nullptr);
     EXPECT_EQ(SpeechRecognizer::make(QStringLiteral("pt-BR")), nullptr);
 
@@ -271,12 +196,8 @@ TEST(PocketSphinx, ModelsAreFoundPerLanguageInTheUserFolderFirstThenTheSystem)
 TEST(PocketSphinx, ABrokenUserModelIsAnErrorOfTheDictationNotACrash)
 {
     const QString folder = userModelFolder(QStringLiteral("xx-XX"));
-    QDir().mkpath(folder + QStringLiteral("/acoustic"));
-    for (const char* name : {"/acoustic/mdef", "/acoustic/means", "/xx.lm.bin", "/xx.dict"}) {
-        QFile file(folder + QLatin1String(name));
-        file.open(QIODevice::WriteOnly);
-        file.write("not a model\n");
-    }
+    for (const char* name : {"/acoustic/mdef", "/acoustic/means", "/xx.lm.bin", "/xx.dict"})
+        writeFile(folder + QLatin1String(name), "not a model\n");
     Settings::shared().setLocaleIdentifier(QStringLiteral("xx-XX"));
     SpeechTranscriber engine(std::make_unique<FakeAudioInput>());
     EngineAnswers answers;
@@ -311,24 +232,6 @@ double wordErrorRate(const QString& reference, const QString& hypothesis)
     return double(row[heard.size()]) / qMax(1, int(expected.size()));
 }
 
-// The share of the reference's words that were heard, in any order.
-double wordRecall(const QString& reference, const QString& hypothesis)
-{
-    QStringList unmatched = wordsOf(hypothesis);
-    const QStringList expected = wordsOf(reference);
-    const auto found = std::count_if(expected.begin(), expected.end(), [&](const QString& word) { return unmatched.removeOne(word); });
-    return double(found) / qMax(1, int(expected.size()));
-}
-
-// The clip PocketSphinx hears best of the English recordings, and what it should say.
-const QString kSpeech = QStringLiteral("speech/fleurs-en-005.ogg");
-QString referenceText()
-{
-    QFile reference(testDataPath(QStringLiteral("speech/fleurs-en-005.txt")));
-    reference.open(QIODevice::ReadOnly);
-    return QString::fromUtf8(reference.readAll());
-}
-
 // The recording as a typical microphone delivers it: 48 kHz stereo float.
 QByteArray decodedAsMicrophoneFrames(const QString& path)
 {
@@ -340,67 +243,34 @@ QByteArray decodedAsMicrophoneFrames(const QString& path)
     return decoder.readAllStandardOutput();
 }
 
-class RealRecognition : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (!QFileInfo::exists(kSystemEnglishModel))
-            GTEST_SKIP() << "pocketsphinx-en-us is not installed";
-        Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
-    }
-
-    // The one final text after finish(), printed so a run shows what was heard; empty on an error.
-    QString finalText(std::chrono::seconds timeout)
-    {
-        if (!waitUntil([&] { return answers.answered(); }, timeout) || answers.finals.size() != 1) {
-            ADD_FAILURE() << "no final text: " << answers.errors.join(' ').toStdString();
-            return {};
-        }
-        std::cout << "heard: " << answers.finals.first().toStdString() << std::endl;
-        return answers.finals.first();
-    }
-
-    EngineAnswers answers;
-};
-
 // Fed the same buffers, the chain after the microphone (down-mix, resampling to 16 kHz, PocketSphinx)
 // hears the same words give or take one: a word error rate of 0.55-0.6 in every run measured. That pins
 // its accuracy; PocketSphinx is weak on FLEURS, and a wrong rate or a mangled down-mix takes this
-// clip above 0.9.
-TEST_F(RealRecognition, SpokenEnglishDecodesUnderTheMeasuredWordErrorRate)
+// clip (the English recording it hears best) above 0.9.
+TEST(PocketSphinx, SpokenEnglishDecodesUnderTheMeasuredWordErrorRate)
 {
-    const QByteArray frames = decodedAsMicrophoneFrames(testDataPath(kSpeech));
+    if (!QFileInfo::exists(kSystemEnglishModel))
+        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+    Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
+    const QByteArray frames = decodedAsMicrophoneFrames(testDataPath(QStringLiteral("speech/fleurs-en-005.ogg")));
     ASSERT_GT(frames.size(), 48000 * 8) << "ffmpeg could not decode the speech";
     auto input = std::make_unique<FakeAudioInput>();
     input->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};
     FakeAudioInput* microphone = input.get();
     // Delivered all at once, the clip takes the decoder longer than the usual wait after the key.
     SpeechTranscriber engine(std::move(input), &SpeechRecognizer::make, &AudioConverter::makeDefault, 30s);
+    EngineAnswers answers;
     answers.start(engine);
     constexpr qsizetype kBufferBytes = 960 * 2 * sizeof(float); // 20 ms
     for (qsizetype at = 0; at < frames.size(); at += kBufferBytes)
         microphone->deliver(QByteArrayView(frames).sliced(at, qMin(kBufferBytes, frames.size() - at)));
     engine.finish();
-    EXPECT_LT(wordErrorRate(referenceText(), finalText(20s)), 0.7);
-}
-
-// Real speech through the virtual microphone. Where the speech falls against PocketSphinx's 10 ms
-// frames changes a few words from one run to the next (a word error rate anywhere from 0.55 to
-// 0.85 was measured for this clip), so this asks only that a good share of the words be heard at
-// all: between a half and two thirds of them always were, and noise or a misread format gives
-// almost none.
-TEST_F(RealRecognition, SpeechIntoTheMicrophoneIsHeardWithPartialsBeforeTheFinalText)
-{
-    if (!hasPulseAudio())
-        GTEST_SKIP() << "needs the harness's PulseAudio virtual microphone (scripts/with-harness.sh)";
-    SpeechTranscriber engine;
-    answers.start(engine);
-    EXPECT_TRUE(playIntoMicrophone(testDataPath(kSpeech)));
-    spin(300ms); // the tail still travelling through the sound server
-    engine.finish();
-    EXPECT_GE(wordRecall(referenceText(), finalText(10s)), 0.35);
-    EXPECT_GE(answers.partials.size(), 1);
-    EXPECT_TRUE(answers.onMainThread);
+    ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
+    ASSERT_EQ(answers.finals.size(), 1) << answers.errors.join(' ').toStdString();
+    QFile reference(testDataPath(QStringLiteral("speech/fleurs-en-005.txt")));
+    ASSERT_TRUE(reference.open(QIODevice::ReadOnly));
+    EXPECT_LT(wordErrorRate(QString::fromUtf8(reference.readAll()), answers.finals.first()), 0.7)
+        << "heard: " << answers.finals.first().toStdString();
 }
 
 }

@@ -14,18 +14,11 @@
 #include <QtEndian>
 
 #include <algorithm>
-#include <cmath>
 #include <utility>
 
 namespace TestSupport {
 
 namespace {
-QTemporaryDir& root()
-{
-    static QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/voxaria-test-XXXXXX"));
-    return dir;
-}
-
 bool pactl(const QStringList& arguments, QString* output = nullptr)
 {
     QProcess process;
@@ -39,7 +32,8 @@ bool pactl(const QStringList& arguments, QString* output = nullptr)
 
 void isolateUserFolders()
 {
-    const QString base = root().path();
+    static const QTemporaryDir root(QDir::tempPath() + QStringLiteral("/voxaria-test-XXXXXX"));
+    const QString base = root.path();
     const auto set = [&](const char* variable, const QString& sub) {
         const QString path = base + QLatin1Char('/') + sub;
         QDir().mkpath(path);
@@ -50,11 +44,6 @@ void isolateUserFolders()
     set("XDG_CONFIG_HOME", QStringLiteral("home/.config"));
     set("XDG_CACHE_HOME", QStringLiteral("home/.cache"));
     set("TMPDIR", QStringLiteral("tmp"));
-}
-
-QString isolatedRoot()
-{
-    return root().path();
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
@@ -71,11 +60,7 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 
 void spin(std::chrono::milliseconds duration)
 {
-    QDeadlineTimer deadline(duration);
-    while (!deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(1);
-    }
+    waitUntil([] { return false; }, duration);
 }
 
 QString testDataPath(const QString& relative)
@@ -126,15 +111,6 @@ double audioDuration(const QString& path)
     return probe.readAllStandardOutput().trimmed().toDouble();
 }
 
-QByteArray toneFrames(int frames, int from, float amplitude)
-{
-    QByteArray data(frames * 2 * int(sizeof(float)), Qt::Uninitialized);
-    auto* samples = reinterpret_cast<float*>(data.data());
-    for (int i = 0; i < frames; ++i)
-        samples[2 * i] = samples[2 * i + 1] = amplitude * float(std::sin(2 * M_PI * 440 * (from + i) / 48000.0));
-    return data;
-}
-
 WavInfo readWav(const QString& path)
 {
     QFile file(path);
@@ -164,6 +140,16 @@ void EngineAnswers::start(TranscriptionEngine& engine)
     engine.start([this, note](const QString& text) { note(); partials << text; },
                  [this, note](const QString& text) { note(); finals << text; },
                  [this, note](const Error& error) { note(); errors << error.description(); });
+}
+
+QString EngineAnswers::startFailure(TranscriptionEngine& engine)
+{
+    try {
+        start(engine);
+    } catch (const Error& error) {
+        return error.description();
+    }
+    return QStringLiteral("started");
 }
 
 Headset::Headset()
@@ -210,24 +196,13 @@ FakeWhisper::~FakeWhisper()
         QFile::remove(m_binary + QLatin1String(suffix));
 }
 
-void FakeWhisper::script(const QString& controlLines)
-{
-    writeFile(m_binary + QStringLiteral(".control"), controlLines.toUtf8());
-}
-
 QStringList FakeWhisper::lastArguments() const
 {
     QFile file(m_binary + QStringLiteral(".lastargs"));
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    // One argument a line; an empty argument is an empty line.
-    const QString lines = QString::fromUtf8(file.readAll());
-    return lines.isEmpty() ? QStringList() : lines.chopped(1).split(QLatin1Char('\n'));
-}
-
-QString FakeWhisper::lastInputCopy() const
-{
-    return m_binary + QStringLiteral(".lastinput.wav");
+    // One argument a line, each line ended; an empty argument is an empty line.
+    return QString::fromUtf8(file.readAll()).chopped(1).split(QLatin1Char('\n'));
 }
 
 }

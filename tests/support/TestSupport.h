@@ -21,7 +21,6 @@ namespace TestSupport {
 // Points HOME, the XDG folders and TMPDIR at a fresh folder, so no test touches the user's files.
 // Called once by the test main, before the QApplication exists.
 void isolateUserFolders();
-QString isolatedRoot();
 
 // Spins the event loop until `condition` holds or the time is up; answers the condition's value.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
@@ -41,10 +40,6 @@ bool hasPulseAudio();
 bool playIntoMicrophone(const QString& path);
 // Length in seconds of an audio file, as ffprobe reports it.
 double audioDuration(const QString& path);
-
-// A 440 Hz tone as 48 kHz stereo float, the shape a desktop microphone delivers, starting at
-// frame `from` of the tone so that consecutive buffers join up.
-QByteArray toneFrames(int frames, int from = 0, float amplitude = 0.3f);
 
 // The header of a canonical 44-byte WAV file; `valid` when its sizes agree with the file's.
 struct WavInfo {
@@ -66,6 +61,8 @@ struct EngineAnswers {
     bool onMainThread = true;
 
     void start(TranscriptionEngine& engine);
+    // What a refused start() threw, as the user reads it, or "started".
+    QString startFailure(TranscriptionEngine& engine);
     int count() const { return int(finals.size() + errors.size()); }
     bool answered() const { return count() > 0; }
 };
@@ -92,11 +89,11 @@ public:
     FakeWhisper();
     ~FakeWhisper();
     QString binaryPath() const { return m_binary; }
-    // Lines of "key=value" the fake obeys (text=, exit=, stderr=, sleep=, notxt=1...).
-    void script(const QString& controlLines);
+    // Lines of "key=value" the fake obeys (text=, exit=, stderr=, hold=, notxt=1...).
+    void script(const QString& controlLines) { writeFile(m_binary + QStringLiteral(".control"), controlLines.toUtf8()); }
     // The arguments and the input WAV of the most recent run, as the fake recorded them.
     QStringList lastArguments() const;
-    QString lastInputCopy() const;
+    QString lastInputCopy() const { return m_binary + QStringLiteral(".lastinput.wav"); }
 
 private:
     QString m_binary;
