@@ -33,24 +33,19 @@ TEST_F(SettingsTest, FreshInstallationReadsTheDefaults)
     EXPECT_TRUE(settings.playSounds());
 }
 
-TEST_F(SettingsTest, WritesAreReadBackAtOnceAndStoredAsRawValues)
+TEST_F(SettingsTest, WritesAreReadBackAtOnceAndStoredAsRawValuesAndBooleansAreTrueOnlyWhenAbsent)
 {
     Settings& settings = Settings::shared();
     settings.setEngine(TranscriptionEngineKind::apple);
     settings.setHotKey(HotKey::fn);
-    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple);
-    EXPECT_EQ(settings.hotKey(), HotKey::fn);
-    EXPECT_EQ(rawStore().value("engine").toString(), "apple");
-    EXPECT_EQ(rawStore().value("hotKey").toString(), "fn");
-}
-
-TEST_F(SettingsTest, BooleansAreTrueOnlyWhenAbsent)
-{
-    Settings& settings = Settings::shared();
     settings.setPlaySounds(false);
     settings.setPreferOnDevice(false);
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple);
+    EXPECT_EQ(settings.hotKey(), HotKey::fn);
     EXPECT_FALSE(settings.playSounds());
     EXPECT_FALSE(settings.preferOnDevice());
+    EXPECT_EQ(rawStore().value("engine").toString(), "apple");
+    EXPECT_EQ(rawStore().value("hotKey").toString(), "fn");
 
     rawStore().remove("playSounds");
     EXPECT_TRUE(settings.playSounds());

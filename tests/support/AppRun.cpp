@@ -7,7 +7,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
-#include <QRegularExpression>
 #include <QSettings>
 
 namespace {
@@ -21,15 +20,6 @@ bool copyExecutable(const QString& from, const QString& to)
 {
     QFile::remove(to);
     return QFile::copy(from, to) && QFile::setPermissions(to, QFile::permissions(to) | QFileDevice::ExeOwner);
-}
-
-QString run(const QString& program, const QStringList& arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(10000))
-        return {};
-    return QString::fromUtf8(process.readAllStandardOutput());
 }
 
 }
@@ -80,11 +70,6 @@ void AppRun::useWhisperStandIn(const QByteArray& script)
     installWhisper(path);
 }
 
-void AppRun::releaseWhisper()
-{
-    TestSupport::writeFile(whisperFolder() + QStringLiteral("/whisper-cli.release"), {});
-}
-
 void AppRun::installWhisper(const QString& program)
 {
     const QString bin = root() + QStringLiteral("/bin");
@@ -100,11 +85,6 @@ void AppRun::installWhisper(const QString& program)
 QString AppRun::whisperFolder() const
 {
     return QFileInfo(m_binary).absolutePath();
-}
-
-QString AppRun::whisperInputCopy() const
-{
-    return whisperFolder() + QStringLiteral("/whisper-cli.lastinput.wav");
 }
 
 bool AppRun::start()
@@ -164,16 +144,6 @@ bool AppRun::waitForLog(const QString& fragment, std::chrono::milliseconds timeo
         timeout);
 }
 
-QStringList AppRun::linesWith(const QString& fragment) const
-{
-    QStringList found;
-    for (const QString& line : m_lines) {
-        if (line.contains(fragment))
-            found << line;
-    }
-    return found;
-}
-
 ReceivingWindow::ReceivingWindow() = default;
 
 ReceivingWindow::~ReceivingWindow()
@@ -208,56 +178,12 @@ bool ReceivingWindow::waitForText(const QString& expected, std::chrono::millisec
 
 namespace Desktop {
 
-QList<quint64> trayIconWindows(const QString& windowClass)
-{
-    // The tray host's panel embeds one window per icon; take those of the program's class.
-    const QStringList lines = run(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")})
-                                  .split(QLatin1Char('\n'));
-    const QString wanted = QStringLiteral("(\"%1\" \"%2\")").arg(windowClass.toLower(), windowClass);
-    const QRegularExpression windowId(QStringLiteral("^\\s*(0x[0-9a-f]+)"));
-    QList<quint64> found;
-    int panelIndent = -1;
-    for (const QString& line : lines) {
-        const int indent = int(line.indexOf(QRegularExpression(QStringLiteral("\\S"))));
-        const QRegularExpressionMatch id = windowId.match(line);
-        if (line.contains(QStringLiteral("(\"panel\" \"trayer\")"))) {
-            panelIndent = indent;
-            continue;
-        }
-        if (panelIndent < 0 || !id.hasMatch())
-            continue;
-        if (indent <= panelIndent)
-            panelIndent = -1;
-        else if (line.contains(wanted))
-            found << id.captured(1).toULongLong(nullptr, 16);
-    }
-    return found;
-}
-
-QImage windowImage(quint64 window)
-{
-    QProcess import;
-    import.start(QStringLiteral("import"), {QStringLiteral("-window"), QString::number(window), QStringLiteral("png:-")});
-    if (!import.waitForFinished(10000))
-        return {};
-    return QImage::fromData(import.readAllStandardOutput(), "PNG");
-}
-
 QString screenshotFolder()
 {
     const QString chosen = qEnvironmentVariable("VOXARIA_SCREENSHOT_DIR");
     const QString folder = chosen.isEmpty() ? QCoreApplication::applicationDirPath() : chosen;
     QDir().mkpath(folder);
     return folder;
-}
-
-QString wavCopy(const QString& source, const QString& folder, const QStringList& rawFormat)
-{
-    const QString target = folder + QLatin1Char('/') + QFileInfo(source).completeBaseName() + QStringLiteral(".wav");
-    const QStringList arguments = QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"), QStringLiteral("error"),
-                                              QStringLiteral("-y")}
-        + rawFormat + QStringList{QStringLiteral("-i"), source, target};
-    return QProcess::execute(QStringLiteral("ffmpeg"), arguments) == 0 ? target : QString();
 }
 
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <QImage>
-#include <QList>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -31,12 +29,6 @@ public:
     void useFakeWhisper(const QString& control);
     // The same with a program of the caller's own (e.g. a script that stamps the time) as whisper-cli.
     void useWhisperStandIn(const QByteArray& script);
-    // The folder of the program copy and its whisper-cli.
-    QString whisperFolder() const;
-    // What the fake recorded of its last run.
-    QString whisperInputCopy() const;
-    // Lets a fake scripted with hold=1 go on.
-    void releaseWhisper();
 
     // Starts the program and waits until it watches the dictation key.
     bool start();
@@ -49,10 +41,11 @@ public:
     bool waitForLog(const QString& fragment, std::chrono::milliseconds timeout, int fromLine = 0);
     int lineCount() const { return int(m_lines.size()); }
     QStringList log() const { return m_lines; }
-    QStringList linesWith(const QString& fragment) const;
 
 private:
     void installWhisper(const QString& program);
+    // The folder of the program copy and its whisper-cli.
+    QString whisperFolder() const;
     void readLog();
 
     QTemporaryDir m_root;
@@ -83,12 +76,6 @@ private:
 };
 
 namespace Desktop {
-// The windows of the tray icons that programs of the given class show in the tray host.
-QList<quint64> trayIconWindows(const QString& windowClass);
-// What a window shows now, as read back from the X server.
-QImage windowImage(quint64 window);
 // Where screenshots go: VOXARIA_SCREENSHOT_DIR when set, else the test program's folder.
 QString screenshotFolder();
-// A WAV copy of any audio file, for paplay.
-QString wavCopy(const QString& source, const QString& folder, const QStringList& rawFormat = {});
 }
