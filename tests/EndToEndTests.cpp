@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -54,10 +55,13 @@ protected:
     void holdAndSpeak(const QString& sound)
     {
         const int from = app.lineCount();
+        QElapsedTimer held;
+        held.start();
         ASSERT_TRUE(XTestKeyboard::press(rightAlt));
         ASSERT_TRUE(app.waitForLog(listening, 5s, from)) << app.log().join('\n').toStdString();
         const bool played = TestSupport::playIntoMicrophone(sound);
         ASSERT_TRUE(XTestKeyboard::release(rightAlt));
+        heldSeconds = held.elapsed() / 1000.0;
         ASSERT_TRUE(played) << "paplay could not play " << sound.toStdString();
     }
 
@@ -79,6 +83,7 @@ protected:
 
     ReceivingWindow receiver;
     AppRun app;
+    double heldSeconds = 0;
 };
 
 TEST_F(EndToEnd, NativeEngineExplainsAMissingLanguageThenTypesTheSpeechAndKeepsTheClipboard)
@@ -126,9 +131,15 @@ TEST_F(EndToEnd, AShortPressInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
     ASSERT_FALSE(hud.isEmpty());
     EXPECT_TRUE(hud.last().contains(QStringLiteral("Hidden"))) << hud.join('\n').toStdString();
 
-    holdAndSpeak(TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg")));
+    const QString speech = TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg"));
+    holdAndSpeak(speech);
     ASSERT_TRUE(receiver.waitForText(QStringLiteral("o texto que o whisper ouviu"), 20s))
         << app.log().join('\n').toStdString();
+    // Whisper heard all that was played (no lead-in or tail lost) and nothing from after the release.
+    const TestSupport::WavInfo recorded = TestSupport::readWav(app.whisperInputCopy());
+    ASSERT_TRUE(recorded.valid);
+    EXPECT_GE(recorded.seconds(), 0.9 * TestSupport::audioDuration(speech));
+    EXPECT_LE(recorded.seconds(), heldSeconds + 0.2);
     EXPECT_TRUE(app.log().filter(QStringLiteral("cannot be played")).isEmpty()) << app.log().join('\n').toStdString();
 }
 

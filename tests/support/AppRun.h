@@ -29,6 +29,8 @@ public:
     void useFakeWhisper(const QString& control);
     // The same with a program of the caller's own (e.g. a script that stamps the time) as whisper-cli.
     void useWhisperStandIn(const QByteArray& script);
+    // The copy of its input that the fake whisper-cli keeps from its last run.
+    QString whisperInputCopy() const { return whisperFolder() + QStringLiteral("/whisper-cli.lastinput.wav"); }
 
     // Starts the program and waits until it watches the dictation key.
     bool start();
