@@ -25,7 +25,7 @@
 namespace {
 
 // The shared test data sits beside the project folder.
-const QString kClip = QFileInfo(QStringLiteral(__FILE__)).absolutePath() + QStringLiteral("/../../shared/testdata/speech/fleurs-en-005.ogg");
+const QString kClip = QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/fleurs-en-005.ogg");
 const QString kGoForward = QStringLiteral("/usr/share/pocketsphinx/test/data/goforward.raw");
 
 long residentKilobytes()
