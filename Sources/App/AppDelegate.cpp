@@ -1,6 +1,9 @@
 #include "AppDelegate.h"
 
+#include "Engines/ModelDownloader.h"
+#include "Engines/WhisperTranscriber.h"
 #include "History/HistoryWindow.h"
+#include "Platform/Alerts.h"
 #include "Shared/Logging.h"
 #include "StatusIcon.h"
 
@@ -39,6 +42,7 @@ bool AppDelegate::applicationDidFinishLaunching()
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
+    maybeOfferModelDownload();
     return true;
 }
 
@@ -54,6 +58,46 @@ bool AppDelegate::ensureSingleInstance()
         return true;
     qCInfo(lcApp) << "another Voxaria is running; leaving it alone";
     return false;
+}
+
+void AppDelegate::maybeOfferModelDownload()
+{
+    QPointer<AppDelegate> weakSelf(this);
+    maybeOfferModelDownload(*Alerts::makeDefault(), ModelDownloader::shared(), [weakSelf] {
+        if (weakSelf)
+            weakSelf->refreshMenu();
+    });
+}
+
+void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded)
+{
+    if (!WhisperTranscriber::binaryURL() || WhisperTranscriber::modelURL() || downloader.isDownloading())
+        return;
+    const ModelDownloader::Model& model = ModelDownloader::Model::recommended();
+#ifdef Q_OS_MACOS
+    const QString runsWhere = QStringLiteral("). Ele roda 100% no seu Mac, offline, e tem qualidade de transcrição superior.");
+    const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo da Apple já funciona normalmente. Outros tamanhos de modelo ficam no menu, em ");
+#else
+    const QString runsWhere = QStringLiteral("). Ele roda 100% no seu computador, offline, e tem qualidade de transcrição superior.");
+    const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo (PocketSphinx) funciona nos idiomas que tiverem modelo instalado. "
+                                             "Outros tamanhos de modelo ficam no menu, em ");
+#endif
+    const QString size = QString::number(model.sizeMB);
+    const Alerts::Alert offer{
+        QStringLiteral("Instalar o motor de transcrição de alta qualidade?"),
+        QStringLiteral("O Voxaria pode baixar o modelo Whisper \"") + model.displayName + QStringLiteral("\" (") + size
+            + QStringLiteral(" MB, download único, ") + model.note + runsWhere + QStringLiteral("\n\n") + meanwhile
+            + QStringLiteral("\"Modelo Whisper\"."),
+        {{QStringLiteral("Baixar agora (") + size + QStringLiteral(" MB)")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
+    };
+    // Nothing remembers a "not now": the offer comes again at the next launch.
+    if (alerts.runModal(offer) != 0)
+        return;
+    downloader.download(model, [onDownloadEnded = std::move(onDownloadEnded)](bool success) {
+        if (success)
+            Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+        onDownloadEnded();
+    });
 }
 
 void AppDelegate::setupStatusItem()

@@ -8,8 +8,11 @@
 #include <QObject>
 #include <QPointer>
 
+#include <functional>
 #include <memory>
 
+class Alerts;
+class ModelDownloader;
 class QMenu;
 class QSystemTrayIcon;
 
@@ -24,12 +27,18 @@ public:
     // The whole start-up; false when another copy already runs and this one must leave quietly.
     bool applicationDidFinishLaunching();
 
+    // When whisper-cli is there but no model is, asks whether to download the recommended one, at
+    // every launch until a model is installed. A model that arrives selects the Whisper engine;
+    // `onDownloadEnded` runs after every download it started, whatever the outcome.
+    static void maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded);
+
 private:
     bool ensureSingleInstance();
     void setupStatusItem();
     void updateStatusIcon(DictationController::State state);
     std::unique_ptr<QMenu> buildMenu();
     void refreshMenu();
+    void maybeOfferModelDownload();
 
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;

@@ -1,0 +1,71 @@
+#include "ModelDownloadWindow.h"
+
+#include <QGuiApplication>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QScreen>
+#include <QVBoxLayout>
+
+namespace {
+// The bar counts in thousandths, so a 547 MB download still moves visibly.
+constexpr int kBarSteps = 1000;
+
+QFont pointFont(int points, QFont::Weight weight)
+{
+    QFont font = QGuiApplication::font();
+    font.setPointSize(points);
+    font.setWeight(weight);
+    return font;
+}
+}
+
+ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel)
+    : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint)
+    , m_progressBar(new QProgressBar(this))
+    , m_statusLabel(new QLabel(this))
+{
+    setWindowTitle(QStringLiteral("Voxaria"));
+    setFixedSize(400, 140);
+
+    auto* title = new QLabel(QStringLiteral("Baixando ") + displayName, this);
+    title->setFont(pointFont(13, QFont::DemiBold));
+
+    m_progressBar->setRange(0, kBarSteps);
+    m_progressBar->setValue(0);
+    m_progressBar->setTextVisible(false);
+    m_progressBar->setFixedWidth(360);
+
+    m_statusLabel->setText(QStringLiteral("Conectando… (%1 MB no total)").arg(sizeMB));
+    m_statusLabel->setFont(pointFont(11, QFont::Normal));
+    m_statusLabel->setForegroundRole(QPalette::PlaceholderText);
+
+    auto* cancel = new QPushButton(QStringLiteral("Cancelar"), this);
+    connect(cancel, &QPushButton::clicked, this, [onCancel = std::move(onCancel)] { onCancel(); });
+
+    auto* stack = new QVBoxLayout(this);
+    stack->setContentsMargins(20, 20, 20, 16);
+    stack->setSpacing(8);
+    for (QWidget* element : {static_cast<QWidget*>(title), static_cast<QWidget*>(m_progressBar),
+                             static_cast<QWidget*>(m_statusLabel), static_cast<QWidget*>(cancel)})
+        stack->addWidget(element, 0, Qt::AlignLeft);
+
+    if (QScreen* screen = QGuiApplication::primaryScreen())
+        move(screen->availableGeometry().center() - rect().center());
+}
+
+void ModelDownloadWindow::setProgress(double fraction, const QString& status)
+{
+    m_progressBar->setValue(qBound(0, int(fraction * kBarSteps), kBarSteps));
+    m_statusLabel->setText(status);
+}
+
+QString ModelDownloadWindow::statusText() const
+{
+    return m_statusLabel->text();
+}
+
+double ModelDownloadWindow::fraction() const
+{
+    return double(m_progressBar->value()) / kBarSteps;
+}

@@ -1,0 +1,326 @@
+#include "ModelDownloader.h"
+
+#include "App/Settings.h"
+#include "ModelDownloadWindow.h"
+#include "Shared/AppPaths.h"
+#include "Shared/Logging.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+
+#include <filesystem>
+
+namespace {
+// whisper.cpp model files start with the ggml magic 0x67676d6c, stored little-endian.
+const QByteArray kGgmlMagic("lmgg", 4);
+// A server that sends nothing for this long is given up on; the ".part" stays for the next try.
+constexpr int kStallTimeoutMs = 60 * 1000;
+
+QString platformNote(const char* onLinux, const char* onMac)
+{
+#ifdef Q_OS_MACOS
+    Q_UNUSED(onLinux);
+    return QString::fromUtf8(onMac);
+#else
+    Q_UNUSED(onMac);
+    return QString::fromUtf8(onLinux);
+#endif
+}
+
+QString saveFailure(const QString& description)
+{
+    return QStringLiteral("Falha ao salvar o modelo: ") + description;
+}
+
+// Qt's own descriptions are English and technical; these say what happened and what to try.
+QString networkReason(const QNetworkReply& reply)
+{
+    switch (reply.error()) {
+    case QNetworkReply::HostNotFoundError:
+        return QStringLiteral("Servidor não encontrado (%1). Verifique a conexão com a internet.").arg(reply.url().host());
+    case QNetworkReply::ConnectionRefusedError:
+        return QStringLiteral("O servidor recusou a conexão.");
+    case QNetworkReply::RemoteHostClosedError:
+    case QNetworkReply::NetworkSessionFailedError:
+    case QNetworkReply::UnknownNetworkError:
+    case QNetworkReply::TemporaryNetworkFailureError:
+        return QStringLiteral("A conexão caiu antes do fim do download. Tente de novo: ele continua de onde parou.");
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::OperationCanceledError: // only the stall timeout cancels a current transfer
+        return QStringLiteral("O servidor parou de responder. Tente de novo: o download continua de onde parou.");
+    case QNetworkReply::SslHandshakeFailedError:
+        return QStringLiteral("Falha na conexão segura com o servidor.");
+    default:
+        return QStringLiteral("Falha de rede: ") + reply.errorString();
+    }
+}
+
+// "bytes 100-199/200" → 100 and 200 (-1 when the total is "*").
+std::optional<std::pair<qint64, qint64>> parseContentRange(const QByteArray& header)
+{
+    static const QRegularExpression pattern(QStringLiteral("^bytes (\\d+)-\\d+/(\\d+|\\*)$"));
+    const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(header.trimmed()));
+    if (!match.hasMatch())
+        return std::nullopt;
+    const QString total = match.captured(2);
+    return std::make_pair(match.captured(1).toLongLong(), total == QLatin1String("*") ? -1 : total.toLongLong());
+}
+}
+
+const QUrl ModelDownloader::kDefaultBaseAddress(QStringLiteral("https://huggingface.co/ggerganov/whisper.cpp/resolve/main/"));
+
+const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
+{
+    static const QList<Model> models = {
+        {QStringLiteral("ggml-large-v3-turbo-q5_0.bin"), QStringLiteral("Máxima qualidade — large-v3-turbo"), 547,
+         platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon")},
+        {QStringLiteral("ggml-small-q5_1.bin"), QStringLiteral("Equilibrado — small"), 190,
+         platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel")},
+        {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor")},
+    };
+    return models;
+}
+
+const ModelDownloader::Model& ModelDownloader::Model::recommended()
+{
+    return catalog().at(1);
+}
+
+bool ModelDownloader::Model::isDownloaded() const
+{
+    return QFileInfo::exists(QDir(AppPaths::modelsFolder()).filePath(fileName));
+}
+
+ModelDownloader& ModelDownloader::shared()
+{
+    static ModelDownloader* instance = new ModelDownloader();
+    return *instance;
+}
+
+ModelDownloader::ModelDownloader(std::unique_ptr<Alerts> alerts, QUrl baseAddress, QObject* parent)
+    : QObject(parent)
+    , m_alerts(std::move(alerts))
+    , m_baseAddress(std::move(baseAddress))
+    , m_currentModel(Model::recommended())
+{
+}
+
+ModelDownloader::~ModelDownloader()
+{
+    // Going away mid-download reports nothing: the ".part" stays for the next run.
+    if (m_task)
+        m_task->disconnect(this);
+    delete m_window;
+}
+
+QString ModelDownloader::progressText(qint64 written, qint64 expected)
+{
+    constexpr qint64 kMiB = 1048576;
+    const int percent = int(double(written) / double(expected) * 100);
+    return QStringLiteral("%1 MB de %2 MB (%3%)").arg(written / kMiB).arg(expected / kMiB).arg(percent);
+}
+
+void ModelDownloader::download(const Model& model, Completion completion)
+{
+    if (m_isDownloading)
+        return;
+    m_isDownloading = true;
+    m_currentModel = model;
+    m_completion = std::move(completion);
+    // A failure shows up when the ".part" cannot be opened.
+    QDir().mkpath(AppPaths::modelsFolder());
+    showWindow(model);
+    m_session = std::make_unique<QNetworkAccessManager>();
+    startTransfer();
+}
+
+void ModelDownloader::showWindow(const Model& model)
+{
+    m_window = new ModelDownloadWindow(model.displayName, model.sizeMB, [this] { cancelTapped(); });
+    m_window->show();
+    m_window->raise();
+    m_window->activateWindow();
+}
+
+void ModelDownloader::startTransfer()
+{
+    m_part.setFileName(partPath());
+    m_responseChecked = false;
+    m_expected = -1;
+    if (!m_part.open(QIODevice::ReadWrite)) {
+        const QString reason = saveFailure(m_part.errorString());
+        // Reported from the event loop, so the caller's completion never runs inside download().
+        QMetaObject::invokeMethod(this, [this, reason] { fail(reason, true); }, Qt::QueuedConnection);
+        return;
+    }
+    m_resumedFrom = m_part.size();
+
+    QNetworkRequest request(m_baseAddress.resolved(QUrl(m_currentModel.fileName)));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setTransferTimeout(kStallTimeoutMs);
+    // Byte counts must be the file's own, never those of a compressed transfer.
+    request.setRawHeader("Accept-Encoding", "identity");
+    if (m_resumedFrom > 0)
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(m_resumedFrom) + '-');
+    qCInfo(lcWhisper) << "downloading" << request.url().toString() << "from byte" << m_resumedFrom;
+
+    QNetworkReply* reply = m_session->get(request);
+    m_task = reply;
+    // Reports of an earlier download's transfer never touch the current one.
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply] {
+        if (reply == m_task && !m_responseChecked)
+            onResponse(reply);
+    });
+    connect(reply, &QNetworkReply::readyRead, this, [this, reply] {
+        if (reply == m_task)
+            onData(reply);
+    });
+    connect(reply, &QNetworkReply::finished, this, [this, reply] {
+        if (reply == m_task)
+            onFinished(reply);
+    });
+}
+
+void ModelDownloader::onResponse(QNetworkReply* reply)
+{
+    const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (!statusAttribute.isValid())
+        return;
+    const int status = statusAttribute.toInt();
+    if (status >= 300 && status < 400)
+        return; // a redirect on its way to the real answer
+    m_responseChecked = true;
+    if (status < 200 || status >= 300) {
+        // 416: what was kept cannot be continued, so the next try starts over.
+        fail(QStringLiteral("O servidor respondeu com o status HTTP %1.").arg(status), status != 416);
+        return;
+    }
+    const auto range = status == 206 ? parseContentRange(reply->rawHeader("Content-Range")) : std::nullopt;
+    if (range && range->first == m_resumedFrom) {
+        m_expected = range->second;
+    } else {
+        // The server sends the whole file: start over.
+        m_resumedFrom = 0;
+        m_part.resize(0);
+        const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+        m_expected = length.isValid() ? length.toLongLong() : -1;
+    }
+    m_part.seek(m_resumedFrom);
+    if (m_expected >= 1 && m_window)
+        m_window->setProgress(double(m_resumedFrom) / m_expected, progressText(m_resumedFrom, m_expected));
+}
+
+void ModelDownloader::onData(QNetworkReply* reply)
+{
+    if (!m_responseChecked)
+        onResponse(reply);
+    if (reply != m_task || !m_responseChecked)
+        return;
+    const QByteArray bytes = reply->readAll();
+    if (m_part.write(bytes) != bytes.size()) {
+        fail(saveFailure(m_part.errorString()), false);
+        return;
+    }
+    const qint64 written = m_part.pos();
+    if (m_expected < 1)
+        return;
+    if (written > m_expected) {
+        fail(QStringLiteral("O servidor enviou mais dados do que anunciou (%1 bytes). O arquivo foi descartado.").arg(m_expected), false);
+        return;
+    }
+    if (m_window)
+        m_window->setProgress(double(written) / m_expected, progressText(written, m_expected));
+}
+
+void ModelDownloader::onFinished(QNetworkReply* reply)
+{
+    onData(reply);
+    if (reply != m_task)
+        return;
+    if (reply->error() != QNetworkReply::NoError) {
+        fail(networkReason(*reply), true);
+        return;
+    }
+    install();
+}
+
+void ModelDownloader::install()
+{
+    const qint64 size = m_part.size();
+    if (m_expected >= 0 && size != m_expected) {
+        fail(QStringLiteral("O servidor anunciou %1 bytes, mas enviou %2. O arquivo foi descartado.").arg(m_expected).arg(size), false);
+        return;
+    }
+    m_part.seek(0);
+    if (m_part.read(kGgmlMagic.size()) != kGgmlMagic) {
+        fail(QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."), false);
+        return;
+    }
+    m_part.close();
+    // A rename within the models folder: no copy, and an earlier model stays if it fails.
+    std::error_code error;
+    std::filesystem::rename(partPath().toStdString(), destinationPath().toStdString(), error);
+    if (error) {
+        fail(saveFailure(QString::fromStdString(error.message())), false);
+        return;
+    }
+    Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
+    qCInfo(lcWhisper) << "installed model" << m_currentModel.fileName;
+    finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
+}
+
+void ModelDownloader::fail(const QString& reason, bool keepPart)
+{
+    qCWarning(lcWhisper) << "model download failed:" << reason;
+    m_part.close();
+    if (!keepPart)
+        QFile::remove(partPath());
+    finish(false, reason);
+}
+
+void ModelDownloader::cancelTapped()
+{
+    // The ".part" stays, so the next try continues where this one stopped.
+    finish(false, std::nullopt);
+}
+
+void ModelDownloader::finish(bool success, const std::optional<QString>& message)
+{
+    if (!m_isDownloading)
+        return;
+    m_isDownloading = false;
+    // The session's end takes its transfer with it; nothing it still reports reaches us.
+    if (m_task)
+        m_task->disconnect(this);
+    m_task = nullptr;
+    if (m_session)
+        m_session.release()->deleteLater();
+    m_part.close();
+    if (m_window) {
+        m_window->close();
+        m_window->deleteLater();
+    }
+    m_window = nullptr;
+
+    if (message)
+        m_alerts->runModal({success ? QStringLiteral("Modelo instalado") : QStringLiteral("Download não concluído"), *message, {}});
+    Completion completion = std::move(m_completion);
+    m_completion = nullptr;
+    if (completion)
+        completion(success);
+}
+
+QString ModelDownloader::partPath() const
+{
+    return destinationPath() + QStringLiteral(".part");
+}
+
+QString ModelDownloader::destinationPath() const
+{
+    return QDir(AppPaths::modelsFolder()).filePath(m_currentModel.fileName);
+}

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "ModelDownloadWindow.h"
+#include "Platform/Alerts.h"
+
+#include <QFile>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+
+class QNetworkAccessManager;
+class QNetworkReply;
+
+// Fetches a Whisper model into the models folder, shows how far it got, selects it when it is
+// whole, and tells the user the outcome. One download at a time.
+//
+// Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
+// server answered 2xx, the length is the announced one and the file starts with the ggml magic, so
+// a half-written file or an error page never looks installed. A ".part" left by an interrupted
+// download is continued with an HTTP Range request when the server allows it.
+class ModelDownloader final : public QObject {
+    Q_OBJECT
+public:
+    struct Model {
+        QString fileName;
+        QString displayName;
+        int sizeMB = 0;
+        QString note;
+
+        static const QList<Model>& catalog();
+        // What the start-up offer proposes: "small" runs well on most computers without a GPU.
+        static const Model& recommended();
+        // Asked afresh at every call: the user may add or remove files at any time.
+        bool isDownloaded() const;
+    };
+    using Completion = std::function<void(bool success)>;
+
+    static const QUrl kDefaultBaseAddress;
+
+    static ModelDownloader& shared();
+
+    // The base address is the folder the files are fetched from; only tests pass another one.
+    explicit ModelDownloader(std::unique_ptr<Alerts> alerts = Alerts::makeDefault(),
+                             QUrl baseAddress = kDefaultBaseAddress, QObject* parent = nullptr);
+    ~ModelDownloader() override;
+
+    // Called once on the main thread with true when the model was installed and selected, false
+    // when the download failed or was cancelled. Ignored entirely while a download runs.
+    void download(const Model& model, Completion completion = {});
+
+    bool isDownloading() const { return m_isDownloading; }
+    const Model& currentModel() const { return m_currentModel; }
+    ModelDownloadWindow* window() const { return m_window; }
+    void cancelTapped();
+
+    // "273 MB de 547 MB (50%)"
+    static QString progressText(qint64 written, qint64 expected);
+
+private:
+    void showWindow(const Model& model);
+    void startTransfer();
+    void onResponse(QNetworkReply* reply);
+    void onData(QNetworkReply* reply);
+    void onFinished(QNetworkReply* reply);
+    void install();
+    void fail(const QString& reason, bool keepPart);
+    void finish(bool success, const std::optional<QString>& message);
+    QString partPath() const;
+    QString destinationPath() const;
+
+    std::unique_ptr<Alerts> m_alerts;
+    QUrl m_baseAddress;
+    QPointer<ModelDownloadWindow> m_window;
+    QPointer<QNetworkReply> m_task;
+    std::unique_ptr<QNetworkAccessManager> m_session;
+    Completion m_completion;
+    Model m_currentModel;
+    bool m_isDownloading = false;
+
+    QFile m_part;
+    bool m_responseChecked = false;
+    qint64 m_resumedFrom = 0;
+    qint64 m_expected = -1; // the whole file's length, -1 when the server does not say
+};

@@ -1,0 +1,193 @@
+#include "LocalHttpServer.h"
+#include "TestSupport.h"
+#include "App/AppDelegate.h"
+#include "App/Settings.h"
+#include "Engines/ModelDownloadWindow.h"
+#include "Engines/ModelDownloader.h"
+#include "Platform/Fakes/FakeAlerts.h"
+#include "Shared/AppPaths.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QPushButton>
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using TestSupport::waitUntil;
+using Route = LocalHttpServer::Route;
+
+namespace {
+
+const ModelDownloader::Model& small = ModelDownloader::Model::recommended();
+const QString kInstalled = "Modelo \"Equilibrado — small\" instalado e selecionado. Segure a tecla de ditado e fale.";
+const QByteArray kModel = QByteArray("lmgg").leftJustified(3 << 20, 'w'); // starts like a whisper.cpp model
+
+QByteArray contents(const QString& name)
+{
+    QFile file(QDir(AppPaths::modelsFolder()).filePath(name));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(none)");
+}
+
+// The downloader against a server of the test's own; each test starts with an earlier model
+// installed and selected, and the native engine chosen.
+class ModelDownloaderTest : public ::testing::Test {
+protected:
+    LocalHttpServer server;
+    FakeAlerts* alerts = new FakeAlerts;
+    ModelDownloader downloader{std::unique_ptr<Alerts>(alerts), server.baseUrl()};
+    QList<bool> completions;
+
+    void SetUp() override
+    {
+        QDir(AppPaths::modelsFolder()).removeRecursively();
+        QFile::remove(AppPaths::modelsFolder());
+        TestSupport::writeFile(AppPaths::modelsFolder() + "/ggml-base-q5_1.bin", "earlier model");
+        Settings::shared().setWhisperModelFileName("ggml-base-q5_1.bin");
+        Settings::shared().setEngine(TranscriptionEngineKind::apple);
+        completions.clear();
+    }
+    void start() { downloader.download(small, [this](bool success) { completions.append(success); }); }
+    // The alert that ended the download ("" when none).
+    QString waitForEnd()
+    {
+        const qsizetype before = alerts->shown.size();
+        EXPECT_TRUE(waitUntil([this] { return !downloader.isDownloading(); }, 30s));
+        return alerts->shown.size() > before ? alerts->shown.last().messageText + ": " + alerts->shown.last().informativeText : "";
+    }
+    QString status() const { return downloader.window() ? downloader.window()->statusText() : "(no window)"; }
+};
+
+TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
+{
+    EXPECT_EQ(ModelDownloader::progressText(286785536, 573571072), "273 MB de 547 MB (50%)");
+    const struct {
+        bool sendLength;
+        QString atStart, atHalf;
+    } cases[] = {
+        {true, "0 MB de 3 MB (0%)", "1 MB de 3 MB (50%)"},
+        {false, "Conectando… (190 MB no total)", "Conectando… (190 MB no total)"},
+    };
+    for (const auto& c : cases) {
+        SetUp();
+        TestSupport::writeFile(AppPaths::modelsFolder() + '/' + small.fileName, "an older copy");
+        // The real host redirects to a CDN.
+        server.setRoute(small.fileName, Route{.redirectTo = "cdn/" + small.fileName});
+        server.setRoute("cdn/" + small.fileName, Route{.body = kModel, .sendLength = c.sendLength, .holdAt = 0});
+        start();
+        EXPECT_TRUE(waitUntil([&] { return server.ranges.size() == 2 && status() == c.atStart; })) << status().toStdString();
+        server.release(kModel.size() / 2);
+        EXPECT_TRUE(waitUntil([&] { return status() == c.atHalf; })) << status().toStdString();
+        EXPECT_EQ(downloader.window()->fraction(), c.sendLength ? 0.5 : 0);
+        server.release();
+        EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+        EXPECT_EQ(contents(small.fileName), kModel);
+        EXPECT_EQ(Settings::shared().whisperModelFileName(), small.fileName);
+        EXPECT_EQ(completions, QList<bool>{true});
+        server.ranges.clear();
+    }
+}
+
+TEST_F(ModelDownloaderTest, CancelClosesAtOnceAndTheNextTryResumes)
+{
+    server.setRoute(small.fileName, Route{.body = kModel, .holdAt = 1 << 20});
+    start();
+    EXPECT_TRUE(waitUntil([&] { return status() == "1 MB de 3 MB (33%)"; })) << status().toStdString();
+    const QPointer<ModelDownloadWindow> window = downloader.window();
+    bool secondCalled = false;
+    downloader.download(ModelDownloader::Model::catalog().at(2), [&](bool) { secondCalled = true; });
+    EXPECT_EQ(downloader.window(), window);
+
+    window->findChild<QPushButton*>()->click();
+    EXPECT_FALSE(window && window->isVisible());
+    EXPECT_EQ(waitForEnd(), "");
+    EXPECT_EQ(completions, QList<bool>{false});
+    EXPECT_FALSE(small.isDownloaded());
+
+    server.setRoute(small.fileName, Route{.body = kModel});
+    start();
+    EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+    EXPECT_EQ(server.ranges.last(), "Range: bytes=1048576-");
+    EXPECT_EQ(contents(small.fileName), kModel);
+    EXPECT_FALSE(secondCalled);
+}
+
+// Each failure says why, installs nothing, keeps the earlier model and setting, and the next
+// download works, continuing what arrived when it can.
+TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
+{
+    const QByteArray page = "<html><body>Erro</body></html>";
+    const QString cut = "A conexão caiu antes do fim do download. Tente de novo: ele continua de onde parou.";
+    const struct {
+        Route route;
+        QString reason;
+        QByteArray nextRange = "";
+        QUrl base = {};
+    } cases[] = {
+        {{.body = page, .status = 404}, "O servidor respondeu com o status HTTP 404."},
+        {{.body = page, .status = 500}, "O servidor respondeu com o status HTTP 500."},
+        {{.body = page}, "O arquivo recebido não é um modelo Whisper. Nada foi instalado."},
+        {{.body = kModel, .cutAt = 3 << 19}, cut, "Range: bytes=1572864-"},
+        {{.body = kModel, .announcedLength = 4 << 20}, cut, "Range: bytes=3145728-"},
+        {{}, "O servidor recusou a conexão.", "", QUrl("http://127.0.0.1:1/")},
+        {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", "", QUrl("http://models.invalid/")},
+        {{.body = kModel}, "Falha ao salvar o modelo: "}, // the models folder is a file
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason.toStdString());
+        SetUp();
+        const bool folderIsAFile = c.reason.startsWith("Falha ao salvar");
+        if (folderIsAFile && QDir(AppPaths::modelsFolder()).removeRecursively())
+            TestSupport::writeFile(AppPaths::modelsFolder(), "not a folder");
+        server.setRoute(small.fileName, c.route);
+        auto* failingAlerts = new FakeAlerts;
+        ModelDownloader failing{std::unique_ptr<Alerts>(failingAlerts), c.base.isEmpty() ? server.baseUrl() : c.base};
+        failing.download(small, [this](bool success) { completions.append(success); });
+        EXPECT_TRUE(waitUntil([&] { return !failing.isDownloading(); }, 30s));
+        ASSERT_EQ(failingAlerts->shown.size(), 1);
+        EXPECT_EQ(failingAlerts->shown[0].messageText, "Download não concluído");
+        EXPECT_TRUE(failingAlerts->shown[0].informativeText.startsWith(c.reason)) << failingAlerts->shown[0].informativeText.toStdString();
+        EXPECT_EQ(completions, QList<bool>{false});
+        EXPECT_FALSE(small.isDownloaded());
+        EXPECT_EQ(Settings::shared().whisperModelFileName(), "ggml-base-q5_1.bin");
+        EXPECT_EQ(contents("ggml-base-q5_1.bin"), folderIsAFile ? "(none)" : "earlier model");
+
+        QFile::remove(AppPaths::modelsFolder());
+        server.setRoute(small.fileName, Route{.body = kModel});
+        start();
+        EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+        EXPECT_EQ(contents(small.fileName), kModel);
+        EXPECT_EQ(server.ranges.last(), c.nextRange);
+    }
+}
+
+TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
+{
+    const QString program = QCoreApplication::applicationDirPath() + "/whisper-cli";
+    ASSERT_TRUE(TestSupport::writeFile(program, "#!/bin/sh\n", true));
+    QFile::remove(AppPaths::modelsFolder() + "/ggml-base-q5_1.bin");
+    server.setRoute(small.fileName, Route{.body = kModel});
+    const auto offer = [&](const QString& answer) {
+        alerts->answers = QStringList{answer};
+        const qsizetype before = alerts->shown.size();
+        AppDelegate::maybeOfferModelDownload(*alerts, downloader, [&] { completions.append(true); });
+        waitForEnd();
+        return alerts->shown.size() > before ? alerts->shown[before].messageText + "\n" + alerts->shown[before].informativeText : "";
+    };
+    const QString offered = "Instalar o motor de transcrição de alta qualidade?\nO Voxaria pode baixar o modelo Whisper "
+        "\"Equilibrado — small\" (190 MB, download único, recomendado para a maioria dos computadores). Ele roda 100% no seu "
+        "computador, offline, e tem qualidade de transcrição superior.\n\nEnquanto isso, o motor nativo (PocketSphinx) "
+        "funciona nos idiomas que tiverem modelo instalado. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
+
+    EXPECT_EQ(offer("Agora não"), offered);
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple);
+    EXPECT_EQ(offer("Baixar agora (190 MB)"), offered);
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper);
+    EXPECT_EQ(completions, QList<bool>{true}) << "the menu is refreshed once";
+    EXPECT_EQ(offer("Baixar agora (190 MB)"), "") << "a model is installed";
+    QFile::remove(AppPaths::modelsFolder() + '/' + small.fileName);
+    QFile::remove(program);
+    EXPECT_EQ(offer("Baixar agora (190 MB)"), "") << "no whisper-cli";
+}
+
+}
