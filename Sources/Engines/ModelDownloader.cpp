@@ -72,8 +72,6 @@ std::optional<std::pair<qint64, qint64>> parseContentRange(const QByteArray& hea
 }
 }
 
-const QUrl ModelDownloader::kDefaultBaseAddress(QStringLiteral("https://huggingface.co/ggerganov/whisper.cpp/resolve/main/"));
-
 const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
 {
     static const QList<Model> models = {
