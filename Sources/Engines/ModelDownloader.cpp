@@ -20,6 +20,7 @@ namespace {
 const QByteArray kGgmlMagic("lmgg", 4);
 // A server that sends nothing for this long is given up on; the ".part" stays for the next try.
 constexpr int kStallTimeoutMs = 60 * 1000;
+constexpr qint64 kReadBufferBytes = 1 << 20;
 
 QString platformNote(const char* onLinux, const char* onMac)
 {
@@ -168,6 +169,9 @@ void ModelDownloader::startTransfer()
     qCInfo(lcWhisper) << "downloading" << request.url().toString() << "from byte" << m_resumedFrom;
 
     QNetworkReply* reply = m_session->get(request);
+    // Without a limit Qt reads the socket as fast as the network allows and holds in memory what
+    // the disk has not taken yet: hundreds of megabytes for a large model.
+    reply->setReadBufferSize(kReadBufferBytes);
     m_task = reply;
     // Reports of an earlier download's transfer never touch the current one.
     connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply] {
@@ -204,7 +208,9 @@ void ModelDownloader::onResponse(QNetworkReply* reply)
     } else {
         // The server sends the whole file: start over.
         m_resumedFrom = 0;
-        m_part.resize(0);
+        // Only when needed: truncating makes the file system write the whole file out at close.
+        if (m_part.size() > 0)
+            m_part.resize(0);
         const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
         m_expected = length.isValid() ? length.toLongLong() : -1;
     }
