@@ -121,16 +121,16 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
     const struct {
         Route route;
         QString reason;
-        QByteArray nextRange = "";
+        bool resumes = false; // the next try asks only for what is missing
         QUrl base = {};
     } cases[] = {
         {{.body = page, .status = 404}, "O servidor respondeu com o status HTTP 404."},
         {{.body = page, .status = 500}, "O servidor respondeu com o status HTTP 500."},
         {{.body = page}, "O arquivo recebido não é um modelo Whisper. Nada foi instalado."},
-        {{.body = kModel, .cutAt = 3 << 19}, cut, "Range: bytes=1572864-"},
-        {{.body = kModel, .announcedLength = 4 << 20}, cut, "Range: bytes=3145728-"},
-        {{}, "O servidor recusou a conexão.", "", QUrl("http://127.0.0.1:1/")},
-        {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", "", QUrl("http://models.invalid/")},
+        {{.body = kModel, .cutAt = 3 << 19}, cut, true},
+        {{.body = kModel, .announcedLength = 4 << 20}, cut, true},
+        {{}, "O servidor recusou a conexão.", false, QUrl("http://127.0.0.1:1/")},
+        {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", false, QUrl("http://models.invalid/")},
         {{.body = kModel}, "Falha ao salvar o modelo: "}, // the models folder is a file
     };
     for (const auto& c : cases) {
@@ -157,7 +157,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         start();
         EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
         EXPECT_EQ(contents(small.fileName), kModel);
-        EXPECT_EQ(server.ranges.last(), c.nextRange);
+        EXPECT_EQ(server.ranges.last().startsWith("Range: bytes="), c.resumes) << server.ranges.last().toStdString();
     }
 }
 
