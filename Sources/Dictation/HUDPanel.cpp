@@ -1,6 +1,7 @@
 #include "HUDPanel.h"
 
 #include "Shared/Logging.h"
+#include "Shared/SystemFont.h"
 
 #include <QApplication>
 #include <QCursor>
@@ -25,15 +26,6 @@ const QChar zeroWidthSpace(0x200B);
 // An error longer than this many lines (a whisper-cli line can be kilobytes) keeps its beginning;
 // the panel must stay on the screen.
 constexpr int maximumStatusLines = 6;
-
-QFont systemFont(int pixelSize, QFont::Weight weight)
-{
-    QFont font = QApplication::font();
-    // Sizes are in logical pixels, the unit the panel's own width is given in.
-    font.setPixelSize(pixelSize);
-    font.setWeight(weight);
-    return font;
-}
 
 // Measured the way the label lays its text out, so what fits here fits there.
 int wrappedHeight(const QString& text, const QFontMetrics& metrics)

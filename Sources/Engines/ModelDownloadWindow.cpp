@@ -1,5 +1,7 @@
 #include "ModelDownloadWindow.h"
 
+#include "Shared/SystemFont.h"
+
 #include <QGuiApplication>
 #include <QLabel>
 #include <QProgressBar>
@@ -10,14 +12,6 @@
 namespace {
 // The bar counts in thousandths, so a 547 MB download still moves visibly.
 constexpr int kBarSteps = 1000;
-
-QFont pointFont(int points, QFont::Weight weight)
-{
-    QFont font = QGuiApplication::font();
-    font.setPointSize(points);
-    font.setWeight(weight);
-    return font;
-}
 }
 
 ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel)
@@ -29,7 +23,7 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB,
     setFixedSize(400, 140);
 
     auto* title = new QLabel(QStringLiteral("Baixando ") + displayName, this);
-    title->setFont(pointFont(13, QFont::DemiBold));
+    title->setFont(systemFont(13, QFont::DemiBold));
 
     m_progressBar->setRange(0, kBarSteps);
     m_progressBar->setValue(0);
@@ -37,7 +31,7 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB,
     m_progressBar->setFixedWidth(360);
 
     m_statusLabel->setText(QStringLiteral("Conectando… (%1 MB no total)").arg(sizeMB));
-    m_statusLabel->setFont(pointFont(11, QFont::Normal));
+    m_statusLabel->setFont(systemFont(11, QFont::Normal));
     m_statusLabel->setForegroundRole(QPalette::PlaceholderText);
 
     auto* cancel = new QPushButton(QStringLiteral("Cancelar"), this);
