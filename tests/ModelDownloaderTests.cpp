@@ -131,7 +131,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         {{.body = kModel, .announcedLength = 4 << 20}, cut, true},
         {{}, "O servidor recusou a conexão.", false, QUrl("http://127.0.0.1:1/")},
         {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", false, QUrl("http://models.invalid/")},
-        {{.body = kModel}, "Falha ao salvar o modelo: "}, // the models folder is a file
+        {{.body = kModel}, "Falha ao salvar o modelo: " + AppPaths::modelsFolder() + " existe, mas não é uma pasta."},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason.toStdString());

@@ -12,6 +12,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
+#include <QStorageInfo>
 
 #include <filesystem>
 
@@ -33,9 +34,19 @@ QString platformNote(const char* onLinux, const char* onMac)
 #endif
 }
 
-QString saveFailure(const QString& description)
+// The system's own description is English; the usual causes are said in words the user can act on.
+QString saveFailure(const QString& systemDescription)
 {
-    return QStringLiteral("Falha ao salvar o modelo: ") + description;
+    const QString folder = AppPaths::modelsFolder();
+    const QFileInfo info(folder);
+    QString reason = systemDescription;
+    if (info.exists() && !info.isDir())
+        reason = QStringLiteral("%1 existe, mas não é uma pasta.").arg(folder);
+    else if (info.isDir() && !info.isWritable())
+        reason = QStringLiteral("sem permissão para gravar em %1.").arg(folder);
+    else if (info.isDir() && QStorageInfo(folder).bytesAvailable() < kReadBufferBytes)
+        reason = QStringLiteral("não há espaço livre no disco em %1.").arg(folder);
+    return QStringLiteral("Falha ao salvar o modelo: ") + reason;
 }
 
 // Qt's own descriptions are English and technical; these say what happened and what to try.
