@@ -13,6 +13,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <sys/resource.h>
+
 using namespace std::chrono_literals;
 using TestSupport::waitUntil;
 using Route = LocalHttpServer::Route;
@@ -123,6 +126,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         QString reason;
         bool resumes = false; // the next try asks only for what is missing
         QUrl base = {};
+        rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk, as the write meets it
     } cases[] = {
         {{.body = page, .status = 404}, "O servidor respondeu com o status HTTP 404."},
         {{.body = page, .status = 500}, "O servidor respondeu com o status HTTP 500."},
@@ -132,18 +136,25 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         {{}, "O servidor recusou a conexão.", false, QUrl("http://127.0.0.1:1/")},
         {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", false, QUrl("http://models.invalid/")},
         {{.body = kModel}, "Falha ao salvar o modelo: " + AppPaths::modelsFolder() + " existe, mas não é uma pasta."},
+        {{.body = kModel}, "Falha ao salvar o modelo: File too large", false, {}, 1 << 20},
     };
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit normal{};
+    getrlimit(RLIMIT_FSIZE, &normal);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason.toStdString());
         SetUp();
-        const bool folderIsAFile = c.reason.startsWith("Falha ao salvar");
+        const bool folderIsAFile = c.reason.endsWith("não é uma pasta.");
         if (folderIsAFile && QDir(AppPaths::modelsFolder()).removeRecursively())
             TestSupport::writeFile(AppPaths::modelsFolder(), "not a folder");
         server.setRoute(small.fileName, c.route);
         auto* failingAlerts = new FakeAlerts;
         ModelDownloader failing{std::unique_ptr<Alerts>(failingAlerts), c.base.isEmpty() ? server.baseUrl() : c.base};
+        const rlimit limited{std::min(c.fileSizeLimit, normal.rlim_cur), normal.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limited);
         failing.download(small, [this](bool success) { completions.append(success); });
         EXPECT_TRUE(waitUntil([&] { return !failing.isDownloading(); }, 30s));
+        setrlimit(RLIMIT_FSIZE, &normal);
         ASSERT_EQ(failingAlerts->shown.size(), 1);
         EXPECT_EQ(failingAlerts->shown[0].messageText, "Download não concluído");
         EXPECT_TRUE(failingAlerts->shown[0].informativeText.startsWith(c.reason)) << failingAlerts->shown[0].informativeText.toStdString();
