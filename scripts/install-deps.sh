@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential pkg-config cmake ninja-build ccache libgtest-dev libgmock-dev
+  build-essential pkg-config cmake ninja-build ccache e2fsprogs libgtest-dev libgmock-dev
   qt6-base-dev qt6-base-private-dev qt6-multimedia-dev libqt6svg6 qt6-qpa-plugins
   libx11-dev libxi-dev libxtst-dev
   libavformat-dev libavcodec-dev libswresample-dev libavutil-dev libsoxr-dev libpulse-dev

@@ -9,6 +9,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QProcess>
 #include <QPushButton>
 
 #include <gtest/gtest.h>
@@ -127,6 +128,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         bool resumes = false; // the next try asks only for what is missing
         QUrl base = {};
         rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk, as the write meets it
+        bool readOnlyFolder = false;
     } cases[] = {
         {{.body = page, .status = 404}, "O servidor respondeu com o status HTTP 404."},
         {{.body = page, .status = 500}, "O servidor respondeu com o status HTTP 500."},
@@ -136,7 +138,13 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         {{}, "O servidor recusou a conexão.", false, QUrl("http://127.0.0.1:1/")},
         {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", false, QUrl("http://models.invalid/")},
         {{.body = kModel}, "Falha ao salvar o modelo: " + AppPaths::modelsFolder() + " existe, mas não é uma pasta."},
-        {{.body = kModel}, "Falha ao salvar o modelo: File too large", false, {}, 1 << 20},
+        {{.body = kModel}, "Falha ao salvar o modelo: ", false, {}, 1 << 20},
+        {{.body = kModel}, "Falha ao salvar o modelo: sem permissão para gravar em " + AppPaths::modelsFolder() + ".", false, {},
+         RLIM_INFINITY, true},
+    };
+    // Immutable, so that even root (as in CI) cannot write into it.
+    const auto setReadOnly = [](bool on) {
+        return QProcess::execute("chattr", {on ? "+i" : "-i", AppPaths::modelsFolder()}) == 0;
     };
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit normal{};
@@ -150,11 +158,17 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         server.setRoute(small.fileName, c.route);
         auto* failingAlerts = new FakeAlerts;
         ModelDownloader failing{std::unique_ptr<Alerts>(failingAlerts), c.base.isEmpty() ? server.baseUrl() : c.base};
+        if (c.readOnlyFolder && !setReadOnly(true)) {
+            std::printf("read-only folder case skipped: this file system cannot make a folder immutable\n");
+            continue;
+        }
         const rlimit limited{std::min(c.fileSizeLimit, normal.rlim_cur), normal.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limited);
         failing.download(small, [this](bool success) { completions.append(success); });
         EXPECT_TRUE(waitUntil([&] { return !failing.isDownloading(); }, 30s));
         setrlimit(RLIMIT_FSIZE, &normal);
+        if (c.readOnlyFolder)
+            setReadOnly(false);
         ASSERT_EQ(failingAlerts->shown.size(), 1);
         EXPECT_EQ(failingAlerts->shown[0].messageText, "Download não concluído");
         EXPECT_TRUE(failingAlerts->shown[0].informativeText.startsWith(c.reason)) << failingAlerts->shown[0].informativeText.toStdString();
