@@ -6,6 +6,7 @@
 
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
+#include "Platform/Linux/XInputKeyMonitor.h"
 
 #include <QClipboard>
 #include <QElapsedTimer>
@@ -103,8 +104,13 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"into a terminal", threeFormats, 0, true},
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
+    // What the dictation key's watcher sees: the user's own key changes, never the paste's.
+    XInputKeyMonitor monitor;
+    QList<quint16> changedKeys;
+    monitor.addMonitor([&](const FlagsChangedEvent& event) { changedKeys.append(event.keyCode); });
     for (const auto& [name, before, heldKey, intoTerminal, copiedMeanwhile] : cases) {
         SCOPED_TRACE(name);
+        changedKeys.clear();
         // This process lets go of the clipboard, as when a dictation restored an empty one.
         QGuiApplication::clipboard()->clear(QClipboard::Clipboard);
         std::optional<DesktopApps::ClipboardOwner> owner;
@@ -136,6 +142,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
             QProcess::execute(QStringLiteral("sh"), {QStringLiteral("-c"), copyMeanwhile.arg(copiedMeanwhile)});
         TestSupport::spin(900ms);
         EXPECT_EQ(received(), expected) << "pasted more than once";
+        if (heldKey)
+            EXPECT_EQ(changedKeys.count(heldKey == 108 ? 61 : 56), 2) << "the paste's own release and press were seen";
         const Formats after = copiedMeanwhile.isEmpty() ? before : Formats{{QStringLiteral("text/html"), copiedMeanwhile}};
         if (copiedMeanwhile.isEmpty())
             EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("TARGETS")), targetsBefore);

@@ -1,6 +1,7 @@
 #include "XInputKeyMonitor.h"
 
 #include "Shared/Logging.h"
+#include "SyntheticKeys.h"
 
 #include <QSocketNotifier>
 
@@ -139,6 +140,9 @@ void XInputKeyMonitor::readPendingEvents()
 
 void XInputKeyMonitor::keyChanged(int keycode, bool pressed, KeyEventTime time)
 {
+    // Our own paste letting go of a key the user holds, and pressing it again: the user still holds it.
+    if (SyntheticKeys::isOurs(keycode, pressed))
+        return;
     const std::optional<ModifierKey> key = modifierForKeycode(keycode);
     if (!key)
         return;

@@ -2,6 +2,7 @@
 
 #include <QSet>
 
+#include "SyntheticKeys.h"
 #include "X11Display.h"
 #include "XTestKeyPoster.h"
 
@@ -137,8 +138,10 @@ void XTestKeyPoster::post(const KeyEvent& event)
         // turn Control-V into a shortcut nobody answers (Control-AltGr-V) or another one (Control-
         // Shift-V), so it is let go for the shortcut and pressed again after it.
         m_releasedModifiers = heldModifierKeys(display);
-        for (KeyCode held : m_releasedModifiers)
+        for (KeyCode held : m_releasedModifiers) {
+            SyntheticKeys::expect(held, false);
             sendKey(display, held, false);
+        }
         m_pressedModifiers.clear();
         for (KeySym modifier : modifiersFor(event.flags)) {
             const KeyCode modifierCode = XKeysymToKeycode(display, modifier);
@@ -150,8 +153,10 @@ void XTestKeyPoster::post(const KeyEvent& event)
         sendKey(display, keycode, false);
         for (auto modifier = m_pressedModifiers.rbegin(); modifier != m_pressedModifiers.rend(); ++modifier)
             sendKey(display, *modifier, false);
-        for (KeyCode held : m_releasedModifiers)
+        for (KeyCode held : m_releasedModifiers) {
+            SyntheticKeys::expect(held, true);
             sendKey(display, held, true);
+        }
         m_pressedModifiers.clear();
         m_releasedModifiers.clear();
     }
