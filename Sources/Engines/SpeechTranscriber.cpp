@@ -146,11 +146,7 @@ void SpeechTranscriber::handleError(const Error& error, const ErrorCallback& onE
 void SpeechTranscriber::fail(const Error& error, const ErrorCallback& onError)
 {
     qCWarning(lcSpeech) << "dictation failed:" << error.description();
-    stopAudio();
-    endAudio();
-    cancelTask();
-    m_onFinal = nullptr;
-    m_finished = true;
+    cancel();
     if (onError)
         onError(error);
 }
