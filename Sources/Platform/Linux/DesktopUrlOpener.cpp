@@ -1,0 +1,18 @@
+#include "DesktopUrlOpener.h"
+
+#include "Shared/Logging.h"
+
+#include <QDesktopServices>
+
+std::unique_ptr<UrlOpener> UrlOpener::makeDefault()
+{
+    return std::make_unique<DesktopUrlOpener>();
+}
+
+bool DesktopUrlOpener::open(const QUrl& url)
+{
+    if (QDesktopServices::openUrl(url))
+        return true;
+    qCWarning(lcApp) << "nothing on this desktop could open" << url.toString();
+    return false;
+}
