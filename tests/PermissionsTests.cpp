@@ -1,0 +1,161 @@
+#include "TestSupport.h"
+#include "App/Permissions.h"
+#include "App/Settings.h"
+#include "Platform/Linux/XdgAutostartLoginItem.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Variables = QList<std::pair<QByteArray, QByteArray>>;
+const Variables kNoSoundServer{{"PULSE_SERVER", "unix:/nonexistent/pulse"}};
+const Variables kWayland{{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}};
+
+// Sets variables the harness leaves unset, for one scope.
+struct Environment {
+    Variables set;
+    explicit Environment(Variables values) : set(std::move(values)) { for (const auto& [name, value] : set) qputenv(name, value); }
+    ~Environment() { for (const auto& variable : set) qunsetenv(variable.first); }
+};
+
+QString readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+}
+
+// The alert's marks come from the real machine: the harness's PulseAudio, the installed
+// PocketSphinx models (Debian's en-US only) and the X server, each taken away in turn.
+TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
+{
+    if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
+        GTEST_SKIP() << "needs the harness's X server and PulseAudio";
+    const struct {
+        QString locale;
+        Variables environment;
+        QString marks;
+    } cases[] = {
+        {"en-US", {}, "✅✅✅"},
+        {"en-US", kNoSoundServer, "❌✅✅"},
+        {"pt-BR", {}, "✅❌✅"},
+        {"en-US", kWayland, "✅✅❌"}, // even with an X display (XWayland)
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.marks.toStdString());
+        const Environment environment(c.environment);
+        const Alerts::Alert alert = Permissions::permissionsAlert(Permissions::check(c.locale), c.locale);
+        const auto mark = [&](int i) { return c.marks.mid(i, 1) == "✅" ? QString("✅ concedida") : QString("❌ pendente"); };
+        EXPECT_EQ(alert.informativeText, "O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz " + mark(0)
+                      + "\n2. Reconhecimento de fala — modelo do motor nativo para o idioma " + c.locale + " " + mark(1)
+                      + "\n3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto " + mark(2)
+                      + "\n\nSe algo não funcionar, veja a ajuda.");
+        EXPECT_EQ(alert.buttons.value(0).title, "Abrir ajuda");
+    }
+}
+
+// Start-up only logs what is missing; the answers come on the main thread.
+TEST(Permissions, StartUpLogsEachMissingNeed)
+{
+    if (!TestSupport::hasPulseAudio())
+        GTEST_SKIP() << "needs the harness's PulseAudio";
+    static QStringList log;
+    // Only these lines, which come on the main thread (the look-ups log on pooled threads).
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+        if (message.startsWith("Permissão"))
+            log.append(message);
+    });
+    for (const bool missing : {false, true}) {
+        const Environment environment(missing ? kNoSoundServer : Variables{});
+        Settings::shared().setLocaleIdentifier(missing ? "pt-BR" : "en-US");
+        log.clear();
+        QList<bool> answers;
+        const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };
+        Permissions::requestMicrophone(record);
+        Permissions::requestSpeechRecognition(record);
+        Permissions::requestAtLaunch();
+        TestSupport::waitUntil([&] { return answers.size() == 2 && log.size() == (missing ? 2 : 0); });
+        TestSupport::spin(std::chrono::milliseconds(300));
+        EXPECT_EQ(answers, QList<bool>(2, !missing));
+        log.sort(); // the two look-ups run side by side
+        EXPECT_EQ(log, (missing ? QStringList{"Permissão de microfone negada", "Permissão de reconhecimento de fala negada"} : QStringList()));
+    }
+    qInstallMessageHandler(nullptr);
+}
+
+TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
+{
+    EXPECT_FALSE(Permissions::noEngineAlert(true, false, "pt-BR") || Permissions::noEngineAlert(false, true, "pt-BR"));
+    const auto alert = Permissions::noEngineAlert(false, false, "fr-FR");
+    ASSERT_TRUE(alert);
+    EXPECT_EQ(alert->messageText + "|" + alert->informativeText,
+              "Instale o Whisper para ditar|O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma fr-FR.\n\n"
+              "Instale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com modelo nativo instalado.");
+}
+
+// The program run from the build tree finds its help page, and the page loads nothing remote.
+TEST(Permissions, TheHelpPageIsBesideTheProgramAndSelfContained)
+{
+    const QString html = readAll(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile());
+    for (const char* topic : {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
+        EXPECT_TRUE(html.contains(topic)) << topic;
+    EXPECT_FALSE(html.contains(QRegularExpression(R"((src=|@import|url\(|<link[^>]*href=)\s*["']?(https?:)?//)")));
+}
+
+// Launch at login, as real files in the isolated XDG config folder.
+TEST(LoginItem, RegisteringWritesTheDesktopEntryAndUnregisteringRemovesIt)
+{
+    XdgAutostartLoginItem item;
+    const QString entry = qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart/app.voxaria.Voxaria.desktop";
+    ASSERT_EQ(XdgAutostartLoginItem::entryPath(), entry);
+    EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
+    EXPECT_FALSE(item.registerItem());
+    EXPECT_EQ(item.status(), LoginItem::Status::enabled);
+    const QString text = readAll(entry);
+    EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=audio-input-microphone\n")) << text.toStdString();
+    EXPECT_FALSE(item.unregisterItem() || QFile::exists(entry) || item.unregisterItem());
+    EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
+
+    // An entry the user switched off is not enabled; unregistering removes it all the same.
+    TestSupport::writeFile(entry, "[Desktop Entry]\nExec=voxaria\nHidden=true\n");
+    EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
+    EXPECT_FALSE(item.unregisterItem() || QFile::exists(entry));
+
+    // Plain "voxaria" only when PATH leads to this very program.
+    const QString bin = QDir::tempPath() + "/bin";
+    QDir().mkpath(bin);
+    const Environment path({{"PATH", (bin + ":/usr/bin:/bin").toUtf8()}});
+    QFile::link("/bin/true", bin + "/voxaria");
+    EXPECT_EQ(XdgAutostartLoginItem::execCommand(), qApp->applicationFilePath());
+    QFile::remove(bin + "/voxaria");
+    QFile::link(qApp->applicationFilePath(), bin + "/voxaria");
+    EXPECT_EQ(XdgAutostartLoginItem::execCommand(), "voxaria");
+}
+
+// A folder nobody can write to (immutable, so root cannot either): the reason comes back and the
+// status shows what is really there.
+TEST(LoginItem, AnUnwritableAutostartFolderReportsWhyAndChangesNothing)
+{
+    XdgAutostartLoginItem item;
+    const QString folder = QFileInfo(XdgAutostartLoginItem::entryPath()).absolutePath();
+    QDir().mkpath(folder);
+    const auto immutable = [&](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", folder}) == 0; };
+    for (const bool present : {false, true}) {
+        ASSERT_EQ(item.unregisterItem(), std::nullopt);
+        if (present)
+            ASSERT_EQ(item.registerItem(), std::nullopt);
+        if (!immutable(true))
+            GTEST_SKIP() << "chattr does not work on this file system";
+        const auto reason = present ? item.unregisterItem() : item.registerItem();
+        immutable(false);
+        EXPECT_TRUE(reason && reason->contains(folder)) << (reason ? reason->toStdString() : "no reason");
+        EXPECT_EQ(item.status(), present ? LoginItem::Status::enabled : LoginItem::Status::notRegistered);
+    }
+}
