@@ -1,3 +1,4 @@
+#include "HistoryFiles.h"
 #include "TestSupport.h"
 #include "App/Permissions.h"
 #include "App/Settings.h"
@@ -23,12 +24,6 @@ struct Environment {
     explicit Environment(Variables values) : set(std::move(values)) { for (const auto& [name, value] : set) qputenv(name, value); }
     ~Environment() { for (const auto& variable : set) qunsetenv(variable.first); }
 };
-
-QString readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
 
 }
 
@@ -103,7 +98,7 @@ TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
 // The program run from the build tree finds its help page, and the page loads nothing remote.
 TEST(Permissions, TheHelpPageIsBesideTheProgramAndSelfContained)
 {
-    const QString html = readAll(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile());
+    const QString html = QString::fromUtf8(HistoryFiles::read(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile()));
     for (const char* topic : {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
         EXPECT_TRUE(html.contains(topic)) << topic;
     EXPECT_FALSE(html.contains(QRegularExpression(R"((src=|@import|url\(|<link[^>]*href=)\s*["']?(https?:)?//)")));
@@ -118,7 +113,7 @@ TEST(LoginItem, RegisteringWritesTheDesktopEntryAndUnregisteringRemovesIt)
     EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
     EXPECT_FALSE(item.registerItem());
     EXPECT_EQ(item.status(), LoginItem::Status::enabled);
-    const QString text = readAll(entry);
+    const QString text = QString::fromUtf8(HistoryFiles::read(entry));
     EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=audio-input-microphone\n")) << text.toStdString();
     EXPECT_FALSE(item.unregisterItem() || QFile::exists(entry) || item.unregisterItem());
     EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
