@@ -46,7 +46,10 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.marks.toStdString());
         const Environment environment(c.environment);
-        const Alerts::Alert alert = Permissions::permissionsAlert(Permissions::check(c.locale), c.locale);
+        std::optional<Permissions::Needs> needs;
+        Permissions::check(c.locale, [&needs](Permissions::Needs found) { needs = found; });
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return needs.has_value(); }));
+        const Alerts::Alert alert = Permissions::permissionsAlert(*needs, c.locale);
         const auto mark = [&](int i) { return c.marks.mid(i, 1) == "✅" ? QString("✅ concedida") : QString("❌ pendente"); };
         EXPECT_EQ(alert.informativeText, "O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz " + mark(0)
                       + "\n2. Reconhecimento de fala — modelo do motor nativo para o idioma " + c.locale + " " + mark(1)

@@ -57,6 +57,13 @@ Permissions::Needs Permissions::check(const QString& localeIdentifier, const Che
     return {checks.inputDeviceListed(), checks.nativeModelFound(localeIdentifier), checks.keyboardAccess()};
 }
 
+void Permissions::check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks)
+{
+    answerOnMainThread(checks.inputDeviceListed, [localeIdentifier, completion = std::move(completion), checks](bool microphone) {
+        completion({microphone, checks.nativeModelFound(localeIdentifier), checks.keyboardAccess()});
+    });
+}
+
 void Permissions::requestMicrophone(std::function<void(bool)> completion)
 {
     requestMicrophone(std::move(completion), Checks::system());
