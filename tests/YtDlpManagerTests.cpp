@@ -25,11 +25,6 @@ QByteArray installedContents()
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(none)");
 }
 
-std::filesystem::perms installedMode()
-{
-    return std::filesystem::status(YtDlpManager::installedPath().toStdString()).permissions();
-}
-
 // Installations from a server of the test's own; each one says what its callbacks heard.
 class YtDlpInstallTest : public ::testing::Test {
 protected:
@@ -76,7 +71,7 @@ TEST_F(YtDlpInstallTest, InstallsAnExecutableCopyThatWinsOverTheSystemOne)
         EXPECT_TRUE(waitUntil([&] { return !installation; }, 30s));
         EXPECT_EQ(completions, QStringList{YtDlpManager::installedPath()});
         EXPECT_EQ(installedContents(), kProgram);
-        EXPECT_EQ(installedMode(), std::filesystem::perms(0755));
+        EXPECT_EQ(std::filesystem::status(YtDlpManager::installedPath().toStdString()).permissions(), std::filesystem::perms(0755));
         EXPECT_EQ(YtDlpManager::binaryURL(), YtDlpManager::installedPath());
         EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
         EXPECT_EQ(progress.isEmpty() ? -1 : progress.last(), c.reportsProgress ? 1.0 : -1);
@@ -108,7 +103,7 @@ TEST_F(YtDlpInstallTest, FailuresKeepTheEarlierCopy)
         EXPECT_TRUE(waitUntil([&] { return !installation; }, 30s));
         EXPECT_EQ(completions, QStringList{kPrefix + c.reason});
         EXPECT_EQ(installedContents(), "earlier copy");
-        EXPECT_EQ(installedMode(), std::filesystem::perms(0755));
+        EXPECT_EQ(YtDlpManager::binaryURL(), YtDlpManager::installedPath());
         EXPECT_EQ(leftovers(), QStringList{});
     }
 }
