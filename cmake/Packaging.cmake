@@ -11,7 +11,6 @@ set(VOXARIA_SCREENSHOTS_URL "${VOXARIA_HOMEPAGE}/raw/main/docs/screenshots" CACH
 set(VOXARIA_MAINTAINER "Voxaria <voxaria@voxaria.app>" CACHE STRING "Maintainer of the Debian package")
 set(VOXARIA_DEVELOPER "Voxaria")
 set(VOXARIA_LICENSE "LicenseRef-proprietary")
-set(VOXARIA_HELP_PAGE "${CMAKE_INSTALL_FULL_DATADIR}/voxaria/help/ajuda.html")
 # The release date in the metadata follows SOURCE_DATE_EPOCH when a reproducible build sets it.
 string(TIMESTAMP VOXARIA_RELEASE_DATE "%Y-%m-%d" UTC)
 string(TIMESTAMP VOXARIA_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
