@@ -10,7 +10,7 @@ failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 skip() { echo "SKIPPED: $*"; exit 77; }
 
-for tool in cpack dpkg-deb dpkg-shlibdeps lintian desktop-file-validate appstreamcli xwininfo; do
+for tool in cpack dpkg-deb dpkg-shlibdeps lintian desktop-file-validate appstreamcli xwininfo xprop; do
   command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps.sh installs it)"
 done
 
@@ -68,10 +68,17 @@ tray=$(xwininfo -root -tree 2>/dev/null | awk '/\("panel" "trayer"\)/ {print $1;
 home=$work/home
 mkdir -p "$home/.config" "$home/.local/share" "$home/.cache" "$work/tmp"
 HOME=$home XDG_CONFIG_HOME=$home/.config XDG_DATA_HOME=$home/.local/share XDG_CACHE_HOME=$home/.cache \
-  TMPDIR=$work/tmp "$root/usr/bin/voxaria" >"$work/voxaria.log" 2>&1 &
+  TMPDIR=$work/tmp env -u QT_QPA_PLATFORM "$root/usr/bin/voxaria" >"$work/voxaria.log" 2>&1 &
 app_pid=$!
+# Ours by its process id: a voxaria left running by someone else would also have an icon there.
+shows_icon() {
+  for window in $(xwininfo -tree -id "$tray" | awk '/\("voxaria" "Voxaria"\)/ {print $1}'); do
+    xprop -id "$window" _NET_WM_PID | grep -q "= $app_pid\$" && return 0
+  done
+  return 1
+}
 for _ in $(seq 300); do
-  xwininfo -tree -id "$tray" | grep -q '("voxaria" "Voxaria")' && { echo "tray icon shown"; exit 0; }
+  shows_icon && { echo "tray icon shown"; exit 0; }
   kill -0 "$app_pid" 2>/dev/null || break
   sleep 0.1
 done
