@@ -10,6 +10,7 @@ packages=(
   libpocketsphinx-dev pocketsphinx-en-us pocketsphinx-testdata
   xvfb xauth x11-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core fonts-noto-color-emoji
   pulseaudio pulseaudio-utils espeak-ng sox ffmpeg yt-dlp python3
+  dpkg-dev file lintian desktop-file-utils appstream
 )
 
 missing=()

@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# The Debian package of this very build: built with cpack, its contents and control fields checked,
+# passed through lintian, desktop-file-validate and appstreamcli, unpacked into a scratch root, and
+# the unpacked voxaria started on the harness's desktop until its tray icon shows.
+# Usage: PackageTests.sh BUILD_DIR VERSION. Exit 77 (skipped) says why on standard output.
+set -uo pipefail
+build=$1 version=$2
+app=app.voxaria.Voxaria
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+skip() { echo "SKIPPED: $*"; exit 77; }
+
+for tool in cpack dpkg-deb dpkg-shlibdeps lintian desktop-file-validate appstreamcli xwininfo xprop; do
+  command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps.sh installs it)"
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/voxaria-package.XXXXXX")
+app_pid=""
+cleanup() { [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null && wait "$app_pid" 2>/dev/null; rm -rf "$work"; }
+trap cleanup EXIT
+
+# The build tree is already built by now; cpack only installs it (stripped) and packs it.
+(cd "$build" && cpack -G DEB -B "$work/out" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; exit 1; }
+deb=$(ls "$work"/out/voxaria_"$version"_*.deb 2>/dev/null) || { cat "$work/cpack.log"; exit 1; }
+echo "package: $deb"
+
+# Exactly the program and its desktop files: nothing of the tests, helpers or benchmarks.
+expected="./usr/bin/voxaria
+./usr/share/applications/$app.desktop
+./usr/share/doc/voxaria/changelog.gz
+./usr/share/doc/voxaria/copyright
+./usr/share/icons/hicolor/scalable/apps/$app.svg
+./usr/share/man/man1/voxaria.1.gz
+./usr/share/metainfo/$app.metainfo.xml
+./usr/share/voxaria/help/ajuda.html"
+files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sort)
+[ "$files" = "$expected" ] || fail "file list differs:$(diff <(echo "$expected") <(echo "$files"))"
+
+field() { dpkg-deb -f "$deb" "$1"; }
+[ "$(field Package)" = voxaria ] || fail "Package: $(field Package)"
+[ "$(field Version)" = "$version" ] || fail "Version: $(field Version), expected $version"
+[ "$(field Recommends)" = "yt-dlp, pocketsphinx-en-us, pulseaudio-utils" ] || fail "Recommends: $(field Recommends)"
+[ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
+# Depends names the packages of the libraries the program really links.
+for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6; do
+  field Depends | grep -q "\b$library\b" || fail "Depends lacks $library: $(field Depends)"
+done
+dpkg-deb -f "$deb" | sed 's/^/  /'
+
+root=$work/root
+dpkg-deb -x "$deb" "$root" || fail "dpkg-deb could not unpack the package"
+desktop=$root/usr/share/applications/$app.desktop
+desktop-file-validate "$desktop" || fail "desktop-file-validate"
+appstreamcli validate --no-net --explain "$root/usr/share/metainfo/$app.metainfo.xml" || fail "appstreamcli validate"
+# The entry must start the installed program with the icon installed beside it.
+[ -x "$root/usr/bin/$(sed -n 's/^Exec=//p' "$desktop")" ] || fail "Exec names no installed program"
+[ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
+
+# Lintian's errors fail the package; its warnings are shown.
+lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"
+[ "${PIPESTATUS[0]}" -eq 0 ] || fail "lintian reports errors"
+
+[ "$failures" -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }
+tray=$(xwininfo -root -tree 2>/dev/null | awk '/\("panel" "trayer"\)/ {print $1; exit}')
+[ -n "$tray" ] || skip "no desktop with a tray to start the unpacked program on (run under scripts/with-harness.sh)"
+
+# The unpacked program, with folders of its own, until its icon is embedded in the tray.
+home=$work/home
+mkdir -p "$home/.config" "$home/.local/share" "$home/.cache" "$work/tmp"
+HOME=$home XDG_CONFIG_HOME=$home/.config XDG_DATA_HOME=$home/.local/share XDG_CACHE_HOME=$home/.cache \
+  TMPDIR=$work/tmp env -u QT_QPA_PLATFORM "$root/usr/bin/voxaria" >"$work/voxaria.log" 2>&1 &
+app_pid=$!
+# Ours by its process id: a voxaria left running by someone else would also have an icon there.
+shows_icon() {
+  for window in $(xwininfo -tree -id "$tray" | awk '/\("voxaria" "Voxaria"\)/ {print $1}'); do
+    xprop -id "$window" _NET_WM_PID | grep -q "= $app_pid\$" && return 0
+  done
+  return 1
+}
+for _ in $(seq 300); do
+  shows_icon && { echo "tray icon shown"; exit 0; }
+  kill -0 "$app_pid" 2>/dev/null || break
+  sleep 0.1
+done
+cat "$work/voxaria.log"
+xwininfo -root -tree
+fail "the unpacked voxaria showed no tray icon"
+exit 1
