@@ -117,7 +117,7 @@ TEST(LoginItem, RegisteringWritesTheDesktopEntryAndUnregisteringRemovesIt)
     EXPECT_FALSE(item.registerItem());
     EXPECT_EQ(item.status(), LoginItem::Status::enabled);
     const QString text = QString::fromUtf8(HistoryFiles::read(entry));
-    EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=audio-input-microphone\n")) << text.toStdString();
+    EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=app.voxaria.Voxaria\n")) << text.toStdString();
     EXPECT_FALSE(item.unregisterItem() || QFile::exists(entry) || item.unregisterItem());
     EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
 
