@@ -158,8 +158,10 @@ TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
 {
     alerts->answers = QStringList{"OK", "Abrir ajuda"};
     app->openPermissions();
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 1; }, std::chrono::seconds(10)));
     EXPECT_TRUE(urlOpener->opened.isEmpty());
     app->openPermissions();
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 2; }, std::chrono::seconds(10)));
     EXPECT_EQ(alerts->shown.last().messageText, "Permissões do Voxaria");
     EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
 }

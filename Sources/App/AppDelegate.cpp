@@ -134,14 +134,7 @@ void AppDelegate::requestPermissions()
 {
     // Nothing is shown here: a missing need is only logged, and dictation explains itself when the
     // user tries it.
-    Permissions::requestMicrophone([](bool granted) {
-        if (!granted)
-            qCWarning(lcApp).noquote() << QStringLiteral("Permissão de microfone negada");
-    });
-    Permissions::requestSpeechRecognition([](bool granted) {
-        if (!granted)
-            qCWarning(lcApp).noquote() << QStringLiteral("Permissão de reconhecimento de fala negada");
-    });
+    Permissions::requestAtLaunch();
 }
 
 void AppDelegate::maybeOfferModelDownload()
@@ -178,7 +171,7 @@ void AppDelegate::maybeWarnNoEngine()
 {
     const QString language = Settings::shared().localeIdentifier();
     const std::optional<Alerts::Alert> warning = Permissions::noEngineAlert(
-        WhisperTranscriber::binaryURL().has_value(), Permissions::check(language).speechRecognition, language);
+        WhisperTranscriber::binaryURL().has_value(), Permissions::Checks::system().nativeModelFound(language), language);
     if (!warning)
         return;
     qCWarning(lcApp) << "no engine can dictate in" << language;
@@ -435,8 +428,11 @@ void AppDelegate::toggleLaunchAtLogin()
 void AppDelegate::openPermissions()
 {
     const QString language = Settings::shared().localeIdentifier();
-    if (m_services.alerts->runModal(Permissions::permissionsAlert(Permissions::check(language), language)) == 0)
-        m_services.urlOpener->open(Permissions::helpPageURL());
+    // The sound server is asked off the main thread; the alert comes when it has answered.
+    Permissions::check(language, [weakSelf = QPointer<AppDelegate>(this), language](Permissions::Needs needs) {
+        if (weakSelf && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language)) == 0)
+            weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
+    });
 }
 
 void AppDelegate::checkForUpdates()

@@ -47,16 +47,6 @@ bool Permissions::isWaylandSession()
         && qEnvironmentVariable("XDG_SESSION_TYPE").compare(QLatin1String("wayland"), Qt::CaseInsensitive) == 0;
 }
 
-Permissions::Needs Permissions::check(const QString& localeIdentifier)
-{
-    return check(localeIdentifier, Checks::system());
-}
-
-Permissions::Needs Permissions::check(const QString& localeIdentifier, const Checks& checks)
-{
-    return {checks.inputDeviceListed(), checks.nativeModelFound(localeIdentifier), checks.keyboardAccess()};
-}
-
 void Permissions::check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks)
 {
     answerOnMainThread(checks.inputDeviceListed, [localeIdentifier, completion = std::move(completion), checks](bool microphone) {

@@ -26,11 +26,8 @@ struct Checks {
     static Checks system();
 };
 
-// The real checks, for the given language identifier (e.g. "pt-BR").
-Needs check(const QString& localeIdentifier);
-Needs check(const QString& localeIdentifier, const Checks& checks);
-// The same without holding the main thread while the sound server is asked; `completion` runs on
-// the main thread.
+// The real checks, for the given language identifier (e.g. "pt-BR"), without holding the main
+// thread while the sound server is asked; `completion` runs on the main thread.
 void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks = Checks::system());
 
 // A Wayland session: keys and pastes then reach only the X11 windows of XWayland, so keyboard
