@@ -59,11 +59,16 @@ bool WavWriter::append(const qint16* samples, size_t count)
     return true;
 }
 
-void WavWriter::close()
+bool WavWriter::close()
 {
     if (!m_file.isOpen())
-        return;
-    if (m_file.seek(0))
-        writeHeader();
+        return false;
+    const bool complete = m_file.flush() && m_file.seek(0) && writeHeader() && m_file.flush();
+    m_file.close();
+    return complete;
+}
+
+void WavWriter::abandon()
+{
     m_file.close();
 }

@@ -13,7 +13,11 @@ public:
     // Creates the file with a provisional header; false (with errorString()) when it cannot.
     bool open();
     bool append(const qint16* samples, size_t count);
-    void close();
+    // Writes the final sizes and closes; false (with errorString()) when the data or the header
+    // could not be written out.
+    bool close();
+    // Closes leaving the provisional header (no data), for a file that was never completed.
+    void abandon();
     QString errorString() const { return m_file.errorString(); }
     qint64 dataBytes() const { return m_dataBytes; }
 
