@@ -3,6 +3,7 @@
 #include "LocalHttpServer.h"
 #include "TestSupport.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -35,13 +36,13 @@ QStringList readLines(const QString& path)
 
 // One job: its statuses ("text@progress" when there is one) and its answer ("= text", with
 // " + srt" when an SRT came too, or "! " and the error), in the order the owner got them.
-struct Run {
+struct MediaJob {
     std::unique_ptr<MediaTranscriber> transcriber = std::make_unique<MediaTranscriber>();
     QStringList events;
     std::optional<MediaTranscriber::Output> output;
     bool answered = false, onMainThread = true;
 
-    explicit Run(const Source& source)
+    explicit MediaJob(const Source& source)
     {
         const auto add = [this](const QString& event) {
             events << event;
@@ -96,10 +97,10 @@ TEST_F(MediaTranscriberTest, WithoutProgramOrModelTheJobIsRefusedAtOnce)
 {
     const QStringList refused = {"! O modelo Whisper ainda não foi baixado. Use o menu \"Modelo Whisper\" primeiro."};
     QFile::setPermissions(whisper.binaryPath(), QFile::ReadOwner);
-    EXPECT_EQ(Run(Source::file(scratch("fala.m4a"))).events, refused);
+    EXPECT_EQ(MediaJob(Source::file(scratch("fala.m4a"))).events, refused);
     FakeWhisper reinstalled;
     QDir(AppPaths::modelsFolder()).removeRecursively();
-    EXPECT_EQ(Run(Source::url("https://example.com/v")).events, refused);
+    EXPECT_EQ(MediaJob(Source::url("https://example.com/v")).events, refused);
 }
 
 // Every status of every phase, then the answer; a success keeps only the SRT in its folder.
@@ -137,7 +138,7 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
     for (const auto& c : cases) {
         SCOPED_TRACE((c.whisper + ' ' + c.ytdlp).toStdString());
         script(c.whisper, c.ytdlp);
-        Run run(c.media == link ? Source::url(link) : Source::file(c.media));
+        MediaJob run(c.media == link ? Source::url(link) : Source::file(c.media));
         run.finish();
         EXPECT_EQ(run.events, c.events);
         EXPECT_TRUE(run.onMainThread);
@@ -164,7 +165,7 @@ TEST_F(MediaTranscriberTest, TheSystemYtDlpFetchesADirectLink)
     QFile media(scratch("fala.m4a"));
     media.open(QIODevice::ReadOnly);
     server.setRoute("fala.m4a", {media.readAll()});
-    Run run(Source::url(server.baseUrl().toString() + "fala.m4a"));
+    MediaJob run(Source::url(server.baseUrl().toString() + "fala.m4a"));
     run.finish();
     EXPECT_EQ(run.events.mid(run.events.size() - 4), QStringList({"Baixando áudio do vídeo… 100%@1", "Extraindo áudio…", kTranscribing, "= texto do vídeo + srt"}));
     if (run.output && run.output->srtURL)
@@ -175,9 +176,9 @@ TEST_F(MediaTranscriberTest, TheSystemYtDlpFetchesADirectLink)
 // nothing after it and leaves no folder; only a cancel is answered.
 TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
 {
-    const std::function<void(Run&)> cancel = [](Run& run) { run.transcriber->cancel(); };
-    const std::function<void(Run&)> drop = [](Run& run) { run.transcriber.reset(); };
-    const std::function<void(Run&)> quit = [](Run&) {
+    const std::function<void(MediaJob&)> cancel = [](MediaJob& run) { run.transcriber->cancel(); };
+    const std::function<void(MediaJob&)> drop = [](MediaJob& run) { run.transcriber.reset(); };
+    const std::function<void(MediaJob&)> quit = [](MediaJob&) {
         QTimer::singleShot(0, qApp, [] { qApp->exit(); });
         qApp->exec();
     };
@@ -185,7 +186,7 @@ TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
     const QString cancelled = "! Operação cancelada.";
     const struct {
         QString media, whisper, ytdlp, stopAt, terminated;
-        std::function<void(Run&)> stop;
+        std::function<void(MediaJob&)> stop;
         QString last;
     } cases[] = {
         {"", "", "hold=1", "Baixando áudio do vídeo… 42%@0.427", fakeYtDlp(".runlog"), cancel, cancelled},
@@ -197,7 +198,7 @@ TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
     for (const auto& c : cases) {
         SCOPED_TRACE((c.stopAt + ' ' + c.last).toStdString());
         script(c.whisper, c.ytdlp);
-        Run run(c.media.isEmpty() ? Source::url("https://example.com/v") : Source::file(c.media));
+        MediaJob run(c.media.isEmpty() ? Source::url("https://example.com/v") : Source::file(c.media));
         ASSERT_TRUE(run.reached(c.stopAt)) << run.events.join(" | ").toStdString();
         c.stop(run);
         EXPECT_TRUE(waitUntil([&] { return mediaFolders().isEmpty(); }, 30s));
