@@ -192,7 +192,7 @@ FakeWhisper::FakeWhisper()
 
 FakeWhisper::~FakeWhisper()
 {
-    for (const char* suffix : {"", ".control", ".lastargs", ".lastinput.wav"})
+    for (const char* suffix : {"", ".control", ".lastargs", ".lastinput.wav", ".runtime", ".terminated"})
         QFile::remove(m_binary + QLatin1String(suffix));
 }
 

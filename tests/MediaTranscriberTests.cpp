@@ -1,0 +1,224 @@
+#include "Media/MediaTranscriber.h"
+#include "Shared/AppPaths.h"
+#include "LocalHttpServer.h"
+#include "TestSupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QThread>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using namespace TestSupport;
+using Source = MediaTranscriber::Source;
+
+namespace {
+
+const QString kTranscribing = QStringLiteral("Transcrevendo… (vídeos longos podem levar alguns minutos)");
+
+QString scratch(const QString& name) { return AppPaths::dataFolder() + "/fixtures/" + name; }
+QString fakeYtDlp(const QString& suffix = {}) { return AppPaths::dataFolder() + "/bin/yt-dlp" + suffix; }
+
+QStringList mediaFolders()
+{
+    return QDir(AppPaths::temporaryFolder()).entryList({"voxaria-media-*"}, QDir::Dirs);
+}
+
+QStringList readLines(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+}
+
+// One job: its statuses ("text@progress" when there is one) and its answer ("= text", with
+// " + srt" when an SRT came too, or "! " and the error), in the order the owner got them.
+struct MediaJob {
+    std::unique_ptr<MediaTranscriber> transcriber = std::make_unique<MediaTranscriber>();
+    QStringList events;
+    std::optional<MediaTranscriber::Output> output;
+    bool onMainThread = true;
+
+    explicit MediaJob(const Source& source)
+    {
+        const auto add = [this](const QString& event) {
+            events << event;
+            onMainThread = onMainThread && QThread::currentThread() == qApp->thread();
+        };
+        transcriber->onStatus = [=](const QString& text, std::optional<double> p) { add(p ? text + '@' + QString::number(*p) : text); };
+        transcriber->onFinished = [=, this](const MediaTranscriber::Output& result) {
+            output = result;
+            add("= " + result.text + (result.srtURL ? " + srt" : ""));
+        };
+        transcriber->onError = [=](const Error& error) { add("! " + error.description()); };
+        transcriber->transcribe(source);
+    }
+    bool answered() const { return output || (!events.isEmpty() && events.last().startsWith("! ")); }
+    bool reached(const QString& status) { return waitUntil([&] { return events.contains(status); }, 60s); }
+    void finish() { EXPECT_TRUE(waitUntil([&] { return answered(); }, 120s)) << events.join(" | ").toStdString(); }
+};
+
+class MediaTranscriberTest : public ::testing::Test {
+protected:
+    // Made with ffmpeg from the shared speech: 3 s of AAC, and an hour of noise that takes a while
+    // to extract.
+    static void SetUpTestSuite()
+    {
+        QDir().mkpath(scratch({}));
+        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-i", testDataPath("speech/jfk.wav"), "-t", "3", scratch("fala.m4a")});
+        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "anoisesrc=r=8000", "-t", "3600", scratch("longo.wav")});
+    }
+
+    void SetUp() override
+    {
+        writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
+        QDir().mkpath(QFileInfo(fakeYtDlp()).path());
+        QFile::copy(fakesPath("yt-dlp"), fakeYtDlp()); // keeps its execute permission
+    }
+    void TearDown() override { EXPECT_TRUE(mediaFolders().isEmpty()) << mediaFolders().join(' ').toStdString(); }
+
+    void script(const QString& whisperLines, const QString& ytdlpLines)
+    {
+        whisper.script(whisperLines);
+        writeFile(fakeYtDlp(".control"), ytdlpLines.toUtf8());
+        for (const QString& leftover : {fakeYtDlp(".runlog"), whisper.binaryPath() + ".terminated", whisper.binaryPath() + ".lastargs"})
+            QFile::remove(leftover);
+    }
+
+    FakeWhisper whisper;
+};
+
+TEST_F(MediaTranscriberTest, WithoutProgramOrModelTheJobIsRefusedAtOnce)
+{
+    const QStringList refused = {"! O modelo Whisper ainda não foi baixado. Use o menu \"Modelo Whisper\" primeiro."};
+    QFile::setPermissions(whisper.binaryPath(), QFile::ReadOwner);
+    EXPECT_EQ(MediaJob(Source::file(scratch("fala.m4a"))).events, refused);
+    FakeWhisper reinstalled;
+    QDir(AppPaths::modelsFolder()).removeRecursively();
+    EXPECT_EQ(MediaJob(Source::url("https://example.com/v")).events, refused);
+}
+
+// Every status of every phase, then the answer; a success keeps only the SRT in its folder.
+TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenDid)
+{
+    const QString awkward = scratch("pasta com espaço/vídeo \"d'água\" $(x).m4a"), file = scratch("fala.m4a");
+    QDir().mkpath(scratch("pasta com espaço"));
+    QFile::copy(file, awkward);
+    const QString link = "https://www.youtube.com/watch?v=abc&list=xyz", fetch = "source=" + file + '\n';
+    const QString download = "Baixando áudio do vídeo…", failed = "! Falha ao baixar o vídeo: ";
+    const QStringList started = {download + "@0", download + " 0%@0", download + " 42%@0.427"};
+    const QStringList fetched = started + QStringList{download + " 100%@1"};
+    const QStringList update = {"Falhou — atualizando o componente de download (yt-dlp)…"}, retried = started + update;
+    const QStringList transcribed = {"Extraindo áudio…", kTranscribing}, success = {"= texto de teste + srt"};
+    const QStringList once = {"fetch "}, twice = {"fetch ", "update", "fetch "};
+    const struct {
+        QString media, whisper, ytdlp;
+        QStringList events, runs;
+    } cases[] = {
+        // Progress lines written together each count; whisper-cli's 109 % reads as 100 %.
+        {awkward, "text=  olá mundo \\n\\n\nprogress=7,8,109", "", transcribed + QStringList{"Transcrevendo… 7%@0.07", "Transcrevendo… 8%@0.08", "Transcrevendo… 100%@1", "= olá mundo + srt"}, {}},
+        {file, "text=\\n   \\n\\n", "", transcribed + QStringList{"=  + srt"}, {}},
+        {file, "nosrt=1\ntext=sem legenda", "", transcribed + QStringList{"= sem legenda"}, {}},
+        {file, "exit=3", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 3"}, {}},
+        {file, "notxt=1", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
+        {file, "text_hex=4f6cff61", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
+        {link, "", fetch, fetched + transcribed + success, once},
+        {link, "", fetch + "nopath=1", fetched + transcribed + success, once},
+        // The retry starts clean: the first run's partial file is gone before the second starts.
+        {link, "", fetch + "fail=1\npartial=1\nstderr=ERROR: primeira", retried + fetched + transcribed + success, twice},
+        {link, "", "fail=2\nstderr=ERROR: primeira\nstderr=ERROR: última linha", retried + started + QStringList{failed + "ERROR: última linha"}, twice},
+        {link, "", "fail=2", retried + started + QStringList{failed + "erro desconhecido"}, twice},
+        {link, "", "nopath=1", fetched + update + fetched + QStringList{failed + "arquivo baixado não encontrado"}, twice},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE((c.whisper + ' ' + c.ytdlp).toStdString());
+        script(c.whisper, c.ytdlp);
+        MediaJob run(c.media == link ? Source::url(link) : Source::file(c.media));
+        run.finish();
+        EXPECT_EQ(run.events, c.events);
+        EXPECT_TRUE(run.onMainThread);
+        EXPECT_EQ(readLines(fakeYtDlp(".runlog")), c.runs);
+        if (!run.output || !run.output->srtURL)
+            continue;
+        const QString folder = QFileInfo(*run.output->srtURL).path();
+        EXPECT_EQ(mediaFolders(), QStringList{QFileInfo(folder).fileName()});
+        EXPECT_EQ(QDir(folder).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList{"transcricao.srt"});
+        EXPECT_EQ(whisper.lastArguments(), QStringList({"-m", AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "-f", folder + "/audio.wav", "-l", "auto",
+                                                        "--no-prints", "--print-progress", "-otxt", "-osrt", "-of", folder + "/transcricao"}));
+        QDir(folder).removeRecursively(); // as the window does when it closes
+    }
+    EXPECT_TRUE(QFile::exists(awkward));
+}
+
+// The system's own yt-dlp, fetching a direct link from a server on this machine.
+TEST_F(MediaTranscriberTest, TheSystemYtDlpFetchesADirectLink)
+{
+    QFile::remove(fakeYtDlp());
+    if (!QFileInfo("/usr/bin/yt-dlp").isExecutable())
+        GTEST_SKIP() << "no yt-dlp installed in /usr/bin";
+    LocalHttpServer server;
+    QFile media(scratch("fala.m4a"));
+    media.open(QIODevice::ReadOnly);
+    server.setRoute("fala.m4a", {media.readAll()});
+    MediaJob run(Source::url(server.baseUrl().toString() + "fala.m4a"));
+    run.finish();
+    EXPECT_EQ(run.events.mid(run.events.size() - 4), QStringList({"Baixando áudio do vídeo… 100%@1", "Extraindo áudio…", kTranscribing, "= texto de teste + srt"}));
+    if (run.output && run.output->srtURL)
+        QDir(QFileInfo(*run.output->srtURL).path()).removeRecursively();
+}
+
+// Cancelling, dropping the transcriber or quitting the program stops the running child, starts
+// nothing after it and leaves no folder; only a cancel is answered.
+TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
+{
+    const std::function<void(MediaJob&)> cancel = [](MediaJob& run) { run.transcriber->cancel(); };
+    const std::function<void(MediaJob&)> drop = [](MediaJob& run) { run.transcriber.reset(); };
+    const std::function<void(MediaJob&)> quit = [](MediaJob&) {
+        QTimer::singleShot(0, qApp, [] { qApp->exit(); });
+        qApp->exec();
+    };
+    const QString held = "hold=1\nprogress=45", terminated = whisper.binaryPath() + ".terminated", at45 = "Transcrevendo… 45%@0.45";
+    const QString cancelled = "! Operação cancelada.";
+    const struct {
+        QString media, whisper, ytdlp, stopAt, terminated;
+        std::function<void(MediaJob&)> stop;
+        QString last;
+    } cases[] = {
+        {"", "", "hold=1", "Baixando áudio do vídeo… 42%@0.427", fakeYtDlp(".runlog"), cancel, cancelled},
+        {scratch("longo.wav"), "", "", "Extraindo áudio…", "", cancel, cancelled},
+        {scratch("fala.m4a"), held, "", at45, terminated, cancel, cancelled},
+        {scratch("fala.m4a"), held, "", at45, terminated, drop, at45},
+        {scratch("fala.m4a"), held, "", at45, terminated, quit, at45},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE((c.stopAt + ' ' + c.last).toStdString());
+        script(c.whisper, c.ytdlp);
+        MediaJob run(c.media.isEmpty() ? Source::url("https://example.com/v") : Source::file(c.media));
+        ASSERT_TRUE(run.reached(c.stopAt)) << run.events.join(" | ").toStdString();
+        c.stop(run);
+        EXPECT_TRUE(waitUntil([&] { return mediaFolders().isEmpty(); }, 30s));
+        spin(200ms);
+        EXPECT_EQ(run.events.last(), c.last);
+        if (!c.terminated.isEmpty())
+            EXPECT_EQ(readLines(c.terminated).last(), "terminated");
+        EXPECT_EQ(whisper.lastArguments().isEmpty(), c.whisper.isEmpty()) << "whisper-cli ran after the stop";
+    }
+}
+
+TEST_F(MediaTranscriberTest, FoldersOfACrashedRunAreRemovedAtStartUp)
+{
+    const QString job = AppPaths::temporaryFolder() + "/voxaria-media-0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0";
+    const QString notOurs = AppPaths::temporaryFolder() + "/voxaria-media-11111111-2222-3333-4444-555555555555";
+    writeFile(job + "/audio.wav", "RIFF");
+    writeFile(scratch("target/keep.txt"), "mine");
+    QFile::link(scratch("target"), notOurs); // a link is never followed
+    MediaTranscriber::removeLeftovers();
+    EXPECT_EQ(mediaFolders(), QStringList{QFileInfo(notOurs).fileName()});
+    EXPECT_TRUE(QFile::exists(scratch("target/keep.txt")));
+    QFile::remove(notOurs);
+}
+
+}
