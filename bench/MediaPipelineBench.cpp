@@ -6,14 +6,13 @@
 // caller pays (on a loaded machine mostly the interpreter's start and finalisation), so the last
 // figure is what the pipeline adds on top of running the program at all.
 #include "Media/MediaTranscriber.h"
-#include "Shared/AppPaths.h"
+#include "BenchHome.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
 
 #include <algorithm>
 #include <cstdio>
@@ -110,14 +109,9 @@ Sample runJob(const QString& media, const QString& whisper)
 
 int main(int argc, char** argv)
 {
-    QTemporaryDir home;
-    qputenv("XDG_DATA_HOME", home.path().toUtf8());
-    qputenv("XDG_CONFIG_HOME", home.path().toUtf8());
-    qputenv("TMPDIR", home.path().toUtf8());
+    BenchHome home;
     QCoreApplication app(argc, argv);
-    QDir().mkpath(AppPaths::modelsFolder());
-    QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
-    model.open(QIODevice::WriteOnly);
+    BenchHome::placeEmptyModel();
     const QString whisper = QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli");
     installFakeWhisper(whisper);
 

@@ -1,7 +1,7 @@
 // How long Voxaria itself adds around whisper-cli: from the key release (finish()) to the child
 // running, and from the child's exit to the text reaching onFinal. whisper-cli's own time is left
 // out: a tiny shell stand-in writes its transcript and the moment it exits.
-#include "Shared/AppPaths.h"
+#include "BenchHome.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "App/Settings.h"
 #include "Engines/WhisperTranscriber.h"
@@ -11,7 +11,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
 
 #include <algorithm>
 #include <chrono>
@@ -60,14 +59,9 @@ double median(std::vector<double> values)
 
 int main(int argc, char** argv)
 {
-    QTemporaryDir home;
-    qputenv("XDG_DATA_HOME", home.path().toUtf8());
-    qputenv("XDG_CONFIG_HOME", home.path().toUtf8());
-    qputenv("TMPDIR", home.path().toUtf8());
+    BenchHome home;
     QCoreApplication app(argc, argv);
-    QDir().mkpath(AppPaths::modelsFolder());
-    QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
-    model.open(QIODevice::WriteOnly);
+    BenchHome::placeEmptyModel();
     const QString binary = QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli");
     installStandIn(binary, home.path());
 
