@@ -1,10 +1,14 @@
 #include "AppDelegate.h"
+#include "Platform/KeyMonitor.h"
+#include "Platform/SessionInfo.h"
 #include "Shared/Logging.h"
 
 #include <QApplication>
 #include <QSocketNotifier>
 
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -39,10 +43,42 @@ void quitOnTerminationSignals(QApplication& app)
         sigaction(signal, &action, nullptr);
 }
 
+void printLine(const QString& line)
+{
+    std::fprintf(stderr, "%s\n", line.toUtf8().constData());
+}
+
+// `voxaria --press` / `voxaria --release`, run by a compositor key binding: the command goes to the
+// running program, and this process ends. It never dictates, nor takes the single-instance lock.
+int sendKeyCommand(int argc, char** argv, bool pressed)
+{
+    QCoreApplication app(argc, argv);
+    QString error;
+    if (KeyMonitor::sendToRunningProgram(pressed, &error))
+        return 0;
+    printLine(QStringLiteral("O Voxaria não está em execução (ou não recebe atalhos do compositor): ") + error);
+    return 1;
+}
+
 }
 
 int main(int argc, char** argv)
 {
+    if (argc > 1) {
+        const bool press = argc == 2 && std::strcmp(argv[1], "--press") == 0;
+        const bool release = argc == 2 && std::strcmp(argv[1], "--release") == 0;
+        if (!press && !release) {
+            printLine(QStringLiteral("uso: voxaria [--press | --release]"));
+            return 2;
+        }
+        return sendKeyCommand(argc, argv, press);
+    }
+    // Checked before Qt, which would end the process with a message of its own.
+    if (!SessionInfo::current().hasDisplay()) {
+        printLine(QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland)."));
+        return 1;
+    }
+
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
     QApplication::setDesktopFileName(Settings::applicationId());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QString>
 #include <QtGlobal>
 
 #include <functional>
@@ -36,6 +37,10 @@ public:
     // Removes a handler; no call to it happens afterwards. Unknown tokens are ignored.
     virtual void removeMonitor(Token token) = 0;
 
-    // The real key source of this platform.
+    // The real key source of this platform, chosen for the session it runs in.
     static std::unique_ptr<KeyMonitor> makeDefault();
+
+    // From a short-lived copy of the program started by a compositor key binding: hands a press or
+    // release of the dictation key to the running program. False, with the reason, when none takes it.
+    static bool sendToRunningProgram(bool pressed, QString* error);
 };

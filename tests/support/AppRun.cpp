@@ -103,6 +103,7 @@ bool AppRun::start()
     environment.insert(QStringLiteral("TMPDIR"), temporaryFolder());
     environment.insert(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("voxaria.*.debug=true"));
     environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    environment.insert(m_environment);
     m_process.setProcessEnvironment(environment);
     m_process.start(m_binary, {});
     if (!m_process.waitForStarted(5000))

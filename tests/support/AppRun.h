@@ -34,6 +34,9 @@ public:
     // The copy of its input that the fake whisper-cli keeps from its last run.
     QString whisperInputCopy() const { return whisperFolder() + QStringLiteral("/whisper-cli.lastinput.wav"); }
 
+    // A variable the program will see, over the harness's own (e.g. to look like another session).
+    void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
+
     // Starts the program and waits until it watches the dictation key.
     bool start();
     bool waitForExit(std::chrono::milliseconds timeout);
@@ -55,6 +58,7 @@ private:
     QTemporaryDir m_root;
     QString m_binary;
     QProcess m_process;
+    QProcessEnvironment m_environment;
     QStringList m_lines;
     QByteArray m_partialLine;
 };

@@ -1,6 +1,7 @@
 #include "XInputKeyMonitor.h"
 
 #include "Shared/Logging.h"
+#include "ModifierKeys.h"
 #include "SyntheticKeys.h"
 
 #include <QSocketNotifier>
@@ -8,41 +9,6 @@
 #include <X11/Xlib.h>
 #include <X11/extensions/XInput2.h>
 
-#include <optional>
-#include <vector>
-
-std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
-{
-    return std::make_unique<XInputKeyMonitor>();
-}
-
-namespace {
-
-struct ModifierKey {
-    quint16 virtualKeyCode;
-    quint64 flag;
-};
-
-// The macOS virtual key code and modifier flag the rest of the program uses for an X keycode, when
-// it is a modifier key we track.
-std::optional<ModifierKey> modifierForKeycode(int keycode)
-{
-    // Keycodes of the evdev layout every X server uses today (kernel code + 8).
-    switch (keycode) {
-    case 108: return ModifierKey{61, 0x80000};   // right Alt / AltGr -> right Option
-    case 64: return ModifierKey{58, 0x80000};    // left Alt -> left Option
-    case 134: return ModifierKey{54, 0x100000};  // right Super -> right Command
-    case 133: return ModifierKey{55, 0x100000};  // left Super -> left Command
-    case 151: return ModifierKey{63, 0x800000};  // XF86WakeUp, where keyboards report Fn
-    case 37: return ModifierKey{59, 0x40000};    // left Control
-    case 105: return ModifierKey{62, 0x40000};   // right Control
-    case 50: return ModifierKey{56, 0x20000};    // left Shift
-    case 62: return ModifierKey{60, 0x20000};    // right Shift
-    default: return std::nullopt;
-    }
-}
-
-}
 
 XInputKeyMonitor::XInputKeyMonitor() = default;
 
@@ -55,14 +21,12 @@ KeyMonitor::Token XInputKeyMonitor::addMonitor(Handler handler)
 {
     if (!m_display && !openConnection())
         return 0;
-    const Token token = m_nextToken++;
-    m_handlers.emplace(token, std::move(handler));
-    return token;
+    return m_handlers.add(std::move(handler));
 }
 
 void XInputKeyMonitor::removeMonitor(Token token)
 {
-    m_handlers.erase(token);
+    m_handlers.remove(token);
     if (m_handlers.empty())
         closeConnection();
 }
@@ -143,38 +107,12 @@ void XInputKeyMonitor::keyChanged(int keycode, bool pressed, KeyEventTime time)
     // Our own paste letting go of a key the user holds, and pressing it again: the user still holds it.
     if (SyntheticKeys::isOurs(keycode, pressed))
         return;
-    const std::optional<ModifierKey> key = modifierForKeycode(keycode);
+    const std::optional<ModifierKey> key = modifierForX11Keycode(keycode);
     if (!key)
         return;
     // Key repeat reports a held key as pressed again; only real changes become events.
     const bool changed = pressed ? m_heldKeycodes.insert(keycode).second : m_heldKeycodes.erase(keycode) > 0;
     if (!changed)
         return;
-    deliver(FlagsChangedEvent{key->virtualKeyCode, heldFlags(), time});
-}
-
-quint64 XInputKeyMonitor::heldFlags() const
-{
-    quint64 flags = 0;
-    for (int keycode : m_heldKeycodes)
-        flags |= modifierForKeycode(keycode)->flag;
-    return flags;
-}
-
-void XInputKeyMonitor::deliver(const FlagsChangedEvent& event)
-{
-    qCDebug(lcHotkey) << "flags changed: key" << event.keyCode << "flags" << Qt::hex << event.modifierFlags
-                      << Qt::dec << "at" << event.time.value_or(0);
-    // Handlers may add or remove monitors while being called: call the ones installed now, and
-    // skip any that is gone by its turn.
-    std::vector<Token> tokens;
-    for (const auto& [token, handler] : m_handlers)
-        tokens.push_back(token);
-    for (Token token : tokens) {
-        auto found = m_handlers.find(token);
-        if (found == m_handlers.end())
-            continue;
-        Handler handler = found->second;
-        handler(event);
-    }
+    m_handlers.deliver(FlagsChangedEvent{key->virtualKeyCode, flagsOfHeldKeycodes(m_heldKeycodes), time});
 }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "ModifierKeys.h"
 #include "Platform/KeyMonitor.h"
 
 #include <QObject>
 
-#include <map>
 #include <memory>
 #include <set>
 
@@ -29,13 +29,10 @@ private:
     void closeConnection();
     void readPendingEvents();
     void keyChanged(int keycode, bool pressed, KeyEventTime time);
-    quint64 heldFlags() const;
-    void deliver(const FlagsChangedEvent& event);
 
     _XDisplay* m_display = nullptr;
     int m_xinputOpcode = 0;
     std::unique_ptr<QSocketNotifier> m_notifier;
-    std::map<Token, Handler> m_handlers;
-    Token m_nextToken = 1;
+    KeyHandlerList m_handlers;
     std::set<int> m_heldKeycodes;
 };

@@ -1,0 +1,144 @@
+// Voxaria outside a plain X11 session: which session it believes it is in, the compositor's key
+// bindings reaching the running program through `voxaria --press` / `--release`, and the keyboards
+// read from event devices (fed here through pipes, since test machines have no keyboards).
+#include "AppRun.h"
+#include "Platform/Linux/EvdevKeyMonitor.h"
+#include "Platform/SessionInfo.h"
+#include "TestSupport.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/input.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using Kind = SessionInfo::Kind;
+using Compositor = SessionInfo::Compositor;
+
+TEST(Session, IsReadFromTheEnvironment)
+{
+    struct Row {
+        QStringList variables;
+        Kind kind;
+        Compositor compositor;
+        bool hasXDisplay;
+    };
+    const Row rows[] = {
+        {{}, Kind::none, Compositor::none, false},
+        {{"XDG_SESSION_TYPE=wayland"}, Kind::none, Compositor::none, false},
+        {{"DISPLAY=:0", "XDG_SESSION_TYPE=x11", "WAYLAND_DISPLAY=wayland-0"}, Kind::x11, Compositor::none, true},
+        {{"WAYLAND_DISPLAY=wayland-1", "SWAYSOCK=/run/user/1000/sway-ipc.sock"}, Kind::wayland, Compositor::wlroots, false},
+        {{"WAYLAND_DISPLAY=wayland-1", "HYPRLAND_INSTANCE_SIGNATURE=abc", "DISPLAY=:1"}, Kind::wayland, Compositor::wlroots, true},
+        {{"WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=KDE", "DISPLAY=:1"}, Kind::wayland, Compositor::kde, true},
+        {{"WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=ubuntu:GNOME"}, Kind::wayland, Compositor::gnome, false},
+        {{"WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=river"}, Kind::wayland, Compositor::other, false},
+    };
+    for (const Row& row : rows) {
+        QProcessEnvironment environment;
+        for (const QString& variable : row.variables)
+            environment.insert(variable.section('=', 0, 0), variable.section('=', 1));
+        const SessionInfo session = SessionInfo::fromEnvironment(environment);
+        EXPECT_EQ(session.kind, row.kind) << row.variables.join(' ').toStdString();
+        EXPECT_EQ(session.compositor, row.compositor) << row.variables.join(' ').toStdString();
+        EXPECT_EQ(session.hasXDisplay, row.hasXDisplay) << row.variables.join(' ').toStdString();
+    }
+}
+
+// The program run once to its end with these arguments and environment: exit status and error output.
+std::pair<int, QString> runToEnd(const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(VOXARIA_APP_BINARY), arguments);
+    process.waitForFinished(20000);
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardError()).trimmed()};
+}
+
+TEST(CommandLine, NoDisplayUnknownArgumentsAndNoProgramToTellAreEachSaid)
+{
+    QTemporaryDir runtime;
+    QProcessEnvironment empty;
+    empty.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
+    EXPECT_EQ(runToEnd({}, empty), std::make_pair(1, QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland).")));
+    EXPECT_EQ(runToEnd({"--pres"}, empty), std::make_pair(2, QStringLiteral("uso: voxaria [--press | --release]")));
+    const auto [status, message] = runToEnd({"--release"}, empty);
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(message.startsWith(QStringLiteral("O Voxaria não está em execução"))) << message.toStdString();
+}
+
+TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
+{
+    if (!TestSupport::hasX11())
+        GTEST_SKIP() << "needs the headless X server to draw on (run under scripts/with-harness.sh)";
+    AppRun app;
+    app.useFakeWhisper(QStringLiteral("text=ditado pelo atalho do compositor\n"));
+    // A sway session as its environment tells it; the windows still go to the harness's X server.
+    app.setEnvironment(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+    app.setEnvironment(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("voxaria-test-no-compositor"));
+    app.setEnvironment(QStringLiteral("SWAYSOCK"), app.root() + QStringLiteral("/sway-ipc.sock"));
+    app.setEnvironment(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+    ASSERT_TRUE(app.start()) << app.log().join('\n').toStdString();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 0ms));
+
+    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    EXPECT_EQ(runToEnd({"--press"}, environment).first, 0);
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << app.log().join('\n').toStdString();
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << app.log().join('\n').toStdString();
+    const int before = app.lineCount();
+    EXPECT_EQ(runToEnd({"--release"}, environment).first, 0);
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s, before)) << app.log().join('\n').toStdString();
+    // The second processes neither dictated nor took the program's place.
+    EXPECT_EQ(app.log().filter(QStringLiteral("\"rightOption\" pressed")).size(), 1);
+    EXPECT_EQ(app.process().state(), QProcess::Running);
+}
+
+class Keyboards : public ::testing::Test {
+protected:
+    // A keyboard that appears in the device folder: a pipe the test writes and never reads.
+    int plugIn(const char* name)
+    {
+        const QByteArray path = QFile::encodeName(folder.filePath(QLatin1String(name)));
+        EXPECT_EQ(::mkfifo(path.constData(), 0600), 0);
+        return ::open(path.constData(), O_RDWR | O_NONBLOCK);
+    }
+    static void key(int fd, int code, int value)
+    {
+        const input_event records[] = {{{1000, 0}, EV_KEY, quint16(code), value}, {{1000, 0}, EV_SYN, SYN_REPORT, 0}};
+        EXPECT_EQ(::write(fd, records, sizeof records), ssize_t(sizeof records));
+    }
+    bool received(size_t count) { return TestSupport::waitUntil([&] { return events.size() >= count; }, 10s); }
+
+    QTemporaryDir folder;
+    std::vector<std::pair<int, quint64>> events;
+};
+
+TEST_F(Keyboards, EveryKeyboardIsHeardAndOneUnpluggedLetsGoOfItsKeys)
+{
+    const int first = plugIn("event0");
+    EvdevKeyMonitor monitor(folder.path());
+    ASSERT_NE(monitor.addMonitor([&](const FlagsChangedEvent& event) { events.emplace_back(event.keyCode, event.modifierFlags); }), 0u);
+    key(first, KEY_A, 1);          // not a modifier
+    key(first, KEY_RIGHTALT, 1);
+    key(first, KEY_RIGHTALT, 2);   // the key repeating
+    key(first, KEY_RIGHTALT, 0);
+    ASSERT_TRUE(received(2));
+
+    const int second = plugIn("event1");
+    // Plugged in after the monitor started: found when the folder changes, the key waiting in the pipe.
+    key(second, KEY_LEFTMETA, 1);
+    ASSERT_TRUE(received(3));
+    key(first, KEY_RIGHTALT, 1);
+    ASSERT_TRUE(received(4));
+    ::close(first);                // gone while right Alt is held
+    ASSERT_TRUE(received(5));
+    ::close(second);
+    ASSERT_TRUE(received(6));
+    const std::vector<std::pair<int, quint64>> expected{
+        {61, 0x80000}, {61, 0}, {55, 0x100000}, {61, 0x180000}, {61, 0x100000}, {55, 0}};
+    EXPECT_EQ(events, expected);
+}
