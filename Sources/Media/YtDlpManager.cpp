@@ -3,10 +3,12 @@
 #include "Engines/WhisperTranscriber.h"
 #include "Shared/AppPaths.h"
 
+#include <QCoreApplication>
+
 QStringList YtDlpManager::candidates()
 {
     return {
-        AppPaths::dataFolder() + QStringLiteral("/bin/yt-dlp"),
+        installedPath(),
 #ifdef Q_OS_MACOS
         QStringLiteral("/opt/homebrew/bin/yt-dlp"),
         QStringLiteral("/usr/local/bin/yt-dlp"),
@@ -25,4 +27,18 @@ std::optional<QString> YtDlpManager::binaryURL()
 bool YtDlpManager::isAvailable()
 {
     return binaryURL().has_value();
+}
+
+QString YtDlpManager::installedPath()
+{
+    return AppPaths::dataFolder() + QStringLiteral("/bin/yt-dlp");
+}
+
+YtDlpInstallation* YtDlpManager::install(YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion,
+                                         QObject* context, const QUrl& source)
+{
+    // Without a context the application holds it, so quitting mid-download still removes the
+    // temporary file.
+    return new YtDlpInstallation(source, installedPath(), std::move(progress), std::move(completion),
+                                 context ? context : QCoreApplication::instance());
 }

@@ -1,9 +1,14 @@
 #pragma once
 
+#include "YtDlpInstallation.h"
+
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 
 #include <optional>
+
+class QObject;
 
 // Finds yt-dlp, the program that fetches the audio of online videos, and installs a copy of its own.
 namespace YtDlpManager {
@@ -13,5 +18,19 @@ QStringList candidates();
 // The first candidate that is an executable file; looked up afresh at every call.
 std::optional<QString> binaryURL();
 bool isAvailable();
+
+// Where install() puts our own copy: ~/.local/share/Voxaria/bin/yt-dlp (the first candidate).
+QString installedPath();
+// The stand-alone program of yt-dlp's latest release for this computer.
+QUrl downloadURL();
+
+// Downloads yt-dlp from `source` and installs it at installedPath(), whether or not one is already
+// found elsewhere. Called on the main thread; returns at once, and every callback comes later on
+// the main thread: `progress` while bytes arrive (only when the server says how many will come),
+// then `completion` once. The installation ends with `context` when that goes first (nothing is
+// installed and no callback runs), so pass the object the callbacks use. Keep the answer in a
+// QPointer: it deletes itself once finished or cancelled.
+YtDlpInstallation* install(YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion,
+                           QObject* context = nullptr, const QUrl& source = downloadURL());
 
 }

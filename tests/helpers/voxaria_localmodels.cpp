@@ -1,7 +1,14 @@
-// The whole program, fetching its models from the address in VOXARIA_MODELS_URL instead of the
-// public repository: end-to-end checks of the start-up offer against a local server.
+// The whole program, fetching its models from the address in VOXARIA_MODELS_URL and yt-dlp from
+// the one in VOXARIA_YTDLP_URL instead of the public ones: end-to-end checks of the start-up offer
+// and of the yt-dlp installation against a local server.
 #include "Engines/ModelDownloader.h"
+#include "Media/YtDlpManager.h"
 
 const QUrl ModelDownloader::kDefaultBaseAddress(qEnvironmentVariable("VOXARIA_MODELS_URL"));
+
+QUrl YtDlpManager::downloadURL()
+{
+    return QUrl(qEnvironmentVariable("VOXARIA_YTDLP_URL"));
+}
 
 #include "App/main.cpp"
