@@ -1,20 +1,86 @@
 #include "AppDelegate.h"
 
-#include "Engines/ModelDownloader.h"
 #include "Engines/WhisperTranscriber.h"
 #include "History/HistoryWindow.h"
-#include "Platform/Alerts.h"
+#include "LanguageOption.h"
+#include "Media/VideoTranscriptionWindow.h"
+#include "Permissions.h"
 #include "Shared/Logging.h"
 #include "StatusIcon.h"
+#include "UpdaterManager.h"
 
 #include <QApplication>
+#include <QCursor>
 #include <QDir>
 #include <QMenu>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
 
+#include <algorithm>
+
+namespace {
+
+using Model = ModelDownloader::Model;
+
+#ifdef Q_OS_MACOS
+const QString kLaunchAtLoginTitle = QStringLiteral("Iniciar com o Mac");
+const QString kLaunchAtLoginFailure = QStringLiteral("Falha ao alternar início com o Mac: ");
+const QString kWhisperMissingText = QStringLiteral(
+    "O whisper-cli não foi encontrado no bundle nem no sistema. Reinstale o Voxaria ou rode: brew install whisper-cpp");
+#else
+const QString kLaunchAtLoginTitle = QStringLiteral("Iniciar com o sistema");
+const QString kLaunchAtLoginFailure = QStringLiteral("Falha ao alternar início com o sistema: ");
+const QString kWhisperMissingText = QStringLiteral("O whisper-cli não foi encontrado junto do Voxaria nem no sistema. "
+                                                   "Instale o whisper.cpp da sua distribuição (por exemplo: sudo apt install whisper.cpp).");
+#endif
+
+QString sizeText(const Model& model)
+{
+    return QString::number(model.sizeMB);
+}
+
+// The button that accepts a proposed model, in the start-up offer and in the engine menu alike.
+Alerts::Button downloadNowButton(const Model& model)
+{
+    return {QStringLiteral("Baixar agora (") + sizeText(model) + QStringLiteral(" MB)")};
+}
+
+const Alerts::Button& cancelButton()
+{
+    static const Alerts::Button button{QStringLiteral("Cancelar"), Alerts::Button::Role::cancel};
+    return button;
+}
+
+// Every download the user asks for ends the same way: a model that arrived is meant to be used, so
+// the Whisper engine is selected; whatever the outcome, whoever shows the models hears of it.
+void downloadSelectingWhisper(ModelDownloader& downloader, const Model& model, std::function<void()> onDownloadEnded)
+{
+    downloader.download(model, [onDownloadEnded = std::move(onDownloadEnded)](bool success) {
+        if (success)
+            Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+        onDownloadEnded();
+    });
+}
+
+// One item of a submenu or a toggle: checkable, so the chosen one carries the mark.
+QAction* addChoice(QMenu& menu, const QString& title, bool checked)
+{
+    QAction* item = menu.addAction(title);
+    item->setCheckable(true);
+    item->setChecked(checked);
+    return item;
+}
+
+}
+
 AppDelegate::AppDelegate(QObject* parent)
+    : AppDelegate(Services{}, parent)
+{
+}
+
+AppDelegate::AppDelegate(Services services, QObject* parent)
     : QObject(parent)
+    , m_services(std::move(services))
 {
 }
 
@@ -25,6 +91,7 @@ bool AppDelegate::applicationDidFinishLaunching()
     if (!ensureSingleInstance())
         return false;
     setupStatusItem();
+    requestPermissions();
 
     QPointer<AppDelegate> weakSelf(this);
     m_dictation.onStateChange = [weakSelf](DictationController::State state) {
@@ -41,8 +108,11 @@ bool AppDelegate::applicationDidFinishLaunching()
     };
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();
+    UpdaterManager::shared();
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
+    // The questions come last: the key already works while they wait for an answer.
     maybeOfferModelDownload();
+    maybeWarnNoEngine();
     return true;
 }
 
@@ -60,20 +130,30 @@ bool AppDelegate::ensureSingleInstance()
     return false;
 }
 
+void AppDelegate::requestPermissions()
+{
+    // Nothing is shown here: a missing need is only logged, and dictation explains itself when the
+    // user tries it.
+    Permissions::requestMicrophone([](bool granted) {
+        if (!granted)
+            qCWarning(lcApp).noquote() << QStringLiteral("Permissão de microfone negada");
+    });
+    Permissions::requestSpeechRecognition([](bool granted) {
+        if (!granted)
+            qCWarning(lcApp).noquote() << QStringLiteral("Permissão de reconhecimento de fala negada");
+    });
+}
+
 void AppDelegate::maybeOfferModelDownload()
 {
-    QPointer<AppDelegate> weakSelf(this);
-    maybeOfferModelDownload(*Alerts::makeDefault(), ModelDownloader::shared(), [weakSelf] {
-        if (weakSelf)
-            weakSelf->refreshMenu();
-    });
+    maybeOfferModelDownload(*m_services.alerts, *m_services.downloader, refreshMenuLater());
 }
 
 void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded)
 {
     if (!WhisperTranscriber::binaryURL() || WhisperTranscriber::modelURL() || downloader.isDownloading())
         return;
-    const ModelDownloader::Model& model = ModelDownloader::Model::recommended();
+    const Model& model = Model::recommended();
 #ifdef Q_OS_MACOS
     const QString runsWhere = QStringLiteral("). Ele roda 100% no seu Mac, offline, e tem qualidade de transcrição superior.");
     const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo da Apple já funciona normalmente. Outros tamanhos de modelo ficam no menu, em ");
@@ -82,22 +162,27 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
     const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo (PocketSphinx) funciona nos idiomas que tiverem modelo instalado. "
                                              "Outros tamanhos de modelo ficam no menu, em ");
 #endif
-    const QString size = QString::number(model.sizeMB);
     const Alerts::Alert offer{
         QStringLiteral("Instalar o motor de transcrição de alta qualidade?"),
-        QStringLiteral("O Voxaria pode baixar o modelo Whisper \"") + model.displayName + QStringLiteral("\" (") + size
+        QStringLiteral("O Voxaria pode baixar o modelo Whisper \"") + model.displayName + QStringLiteral("\" (") + sizeText(model)
             + QStringLiteral(" MB, download único, ") + model.note + runsWhere + QStringLiteral("\n\n") + meanwhile
             + QStringLiteral("\"Modelo Whisper\"."),
-        {{QStringLiteral("Baixar agora (") + size + QStringLiteral(" MB)")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
+        {downloadNowButton(model), {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
     };
     // Nothing remembers a "not now": the offer comes again at the next launch.
-    if (alerts.runModal(offer) != 0)
+    if (alerts.runModal(offer) == 0)
+        downloadSelectingWhisper(downloader, model, std::move(onDownloadEnded));
+}
+
+void AppDelegate::maybeWarnNoEngine()
+{
+    const QString language = Settings::shared().localeIdentifier();
+    const std::optional<Alerts::Alert> warning = Permissions::noEngineAlert(
+        WhisperTranscriber::binaryURL().has_value(), Permissions::check(language).speechRecognition, language);
+    if (!warning)
         return;
-    downloader.download(model, [onDownloadEnded = std::move(onDownloadEnded)](bool success) {
-        if (success)
-            Settings::shared().setEngine(TranscriptionEngineKind::whisper);
-        onDownloadEnded();
-    });
+    qCWarning(lcApp) << "no engine can dictate in" << language;
+    m_services.alerts->runModal(*warning);
 }
 
 void AppDelegate::setupStatusItem()
@@ -106,6 +191,11 @@ void AppDelegate::setupStatusItem()
         qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
     m_statusItem = std::make_unique<QSystemTrayIcon>(StatusIcon::make(StatusIcon::Tint::normal));
     m_statusItem->setToolTip(QStringLiteral("Voxaria"));
+    // A click opens the same menu as a right click, as a click on a menu-bar item does.
+    connect(m_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            menu()->popup(QCursor::pos());
+    });
     refreshMenu();
     m_statusItem->show();
 }
@@ -123,23 +213,233 @@ void AppDelegate::updateStatusIcon(DictationController::State state)
     m_statusItem->setIcon(StatusIcon::make(tint));
 }
 
+QMenu* AppDelegate::menu()
+{
+    if (!m_menu)
+        refreshMenu();
+    return m_menu.get();
+}
+
 std::unique_ptr<QMenu> AppDelegate::buildMenu()
 {
     auto menu = std::make_unique<QMenu>();
-    menu->addAction(QStringLiteral("Segure ") + Settings::shared().hotKey().label() + QStringLiteral(" para ditar"))
-        ->setEnabled(false);
+    const Settings& settings = Settings::shared();
+    menu->addAction(QStringLiteral("Segure ") + settings.hotKey().label() + QStringLiteral(" para ditar"))->setEnabled(false);
     menu->addSeparator();
-    menu->addAction(QStringLiteral("Histórico de ditados…"), QKeySequence(QStringLiteral("Ctrl+H")), this,
-                    [] { HistoryWindow::shared().show(); });
+    whenChosen(menu->addAction(QStringLiteral("Transcrever vídeo ou link…")), [this] { openVideoTranscription(); });
+    whenChosen(menu->addAction(QStringLiteral("Histórico de ditados…"), QKeySequence(QStringLiteral("Ctrl+H"))), [this] { openHistory(); });
     menu->addSeparator();
-    menu->addAction(QStringLiteral("Sair do Voxaria"), QKeySequence(QStringLiteral("Ctrl+Q")), qApp, &QApplication::quit);
+    addEngineMenu(*menu);
+    addModelMenu(*menu);
+    addHotkeyMenu(*menu);
+    addLanguageMenu(*menu);
+    whenChosen(addChoice(*menu, QStringLiteral("Preferir transcrição local (offline)"), settings.preferOnDevice()), [this] { toggleOnDevice(); });
+    whenChosen(addChoice(*menu, QStringLiteral("Sons de feedback"), settings.playSounds()), [this] { toggleSounds(); });
+    menu->addSeparator();
+    whenChosen(addChoice(*menu, kLaunchAtLoginTitle, m_services.loginItem->status() == LoginItem::Status::enabled),
+             [this] { toggleLaunchAtLogin(); });
+    whenChosen(menu->addAction(QStringLiteral("Verificar permissões…")), [this] { openPermissions(); });
+    whenChosen(menu->addAction(QStringLiteral("Verificar atualizações… (v") + UpdaterManager::version() + QStringLiteral(")")),
+             [this] { checkForUpdates(); });
+    menu->addSeparator();
+    // Not one of ours: it goes straight to the application.
+    QAction* quit = menu->addAction(QStringLiteral("Sair do Voxaria"));
+    quit->setShortcut(QKeySequence(QStringLiteral("Ctrl+Q")));
+    connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
+    // The log follows what the user opens, for bug reports and for the tests that drive the menu.
+    QList<QMenu*> menus = menu->findChildren<QMenu*>();
+    menus.append(menu.get());
+    for (QMenu* shown : menus)
+        connect(shown, &QMenu::aboutToShow, this, [] { qCDebug(lcApp) << "menu shown"; });
     return menu;
+}
+
+void AppDelegate::addEngineMenu(QMenu& menu)
+{
+    QMenu* engines = menu.addMenu(QStringLiteral("Motor de transcrição"));
+    const TranscriptionEngineKind chosen = Settings::shared().engine();
+    const bool whisperAvailable = WhisperTranscriber::isAvailable();
+    for (TranscriptionEngineKind kind : TranscriptionEngineKind::allCases()) {
+        QString title = kind.label();
+        // Still selectable: choosing it explains what is missing.
+        if (kind == TranscriptionEngineKind::whisper && !whisperAvailable)
+            title += QStringLiteral(" — indisponível");
+        whenChosen(addChoice(*engines, title, kind == chosen), [this, raw = kind.rawValue()] { selectEngine(raw); });
+    }
+}
+
+void AppDelegate::addModelMenu(QMenu& menu)
+{
+    QMenu* models = menu.addMenu(QStringLiteral("Modelo Whisper"));
+    models->setToolTipsVisible(true);
+    const QString selected = Settings::shared().whisperModelFileName();
+    for (const Model& model : Model::catalog()) {
+        const bool downloaded = model.isDownloaded();
+        QString title = model.displayName + QStringLiteral(" (") + sizeText(model) + QStringLiteral(" MB)");
+        if (!downloaded)
+            title += QStringLiteral(" — baixar");
+        // A selected model whose file is gone carries no mark: it is not what dictation would use.
+        QAction* item = addChoice(*models, title, downloaded && model.fileName == selected);
+        item->setToolTip(model.note);
+        whenChosen(item, [this, file = model.fileName] { selectModel(file); });
+    }
+}
+
+void AppDelegate::addHotkeyMenu(QMenu& menu)
+{
+    QMenu* keys = menu.addMenu(QStringLiteral("Tecla de ditado"));
+    const HotKey chosen = Settings::shared().hotKey();
+    for (HotKey key : HotKey::allCases()) {
+        whenChosen(addChoice(*keys, key.label(), key == chosen), [this, raw = key.rawValue()] { selectHotkey(raw); });
+    }
+}
+
+void AppDelegate::addLanguageMenu(QMenu& menu)
+{
+    QMenu* languages = menu.addMenu(QStringLiteral("Idioma"));
+    // An identifier not in the list is kept as it is and simply marks nothing.
+    const QString chosen = Settings::shared().localeIdentifier();
+    for (const LanguageOption& language : LanguageOption::all()) {
+        whenChosen(addChoice(*languages, language.label, language.id == chosen), [this, id = language.id] { selectLanguage(id); });
+    }
+}
+
+void AppDelegate::whenChosen(QAction* item, std::function<void()> action)
+{
+    // The action runs once the menu has closed and the click is over, so an alert it shows, or the
+    // menu it replaces, never runs inside the menu's own event handling.
+    connect(item, &QAction::triggered, this, std::move(action), Qt::QueuedConnection);
 }
 
 void AppDelegate::refreshMenu()
 {
-    // The menu is never edited in place: a fresh one replaces it after every change.
+    // The menu is never edited in place: a fresh one replaces it after every change. The old one
+    // goes once the event loop is back, as it may be the very menu whose click got us here.
     std::unique_ptr<QMenu> fresh = buildMenu();
-    m_statusItem->setContextMenu(fresh.get());
+    if (m_statusItem)
+        m_statusItem->setContextMenu(fresh.get());
+    if (m_menu)
+        m_menu.release()->deleteLater();
     m_menu = std::move(fresh);
+}
+
+std::function<void()> AppDelegate::refreshMenuLater()
+{
+    return [weakSelf = QPointer<AppDelegate>(this)] {
+        if (weakSelf)
+            weakSelf->refreshMenu();
+    };
+}
+
+void AppDelegate::download(const Model& model)
+{
+    downloadSelectingWhisper(*m_services.downloader, model, refreshMenuLater());
+}
+
+void AppDelegate::selectEngine(const QString& rawValue)
+{
+    const std::optional<TranscriptionEngineKind> kind = TranscriptionEngineKind::fromRawValue(rawValue);
+    if (!kind)
+        return;
+    if (*kind == TranscriptionEngineKind::apple || WhisperTranscriber::isAvailable()) {
+        Settings::shared().setEngine(*kind);
+        refreshMenu();
+        return;
+    }
+    // Whisper is wanted but cannot run yet: say what is missing and leave the choice as it was.
+    if (!WhisperTranscriber::binaryURL()) {
+        m_services.alerts->runModal({QStringLiteral("Whisper indisponível"), kWhisperMissingText, {}});
+        return;
+    }
+    const Model& model = Model::recommended();
+    const Alerts::Alert offer{
+        QStringLiteral("Baixar o modelo Whisper?"),
+        QStringLiteral("O motor Whisper precisa de um modelo. Recomendado: ") + model.displayName + QStringLiteral(" (")
+            + sizeText(model) + QStringLiteral(" MB, download único, roda offline)."),
+        {downloadNowButton(model), cancelButton()},
+    };
+    if (m_services.alerts->runModal(offer) == 0)
+        download(model);
+}
+
+void AppDelegate::selectModel(const QString& fileName)
+{
+    const QList<Model>& catalog = Model::catalog();
+    const auto model = std::find_if(catalog.begin(), catalog.end(), [&](const Model& m) { return m.fileName == fileName; });
+    if (model == catalog.end())
+        return;
+    if (model->isDownloaded()) {
+        Settings::shared().setWhisperModelFileName(model->fileName);
+        refreshMenu();
+        return;
+    }
+    if (m_services.downloader->isDownloading())
+        return;
+    const QString size = sizeText(*model);
+    const Alerts::Alert offer{
+        QStringLiteral("Baixar \"") + model->displayName + QStringLiteral("\"?"),
+        QStringLiteral("Download único de ") + size + QStringLiteral(" MB (") + model->note + QStringLiteral("). O modelo roda 100% offline."),
+        {{QStringLiteral("Baixar (") + size + QStringLiteral(" MB)")}, cancelButton()},
+    };
+    if (m_services.alerts->runModal(offer) == 0)
+        download(*model);
+}
+
+void AppDelegate::selectHotkey(const QString& rawValue)
+{
+    if (const std::optional<HotKey> key = HotKey::fromRawValue(rawValue)) {
+        Settings::shared().setHotKey(*key);
+        refreshMenu();
+    }
+}
+
+void AppDelegate::selectLanguage(const QString& identifier)
+{
+    Settings::shared().setLocaleIdentifier(identifier);
+    refreshMenu();
+}
+
+void AppDelegate::toggleOnDevice()
+{
+    Settings::shared().setPreferOnDevice(!Settings::shared().preferOnDevice());
+    refreshMenu();
+}
+
+void AppDelegate::toggleSounds()
+{
+    Settings::shared().setPlaySounds(!Settings::shared().playSounds());
+    refreshMenu();
+}
+
+void AppDelegate::openHistory()
+{
+    HistoryWindow::shared().show();
+}
+
+void AppDelegate::openVideoTranscription()
+{
+    VideoTranscriptionWindow::shared().show();
+}
+
+void AppDelegate::toggleLaunchAtLogin()
+{
+    LoginItem& item = *m_services.loginItem;
+    // A registration waiting for the user's approval counts as off: registering again is the way on.
+    const std::optional<QString> failure =
+        item.status() == LoginItem::Status::enabled ? item.unregisterItem() : item.registerItem();
+    if (failure)
+        qCWarning(lcApp).noquote() << kLaunchAtLoginFailure + *failure;
+    refreshMenu();
+}
+
+void AppDelegate::openPermissions()
+{
+    const QString language = Settings::shared().localeIdentifier();
+    if (m_services.alerts->runModal(Permissions::permissionsAlert(Permissions::check(language), language)) == 0)
+        m_services.urlOpener->open(Permissions::helpPageURL());
+}
+
+void AppDelegate::checkForUpdates()
+{
+    UpdaterManager::shared().checkForUpdates();
 }

@@ -2,6 +2,10 @@
 
 #include "Dictation/DictationController.h"
 #include "Dictation/HotkeyManager.h"
+#include "Engines/ModelDownloader.h"
+#include "Platform/Alerts.h"
+#include "Platform/LoginItem.h"
+#include "Platform/UrlOpener.h"
 #include "Settings.h"
 
 #include <QLockFile>
@@ -11,17 +15,26 @@
 #include <functional>
 #include <memory>
 
-class Alerts;
-class ModelDownloader;
+class QAction;
 class QMenu;
 class QSystemTrayIcon;
 
-// The running program: single instance, the tray icon that follows the dictation state, its menu,
-// and the dictation key wired to the dictation controller.
+// The running program: single instance, the tray icon that follows the dictation state, its menu
+// (the program's whole preferences and command surface), and the dictation key wired to the
+// dictation controller.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
+    // What the menu's actions reach outside the program: the real ones unless a test brings its own.
+    struct Services {
+        std::unique_ptr<Alerts> alerts = Alerts::makeDefault();
+        std::unique_ptr<LoginItem> loginItem = LoginItem::makeDefault();
+        std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault();
+        ModelDownloader* downloader = &ModelDownloader::shared();
+    };
+
     explicit AppDelegate(QObject* parent = nullptr);
+    explicit AppDelegate(Services services, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The whole start-up; false when another copy already runs and this one must leave quietly.
@@ -32,14 +45,43 @@ public:
     // `onDownloadEnded` runs after every download it started, whatever the outcome.
     static void maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded);
 
+    // The menu the tray icon opens, as last built from the settings (built on first use).
+    QMenu* menu();
+
+    // The menu's actions. Those with an argument take the chosen item's value (a raw value, a
+    // model file name or a language identifier) and ignore one they do not know.
+    void selectEngine(const QString& rawValue);
+    void selectModel(const QString& fileName);
+    void selectHotkey(const QString& rawValue);
+    void selectLanguage(const QString& identifier);
+    void toggleOnDevice();
+    void toggleSounds();
+    void openHistory();
+    void openVideoTranscription();
+    void toggleLaunchAtLogin();
+    void openPermissions();
+    void checkForUpdates();
+
 private:
     bool ensureSingleInstance();
     void setupStatusItem();
     void updateStatusIcon(DictationController::State state);
-    std::unique_ptr<QMenu> buildMenu();
-    void refreshMenu();
+    void requestPermissions();
     void maybeOfferModelDownload();
+    void maybeWarnNoEngine();
+    std::unique_ptr<QMenu> buildMenu();
+    void addEngineMenu(QMenu& menu);
+    void addModelMenu(QMenu& menu);
+    void addHotkeyMenu(QMenu& menu);
+    void addLanguageMenu(QMenu& menu);
+    void whenChosen(QAction* item, std::function<void()> action);
+    void refreshMenu();
+    // Downloads a model; once it has arrived the Whisper engine is selected, and the menu is
+    // refreshed after every outcome.
+    void download(const ModelDownloader::Model& model);
+    std::function<void()> refreshMenuLater();
 
+    Services m_services;
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
     std::unique_ptr<QMenu> m_menu;

@@ -1,31 +1,132 @@
 #include "Permissions.h"
 
-Permissions::Needs Permissions::check(const QString&)
+#include "Settings.h"
+#include "Platform/AccessibilityTrust.h"
+#include "Platform/InputDevices.h"
+#include "Platform/SpeechRecognizer.h"
+#include "Shared/Logging.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QPointer>
+#include <QThreadPool>
+
+namespace {
+
+QString mark(bool granted)
 {
-    return {};
+    return granted ? QStringLiteral("✅ concedida") : QStringLiteral("❌ pendente");
+}
+
+// Runs `lookUp` on a pooled thread (a sound server that does not answer may hold it for half a
+// second) and hands its answer to `completion` on the main thread.
+void answerOnMainThread(std::function<bool()> lookUp, std::function<void(bool)> completion)
+{
+    QPointer<QCoreApplication> application = QCoreApplication::instance();
+    QThreadPool::globalInstance()->start([lookUp = std::move(lookUp), completion = std::move(completion), application] {
+        const bool granted = lookUp();
+        if (application)
+            QMetaObject::invokeMethod(application, [completion, granted] { completion(granted); }, Qt::QueuedConnection);
+    });
+}
+
+}
+
+Permissions::Checks Permissions::Checks::system()
+{
+    return {
+        &InputDevices::anyListed,
+        [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
+        [] { return !isWaylandSession() && AccessibilityTrust::makeDefault()->isTrusted(false); },
+    };
+}
+
+bool Permissions::isWaylandSession()
+{
+    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        && qEnvironmentVariable("XDG_SESSION_TYPE").compare(QLatin1String("wayland"), Qt::CaseInsensitive) == 0;
+}
+
+Permissions::Needs Permissions::check(const QString& localeIdentifier)
+{
+    return check(localeIdentifier, Checks::system());
+}
+
+Permissions::Needs Permissions::check(const QString& localeIdentifier, const Checks& checks)
+{
+    return {checks.inputDeviceListed(), checks.nativeModelFound(localeIdentifier), checks.keyboardAccess()};
 }
 
 void Permissions::requestMicrophone(std::function<void(bool)> completion)
 {
-    completion(true);
+    requestMicrophone(std::move(completion), Checks::system());
 }
 
 void Permissions::requestSpeechRecognition(std::function<void(bool)> completion)
 {
-    completion(true);
+    requestSpeechRecognition(std::move(completion), Checks::system());
 }
 
-Alerts::Alert Permissions::permissionsAlert(const Needs&, const QString&)
+void Permissions::requestMicrophone(std::function<void(bool)> completion, const Checks& checks)
 {
-    return {QStringLiteral("Permissões do Voxaria"), {}, {{QStringLiteral("Abrir ajuda")}, {QStringLiteral("OK")}}};
+    answerOnMainThread(checks.inputDeviceListed, std::move(completion));
+}
+
+void Permissions::requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks)
+{
+    // Read now, on the main thread: the language the user had chosen when asking is the one answered.
+    const QString localeIdentifier = Settings::shared().localeIdentifier();
+    answerOnMainThread([nativeModelFound = checks.nativeModelFound, localeIdentifier] { return nativeModelFound(localeIdentifier); },
+                       std::move(completion));
+}
+
+void Permissions::requestAtLaunch(const Checks& checks)
+{
+    requestMicrophone(
+        [](bool granted) {
+            if (!granted)
+                qCWarning(lcApp).noquote() << "Permissão de microfone negada";
+        },
+        checks);
+    requestSpeechRecognition(
+        [](bool granted) {
+            if (!granted)
+                qCWarning(lcApp).noquote() << "Permissão de reconhecimento de fala negada";
+        },
+        checks);
+    if (!checks.keyboardAccess())
+        qCWarning(lcApp).noquote() << "Acesso ao teclado pendente: a tecla de ditado e a colagem precisam de uma sessão X11 com XInput2 e XTEST";
+}
+
+Alerts::Alert Permissions::permissionsAlert(const Needs& needs, const QString& localeIdentifier)
+{
+    const QString text = QStringLiteral("O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz ") + mark(needs.microphone)
+        + QStringLiteral("\n2. Reconhecimento de fala — modelo do motor nativo para o idioma ") + localeIdentifier + QLatin1Char(' ')
+        + mark(needs.speechRecognition)
+        + QStringLiteral("\n3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto ") + mark(needs.keyboardAccess)
+        + QStringLiteral("\n\nSe algo não funcionar, veja a ajuda.");
+    return {QStringLiteral("Permissões do Voxaria"), text, {{QStringLiteral("Abrir ajuda")}, {QStringLiteral("OK")}}};
 }
 
 QUrl Permissions::helpPageURL()
 {
-    return {};
+    return helpPageURL(QCoreApplication::applicationDirPath());
 }
 
-std::optional<Alerts::Alert> Permissions::noEngineAlert(bool, bool, const QString&)
+QUrl Permissions::helpPageURL(const QString& executableFolder)
 {
-    return std::nullopt;
+    return QUrl::fromLocalFile(QDir::cleanPath(executableFolder + QStringLiteral("/../share/voxaria/help/ajuda.html")));
+}
+
+std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool nativeModelFound, const QString& localeIdentifier)
+{
+    if (whisperFound || nativeModelFound)
+        return std::nullopt;
+    return Alerts::Alert{
+        QStringLiteral("Instale o Whisper para ditar"),
+        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ") + localeIdentifier
+            + QStringLiteral(".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com "
+                             "modelo nativo instalado."),
+        {{QStringLiteral("OK")}},
+    };
 }

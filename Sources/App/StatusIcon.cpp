@@ -3,6 +3,8 @@
 #include <QPainter>
 #include <QPixmap>
 
+#include <algorithm>
+
 namespace StatusIcon {
 
 namespace {
@@ -23,15 +25,19 @@ QPixmap waveform(int size, const QColor& colour)
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(Qt::NoPen);
+    // Each bar has a dark rim around its light body, so the glyph stands out on a dark panel by its
+    // body and on a light panel by its rim.
+    const double rim = std::max(1.0, size / 22.0);
+    painter.setPen(QPen(QColor(0x20, 0x20, 0x20, 0xE6), rim));
     painter.setBrush(colour);
-    // Seven bars of a symmetric waveform, tallest in the middle.
-    static constexpr double heights[] = {0.25, 0.5, 0.75, 1.0, 0.75, 0.5, 0.25};
-    const double slot = size / 7.0;
-    const double barWidth = slot * 0.6;
-    for (int i = 0; i < 7; ++i) {
-        const double height = size * 0.85 * heights[i];
-        painter.drawRoundedRect(QRectF(i * slot + (slot - barWidth) / 2, (size - height) / 2, barWidth, height),
+    // Five bars of a symmetric waveform, tallest in the middle: few enough that each stays wide
+    // enough for its light body to show inside the rim at 16-22 pixels.
+    static constexpr double heights[] = {0.35, 0.7, 1.0, 0.7, 0.35};
+    const double slot = (size - rim) / 5.0;
+    const double barWidth = slot * 0.75;
+    for (int i = 0; i < 5; ++i) {
+        const double height = (size - 2 * rim) * 0.9 * heights[i];
+        painter.drawRoundedRect(QRectF(rim / 2 + i * slot + (slot - barWidth) / 2, (size - height) / 2, barWidth, height),
                                 barWidth / 2, barWidth / 2);
     }
     return pixmap;

@@ -57,6 +57,12 @@ void AppRun::setSetting(const QString& key, const QVariant& value)
     store.sync();
 }
 
+QVariant AppRun::setting(const QString& key) const
+{
+    QSettings store(configFolder(root()) + QStringLiteral("/app.voxaria.Voxaria.conf"), QSettings::IniFormat);
+    return store.value(key);
+}
+
 void AppRun::useFakeWhisper(const QString& control)
 {
     installWhisper(TestSupport::fakesPath(QStringLiteral("whisper-cli")));
@@ -184,6 +190,36 @@ QString screenshotFolder()
     const QString folder = chosen.isEmpty() ? QCoreApplication::applicationDirPath() : chosen;
     QDir().mkpath(folder);
     return folder;
+}
+
+bool screenshot(const QString& fileName)
+{
+    return QProcess::execute(QStringLiteral("import"), {"-window", "root", screenshotFolder() + '/' + fileName}) == 0;
+}
+
+// xdotool's answer to a search, waiting with the event loop running.
+static QStringList search(const QStringList& arguments)
+{
+    QProcess xdotool;
+    xdotool.start(QStringLiteral("xdotool"), QStringList{"search", "--onlyvisible"} + arguments);
+    TestSupport::waitUntil([&] { return xdotool.state() == QProcess::NotRunning; }, std::chrono::seconds(10));
+    return QString::fromUtf8(xdotool.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+}
+
+bool clickTrayIcon()
+{
+    // The icon is the program's one window that is not top-level: it sits inside the tray host.
+    QStringList icons = search({"--name", "^Voxaria$"});
+    for (const QString& topLevel : search({"--maxdepth", "1", "--name", "^Voxaria$"}))
+        icons.removeAll(topLevel);
+    return !icons.isEmpty()
+        && QProcess::execute(QStringLiteral("xdotool"), {"mousemove", "--window", icons.first(), "8", "8", "click", "1"}) == 0;
+}
+
+bool waitForWindow(const QString& title, std::chrono::milliseconds timeout)
+{
+    const QStringList arguments{"--maxdepth", "1", "--name", '^' + title + '$'};
+    return TestSupport::waitUntil([&] { return !search(arguments).isEmpty(); }, timeout) || !search(arguments).isEmpty();
 }
 
 }

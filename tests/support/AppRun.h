@@ -23,6 +23,8 @@ public:
 
     // Writes one preference as the settings menu would, before or while the program runs.
     void setSetting(const QString& key, const QVariant& value);
+    // One preference as the program last wrote it (absent: an invalid value).
+    QVariant setting(const QString& key) const;
 
     // Runs a copy of the program with the fake whisper-cli beside it, where it looks first, and a
     // model file installed. The fake obeys `control` (see tests/fakes/whisper-cli).
@@ -80,4 +82,10 @@ private:
 namespace Desktop {
 // Where screenshots go: VOXARIA_SCREENSHOT_DIR when set, else the test program's folder.
 QString screenshotFolder();
+// The whole screen, saved under that folder.
+bool screenshot(const QString& fileName);
+// Clicks the program's icon in the tray.
+bool clickTrayIcon();
+// Whether a visible window with this exact title shows up within the time.
+bool waitForWindow(const QString& title, std::chrono::milliseconds timeout);
 }

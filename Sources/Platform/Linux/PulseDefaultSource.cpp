@@ -1,5 +1,6 @@
 #include "PulseDefaultSource.h"
 
+#include "Platform/InputDevices.h"
 #include "Shared/Logging.h"
 
 #include <pulse/pulseaudio.h>
@@ -10,6 +11,7 @@ namespace {
 
 struct Query {
     QString sourceName;
+    int captureSources = 0;
     bool done = false;
 };
 
@@ -21,15 +23,24 @@ void onServerInfo(pa_context*, const pa_server_info* info, void* userdata)
     query->done = true;
 }
 
+void onSourceInfo(pa_context*, const pa_source_info* info, int endOfList, void* userdata)
+{
+    auto* query = static_cast<Query*>(userdata);
+    if (endOfList != 0)
+        query->done = true;
+    else if (info && info->monitor_of_sink == PA_INVALID_INDEX)
+        ++query->captureSources;
 }
 
-QString pulseDefaultSourceName()
+using Request = pa_operation* (*)(pa_context*, Query*);
+
+// Connects, sends one request and runs the loop until its callback marks the query done.
+void ask(Request request, Query& query)
 {
     // A dead or absent server must not stall a dictation: give up after half a second.
     constexpr int kTimeoutMs = 500;
     pa_mainloop* loop = pa_mainloop_new();
     pa_context* context = pa_context_new(pa_mainloop_get_api(loop), "Voxaria");
-    Query query;
     QElapsedTimer clock;
     clock.start();
     bool asked = false;
@@ -39,8 +50,7 @@ QString pulseDefaultSourceName()
             if (!PA_CONTEXT_IS_GOOD(state))
                 break;
             if (state == PA_CONTEXT_READY && !asked) {
-                pa_operation* operation = pa_context_get_server_info(context, onServerInfo, &query);
-                if (operation)
+                if (pa_operation* operation = request(context, &query))
                     pa_operation_unref(operation);
                 asked = true;
             }
@@ -49,10 +59,32 @@ QString pulseDefaultSourceName()
             pa_mainloop_dispatch(loop);
         }
     }
-    if (!query.done)
-        qCInfo(lcAudio) << "PulseAudio gave no default source";
     pa_context_disconnect(context);
     pa_context_unref(context);
     pa_mainloop_free(loop);
+}
+
+}
+
+QString pulseDefaultSourceName()
+{
+    Query query;
+    ask([](pa_context* context, Query* query) { return pa_context_get_server_info(context, onServerInfo, query); }, query);
+    if (!query.done)
+        qCInfo(lcAudio) << "PulseAudio gave no default source";
     return query.sourceName;
+}
+
+int pulseCaptureSourceCount()
+{
+    Query query;
+    ask([](pa_context* context, Query* query) { return pa_context_get_source_info_list(context, onSourceInfo, query); }, query);
+    if (!query.done)
+        qCInfo(lcAudio) << "PulseAudio listed no sources";
+    return query.captureSources;
+}
+
+bool InputDevices::anyListed()
+{
+    return pulseCaptureSourceCount() > 0;
 }

@@ -1,0 +1,167 @@
+// The tray menu built from the settings, and what its items do, with the alerts, the login item and
+// the browser scripted. Choosing items through the real tray is in EndToEndTests.
+#include "LocalHttpServer.h"
+#include "TestSupport.h"
+#include "App/AppDelegate.h"
+#include "App/Permissions.h"
+#include "App/UpdaterManager.h"
+#include "Platform/Fakes/FakeAlerts.h"
+#include "Platform/Fakes/FakeUrlOpener.h"
+#include "Shared/AppPaths.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QMenu>
+#include <QSettings>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString kSmall = "ggml-small-q5_1.bin", kBase = "ggml-base-q5_1.bin";
+QStringList warnings;
+
+struct FakeLoginItem final : LoginItem {
+    Status current = Status::notRegistered;
+    std::optional<QString> failure;
+    Status status() override { return current; }
+    std::optional<QString> registerItem() override { return failure ? failure : (current = Status::enabled, std::nullopt); }
+    std::optional<QString> unregisterItem() override { return failure ? failure : (current = Status::notRegistered, std::nullopt); }
+};
+
+// The menu as the user reads it: one line per item, "✓" before a marked one, the shortcut and the
+// tooltip after it, submenus indented, "--" for a separator.
+QString describe(const QMenu& menu, const QString& indent = {})
+{
+    QString text;
+    for (QAction* item : menu.actions()) {
+        text += indent + (item->isSeparator() ? "--" : (item->isChecked() ? "✓ " : "") + item->text()) + (item->isEnabled() ? "" : " (off)");
+        if (!item->shortcut().isEmpty())
+            text += " [" + item->shortcut().toString(QKeySequence::NativeText) + "]";
+        if (item->toolTip() != item->text().remove('&') && !item->isSeparator())
+            text += " {" + item->toolTip() + "}";
+        text += "\n" + (item->menu() ? describe(*item->menu(), indent + "  ") : QString());
+    }
+    return text;
+}
+
+class StatusMenuTest : public ::testing::Test {
+protected:
+    LocalHttpServer server;
+    FakeAlerts* alerts = new FakeAlerts;
+    FakeLoginItem* loginItem = new FakeLoginItem;
+    FakeUrlOpener* urlOpener = new FakeUrlOpener;
+    ModelDownloader downloader{std::make_unique<FakeAlerts>(), server.baseUrl()};
+    std::unique_ptr<AppDelegate> app;
+    const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";
+
+    void SetUp() override
+    {
+        QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId()).clear();
+        QDir(AppPaths::modelsFolder()).removeRecursively();
+        QFile::remove(whisperCli);
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
+        app = std::make_unique<AppDelegate>(AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
+                                                                  std::unique_ptr<UrlOpener>(urlOpener), &downloader});
+    }
+    void TearDown() override { qInstallMessageHandler(nullptr); }
+
+    void arrange(const QStringList& models, const QList<std::pair<QString, QVariant>>& stored = {})
+    {
+        ASSERT_TRUE(TestSupport::writeFile(whisperCli, "#!/bin/sh\n", true));
+        for (const QString& model : models)
+            ASSERT_TRUE(TestSupport::writeFile(AppPaths::modelsFolder() + '/' + model, "lmgg"));
+        QSettings store(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId());
+        for (const auto& [key, value] : stored)
+            store.setValue(key, value);
+    }
+    QStringList marks() { return describe(*app->menu()).split('\n').filter("✓"); }
+    QString lastAlert() const
+    {
+        const Alerts::Alert alert = alerts->shown.value(alerts->shown.size() - 1);
+        QStringList buttons;
+        for (const Alerts::Button& button : alert.buttons)
+            buttons << button.title;
+        return alert.messageText + "\n" + alert.informativeText + "\n[" + buttons.join(" | ") + "]";
+    }
+};
+
+TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
+{
+    EXPECT_EQ(describe(*app->menu()),
+              "Segure Alt direito (AltGr) para ditar (off)\n--\n"
+              "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
+              "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  PocketSphinx (nativo, tempo real)\n"
+              "Modelo Whisper\n"
+              "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
+              "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
+              "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
+              "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
+              "Idioma\n  ✓ Português (Brasil)\n  English (US)\n  Español\n  Français\n  Deutsch\n  Italiano\n"
+              "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
+              "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v" + UpdaterManager::version() + ")\n--\n"
+              "Sair do Voxaria [Ctrl+Q]\n");
+}
+
+TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
+{
+    arrange({kSmall}, {{"engine", "banana"}, {"hotKey", ""}, {"localeIdentifier", "xx-YY"}, {"playSounds", false}});
+    EXPECT_EQ(marks(), (QStringList{"  ✓ Whisper (melhor qualidade)", "  ✓ Alt direito (AltGr)", "✓ Preferir transcrição local (offline)"}))
+        << "the selected large model is missing, so no model is marked";
+    app->selectModel(kSmall);
+    app->selectModel(kBase + "-x");
+    EXPECT_TRUE(marks().value(1).startsWith("  ✓ Equilibrado — small (190 MB) {")) << marks().join('\n').toStdString();
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper);
+}
+
+TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownloadSelectsWhisper)
+{
+    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    app->selectEngine("whisper");
+    EXPECT_EQ(lastAlert(), "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
+                           "da sua distribuição (por exemplo: sudo apt install whisper.cpp).\n[]");
+    arrange({});
+    const QByteArray model = QByteArray("lmgg").leftJustified(1 << 16, 'w');
+    server.setRoute(kBase, {.body = model, .holdAt = 100});
+    alerts->answers = QStringList{"Baixar (60 MB)"};
+    app->selectModel(kBase);
+    EXPECT_EQ(lastAlert(), "Baixar \"Leve — base\"?\nDownload único de 60 MB (máquinas antigas; qualidade menor). O modelo roda 100% "
+                           "offline.\n[Baixar (60 MB) | Cancelar]");
+    ASSERT_TRUE(downloader.isDownloading());
+    app->selectModel(kSmall);
+    EXPECT_EQ(alerts->shown.size(), 2) << "nothing is asked while a download runs";
+    downloader.cancelTapped();
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple) << "a cancelled download changes no engine";
+
+    server.setRoute(kSmall, {.body = model});
+    alerts->answers = QStringList{"Baixar agora (190 MB)"};
+    app->selectEngine("whisper");
+    EXPECT_EQ(lastAlert(), "Baixar o modelo Whisper?\nO motor Whisper precisa de um modelo. Recomendado: Equilibrado — small (190 MB, "
+                           "download único, roda offline).\n[Baixar agora (190 MB) | Cancelar]");
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return !downloader.isDownloading(); }, std::chrono::seconds(30)));
+    EXPECT_TRUE(marks().join('|').startsWith("  ✓ Whisper (melhor qualidade)|  ✓ Equilibrado — small (190 MB) {"))
+        << "the menu was rebuilt when the model arrived: " << marks().join('\n').toStdString();
+}
+
+TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
+{
+    loginItem->failure = "sem permissão de escrita";
+    app->toggleLaunchAtLogin();
+    EXPECT_TRUE(warnings.contains("Falha ao alternar início com o sistema: sem permissão de escrita")) << warnings.join('\n').toStdString();
+    loginItem->failure.reset();
+    loginItem->current = LoginItem::Status::requiresApproval;
+    app->toggleLaunchAtLogin();
+    EXPECT_EQ(marks().last(), "✓ Iniciar com o sistema");
+}
+
+TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
+{
+    alerts->answers = QStringList{"OK", "Abrir ajuda"};
+    app->openPermissions();
+    EXPECT_TRUE(urlOpener->opened.isEmpty());
+    app->openPermissions();
+    EXPECT_EQ(alerts->shown.last().messageText, "Permissões do Voxaria");
+    EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+}
+
+}
