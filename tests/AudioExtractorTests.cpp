@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <numeric>
 
 namespace {
 
@@ -77,23 +76,21 @@ qint64 checkedDataSize(const QString& path)
 // speech through any codec stays near 1, a tone or other speech does not.
 double sameSpeech(const std::vector<qint16>& a, const std::vector<qint16>& b)
 {
-    const size_t window = 800, count = std::min(a.size(), b.size()) / window;
-    std::vector<double> x(count), y(count);
-    for (size_t i = 0; i < count; ++i) {
+    const size_t window = 800, n = std::min(a.size(), b.size()) / window;
+    double sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0;
+    for (size_t i = 0; i < n; ++i) {
+        double x = 0, y = 0;
         for (size_t j = i * window; j < (i + 1) * window; ++j) {
-            x[i] += std::abs(double(a[j]));
-            y[i] += std::abs(double(b[j]));
+            x += std::abs(a[j]);
+            y += std::abs(b[j]);
         }
+        sx += x;
+        sy += y;
+        sxx += x * x;
+        syy += y * y;
+        sxy += x * y;
     }
-    const auto centre = [](std::vector<double>& v) {
-        const double mean = std::accumulate(v.begin(), v.end(), 0.0) / double(v.size());
-        for (double& value : v)
-            value -= mean;
-    };
-    centre(x);
-    centre(y);
-    const double xy = std::inner_product(x.begin(), x.end(), y.begin(), 0.0);
-    return xy / std::sqrt(std::inner_product(x.begin(), x.end(), x.begin(), 0.0) * std::inner_product(y.begin(), y.end(), y.begin(), 0.0));
+    return (double(n) * sxy - sx * sy) / std::sqrt((double(n) * sxx - sx * sx) * (double(n) * syy - sy * sy));
 }
 
 } // namespace
@@ -168,54 +165,40 @@ TEST(AudioExtractorTest, UnusableSourcesFailWithAMessageTheUserCanRead)
     }
 }
 
-// What the decoder reports, a cancel and the WAV size limit, scripted through a fake decoder.
-TEST(AudioExtractorTest, FollowsTheDecoderTheCancelAndTheSizeLimit)
+// What the decoder reports, a cancel, the WAV size limit and a destination that cannot be written,
+// scripted through a fake decoder of five 200-byte chunks.
+TEST(AudioExtractorTest, FollowsTheDecoderTheCancelTheSizeLimitAndTheDestination)
 {
-    const std::vector<std::vector<qint16>> fiveChunks(5, std::vector<qint16>(100, 7));
     const struct {
-        const char* what;
-        std::optional<QString> startFailure, failureAtEnd;
-        int stopAfter;
-        quint64 limit;
+        QString what;
+        std::optional<QString> startFailure = {}, failureAtEnd = {};
+        int stopAfter = -1;
+        quint64 limit = 1000;
         QString message;
-        size_t read;
-        qint64 onDisk, headerSize;
+        size_t read = 5;
+        qint64 onDisk = 0, headerSize = 0; // data bytes after the header, and what the header says
+        QString destination = {};
     } cases[] = {
-        {"start fails", QString(), {}, -1, 1000, "Falha ao extrair o áudio: desconhecida", 0, -1, 0},
-        {"fails at the end", {}, "disco removido", -1, 1000, "Falha ao extrair o áudio: disco removido", 5, 1000, 0},
-        {"exactly at the limit", {}, {}, -1, 1000, "extracted", 5, 1000, 1000},
-        {"past the limit", {}, {}, -1, 600, "Falha ao extrair o áudio: o áudio passa de 37 horas, o máximo de um arquivo WAV", 4, 600, 0},
-        {"cancelled", {}, {}, 2, 1000, "extracted", 2, 400, 0},
+        {.what = "start fails", .startFailure = "", .message = "Falha ao extrair o áudio: desconhecida", .read = 0, .onDisk = -1},
+        {.what = "fails at the end", .failureAtEnd = "disco removido", .message = "Falha ao extrair o áudio: disco removido", .onDisk = 1000},
+        {.what = "at the limit", .message = "extracted", .onDisk = 1000, .headerSize = 1000},
+        {.what = "past the limit", .limit = 600, .message = "Falha ao extrair o áudio: o áudio passa de 37 horas, o máximo de um arquivo WAV", .read = 4, .onDisk = 600},
+        {.what = "cancelled", .stopAfter = 2, .message = "extracted", .read = 2, .onDisk = 400},
+        {.what = "no folder", .message = "Não foi possível gravar o áudio extraído: No such file or directory", .read = 0, .onDisk = -1,
+         .destination = QDir::tempPath() + "/sem pasta/audio.wav"},
+        {.what = "disk full", .message = "Não foi possível gravar o áudio extraído: No space left on device", .onDisk = -1, .destination = "/dev/full"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.what.toStdString());
         FakeMediaReader reader;
-        reader.chunks = fiveChunks;
+        reader.chunks.assign(5, std::vector<qint16>(100, 7));
         reader.startFailure = c.startFailure;
         reader.failureAtEnd = c.failureAtEnd;
-        const QString destination = QDir::tempPath() + QStringLiteral("/fake %1.wav").arg(c.what);
+        const QString destination = c.destination.isEmpty() ? QDir::tempPath() + "/fake " + c.what + ".wav" : c.destination;
         const auto stop = [&] { return c.stopAfter >= 0 && reader.chunksDelivered >= size_t(c.stopAfter); };
         EXPECT_EQ(extract("filme.mkv", destination, &reader, stop, c.limit), c.message);
-        EXPECT_EQ(reader.openedPath, "filme.mkv");
         EXPECT_EQ(reader.chunksDelivered, c.read);
         EXPECT_EQ(QFileInfo(destination).size(), c.onDisk < 0 ? 0 : 44 + c.onDisk);
         EXPECT_EQ(TestSupport::readWav(destination).dataBytes, c.headerSize);
     }
-}
-
-TEST(AudioExtractorTest, DestinationFailuresCarryTheSystemsReason)
-{
-    const std::pair<QString, QString> cases[] = {
-        {QDir::tempPath() + QStringLiteral("/sem pasta/audio.wav"), QStringLiteral("No such file or directory")},
-        {QStringLiteral("/dev/full"), QStringLiteral("No space left on device")},
-    };
-    for (const auto& [destination, reason] : cases) {
-        FakeMediaReader reader;
-        reader.chunks = {std::vector<qint16>(20000, 1)};
-        const QString message = extract("fala.mp3", destination, &reader);
-        EXPECT_TRUE(message.startsWith("Não foi possível gravar o áudio extraído: ") && message.contains(reason)) << message.toStdString();
-    }
-    FakeMediaReader silent;
-    silent.hasAudioTrack = false;
-    EXPECT_EQ(extract("fala.mp3", QDir::tempPath() + "/nada.wav", &silent), kNoTrack);
 }

@@ -85,9 +85,14 @@ protected:
     // submenu the one `subSteps` rows down; the open menu is saved as `screenshot` when named.
     void chooseInTrayMenu(int steps, int subSteps = -1, const QString& screenshot = {})
     {
-        const int from = app.lineCount();
-        ASSERT_TRUE(Desktop::clickTrayIcon());
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("menu shown"), 10s, from)) << app.log().join('\n').toStdString();
+        // A click that lands while the last menu is still closing opens nothing: click again.
+        bool shown = false;
+        for (int attempt = 0; attempt < 3 && !shown; ++attempt) {
+            const int from = app.lineCount();
+            ASSERT_TRUE(Desktop::clickTrayIcon());
+            shown = app.waitForLog(QStringLiteral("menu shown"), 5s, from);
+        }
+        ASSERT_TRUE(shown) << app.log().join('\n').toStdString();
         for (int i = 0; i < steps; ++i)
             XTestKeyboard::tap(downKey, 20ms);
         if (subSteps >= 0) {

@@ -209,8 +209,8 @@ static QStringList search(const QStringList& arguments)
 bool clickTrayIcon()
 {
     // The icon is the program's one window that is not top-level: it sits inside the tray host.
-    QStringList icons = search({"--name", "^Voxaria$"});
-    for (const QString& topLevel : search({"--maxdepth", "1", "--name", "^Voxaria$"}))
+    QStringList icons = search({"--class", "^voxaria$"});
+    for (const QString& topLevel : search({"--maxdepth", "1", "--class", "^voxaria$"}))
         icons.removeAll(topLevel);
     return !icons.isEmpty()
         && QProcess::execute(QStringLiteral("xdotool"), {"mousemove", "--window", icons.first(), "8", "8", "click", "1"}) == 0;

@@ -1,8 +1,7 @@
 #include "FakeMediaReader.h"
 
-bool FakeMediaReader::openFirstAudioTrack(const QString& path)
+bool FakeMediaReader::openFirstAudioTrack(const QString&)
 {
-    openedPath = path;
     return hasAudioTrack;
 }
 

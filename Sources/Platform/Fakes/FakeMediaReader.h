@@ -13,7 +13,6 @@ public:
     std::vector<std::vector<qint16>> chunks; // delivered in order
     std::optional<QString> failureAtEnd;    // after the last chunk reading ends failed, for this reason
 
-    QString openedPath;
     size_t chunksDelivered = 0;
 
     bool openFirstAudioTrack(const QString& path) override;

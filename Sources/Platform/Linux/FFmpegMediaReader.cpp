@@ -6,6 +6,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <mutex>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -53,6 +54,18 @@ QString reasonFor(int error)
     return QStringLiteral("erro de leitura (%1)").arg(QString::fromUtf8(text));
 }
 
+// FFmpeg writes its complaints about damaged files to standard error; they belong with our own
+// audio log lines, seen only when that category's debug output is on.
+void forwardLog(void* context, int level, const char* format, va_list arguments)
+{
+    if (level > AV_LOG_WARNING || !lcAudio().isDebugEnabled())
+        return;
+    char line[1024];
+    int printPrefix = 1;
+    av_log_format_line(context, level, format, arguments, line, sizeof line, &printPrefix);
+    qCDebug(lcAudio).noquote() << "ffmpeg:" << QByteArray(line).trimmed();
+}
+
 } // namespace
 
 std::unique_ptr<MediaReader> MediaReader::makeDefault()
@@ -60,7 +73,11 @@ std::unique_ptr<MediaReader> MediaReader::makeDefault()
     return std::make_unique<FFmpegMediaReader>();
 }
 
-FFmpegMediaReader::FFmpegMediaReader() = default;
+FFmpegMediaReader::FFmpegMediaReader()
+{
+    static std::once_flag logForwarded;
+    std::call_once(logForwarded, [] { av_log_set_callback(forwardLog); });
+}
 
 FFmpegMediaReader::~FFmpegMediaReader()
 {
