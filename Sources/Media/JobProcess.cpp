@@ -22,7 +22,7 @@ public:
 
     void feed(const QByteArray& bytes)
     {
-        if (!m_handler || bytes.isEmpty())
+        if (bytes.isEmpty())
             return;
         m_pending += bytes;
         qsizetype start = 0;
@@ -36,8 +36,7 @@ public:
     // The child is gone: its last line may lack a line feed.
     void finish()
     {
-        if (m_handler)
-            hand(m_pending);
+        hand(m_pending);
         m_pending.clear();
     }
 
@@ -80,8 +79,10 @@ int JobProcess::run(const std::function<bool()>& shouldStop)
     LineSplitter output(onOutputLine);
     LineSplitter errors(onErrorLine);
     const auto drain = [&] {
-        output.feed(process.readAllStandardOutput());
-        errors.feed(process.readAllStandardError());
+        if (onOutputLine)
+            output.feed(process.readAllStandardOutput());
+        if (onErrorLine)
+            errors.feed(process.readAllStandardError());
     };
     QDeadlineTimer killAt(QDeadlineTimer::Forever);
     // waitForFinished reads both pipes while it waits; the loop hands on what it read.

@@ -118,7 +118,7 @@ bool FFmpegMediaReader::openFirstAudioTrack(const QString& path)
 
 bool FFmpegMediaReader::startReading()
 {
-    const AVStream* stream = m_format ? m_format->streams[m_stream] : nullptr;
+    const AVStream* stream = m_format && m_stream >= 0 ? m_format->streams[m_stream] : nullptr;
     const AVCodec* codec = stream ? avcodec_find_decoder(stream->codecpar->codec_id) : nullptr;
     if (!codec) {
         fail(AVERROR_DECODER_NOT_FOUND);
