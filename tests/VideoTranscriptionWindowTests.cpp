@@ -211,7 +211,7 @@ TEST_F(VideoTranscriptionWindowTest, ARunCanBeCancelledOrEndedByClosing)
 TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLinkAtOnceSilently)
 {
     const QByteArray fakeYtDlp = DesktopApps::readAll(fakesPath("yt-dlp"));
-    writeFile(YtDlpManager::installedPath() + ".control", ("source=" + speechVideo() + "\next=mp4").toUtf8());
+    writeFile(YtDlpManager::installedPath() + ".control", ("source=" + speechVideo()).toUtf8());
     whisper.script("text=baixado pelo yt-dlp novo\nnosrt=1");
     Settings::shared().setPlaySounds(false);
     const QString link = "https://videos.exemplo/v/1";

@@ -8,6 +8,7 @@
 #include "Platform/Sounds.h"
 #include "Shared/Logging.h"
 #include "Shared/SystemFont.h"
+#include "Shared/WindowPlacement.h"
 #include "YtDlpManager.h"
 
 #include <QCoreApplication>
@@ -23,7 +24,6 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSaveFile>
-#include <QScreen>
 #include <QShortcut>
 #include <QTextBoundaryFinder>
 #include <QVBoxLayout>
@@ -201,11 +201,7 @@ void VideoTranscriptionWindow::build()
     }
 
     m_window->resize(680, 460);
-    if (const QScreen* screen = QGuiApplication::primaryScreen()) {
-        QRect frame = m_window->frameGeometry();
-        frame.moveCenter(screen->availableGeometry().center());
-        m_window->move(frame.topLeft());
-    }
+    centreOnScreen(*m_window);
 }
 
 QWidget* VideoTranscriptionWindow::buildInputRow()
