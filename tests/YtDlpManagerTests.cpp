@@ -17,7 +17,6 @@ using Route = LocalHttpServer::Route;
 namespace {
 
 const QByteArray kProgram = QByteArray("#!/bin/sh\n").leftJustified(3 << 20, '#'); // several reads long
-const QString kPrefix = "Falha ao instalar o yt-dlp: ";
 
 QByteArray installedContents()
 {
@@ -101,7 +100,7 @@ TEST_F(YtDlpInstallTest, FailuresKeepTheEarlierCopy)
         ASSERT_TRUE(TestSupport::writeFile(YtDlpManager::installedPath(), "earlier copy", true));
         const QPointer<YtDlpInstallation> installation = start(c.route);
         EXPECT_TRUE(waitUntil([&] { return !installation; }, 30s));
-        EXPECT_EQ(completions, QStringList{kPrefix + c.reason});
+        EXPECT_EQ(completions, QStringList{c.reason});
         EXPECT_EQ(installedContents(), "earlier copy");
         EXPECT_EQ(YtDlpManager::binaryURL(), YtDlpManager::installedPath());
         EXPECT_EQ(leftovers(), QStringList{});

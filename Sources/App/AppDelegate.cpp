@@ -3,6 +3,7 @@
 #include "Engines/WhisperTranscriber.h"
 #include "History/HistoryWindow.h"
 #include "LanguageOption.h"
+#include "Media/MediaTranscriber.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Permissions.h"
 #include "Shared/Logging.h"
@@ -90,6 +91,7 @@ bool AppDelegate::applicationDidFinishLaunching()
 {
     if (!ensureSingleInstance())
         return false;
+    MediaTranscriber::removeLeftovers();
     setupStatusItem();
     requestPermissions();
 

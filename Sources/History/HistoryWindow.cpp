@@ -1,6 +1,7 @@
 #include "HistoryWindow.h"
 
 #include "Platform/Alerts.h"
+#include "Shared/WindowPlacement.h"
 
 #include <QAbstractTableModel>
 #include <QApplication>
@@ -12,7 +13,6 @@
 #include <QLocale>
 #include <QPlainTextEdit>
 #include <QPushButton>
-#include <QScreen>
 #include <QTableView>
 #include <QTextBoundaryFinder>
 #include <QVBoxLayout>
@@ -217,11 +217,7 @@ void HistoryWindow::build()
     column->addWidget(buildButtonRow(), 0, Qt::AlignLeft);
 
     m_window->resize(620, 500);
-    if (const QScreen* screen = QGuiApplication::primaryScreen()) {
-        QRect frame = m_window->frameGeometry();
-        frame.moveCenter(screen->availableGeometry().center());
-        m_window->move(frame.topLeft());
-    }
+    centreOnScreen(*m_window);
 
     connect(m_searchField, &QLineEdit::textChanged, this, &HistoryWindow::refresh);
     connect(m_table->selectionModel(), &QItemSelectionModel::selectionChanged, this, &HistoryWindow::updateSelection);

@@ -1,11 +1,102 @@
 #pragma once
 
-#include <QObject>
+#include "MediaTranscriber.h"
+#include "Platform/Alerts.h"
+#include "Platform/FileDialogs.h"
+#include "Platform/Pasteboard.h"
+#include "Platform/Sounds.h"
 
-// The window that transcribes a whole audio or video file, or the audio of a link.
+#include <QObject>
+#include <QPointer>
+#include <QUrl>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class QLabel;
+class QLineEdit;
+class QPlainTextEdit;
+class QProgressBar;
+class QPushButton;
+class QWidget;
+class YtDlpInstallation;
+
+// "Transcrever vídeo ou link": the user pastes a link or a path (or picks or drops a file), starts
+// a MediaTranscriber job, follows its status and progress, and copies the transcript or saves it as
+// text or SRT subtitles. A link while yt-dlp is missing first offers to install it. The window is
+// built on the first show() and only hidden when closed; closing stops a running job or
+// installation and removes the last job's subtitle file. Main thread only.
 class VideoTranscriptionWindow : public QObject {
     Q_OBJECT
 public:
+    // What the window reaches outside the program; empty members get the real ones.
+    struct Services {
+        std::unique_ptr<Alerts> alerts;
+        std::unique_ptr<FileDialogs> fileDialogs;
+        std::unique_ptr<Sounds> sounds;
+        std::shared_ptr<Pasteboard> pasteboard;
+        std::function<bool()> ytDlpAvailable; // default: YtDlpManager::isAvailable
+        QUrl ytDlpSource;                     // default: YtDlpManager::downloadURL()
+    };
+
     static VideoTranscriptionWindow& shared();
+
+    explicit VideoTranscriptionWindow(Services services = {}, QObject* parent = nullptr);
+    ~VideoTranscriptionWindow() override;
+
+    // Builds the window on the first call and brings it to the front.
     void show();
+    // Absent until the first show().
+    QWidget* window() const { return m_window.get(); }
+
+    void chooseFile();
+    void startTranscription();
+    // Stops the running job, or the yt-dlp installation (the window is then idle again).
+    void cancelTranscription();
+    void copyResult();
+    void saveTxt();
+    void saveSrt();
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void build();
+    QWidget* buildInputRow();
+    QWidget* buildResultRow();
+    void showBusy(bool busy);
+    void enableResultButtons(bool text, bool subtitles);
+
+    void transcribe(const MediaTranscriber::Source& source);
+    void showStatus(const QString& text, std::optional<double> progress);
+    void finish(const MediaTranscriber::Output& output);
+    void fail(const QString& message);
+    // The status line at the end of a job or an installation, also written to the log.
+    void showOutcome(const QString& message);
+
+    void offerYtDlpInstall();
+    void installProgress(double fraction);
+    void installFinished(const Error* error);
+
+    void windowWillClose();
+    // Removes the last job's folder with its subtitle file; "Salvar legenda (.srt)…" goes off.
+    void discardLastSrt();
+
+    Services m_services;
+
+    std::unique_ptr<QWidget> m_window;
+    QLineEdit* m_urlField = nullptr;
+    QLabel* m_statusLabel = nullptr;
+    QProgressBar* m_progressBar = nullptr;
+    QPlainTextEdit* m_resultView = nullptr;
+    QPushButton* m_transcribeButton = nullptr;
+    QPushButton* m_cancelButton = nullptr;
+    QPushButton* m_copyButton = nullptr;
+    QPushButton* m_saveTxtButton = nullptr;
+    QPushButton* m_saveSrtButton = nullptr;
+
+    std::unique_ptr<MediaTranscriber> m_transcriber;
+    QPointer<YtDlpInstallation> m_installation;
+    std::optional<QString> m_lastSrt;
 };

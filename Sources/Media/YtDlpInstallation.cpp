@@ -206,7 +206,8 @@ void YtDlpInstallation::fail(const QString& reason)
         return;
     qCWarning(lcMedia) << "yt-dlp installation failed:" << reason;
     discard();
-    const PlatformError error(QStringLiteral("Falha ao instalar o yt-dlp: ") + reason);
+    // The reason alone: whoever shows it says what failed ("Falha ao instalar yt-dlp: …").
+    const PlatformError error(reason);
     deliver({}, &error);
 }
 

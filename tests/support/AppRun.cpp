@@ -24,9 +24,10 @@ bool copyExecutable(const QString& from, const QString& to)
 
 }
 
-AppRun::AppRun()
+AppRun::AppRun(const QString& program)
     : m_root(QDir::tempPath() + QStringLiteral("/voxaria-run-XXXXXX"))
-    , m_binary(QStringLiteral(VOXARIA_APP_BINARY))
+    , m_program(program)
+    , m_binary(program)
 {
     for (const char* folder : {"home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
         QDir().mkpath(root() + QLatin1Char('/') + QLatin1String(folder));
@@ -81,7 +82,7 @@ void AppRun::installWhisper(const QString& program)
     const QString bin = root() + QStringLiteral("/bin");
     QDir().mkpath(bin);
     m_binary = bin + QStringLiteral("/voxaria");
-    copyExecutable(QStringLiteral(VOXARIA_APP_BINARY), m_binary);
+    copyExecutable(m_program, m_binary);
     copyExecutable(program, bin + QStringLiteral("/whisper-cli"));
 
     TestSupport::writeFile(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"),

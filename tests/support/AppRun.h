@@ -13,7 +13,8 @@
 // TMPDIR under a fresh temporary folder), its log collected line by line for the test to follow.
 class AppRun {
 public:
-    AppRun();
+    // `program` is the build to run: the real one, or one of its test builds.
+    explicit AppRun(const QString& program = QStringLiteral(VOXARIA_APP_BINARY));
     ~AppRun();
 
     QString root() const { return m_root.path(); }
@@ -56,6 +57,7 @@ private:
     void readLog();
 
     QTemporaryDir m_root;
+    QString m_program;
     QString m_binary;
     QProcess m_process;
     QProcessEnvironment m_environment;

@@ -1,0 +1,79 @@
+#include "QtFileDialogs.h"
+
+#include <QDir>
+#include <QFileDialog>
+#include <QMimeDatabase>
+#include <QSet>
+
+std::unique_ptr<FileDialogs> FileDialogs::makeDefault()
+{
+    return std::make_unique<QtFileDialogs>();
+}
+
+namespace {
+
+// The shared-mime-info types a name like "audio/*" stands for; a plain name stands for itself.
+QList<QMimeType> expand(const QString& name)
+{
+    const QMimeDatabase database;
+    if (!name.endsWith(QStringLiteral("/*")))
+        return {database.mimeTypeForName(name)};
+    const QString prefix = name.chopped(1);
+    QList<QMimeType> types;
+    for (const QMimeType& type : database.allMimeTypes()) {
+        if (type.name().startsWith(prefix))
+            types.append(type);
+    }
+    return types;
+}
+
+// "Vídeo ou áudio (*.mp4 *.mkv …)": Qt's own MIME filters take no wildcards, so the patterns are
+// gathered here, each once, in the order the types list them.
+QString nameFilter(const FileDialogs::Filter& filter)
+{
+    QStringList patterns;
+    QSet<QString> seen;
+    for (const QString& name : filter.mimeTypes) {
+        for (const QMimeType& type : expand(name)) {
+            for (const QString& pattern : type.globPatterns()) {
+                if (!seen.contains(pattern)) {
+                    seen.insert(pattern);
+                    patterns.append(pattern);
+                }
+            }
+        }
+    }
+    return filter.label + QStringLiteral(" (") + patterns.join(u' ') + u')';
+}
+
+std::optional<QString> run(QFileDialog& dialog)
+{
+    // Qt's own dialog: the same on every desktop, and usable without a portal or a window manager.
+    dialog.setOption(QFileDialog::DontUseNativeDialog);
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return std::nullopt;
+    return dialog.selectedFiles().constFirst();
+}
+
+}
+
+std::optional<QString> QtFileDialogs::openFile(QWidget* parent, const QString& title, const Filter& filter)
+{
+    QFileDialog dialog(parent, title, QDir::homePath());
+    dialog.setFileMode(QFileDialog::ExistingFile);
+    dialog.setNameFilter(nameFilter(filter));
+    return run(dialog);
+}
+
+std::optional<QString> QtFileDialogs::saveFile(QWidget* parent, const QString& title, const Filter& filter,
+                                               const QString& suggestedName)
+{
+    QFileDialog dialog(parent, title, QDir::homePath());
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    dialog.setNameFilter(nameFilter(filter));
+    dialog.selectFile(suggestedName);
+    // A name typed without its extension still gets one.
+    if (!filter.mimeTypes.isEmpty())
+        dialog.setDefaultSuffix(QMimeDatabase().mimeTypeForName(filter.mimeTypes.constFirst()).preferredSuffix());
+    return run(dialog);
+}

@@ -1,0 +1,278 @@
+// The video transcription window driven as a user drives it (typing, Return, clicks, dialogs
+// answered) over the real pipeline with fake whisper-cli and yt-dlp programs, Debian's yt-dlp and a
+// local web server; and once in the real program, opened from its tray menu, where Debian's yt-dlp
+// fetches a link.
+#include "AppRun.h"
+#include "DesktopApps.h"
+#include "LocalHttpServer.h"
+#include "TestSupport.h"
+#include "XTestKeyboard.h"
+#include "App/Settings.h"
+#include "Media/VideoTranscriptionWindow.h"
+#include "Media/YtDlpManager.h"
+#include "Platform/Fakes/FakeAlerts.h"
+#include "Platform/Fakes/FakeFileDialogs.h"
+#include "Platform/Fakes/FakeSounds.h"
+#include "Shared/AppPaths.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMimeData>
+#include <QPlainTextEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using namespace TestSupport;
+
+namespace {
+
+const QString kIdle = "Transcrever+ - no bar | Copiar- Salvar texto- Salvar legenda-";
+const QString kTranscribing = "Transcrevendo… (vídeos longos podem levar alguns minutos)";
+
+QString scratch(const QString& name) { return AppPaths::dataFolder() + "/fixtures/" + name; }
+QStringList mediaFolders(const QString& folder) { return QDir(folder).entryList({"voxaria-media-*"}, QDir::Dirs); }
+
+// Three seconds of speech under a test picture, as a screen recorder leaves them; made once.
+QString speechVideo()
+{
+    static const QString path = [] {
+        QDir().mkpath(scratch({}));
+        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "testsrc=size=320x240:rate=10", "-i",
+                                     testDataPath("speech/jfk.wav"), "-t", "3", "-c:v", "mpeg4", "-c:a", "aac", scratch("fala.mp4")});
+        return scratch("fala.mp4");
+    }();
+    return path;
+}
+
+class VideoTranscriptionWindowTest : public ::testing::Test {
+protected:
+    FakeWhisper whisper;
+    LocalHttpServer server;
+    FakeAlerts* alerts = new FakeAlerts;
+    FakeFileDialogs* dialogs = new FakeFileDialogs;
+    FakeSounds* sounds = new FakeSounds;
+    std::unique_ptr<VideoTranscriptionWindow> view;
+
+    void SetUp() override
+    {
+        if (!hasX11())
+            GTEST_SKIP() << "needs the headless desktop (run under scripts/with-harness.sh)";
+        writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
+        Settings::shared().setPlaySounds(true);
+        view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{
+            std::unique_ptr<Alerts>(alerts), std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds), {},
+            // Debian's yt-dlp does not count here: only the copy the window installs.
+            [] { return QFileInfo(YtDlpManager::installedPath()).isExecutable(); },
+            server.baseUrl().resolved(QUrl("yt-dlp"))});
+        view->show();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(view->window()));
+    }
+    void TearDown() override
+    {
+        view.reset();
+        EXPECT_TRUE(waitUntil([] { return mediaFolders(AppPaths::temporaryFolder()).isEmpty(); }, 10s));
+    }
+
+    template<typename Widget>
+    Widget* find(const char* name) const { return view->window()->findChild<Widget*>(name); }
+    QString status() const { return find<QLabel>("statusLabel")->text(); }
+    QString result() const { return find<QPlainTextEdit>("resultView")->toPlainText(); }
+    void click(const char* button) { QTest::mouseClick(find<QPushButton>(button), Qt::LeftButton); }
+    bool statusBecomes(const QString& start, std::chrono::milliseconds timeout = 60s)
+    {
+        return waitUntil([&] { return status().startsWith(start); }, timeout);
+    }
+    void enter(const QString& text)
+    {
+        find<QLineEdit>("urlField")->clear();
+        QTest::keyClicks(find<QLineEdit>("urlField"), text);
+        QTest::keyClick(find<QLineEdit>("urlField"), Qt::Key_Return);
+    }
+    // The controls as the user sees them: "+" enabled, "-" disabled or hidden; the bar's percent.
+    QString state() const
+    {
+        const auto on = [this](const char* name) { return find<QPushButton>(name)->isEnabled() ? "+" : "-"; };
+        const QProgressBar* bar = find<QProgressBar>("progressBar");
+        const QString progress = !bar->isVisible() ? "no bar" : bar->maximum() == 0 ? "bar ~" : QString("bar %1%").arg(bar->value() / 10);
+        return QString("Transcrever%1 %2 %3 | Copiar%4 Salvar texto%5 Salvar legenda%6")
+            .arg(on("transcribeButton"), find<QPushButton>("cancelButton")->isVisible() ? "Cancelar" : "-", progress,
+                 on("copyButton"), on("saveTxtButton"), on("saveSrtButton"));
+    }
+    void screenshot(const QString& name) { EXPECT_TRUE(view->window()->grab().save(Desktop::screenshotFolder() + "/window-" + name + ".png")); }
+};
+
+TEST_F(VideoTranscriptionWindowTest, BadInputEndsInOneStatusLineAndLeavesTheWindowUsable)
+{
+    screenshot("idle");
+    writeFile(scratch("notas.txt"), "não é mídia");
+    const struct {
+        QString input;
+        QString status;
+        int alerts = 0;
+        std::function<void()> arrange;
+    } cases[] = {
+        {"   ", ""},
+        {"HTTPS://exemplo.com/video", "⚠️ Arquivo não encontrado: HTTPS://exemplo.com/video"},
+        {"  " + scratch({}) + " ", "⚠️ O arquivo não contém trilha de áudio."},
+        {scratch("notas.txt"), "⚠️ O arquivo não contém trilha de áudio."},
+        {"https://exemplo.com/video", "⚠️ O arquivo não contém trilha de áudio.", 1}, // the offer declined: nothing changes
+        {"https://exemplo.com/video", "⚠️ Baixe um modelo primeiro (menu → Modelo Whisper).", 1, [] { QDir(AppPaths::modelsFolder()).removeRecursively(); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.input.toStdString());
+        if (c.arrange)
+            c.arrange();
+        enter(c.input);
+        EXPECT_TRUE(waitUntil([&] { return status() == c.status && state() == kIdle; }, 60s)) << status().toStdString() << " " << state().toStdString();
+        EXPECT_EQ(alerts->shown.size(), c.alerts);
+    }
+    screenshot("failed");
+}
+
+TEST_F(VideoTranscriptionWindowTest, ADroppedVideoBecomesTextThatIsCopiedAndSavedAndClosingRemovesItsSubtitles)
+{
+    const QString text = "Olá 👍🏽 cafe\u0301 🇧🇷 e\u0301\u0302";
+    whisper.script("text=" + text + "\nprogress=5,42\nhold=1");
+    QMimeData dragged;
+    dragged.setUrls({QUrl::fromLocalFile(speechVideo())});
+    QDragEnterEvent dragEnter(QPoint(20, 20), Qt::CopyAction, &dragged, Qt::LeftButton, {});
+    QDropEvent drop(QPointF(20, 20), Qt::CopyAction, &dragged, Qt::LeftButton, {});
+    QApplication::sendEvent(find<QPlainTextEdit>("resultView")->viewport(), &dragEnter);
+    QApplication::sendEvent(find<QPlainTextEdit>("resultView")->viewport(), &drop);
+    ASSERT_EQ(find<QLineEdit>("urlField")->text(), speechVideo());
+    QTest::keyClick(find<QPlainTextEdit>("resultView"), Qt::Key_Return);
+
+    ASSERT_TRUE(statusBecomes("Transcrevendo… 42%")) << status().toStdString();
+    EXPECT_EQ(state(), "Transcrever- Cancelar bar 42% | Copiar- Salvar texto- Salvar legenda-");
+    screenshot("running-determinate");
+    writeFile(whisper.binaryPath() + ".release", "");
+    ASSERT_TRUE(statusBecomes("✅")) << status().toStdString();
+    QFile::remove(whisper.binaryPath() + ".release");
+    EXPECT_EQ(status(), "✅ Concluído — 14 caracteres.");
+    EXPECT_EQ(result(), text);
+    EXPECT_EQ(state(), "Transcrever+ - no bar | Copiar+ Salvar texto+ Salvar legenda+");
+    EXPECT_EQ(sounds->played, QStringList{"Glass"});
+    screenshot("finished");
+
+    click("copyButton");
+    EXPECT_EQ(QApplication::clipboard()->text(), text);
+    // A new text file, subtitles over older ones; then the same into a folder that refuses writing.
+    const QString folder = scratch("saida"), txt = folder + "/transcricao.txt", srt = folder + "/legenda.srt";
+    const QByteArray subtitles = "1\n00:00:00,000 --> 00:00:02,000\n" + text.toUtf8() + "\n";
+    writeFile(srt, "legenda antiga");
+    dialogs->answers = {txt, srt};
+    click("saveTxtButton");
+    click("saveSrtButton");
+    EXPECT_EQ(DesktopApps::readAll(txt), text.toUtf8());
+    EXPECT_EQ(DesktopApps::readAll(srt), subtitles);
+    writeFile(txt, "texto guardado");
+    // Immutable, so that not even root may write there.
+    ASSERT_TRUE(QProcess::execute("chattr", {"+i", folder}) == 0 || QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner));
+    dialogs->answers = {txt, srt};
+    click("saveTxtButton");
+    click("saveSrtButton");
+    QProcess::execute("chattr", {"-i", folder});
+    EXPECT_EQ(DesktopApps::readAll(txt), "texto guardado");
+    EXPECT_EQ(DesktopApps::readAll(srt), subtitles);
+    EXPECT_EQ(status(), "✅ Concluído — 14 caracteres.");
+
+    // Closed and opened again: the same texts, but the subtitle file is gone and cannot be saved.
+    view->window()->close();
+    EXPECT_TRUE(mediaFolders(AppPaths::temporaryFolder()).isEmpty());
+    view->show();
+    EXPECT_EQ(result(), text);
+    EXPECT_EQ(state(), "Transcrever+ - no bar | Copiar+ Salvar texto+ Salvar legenda-");
+}
+
+TEST_F(VideoTranscriptionWindowTest, ARunCanBeCancelledOrEndedByClosing)
+{
+    whisper.script("hold=1");
+    enter(speechVideo());
+    ASSERT_TRUE(statusBecomes(kTranscribing)) << status().toStdString();
+    EXPECT_EQ(state(), "Transcrever- Cancelar bar ~ | Copiar- Salvar texto- Salvar legenda-");
+    screenshot("running-indeterminate");
+    click("cancelButton");
+    ASSERT_TRUE(statusBecomes("⚠️ Operação cancelada.")) << status().toStdString();
+    EXPECT_EQ(state(), kIdle);
+
+    enter(speechVideo());
+    ASSERT_TRUE(statusBecomes(kTranscribing)) << status().toStdString();
+    view->window()->close();
+    EXPECT_TRUE(statusBecomes("⚠️ Operação cancelada.")) << status().toStdString();
+}
+
+TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLinkAtOnceSilently)
+{
+    const QByteArray fakeYtDlp = DesktopApps::readAll(fakesPath("yt-dlp"));
+    writeFile(YtDlpManager::installedPath() + ".control", ("source=" + speechVideo()).toUtf8());
+    whisper.script("text=baixado pelo yt-dlp novo\nnosrt=1");
+    Settings::shared().setPlaySounds(false);
+    const QString link = "https://videos.exemplo/v/1";
+
+    server.setRoute("yt-dlp", {.body = fakeYtDlp, .holdAt = fakeYtDlp.size() / 2});
+    alerts->answers = QStringList{"Instalar"};
+    enter(link);
+    ASSERT_TRUE(statusBecomes("Baixando yt-dlp… ")) << status().toStdString();
+    EXPECT_TRUE(state().startsWith("Transcrever- Cancelar bar ") && state().endsWith("% | Copiar- Salvar texto- Salvar legenda-")) << state().toStdString();
+    click("cancelButton");
+    EXPECT_EQ(state(), kIdle);
+    EXPECT_EQ(status(), "");
+    EXPECT_FALSE(QFile::exists(YtDlpManager::installedPath()));
+
+    server.setRoute("yt-dlp", {.body = fakeYtDlp});
+    alerts->answers = QStringList{"Instalar"};
+    enter(link);
+    ASSERT_TRUE(statusBecomes("✅")) << status().toStdString();
+    EXPECT_EQ(result(), "baixado pelo yt-dlp novo");
+    EXPECT_EQ(state(), "Transcrever+ - no bar | Copiar+ Salvar texto+ Salvar legenda-") << "no subtitles came";
+    EXPECT_TRUE(sounds->played.isEmpty());
+}
+
+// The real program: the window opened from the tray menu, a file and a link transcribed, the
+// subtitles saved through the real save dialog, the window closed with Ctrl+W.
+TEST(VideoTranscriptionWindowEndToEnd, FromTheTrayMenuToSavedSubtitlesLeavingNothingBehind)
+{
+    if (!hasX11() || !QFileInfo("/usr/bin/yt-dlp").isExecutable())
+        GTEST_SKIP() << "needs the headless desktop (scripts/with-harness.sh) and Debian's yt-dlp";
+    constexpr int enterKey = 36;
+    // Keys and text go to the focused window: the one just shown, or the open dialog.
+    const auto xdotool = [](const QStringList& arguments) { return QProcess::execute("xdotool", arguments) == 0; };
+    LocalHttpServer server;
+    server.setRoute("fala.mp4", {DesktopApps::readAll(speechVideo())});
+    AppRun app(VOXARIA_HELPER_voxaria_localmodels);
+    app.useFakeWhisper("text=legenda de ponta a ponta\nprogress=50,100");
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(Desktop::clickTrayIcon());
+    ASSERT_TRUE(app.waitForLog("menu shown", 10s)) << app.log().join('\n').toStdString();
+    ASSERT_TRUE(xdotool({"key", "Down", "Return"}));
+    ASSERT_TRUE(Desktop::waitForWindow("Transcrever v.*deo ou link", 10s));
+
+    for (const QString& input : {speechVideo(), server.baseUrl().toString() + "fala.mp4"}) {
+        const int from = app.lineCount();
+        ASSERT_TRUE(xdotool({"key", "ctrl+a", "type", input}));
+        XTestKeyboard::tap(enterKey, 20ms);
+        ASSERT_TRUE(app.waitForLog("✅ Concluído — 24 caracteres.", 120s, from)) << app.log().join('\n').toStdString();
+    }
+    // Shift+Tab from the field wraps round to the last button, "Salvar legenda (.srt)…".
+    const QString saved = app.root() + "/legenda-salva.srt";
+    ASSERT_TRUE(xdotool({"key", "shift+Tab", "space"}));
+    ASSERT_TRUE(Desktop::waitForWindow("Salvar legenda", 10s));
+    ASSERT_TRUE(xdotool({"key", "ctrl+a", "type", saved}));
+    XTestKeyboard::tap(enterKey, 20ms);
+    EXPECT_TRUE(waitUntil([&] { return DesktopApps::readAll(saved).contains("legenda de ponta a ponta"); }, 10s));
+
+    // Nothing gives the focus back when the dialog closes: no window manager runs here.
+    ASSERT_TRUE(xdotool({"search", "--onlyvisible", "--name", "^Transcrever v.*deo ou link$", "windowfocus", "--sync"}));
+    ASSERT_TRUE(xdotool({"key", "ctrl+w"}));
+    EXPECT_TRUE(waitUntil([&] { return mediaFolders(app.temporaryFolder()).isEmpty(); }, 10s))
+        << mediaFolders(app.temporaryFolder()).join(' ').toStdString();
+}
+
+}
