@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
 
@@ -72,8 +73,10 @@ int main(int argc, char** argv)
         FakeAudioInput* microphone = input.get();
         WhisperTranscriber engine(std::move(input));
         qint64 finalAt = 0;
-        engine.start({}, [&](const QString&) { finalAt = realtimeNs(); }, [](const Error& e) {
+        QEventLoop waiting;
+        engine.start({}, [&](const QString&) { finalAt = realtimeNs(); waiting.quit(); }, [&](const Error& e) {
             std::fprintf(stderr, "error: %s\n", qPrintable(e.description()));
+            waiting.quit();
         });
         microphone->deliver(silence);
         QElapsedTimer clock;
@@ -81,8 +84,8 @@ int main(int argc, char** argv)
         clock.start();
         engine.finish();
         const double finishMs = clock.nsecsElapsed() / 1e6;
-        while (!finalAt)
-            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+        // A real event loop, as in the program: nothing spins while the child runs.
+        waiting.exec();
         toStarted.push_back(finishMs);
         toChild.push_back((readStamp(home.path() + QStringLiteral("/started")) - releasedAt) / 1e6);
         exitToFinal.push_back((finalAt - readStamp(home.path() + QStringLiteral("/exited"))) / 1e6);
