@@ -29,6 +29,31 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage =
     QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
+// Only X11 and GNOME's XWayland forward a synthetic paste to the focused window; elsewhere the text
+// is only copied, and the paste is never probed.
+TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
+{
+    using enum SessionInfo::Compositor;
+    using enum TextInserter::Mode;
+    const struct {
+        SessionInfo session;
+        bool canPaste;
+        TextInserter::Mode mode;
+    } cases[] = {
+        {{SessionInfo::Kind::x11, none, true}, false, paste},
+        {{SessionInfo::Kind::wayland, gnome, true}, true, paste},
+        {{SessionInfo::Kind::wayland, gnome, true}, false, copyOnly},
+        {{SessionInfo::Kind::wayland, gnome, false}, true, copyOnly},
+        {{SessionInfo::Kind::wayland, wlroots, true}, true, copyOnly},
+        {{SessionInfo::Kind::wayland, kde, true}, true, copyOnly},
+        {{SessionInfo::Kind::wayland, other, true}, true, copyOnly},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.session.description().toStdString());
+        EXPECT_EQ(TextInserter::modeFor(c.session, [&] { return c.canPaste; }), c.mode);
+    }
+}
+
 TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithWhatTheUserLastHad)
 {
     auto pasteboard = std::make_shared<FakePasteboard>();
