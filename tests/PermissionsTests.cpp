@@ -91,24 +91,19 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
 // On Wayland the third line names what watches the key and how the text arrives.
 TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
 {
-    for (const bool copyOnly : {true, false}) {
-        const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", copyOnly};
-        const Alerts::Alert alert = Permissions::permissionsAlert({true, true, false}, "pt-BR", wayland);
-        EXPECT_EQ(alert.informativeText.section('\n', 4, 4),
-                  QString("3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: ")
-                      + (copyOnly ? "copiar apenas (cole com Ctrl+V)" : "X11 (XWayland)") + " ❌ pendente");
-    }
+    const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", true};
+    EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
+              "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
+              "(cole com Ctrl+V) ✅ concedida");
 }
 
 // Only a Wayland session where no source sees the key warns at start-up.
 TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
 {
-    const SessionInfo x11{SessionInfo::Kind::x11};
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
-    EXPECT_FALSE(Permissions::noKeySourceAlert(x11, {"XInput2", false}) || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
-    const auto alert = Permissions::noKeySourceAlert(gnome, {"/dev/input", false});
-    ASSERT_TRUE(alert);
-    EXPECT_TRUE(alert->informativeText.contains("grupo input") && alert->informativeText.contains("sessão X11")) << alert->informativeText.toStdString();
+    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false}) || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
+    EXPECT_TRUE(text.contains("grupo input") && text.contains("sessão X11")) << text.toStdString();
 }
 
 TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
