@@ -3,6 +3,8 @@
 #include "History/HistoryStore.h"
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeFrontApplication.h"
+#include "Platform/Fakes/FakeKeyPoster.h"
+#include "Platform/Fakes/FakePasteboard.h"
 #include "Platform/Fakes/FakeSounds.h"
 #include "App/Settings.h"
 #include "Engines/SpeechTranscriber.h"
@@ -78,6 +80,8 @@ public:
         script = std::make_shared<EngineScript>();
         inserted.clear();
         states.clear();
+        pasteboard = std::make_shared<FakePasteboard>();
+        keyPoster = std::make_shared<FakeKeyPoster>();
         auto fakeSounds = std::make_unique<FakeSounds>();
         auto fakeTrust = std::make_unique<FakeAccessibilityTrust>();
         auto fakeFront = std::make_unique<FakeFrontApplication>();
@@ -91,6 +95,7 @@ public:
             [this](const QString& text) {
                 inserted << text;
                 frontQueriesAtInsertion = front->queryCount;
+                return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode});
             },
             timing});
         controller->onStateChange = [this](State state) { states << state; };
@@ -111,6 +116,9 @@ public:
     FakeAccessibilityTrust* trust = nullptr;
     FakeFrontApplication* front = nullptr;
     QStringList inserted;
+    std::shared_ptr<FakePasteboard> pasteboard;
+    std::shared_ptr<FakeKeyPoster> keyPoster;
+    TextInserter::Mode insertionMode = TextInserter::Mode::paste;
     int frontQueriesAtInsertion = -1;
     QList<State> states;
     std::unique_ptr<DictationController> controller;
@@ -229,6 +237,21 @@ TEST_F(DictationTest, TheWarningStaysThreeSecondsAndAnErrorFour)
         ASSERT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 10s));
         EXPECT_GE(std::chrono::steady_clock::now() - shownAt, trusted ? 4s : 3s) << (trusted ? "the error" : "the warning");
     }
+}
+
+// Where no paste can reach the focused window, the text stays on the clipboard and the HUD says so.
+TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndSaysSoForThreeSeconds)
+{
+    insertionMode = TextInserter::Mode::copyOnly;
+    dictate();
+    const auto shownAt = std::chrono::steady_clock::now();
+    script->final(" texto ditado ");
+    EXPECT_EQ(hudStatus(), "Texto copiado — cole com Ctrl+V");
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 10s));
+    EXPECT_GE(std::chrono::steady_clock::now() - shownAt, 3s);
+    EXPECT_EQ(pasteboard->string(), "texto ditado") << "the clipboard was put back";
+    EXPECT_TRUE(keyPoster->posted.empty());
+    EXPECT_EQ(HistoryStore::shared().entries().value(0).text, "texto ditado");
 }
 
 // The engine follows the "engine" setting and what is installed.

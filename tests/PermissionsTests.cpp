@@ -88,6 +88,24 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
     qInstallMessageHandler(nullptr);
 }
 
+// On Wayland the third line names what watches the key and how the text arrives.
+TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
+{
+    const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", true};
+    EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
+              "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
+              "(cole com Ctrl+V) ✅ concedida");
+}
+
+// Only a Wayland session where no source sees the key warns at start-up.
+TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
+{
+    const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
+    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false}) || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
+    EXPECT_TRUE(text.contains("grupo input") && text.contains("sessão X11")) << text.toStdString();
+}
+
 TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
 {
     EXPECT_FALSE(Permissions::noEngineAlert(true, false, "pt-BR") || Permissions::noEngineAlert(false, true, "pt-BR"));

@@ -29,6 +29,20 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage =
     QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
+// Only X11 and GNOME's XWayland forward a synthetic paste to the focused window; elsewhere the text
+// is only copied, and the paste is never probed.
+TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
+{
+    using Kind = SessionInfo::Kind;
+    using enum SessionInfo::Compositor;
+    using enum TextInserter::Mode;
+    const auto mode = [](SessionInfo session, bool canPaste) { return TextInserter::modeFor(session, [=] { return canPaste; }); };
+    EXPECT_EQ(mode({Kind::x11, none, true}, false), paste);
+    EXPECT_EQ(mode({Kind::wayland, gnome, true}, true), paste);
+    EXPECT_EQ(mode({Kind::wayland, gnome, true}, false), copyOnly);
+    EXPECT_EQ(mode({Kind::wayland, kde, true}, true), copyOnly);
+}
+
 TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithWhatTheUserLastHad)
 {
     auto pasteboard = std::make_shared<FakePasteboard>();

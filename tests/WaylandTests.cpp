@@ -84,14 +84,18 @@ TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
     app.setEnvironment(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
     ASSERT_TRUE(app.start()) << app.log().join('\n').toStdString();
     ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 0ms));
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("dictated text only copied to the clipboard"), 10s));
 
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     EXPECT_EQ(runToEnd({"--press"}, environment).first, 0);
     EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << app.log().join('\n').toStdString();
     EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << app.log().join('\n').toStdString();
+    TestSupport::spin(500ms); // held long enough to count as a dictation
     const int before = app.lineCount();
     EXPECT_EQ(runToEnd({"--release"}, environment).first, 0);
     EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s, before)) << app.log().join('\n').toStdString();
+    // No paste reaches a Wayland window from here: the text waits on the clipboard, and the HUD says so.
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("Texto copiado"), 20s, before)) << app.log().join('\n').toStdString();
     // The second processes neither dictated nor took the program's place.
     EXPECT_EQ(app.log().filter(QStringLiteral("\"rightOption\" pressed")).size(), 1);
     EXPECT_EQ(app.process().state(), QProcess::Running);

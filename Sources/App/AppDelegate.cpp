@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 
+#include "Dictation/TextInserter.h"
 #include "Engines/WhisperTranscriber.h"
 #include "History/HistoryWindow.h"
 #include "LanguageOption.h"
@@ -110,11 +111,14 @@ bool AppDelegate::applicationDidFinishLaunching()
     };
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();
+    // Decided now, so the log says from the start how dictated text will arrive.
+    TextInserter::sessionMode();
     UpdaterManager::shared();
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
     // The questions come last: the key already works while they wait for an answer.
     maybeOfferModelDownload();
     maybeWarnNoEngine();
+    maybeWarnNoKeySource();
     return true;
 }
 
@@ -167,6 +171,12 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
     // Nothing remembers a "not now": the offer comes again at the next launch.
     if (alerts.runModal(offer) == 0)
         downloadSelectingWhisper(downloader, model, std::move(onDownloadEnded));
+}
+
+void AppDelegate::maybeWarnNoKeySource()
+{
+    if (const std::optional<Alerts::Alert> warning = Permissions::noKeySourceAlert(SessionInfo::current(), KeyMonitor::defaultChoice()))
+        m_services.alerts->runModal(*warning);
 }
 
 void AppDelegate::maybeWarnNoEngine()
@@ -432,7 +442,7 @@ void AppDelegate::openPermissions()
     const QString language = Settings::shared().localeIdentifier();
     // The sound server is asked off the main thread; the alert comes when it has answered.
     Permissions::check(language, [weakSelf = QPointer<AppDelegate>(this), language](Permissions::Needs needs) {
-        if (weakSelf && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language)) == 0)
+        if (weakSelf && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::current())) == 0)
             weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
     });
 }

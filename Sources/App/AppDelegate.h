@@ -68,6 +68,8 @@ private:
     void updateStatusIcon(DictationController::State state);
     void requestPermissions();
     void maybeOfferModelDownload();
+    // A Wayland session where nothing can see the dictation key says so once per launch.
+    void maybeWarnNoKeySource();
     void maybeWarnNoEngine();
     std::unique_ptr<QMenu> buildMenu();
     void addEngineMenu(QMenu& menu);

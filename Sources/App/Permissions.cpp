@@ -1,6 +1,7 @@
 #include "Permissions.h"
 
 #include "Settings.h"
+#include "Dictation/TextInserter.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/InputDevices.h"
 #include "Platform/SpeechRecognizer.h"
@@ -37,7 +38,11 @@ Permissions::Checks Permissions::Checks::system()
     return {
         &InputDevices::anyListed,
         [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
-        [] { return !isWaylandSession() && AccessibilityTrust::makeDefault()->isTrusted(false); },
+        [] {
+            if (isWaylandSession())
+                return KeyMonitor::defaultChoice().works;
+            return AccessibilityTrust::makeDefault()->isTrusted(false);
+        },
     };
 }
 
@@ -95,12 +100,35 @@ void Permissions::requestAtLaunch(const Checks& checks)
         qCWarning(lcApp).noquote() << "Acesso ao teclado pendente: a tecla de ditado e a colagem precisam de uma sessão X11 com XInput2 e XTEST";
 }
 
-Alerts::Alert Permissions::permissionsAlert(const Needs& needs, const QString& localeIdentifier)
+std::optional<Permissions::WaylandUse> Permissions::WaylandUse::current()
+{
+    const SessionInfo session = SessionInfo::current();
+    if (session.kind != SessionInfo::Kind::wayland)
+        return std::nullopt;
+    return WaylandUse{session.description(), KeyMonitor::defaultChoice().description,
+                      TextInserter::sessionMode() == TextInserter::Mode::copyOnly};
+}
+
+namespace {
+
+QString keyboardLine(const std::optional<Permissions::WaylandUse>& wayland)
+{
+    if (!wayland)
+        return QStringLiteral("3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto ");
+    const QString keySource = wayland->keySource.isEmpty() ? QStringLiteral("nenhuma") : wayland->keySource;
+    return QStringLiteral("3. Acesso ao teclado (") + wayland->sessionName + QStringLiteral(") — tecla de ditado: ") + keySource
+        + QStringLiteral("; colagem: ")
+        + (wayland->copyOnly ? QStringLiteral("copiar apenas (cole com Ctrl+V) ") : QStringLiteral("X11 (XWayland) "));
+}
+
+}
+
+Alerts::Alert Permissions::permissionsAlert(const Needs& needs, const QString& localeIdentifier, const std::optional<WaylandUse>& wayland)
 {
     const QString text = QStringLiteral("O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz ") + mark(needs.microphone)
         + QStringLiteral("\n2. Reconhecimento de fala — modelo do motor nativo para o idioma ") + localeIdentifier + QLatin1Char(' ')
         + mark(needs.speechRecognition)
-        + QStringLiteral("\n3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto ") + mark(needs.keyboardAccess)
+        + QLatin1Char('\n') + keyboardLine(wayland) + mark(needs.keyboardAccess)
         + QStringLiteral("\n\nSe algo não funcionar, veja a ajuda.");
     return {QStringLiteral("Permissões do Voxaria"), text, {{QStringLiteral("Abrir ajuda")}, {QStringLiteral("OK")}}};
 }
@@ -124,6 +152,19 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
         QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ") + localeIdentifier
             + QStringLiteral(".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com "
                              "modelo nativo instalado."),
+        {{QStringLiteral("OK")}},
+    };
+}
+
+std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& session, const KeyMonitor::SourceChoice& keySource)
+{
+    if (session.kind != SessionInfo::Kind::wayland || keySource.works)
+        return std::nullopt;
+    return Alerts::Alert{
+        QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
+        QStringLiteral("Nesta sessão ") + session.description()
+            + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
+                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo, ou use uma sessão X11."),
         {{QStringLiteral("OK")}},
     };
 }

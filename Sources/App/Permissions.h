@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Platform/Alerts.h"
+#include "Platform/KeyMonitor.h"
+#include "Platform/SessionInfo.h"
 
 #include <QString>
 #include <QUrl>
@@ -14,7 +16,7 @@ namespace Permissions {
 struct Needs {
     bool microphone = false;        // an input device exists
     bool speechRecognition = false; // the native engine has a model for the language
-    bool keyboardAccess = false;    // keys can be watched and posted (X11 with XInput2 and XTEST)
+    bool keyboardAccess = false;    // keys can be watched and posted (X11 with XInput2 and XTEST; on Wayland, the key seen)
 };
 
 // Where each need is looked up. `system()` asks the machine; tests put their own answers in.
@@ -46,8 +48,23 @@ void requestSpeechRecognition(std::function<void(bool)> completion, const Checks
 // when pending). Shows nothing and does not wait.
 void requestAtLaunch(const Checks& checks = Checks::system());
 
-// "Permissões do Voxaria": the three needs with their marks; buttons "Abrir ajuda" and "OK".
-Alerts::Alert permissionsAlert(const Needs& needs, const QString& localeIdentifier);
+// On a Wayland session, what stands in for the X11 keyboard access: the source that watches the
+// dictation key, and whether the text is only copied instead of pasted.
+struct WaylandUse {
+    QString sessionName;
+    QString keySource;
+    bool copyOnly = false;
+
+    // Nothing on an X11 session.
+    static std::optional<WaylandUse> current();
+};
+
+// "Permissões do Voxaria": the three needs with their marks; buttons "Abrir ajuda" and "OK". On
+// Wayland the third line names the key source and how the text arrives.
+Alerts::Alert permissionsAlert(const Needs& needs, const QString& localeIdentifier,
+                               const std::optional<WaylandUse>& wayland = std::nullopt);
+// At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
+std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const KeyMonitor::SourceChoice& keySource);
 // The help page installed with the program: <folder of the executable>/../share/voxaria/help/ajuda.html.
 QUrl helpPageURL();
 QUrl helpPageURL(const QString& executableFolder);

@@ -16,6 +16,7 @@ namespace {
 const QString accessibilityWarning = QStringLiteral("⚠️ Conceda permissão de Acessibilidade e tente de novo");
 const QString listeningMessage = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
+const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V");
 const QString noApplicationName = QStringLiteral("—");
 
 }
@@ -38,7 +39,7 @@ DictationController::DictationController(Collaborators collaborators, QObject* p
     , m_frontApplication(collaborators.frontApplication ? std::move(collaborators.frontApplication)
                                                         : FrontApplication::makeDefault())
     , m_insertText(collaborators.insertText ? std::move(collaborators.insertText)
-                                            : TextInsertion([](const QString& text) { TextInserter::insert(text); }))
+                                            : TextInsertion([](const QString& text) { return TextInserter::insert(text); }))
     , m_timing(collaborators.timing)
 {
 }
@@ -160,8 +161,12 @@ void DictationController::insert(const QString& text)
     const QString appName = m_frontApplication->localizedName().value_or(QString());
     const QString shownName = appName.isEmpty() ? noApplicationName : appName;
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
-    m_insertText(text);
+    const TextInserter::Mode mode = m_insertText(text);
     HistoryStore::shared().add(text, shownName);
+    if (mode == TextInserter::Mode::copyOnly) {
+        m_hud.show(copiedMessage, QString());
+        hideLaterIfStillIdle(m_timing.copiedMessage);
+    }
 }
 
 void DictationController::handleError(const Error& error)

@@ -6,6 +6,7 @@
 #include "Platform/FrontApplication.h"
 #include "Platform/KeyMonitor.h"
 #include "Platform/Sounds.h"
+#include "TextInserter.h"
 #include "Engines/TranscriptionEngine.h"
 
 #include <QObject>
@@ -24,7 +25,8 @@ public:
     enum class State { idle, recording, finishing };
 
     using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
-    using TextInsertion = std::function<void(const QString& text)>;
+    // Answers how the text went: pasted, or only copied for the user to paste.
+    using TextInsertion = std::function<TextInserter::Mode(const QString& text)>;
 
     struct Timing {
         // A press shorter than this was a slip, not a dictation (key down to key up).
@@ -33,6 +35,8 @@ public:
         std::chrono::milliseconds accessibilityMessage{3000};
         // How long an error stays, if no dictation started meanwhile.
         std::chrono::milliseconds errorMessage{4000};
+        // How long the note that the text was only copied stays, if no dictation started meanwhile.
+        std::chrono::milliseconds copiedMessage{3000};
     };
 
     // What the controller works with. Whatever is left empty is the real thing.

@@ -34,6 +34,12 @@ Contents saveContents(Pasteboard& pasteboard)
     return saved;
 }
 
+void putText(Pasteboard& pasteboard, const QString& text)
+{
+    pasteboard.clearContents();
+    pasteboard.setString(text);
+}
+
 void postCommandV(KeyPoster& keyPoster)
 {
     std::optional<KeyPoster::KeyEvent> keyDown = keyPoster.makeKeyEvent(KeyPoster::virtualKeyV, true);
@@ -127,25 +133,54 @@ Contents contentsToRestore(const std::shared_ptr<Pasteboard>& pasteboard)
 
 }
 
+Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste)
+{
+    if (session.kind == SessionInfo::Kind::x11)
+        return Mode::paste;
+    if (session.compositor == SessionInfo::Compositor::gnome && session.hasXDisplay && canSynthesisePaste())
+        return Mode::paste;
+    return Mode::copyOnly;
+}
+
+Mode sessionMode()
+{
+    static const Mode mode = [] {
+        const SessionInfo session = SessionInfo::current();
+        const Mode chosen = modeFor(session, [] {
+            return KeyPoster::makeDefault()->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value();
+        });
+        qCInfo(lcInsert).noquote() << "session:" << session.description() << "- dictated text"
+                                   << (chosen == Mode::paste ? "pasted through the X11 clipboard" : "only copied to the clipboard");
+        return chosen;
+    }();
+    return mode;
+}
+
 Target Target::system()
 {
-    return Target{Pasteboard::general(), KeyPoster::makeDefault(), Delays{}};
+    return Target{Pasteboard::general(), KeyPoster::makeDefault(), Delays{}, sessionMode()};
 }
 
-void insert(const QString& text)
+Mode insert(const QString& text)
 {
-    insert(text, Target::system());
+    return insert(text, Target::system());
 }
 
-void insert(const QString& text, const Target& target)
+Mode insert(const QString& text, const Target& target)
 {
     if (text.isEmpty())
-        return;
+        return target.mode;
+    if (target.mode == Mode::copyOnly) {
+        // Left for the user to paste: nothing is synthesised and nothing put back.
+        putText(*target.pasteboard, text);
+        qCDebug(lcInsert) << "Copied" << text.size() << "characters for the user to paste";
+        return target.mode;
+    }
     Contents saved = contentsToRestore(target.pasteboard);
-    target.pasteboard->clearContents();
-    target.pasteboard->setString(text);
+    putText(*target.pasteboard, text);
     qCDebug(lcInsert) << "Pasting" << text.size() << "characters; will restore" << saved.size() << "clipboard item(s)";
     latest = new Insertion(target, std::move(saved));
+    return target.mode;
 }
 
 }

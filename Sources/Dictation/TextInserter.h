@@ -2,10 +2,12 @@
 
 #include "Platform/KeyPoster.h"
 #include "Platform/Pasteboard.h"
+#include "Platform/SessionInfo.h"
 
 #include <QString>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 // Types a finished dictation into the focused application the way a user pastes: the text goes on
@@ -21,11 +23,23 @@ struct Delays {
     std::chrono::milliseconds beforeRestore{600};
 };
 
+// How the text reaches the application. A synthetic paste only reaches windows of the X server
+// (XWayland included), so where the compositor does not forward it to its own windows the text is
+// only copied: it stays on the clipboard for the user to paste, and nothing is put back.
+enum class Mode { paste, copyOnly };
+
+// The mode a session allows: X11 pastes; on Wayland only GNOME forwards the X11 clipboard and
+// XTEST paste to its own windows, so it pastes when `canSynthesisePaste` (asked only there) says so.
+Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
+// The mode of the session this program runs in, decided and logged at the first call.
+Mode sessionMode();
+
 // Where the text goes; the general clipboard and the system's key poster unless a test says else.
 struct Target {
     std::shared_ptr<Pasteboard> pasteboard;
     std::shared_ptr<KeyPoster> keyPoster;
     Delays delays;
+    Mode mode = Mode::paste;
 
     static Target system();
 };
@@ -33,8 +47,8 @@ struct Target {
 // Returns at once; the paste and the restoration run later on the main thread (a restoration still
 // ahead runs when the application quits). Nothing is reported: a failed paste leaves the clipboard
 // restored all the same. Dictations in quick succession end with the clipboard the user had before
-// the first.
-void insert(const QString& text);
-void insert(const QString& text, const Target& target);
+// the first. Answers the target's mode, so the caller can tell the user when the text was only copied.
+Mode insert(const QString& text);
+Mode insert(const QString& text, const Target& target);
 
 }

@@ -11,6 +11,8 @@
 
 namespace {
 
+KeyMonitor::SourceChoice latestChoice;
+
 QString bindingSocketPath()
 {
     QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
@@ -40,6 +42,7 @@ std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
 {
     const SessionInfo session = SessionInfo::current();
     QString chosen;
+    bool works = true;
     std::unique_ptr<KeyMonitor> monitor;
     using Compositor = SessionInfo::Compositor;
     if (session.kind == SessionInfo::Kind::x11
@@ -58,10 +61,17 @@ std::unique_ptr<KeyMonitor> KeyMonitor::makeDefault()
         monitor = std::make_unique<CombinedKeyMonitor>(std::move(sources));
     } else {
         chosen = QStringLiteral("/dev/input");
+        works = EvdevKeyMonitor::canRead();
         monitor = keyboards();
     }
     qCInfo(lcHotkey).noquote() << "session:" << session.description() << "- dictation key through" << chosen;
+    latestChoice = {chosen, works};
     return monitor;
+}
+
+KeyMonitor::SourceChoice KeyMonitor::defaultChoice()
+{
+    return latestChoice;
 }
 
 bool KeyMonitor::sendToRunningProgram(bool pressed, QString* error)
