@@ -4,6 +4,7 @@
 #include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
+#include "Shared/NetworkFailure.h"
 
 #include <QApplication>
 #include <QDir>
@@ -49,27 +50,12 @@ QString saveFailure(const QString& systemDescription)
     return QStringLiteral("Falha ao salvar o modelo: ") + reason;
 }
 
-// Qt's own descriptions are English and technical; these say what happened and what to try.
+// A reason that stands alone in the download window: it starts with a capital.
 QString networkReason(const QNetworkReply& reply)
 {
-    switch (reply.error()) {
-    case QNetworkReply::HostNotFoundError:
-        return QStringLiteral("Servidor não encontrado (%1). Verifique a conexão com a internet.").arg(reply.url().host());
-    case QNetworkReply::ConnectionRefusedError:
-        return QStringLiteral("O servidor recusou a conexão.");
-    case QNetworkReply::RemoteHostClosedError:
-    case QNetworkReply::NetworkSessionFailedError:
-    case QNetworkReply::UnknownNetworkError:
-    case QNetworkReply::TemporaryNetworkFailureError:
-        return QStringLiteral("A conexão caiu antes do fim do download. Tente de novo: ele continua de onde parou.");
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError: // only the stall timeout cancels a current transfer
-        return QStringLiteral("O servidor parou de responder. Tente de novo: o download continua de onde parou.");
-    case QNetworkReply::SslHandshakeFailedError:
-        return QStringLiteral("Falha na conexão segura com o servidor.");
-    default:
-        return QStringLiteral("Falha de rede: ") + reply.errorString();
-    }
+    QString reason = NetworkFailure::reason(reply, QStringLiteral("Tente de novo: ele continua de onde parou."));
+    reason[0] = reason[0].toUpper();
+    return reason;
 }
 
 // "bytes 100-199/200" → 100 and 200 (-1 when the total is "*").

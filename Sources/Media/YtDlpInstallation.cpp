@@ -3,6 +3,7 @@
 #include "Shared/AppPaths.h"
 #include "Shared/Error.h"
 #include "Shared/Logging.h"
+#include "Shared/NetworkFailure.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -22,27 +23,6 @@ constexpr qint64 kReadBufferBytes = 1 << 20;
 // rwxr-xr-x: the user runs it, and so may anyone who can read the folder, like the system's copy.
 constexpr auto kExecutable = std::filesystem::perms::owner_all | std::filesystem::perms::group_read
     | std::filesystem::perms::group_exec | std::filesystem::perms::others_read | std::filesystem::perms::others_exec;
-
-// Qt's descriptions are English and technical; these say what happened and what to try.
-QString networkReason(const QNetworkReply& reply)
-{
-    switch (reply.error()) {
-    case QNetworkReply::HostNotFoundError:
-        return QStringLiteral("servidor não encontrado (%1). Verifique a conexão com a internet.").arg(reply.url().host());
-    case QNetworkReply::ConnectionRefusedError:
-        return QStringLiteral("o servidor recusou a conexão.");
-    case QNetworkReply::RemoteHostClosedError:
-    case QNetworkReply::NetworkSessionFailedError:
-    case QNetworkReply::UnknownNetworkError:
-    case QNetworkReply::TemporaryNetworkFailureError:
-        return QStringLiteral("a conexão caiu antes do fim do download. Tente de novo.");
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError: // only the stall timeout cancels a running transfer
-        return QStringLiteral("o servidor parou de responder. Tente de novo.");
-    default:
-        return QStringLiteral("falha de rede (%1).").arg(reply.errorString());
-    }
-}
 
 // Puts `from` at `to` in one rename, so whoever looks there finds the earlier program or the new
 // one, never half of one and never nothing. The temporary folder is often another file system
@@ -64,6 +44,7 @@ std::error_code replaceAtomically(const QString& from, const QString& to)
     fs::remove(error ? staged : fs::path(from.toStdString()), ignored);
     return error;
 }
+
 }
 
 YtDlpInstallation::YtDlpInstallation(const QUrl& source, QString destination, Progress progress, Completion completion, QObject* parent)
@@ -154,7 +135,7 @@ void YtDlpInstallation::onFinished()
     if (!m_running)
         return;
     if (m_reply->error() != QNetworkReply::NoError)
-        fail(networkReason(*m_reply));
+        fail(NetworkFailure::reason(*m_reply, QStringLiteral("Tente de novo.")));
     else if (!m_responseChecked)
         fail(QStringLiteral("o endereço %1 não deu uma resposta HTTP.").arg(m_reply->url().toString()));
     else
