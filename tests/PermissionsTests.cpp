@@ -91,7 +91,7 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
 // On Wayland the third line names what watches the key and how the text arrives.
 TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
 {
-    const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", true};
+    const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", "copiar apenas (cole com Ctrl+V)"};
     EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
               "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
               "(cole com Ctrl+V) ✅ concedida");

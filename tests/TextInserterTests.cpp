@@ -29,8 +29,8 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage =
     QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
-// Only X11 and GNOME's XWayland forward a synthetic paste to the focused window; elsewhere the text
-// is only copied, and the paste is never probed.
+// X11, wlroots' virtual keyboard and GNOME's XWayland get a synthetic paste to the focused window;
+// elsewhere the text is only copied, and the paste is never probed.
 TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
 {
     using Kind = SessionInfo::Kind;
@@ -41,6 +41,9 @@ TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
     EXPECT_EQ(mode({Kind::wayland, gnome, true}, true), paste);
     EXPECT_EQ(mode({Kind::wayland, gnome, true}, false), copyOnly);
     EXPECT_EQ(mode({Kind::wayland, kde, true}, true), copyOnly);
+    EXPECT_EQ(mode({Kind::wayland, wlroots, false}, true), paste);
+    EXPECT_EQ(mode({Kind::wayland, wlroots, false}, false), copyOnly);
+    EXPECT_EQ(mode({Kind::wayland, other, false}, true), copyOnly);
 }
 
 TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithWhatTheUserLastHad)

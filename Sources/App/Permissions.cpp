@@ -39,17 +39,11 @@ Permissions::Checks Permissions::Checks::system()
         &InputDevices::anyListed,
         [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
         [] {
-            if (isWaylandSession())
+            if (SessionInfo::current().kind == SessionInfo::Kind::wayland)
                 return KeyMonitor::defaultChoice().works;
             return AccessibilityTrust::makeDefault()->isTrusted(false);
         },
     };
-}
-
-bool Permissions::isWaylandSession()
-{
-    return !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
-        && qEnvironmentVariable("XDG_SESSION_TYPE").compare(QLatin1String("wayland"), Qt::CaseInsensitive) == 0;
 }
 
 void Permissions::check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks)
@@ -105,8 +99,12 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::current()
     const SessionInfo session = SessionInfo::current();
     if (session.kind != SessionInfo::Kind::wayland)
         return std::nullopt;
-    return WaylandUse{session.description(), KeyMonitor::defaultChoice().description,
-                      TextInserter::sessionMode() == TextInserter::Mode::copyOnly};
+    QString pasteRoute = QStringLiteral("X11 (XWayland)");
+    if (TextInserter::sessionMode() == TextInserter::Mode::copyOnly)
+        pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
+    else if (session.compositor == SessionInfo::Compositor::wlroots)
+        pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
+    return WaylandUse{session.description(), KeyMonitor::defaultChoice().description, pasteRoute};
 }
 
 namespace {
@@ -117,8 +115,7 @@ QString keyboardLine(const std::optional<Permissions::WaylandUse>& wayland)
         return QStringLiteral("3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto ");
     const QString keySource = wayland->keySource.isEmpty() ? QStringLiteral("nenhuma") : wayland->keySource;
     return QStringLiteral("3. Acesso ao teclado (") + wayland->sessionName + QStringLiteral(") — tecla de ditado: ") + keySource
-        + QStringLiteral("; colagem: ")
-        + (wayland->copyOnly ? QStringLiteral("copiar apenas (cole com Ctrl+V) ") : QStringLiteral("X11 (XWayland) "));
+        + QStringLiteral("; colagem: ") + wayland->pasteRoute + QLatin1Char(' ');
 }
 
 }

@@ -32,10 +32,6 @@ struct Checks {
 // thread while the sound server is asked; `completion` runs on the main thread.
 void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks = Checks::system());
 
-// A Wayland session: keys and pastes then reach only the X11 windows of XWayland, so keyboard
-// access counts as pending even where an X display answers.
-bool isWaylandSession();
-
 // Each reports on the main thread whether the need is met; the looking-up runs off the main thread.
 // Speech recognition is checked for the language chosen in the settings.
 void requestMicrophone(std::function<void(bool)> completion);
@@ -53,7 +49,8 @@ void requestAtLaunch(const Checks& checks = Checks::system());
 struct WaylandUse {
     QString sessionName;
     QString keySource;
-    bool copyOnly = false;
+    // How dictated text arrives, e.g. "wlr data-control + teclado virtual".
+    QString pasteRoute;
 
     // Nothing on an X11 session.
     static std::optional<WaylandUse> current();

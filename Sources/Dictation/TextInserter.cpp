@@ -137,9 +137,10 @@ Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthes
 {
     if (session.kind == SessionInfo::Kind::x11)
         return Mode::paste;
-    if (session.compositor == SessionInfo::Compositor::gnome && session.hasXDisplay && canSynthesisePaste())
-        return Mode::paste;
-    return Mode::copyOnly;
+    using Compositor = SessionInfo::Compositor;
+    const bool forwardsPaste = session.compositor == Compositor::wlroots
+        || (session.compositor == Compositor::gnome && session.hasXDisplay);
+    return forwardsPaste && canSynthesisePaste() ? Mode::paste : Mode::copyOnly;
 }
 
 Mode sessionMode()
@@ -150,7 +151,9 @@ Mode sessionMode()
             return KeyPoster::makeDefault()->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value();
         });
         qCInfo(lcInsert).noquote() << "session:" << session.description() << "- dictated text"
-                                   << (chosen == Mode::paste ? "pasted through the X11 clipboard" : "only copied to the clipboard");
+                                   << (chosen == Mode::copyOnly ? "only copied to the clipboard"
+                                       : session.compositor == SessionInfo::Compositor::wlroots ? "pasted through wlr data-control and a virtual keyboard"
+                                                                                                : "pasted through the X11 clipboard");
         return chosen;
     }();
     return mode;

@@ -23,13 +23,14 @@ struct Delays {
     std::chrono::milliseconds beforeRestore{600};
 };
 
-// How the text reaches the application. A synthetic paste only reaches windows of the X server
-// (XWayland included), so where the compositor does not forward it to its own windows the text is
-// only copied: it stays on the clipboard for the user to paste, and nothing is put back.
+// How the text reaches the application. Where no synthetic paste can reach the compositor's own
+// windows, the text is only copied: it stays on the clipboard for the user to paste, and nothing is
+// put back.
 enum class Mode { paste, copyOnly };
 
-// The mode a session allows: X11 pastes; on Wayland only GNOME forwards the X11 clipboard and
-// XTEST paste to its own windows, so it pastes when `canSynthesisePaste` (asked only there) says so.
+// The mode a session allows: X11 pastes; on Wayland, wlroots compositors take a paste from a
+// virtual keyboard and GNOME forwards the X11 clipboard and XTEST paste to its own windows, so these
+// paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
 Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
 // The mode of the session this program runs in, decided and logged at the first call.
 Mode sessionMode();

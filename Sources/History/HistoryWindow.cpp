@@ -1,11 +1,11 @@
 #include "HistoryWindow.h"
 
 #include "Platform/Alerts.h"
+#include "Platform/Pasteboard.h"
 #include "Shared/WindowPlacement.h"
 
 #include <QAbstractTableModel>
 #include <QApplication>
-#include <QClipboard>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
@@ -312,7 +312,7 @@ void HistoryWindow::copySelected()
     const HistoryStore::Entry* entry = selectedEntry();
     if (!entry)
         return;
-    QGuiApplication::clipboard()->setText(entry->text);
+    Pasteboard::general()->setString(entry->text);
     m_statusLabel->setText(QStringLiteral("Copiado ✓"));
 }
 

@@ -23,5 +23,14 @@ public:
     // The window class of the focused top-level window, or nothing when none has one.
     virtual std::optional<WindowClass> windowClass() = 0;
 
+    // Whether the focused window is a terminal, which hands a plain Control-V to its program as ^V
+    // and pastes on Control-Shift-V instead.
+    bool isTerminalInFront()
+    {
+        const std::optional<WindowClass> front = windowClass();
+        return front && isTerminal(*front);
+    }
+    static bool isTerminal(const WindowClass& windowClass);
+
     static std::unique_ptr<FrontApplication> makeDefault();
 };

@@ -12,12 +12,6 @@
 
 #include <xcb/xcb.h>
 
-std::shared_ptr<Pasteboard> Pasteboard::general()
-{
-    static const auto general = std::make_shared<ClipboardPasteboard>();
-    return general;
-}
-
 namespace {
 
 bool onX11()

@@ -1,16 +1,12 @@
 #pragma once
 
+#include "DesktopEntryNames.h"
 #include "Platform/FrontApplication.h"
-
-#include <memory>
 
 // The front application on X11: the window named by the window manager's _NET_ACTIVE_WINDOW, or,
 // with no window manager, the top-level window above the one holding the input focus.
 class X11FrontApplication final : public FrontApplication {
 public:
-    X11FrontApplication();
-    ~X11FrontApplication() override;
-
     std::optional<QString> localizedName() override;
     std::optional<WindowClass> windowClass() override;
 
@@ -19,6 +15,5 @@ public:
     std::optional<QString> desktopEntryName(const WindowClass& windowClass);
 
 private:
-    class DesktopNames;
-    std::unique_ptr<DesktopNames> m_desktopNames;
+    DesktopEntryNames m_desktopNames;
 };

@@ -1,6 +1,5 @@
 #include "Shared/Logging.h"
 
-#include <QSet>
 
 #include "SyntheticKeys.h"
 #include "X11Display.h"
@@ -11,11 +10,6 @@
 #include <X11/keysym.h>
 
 #include <algorithm>
-
-std::shared_ptr<KeyPoster> KeyPoster::makeDefault()
-{
-    return std::make_shared<XTestKeyPoster>();
-}
 
 namespace {
 
@@ -75,24 +69,6 @@ XTestKeyPoster::XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplicatio
 {
 }
 
-bool XTestKeyPoster::isTerminal(const FrontApplication::WindowClass& windowClass)
-{
-    static const QSet<QString> terminals = {
-        QStringLiteral("xterm"), QStringLiteral("uxterm"), QStringLiteral("gnome-terminal"),
-        QStringLiteral("gnome-terminal-server"), QStringLiteral("org.gnome.terminal"), QStringLiteral("org.gnome.console"),
-        QStringLiteral("kgx"), QStringLiteral("ptyxis"), QStringLiteral("konsole"), QStringLiteral("org.kde.konsole"),
-        QStringLiteral("yakuake"), QStringLiteral("alacritty"), QStringLiteral("kitty"), QStringLiteral("foot"),
-        QStringLiteral("footclient"), QStringLiteral("xfce4-terminal"), QStringLiteral("mate-terminal"),
-        QStringLiteral("lxterminal"), QStringLiteral("qterminal"), QStringLiteral("terminator"), QStringLiteral("tilix"),
-        QStringLiteral("com.gexperts.tilix"), QStringLiteral("terminology"), QStringLiteral("urxvt"),
-        QStringLiteral("rxvt"), QStringLiteral("st"), QStringLiteral("st-256color"), QStringLiteral("wezterm"),
-        QStringLiteral("org.wezfurlong.wezterm"), QStringLiteral("sakura"), QStringLiteral("guake"),
-        QStringLiteral("tilda"), QStringLiteral("cool-retro-term"), QStringLiteral("contour"), QStringLiteral("ghostty"),
-        QStringLiteral("com.mitchellh.ghostty"),
-    };
-    return terminals.contains(windowClass.instance.toLower()) || terminals.contains(windowClass.className.toLower());
-}
-
 std::optional<KeyPoster::KeyEvent> XTestKeyPoster::makeKeyEvent(quint16 virtualKey, bool keyDown)
 {
     Display* display = xtestDisplay();
@@ -114,16 +90,9 @@ std::vector<unsigned long> XTestKeyPoster::modifiersFor(quint64 flags)
     if (flags & optionFlag)
         modifiers.push_back(XK_Alt_L);
     const bool shift = (flags & shiftFlag) != 0;
-    if (shift || ((flags & commandFlag) && isTerminalInFront()))
+    if (shift || ((flags & commandFlag) && m_frontApplication && m_frontApplication->isTerminalInFront()))
         modifiers.push_back(XK_Shift_L);
     return modifiers;
-}
-
-bool XTestKeyPoster::isTerminalInFront()
-{
-    const std::optional<FrontApplication::WindowClass> windowClass =
-        m_frontApplication ? m_frontApplication->windowClass() : std::nullopt;
-    return windowClass && isTerminal(*windowClass);
 }
 
 void XTestKeyPoster::post(const KeyEvent& event)

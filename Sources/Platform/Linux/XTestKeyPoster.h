@@ -16,12 +16,9 @@ public:
     std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
     void post(const KeyEvent& event) override;
 
-    static bool isTerminal(const FrontApplication::WindowClass& windowClass);
-
 private:
     // The modifier keysyms that stand for `flags` here.
     std::vector<unsigned long> modifiersFor(quint64 flags);
-    bool isTerminalInFront();
 
     std::unique_ptr<FrontApplication> m_frontApplication;
     // The modifier keys pressed with the last key-down, released with its key-up.

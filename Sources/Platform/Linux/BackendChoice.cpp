@@ -1,10 +1,19 @@
+// Which implementation stands behind each seam that depends on the session: X11 everywhere it can,
+// and on Wayland whatever the compositor offers, first available wins.
 #include "App/Settings.h"
 #include "BindingKeyMonitor.h"
+#include "ClipboardPasteboard.h"
+#include "CompositorFrontApplication.h"
+#include "DataControlPasteboard.h"
 #include "EvdevKeyMonitor.h"
 #include "Platform/CombinedKeyMonitor.h"
 #include "Platform/SessionInfo.h"
 #include "Shared/Logging.h"
+#include "VirtualKeyboardKeyPoster.h"
+#include "WaylandClient.h"
+#include "X11FrontApplication.h"
 #include "XInputKeyMonitor.h"
+#include "XTestKeyPoster.h"
 
 #include <QDir>
 #include <QStandardPaths>
@@ -34,6 +43,13 @@ std::unique_ptr<KeyMonitor> bindings()
 std::unique_ptr<KeyMonitor> keyboards()
 {
     return std::make_unique<EvdevKeyMonitor>();
+}
+
+// The compositor's own clipboard and keyboard protocols, when it offers both (sway, Hyprland).
+std::shared_ptr<WaylandClient> pastingCompositor()
+{
+    const std::shared_ptr<WaylandClient> client = WaylandClient::shared();
+    return client && client->dataControl() && client->virtualKeyboards() ? client : nullptr;
 }
 
 }
@@ -78,4 +94,40 @@ bool KeyMonitor::sendToRunningProgram(bool pressed, QString* error)
 {
     return BindingKeyMonitor::send(bindingSocketPath(),
                                    pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
+}
+
+std::shared_ptr<Pasteboard> Pasteboard::general()
+{
+    static const std::shared_ptr<Pasteboard> general = []() -> std::shared_ptr<Pasteboard> {
+        // KWin offers the data-control clipboard without the virtual keyboard: the text is then
+        // copied there, where native windows see it.
+        if (const std::shared_ptr<WaylandClient> client = WaylandClient::shared(); client && client->dataControl()) {
+            auto dataControl = std::make_shared<DataControlPasteboard>(client);
+            if (dataControl->isAvailable())
+                return dataControl;
+        }
+        return std::make_shared<ClipboardPasteboard>();
+    }();
+    return general;
+}
+
+std::shared_ptr<KeyPoster> KeyPoster::makeDefault()
+{
+    // One virtual keyboard for the program's life: each new one is announced to every client.
+    static const std::shared_ptr<KeyPoster> virtualKeyboard = [] {
+        const std::shared_ptr<WaylandClient> client = pastingCompositor();
+        return client ? std::make_shared<VirtualKeyboardKeyPoster>(client, FrontApplication::makeDefault()) : nullptr;
+    }();
+    if (virtualKeyboard)
+        return virtualKeyboard;
+    return std::make_shared<XTestKeyPoster>();
+}
+
+std::unique_ptr<FrontApplication> FrontApplication::makeDefault()
+{
+    if (SessionInfo::current().compositor == SessionInfo::Compositor::wlroots) {
+        if (auto compositor = CompositorFrontApplication::forSession(QProcessEnvironment::systemEnvironment()))
+            return compositor;
+    }
+    return std::make_unique<X11FrontApplication>();
 }

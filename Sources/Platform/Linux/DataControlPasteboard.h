@@ -1,0 +1,64 @@
+#pragma once
+
+#include "Platform/Pasteboard.h"
+
+#include <QStringList>
+
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+class WaylandClient;
+struct zwlr_data_control_device_v1;
+struct zwlr_data_control_offer_v1;
+struct zwlr_data_control_source_v1;
+
+// The Wayland clipboard through the wlr data-control protocol, which lets Voxaria read and set it
+// without a focused window of its own (sway, Hyprland, KWin). Every MIME type the owner offers is
+// read and can be offered back. What Voxaria puts on the clipboard is kept in memory and handed to
+// each reader from a thread of its own, so a slow reader never stalls the main thread. Main thread
+// only.
+class DataControlPasteboard final : public Pasteboard {
+public:
+    explicit DataControlPasteboard(std::shared_ptr<WaylandClient> client);
+    ~DataControlPasteboard() override;
+
+    // Whether the compositor lets this client manage the clipboard.
+    bool isAvailable() const { return m_device != nullptr; }
+
+    int itemCount() override;
+    QStringList types(int index) override;
+    std::optional<QByteArray> data(int index, const QString& type) override;
+    void clearContents() override;
+    void setString(const QString& text) override;
+    void writeItems(const std::vector<Item>& items) override;
+    bool ownsContents() override;
+
+private:
+    using Entries = std::vector<std::pair<QString, QByteArray>>;
+
+    static void onDataOffer(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
+    static void onSelection(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
+    static void onFinished(void* data, zwlr_data_control_device_v1*);
+    static void onOfferedType(void* data, zwlr_data_control_offer_v1* offer, const char* mimeType);
+    static void onSend(void* data, zwlr_data_control_source_v1* source, const char* mimeType, int32_t fd);
+    static void onCancelled(void* data, zwlr_data_control_source_v1* source);
+
+    // Brings the clipboard state up to date with the compositor's.
+    void synchronise();
+    // Becomes the clipboard owner, offering `entries` (nothing: an empty clipboard).
+    void offer(Entries entries);
+    void dropOwnSource();
+    std::optional<QByteArray> receive(const QString& type);
+
+    std::shared_ptr<WaylandClient> m_client;
+    zwlr_data_control_device_v1* m_device = nullptr;
+    // Offers introduced whose selection event is still to come, with the types announced so far.
+    std::map<zwlr_data_control_offer_v1*, QStringList> m_announced;
+    zwlr_data_control_offer_v1* m_selection = nullptr;
+    QStringList m_selectionTypes;
+    // Ours while Voxaria owns the clipboard, with what it offers.
+    zwlr_data_control_source_v1* m_source = nullptr;
+    Entries m_sourceEntries;
+};

@@ -1,0 +1,22 @@
+#include "Platform/FrontApplication.h"
+
+#include <QSet>
+
+// Window classes (X11) and application ids (Wayland) of the terminal emulators people use.
+bool FrontApplication::isTerminal(const FrontApplication::WindowClass& windowClass)
+{
+    static const QSet<QString> terminals = {
+        QStringLiteral("xterm"), QStringLiteral("uxterm"), QStringLiteral("gnome-terminal"),
+        QStringLiteral("gnome-terminal-server"), QStringLiteral("org.gnome.terminal"), QStringLiteral("org.gnome.console"),
+        QStringLiteral("kgx"), QStringLiteral("ptyxis"), QStringLiteral("konsole"), QStringLiteral("org.kde.konsole"),
+        QStringLiteral("yakuake"), QStringLiteral("alacritty"), QStringLiteral("kitty"), QStringLiteral("foot"),
+        QStringLiteral("footclient"), QStringLiteral("xfce4-terminal"), QStringLiteral("mate-terminal"),
+        QStringLiteral("lxterminal"), QStringLiteral("qterminal"), QStringLiteral("terminator"), QStringLiteral("tilix"),
+        QStringLiteral("com.gexperts.tilix"), QStringLiteral("terminology"), QStringLiteral("urxvt"),
+        QStringLiteral("rxvt"), QStringLiteral("st"), QStringLiteral("st-256color"), QStringLiteral("wezterm"),
+        QStringLiteral("org.wezfurlong.wezterm"), QStringLiteral("sakura"), QStringLiteral("guake"),
+        QStringLiteral("tilda"), QStringLiteral("cool-retro-term"), QStringLiteral("contour"), QStringLiteral("ghostty"),
+        QStringLiteral("com.mitchellh.ghostty"),
+    };
+    return terminals.contains(windowClass.instance.toLower()) || terminals.contains(windowClass.className.toLower());
+}

@@ -1,0 +1,126 @@
+#include "WaylandClient.h"
+
+#include "Platform/SessionInfo.h"
+#include "Shared/Logging.h"
+
+#include <QSocketNotifier>
+
+#include "virtual-keyboard-unstable-v1-client-protocol.h"
+#include "wlr-data-control-unstable-v1-client-protocol.h"
+
+#include <wayland-client.h>
+
+#include <cerrno>
+#include <cstring>
+
+std::shared_ptr<WaylandClient> WaylandClient::connect(const QString& displayName)
+{
+    const QByteArray name = displayName.toLocal8Bit();
+    wl_display* display = wl_display_connect(name.isEmpty() ? nullptr : name.constData());
+    if (!display) {
+        qCWarning(lcInsert) << "Cannot connect to the Wayland compositor" << (name.isEmpty() ? qgetenv("WAYLAND_DISPLAY") : name);
+        return nullptr;
+    }
+    std::shared_ptr<WaylandClient> client(new WaylandClient(display));
+    // Two round trips: the globals arrive with the first, what binding them sends with the second.
+    if (!client->roundtrip() || !client->roundtrip())
+        return nullptr;
+    qCInfo(lcInsert) << "Wayland compositor offers: seat" << (client->m_seat != nullptr) << "- data-control"
+                     << (client->m_dataControl != nullptr) << "- virtual keyboard" << (client->m_virtualKeyboards != nullptr);
+    return client;
+}
+
+std::shared_ptr<WaylandClient> WaylandClient::shared()
+{
+    static const std::shared_ptr<WaylandClient> client =
+        SessionInfo::current().kind == SessionInfo::Kind::wayland ? connect() : nullptr;
+    return client;
+}
+
+WaylandClient::WaylandClient(wl_display* display)
+    : m_display(display)
+{
+    static const wl_registry_listener listener = {.global = &WaylandClient::onGlobal, .global_remove = &WaylandClient::onGlobalRemove};
+    m_registry = wl_display_get_registry(m_display);
+    wl_registry_add_listener(m_registry, &listener, this);
+    m_notifier = new QSocketNotifier(wl_display_get_fd(m_display), QSocketNotifier::Read, this);
+    QObject::connect(m_notifier, &QSocketNotifier::activated, this, &WaylandClient::dispatchIncoming);
+}
+
+WaylandClient::~WaylandClient()
+{
+    if (m_virtualKeyboards)
+        zwp_virtual_keyboard_manager_v1_destroy(m_virtualKeyboards);
+    if (m_dataControl)
+        zwlr_data_control_manager_v1_destroy(m_dataControl);
+    if (m_seat)
+        wl_seat_destroy(m_seat);
+    wl_registry_destroy(m_registry);
+    wl_display_disconnect(m_display);
+}
+
+void WaylandClient::onGlobal(void* data, wl_registry* registry, uint32_t name, const char* interface, uint32_t version)
+{
+    auto* self = static_cast<WaylandClient*>(data);
+    if (std::strcmp(interface, wl_seat_interface.name) == 0 && !self->m_seat) {
+        self->m_seat = static_cast<wl_seat*>(wl_registry_bind(registry, name, &wl_seat_interface, 1));
+    } else if (std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0) {
+        // Version 1 is enough: the regular clipboard only, never the primary selection.
+        self->m_dataControl = static_cast<zwlr_data_control_manager_v1*>(
+            wl_registry_bind(registry, name, &zwlr_data_control_manager_v1_interface, 1));
+    } else if (std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0) {
+        self->m_virtualKeyboards = static_cast<zwp_virtual_keyboard_manager_v1*>(
+            wl_registry_bind(registry, name, &zwp_virtual_keyboard_manager_v1_interface, 1));
+    }
+    Q_UNUSED(version);
+}
+
+void WaylandClient::onGlobalRemove(void*, wl_registry*, uint32_t)
+{
+    // A seat or manager going away mid-session is rare; the requests sent to it are then ignored.
+}
+
+bool WaylandClient::roundtrip()
+{
+    if (!isConnected() || wl_display_roundtrip(m_display) < 0) {
+        reportLostConnection();
+        return false;
+    }
+    return true;
+}
+
+void WaylandClient::flush()
+{
+    if (isConnected() && wl_display_flush(m_display) < 0 && errno != EAGAIN)
+        reportLostConnection();
+}
+
+bool WaylandClient::isConnected() const
+{
+    return wl_display_get_error(m_display) == 0;
+}
+
+void WaylandClient::dispatchIncoming()
+{
+    // Reads what the socket holds without blocking, then handles it; libwayland's read protocol
+    // lets another reader (a roundtrip) interleave safely.
+    if (wl_display_prepare_read(m_display) == 0) {
+        if (wl_display_read_events(m_display) < 0) {
+            reportLostConnection();
+            return;
+        }
+    }
+    if (wl_display_dispatch_pending(m_display) < 0)
+        reportLostConnection();
+    flush();
+}
+
+void WaylandClient::reportLostConnection()
+{
+    if (m_lossReported)
+        return;
+    m_lossReported = true;
+    m_notifier->setEnabled(false);
+    qCWarning(lcInsert) << "Lost the connection to the Wayland compositor (error" << wl_display_get_error(m_display)
+                        << "); the clipboard and the paste keys stop working until Voxaria starts again";
+}

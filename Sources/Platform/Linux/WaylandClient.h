@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+struct wl_display;
+struct wl_registry;
+struct wl_seat;
+struct zwlr_data_control_manager_v1;
+struct zwp_virtual_keyboard_manager_v1;
+
+class QSocketNotifier;
+
+// This program's own connection to the Wayland compositor, for the few things that must speak
+// Wayland even while Voxaria's windows go through XWayland: the clipboard (wlr data-control) and
+// the paste keys (virtual keyboard). Events are handled on the main thread as they arrive, so the
+// clipboard state is current whenever a caller looks. Main thread only.
+class WaylandClient final : public QObject {
+public:
+    // Connects to `displayName` (a socket name or an absolute path; empty: WAYLAND_DISPLAY) and
+    // learns what the compositor offers; nothing when no compositor answers.
+    static std::shared_ptr<WaylandClient> connect(const QString& displayName = {});
+    // The connection of this process, made at the first call when the session is Wayland.
+    static std::shared_ptr<WaylandClient> shared();
+
+    ~WaylandClient() override;
+
+    wl_display* display() const { return m_display; }
+    // The first seat: the one keyboard and clipboard of an ordinary desktop.
+    wl_seat* seat() const { return m_seat; }
+    zwlr_data_control_manager_v1* dataControl() const { return m_dataControl; }
+    zwp_virtual_keyboard_manager_v1* virtualKeyboards() const { return m_virtualKeyboards; }
+
+    // Sends what is queued and waits until the compositor has answered it, handling the events that
+    // came meanwhile. Answers whether the connection still works.
+    bool roundtrip();
+    // Sends what is queued without waiting.
+    void flush();
+    // False once the compositor went away or ended the connection for an error of ours.
+    bool isConnected() const;
+
+private:
+    explicit WaylandClient(wl_display* display);
+    static void onGlobal(void* data, wl_registry* registry, uint32_t name, const char* interface, uint32_t version);
+    static void onGlobalRemove(void* data, wl_registry* registry, uint32_t name);
+    void dispatchIncoming();
+    void reportLostConnection();
+
+    wl_display* m_display = nullptr;
+    wl_registry* m_registry = nullptr;
+    wl_seat* m_seat = nullptr;
+    zwlr_data_control_manager_v1* m_dataControl = nullptr;
+    zwp_virtual_keyboard_manager_v1* m_virtualKeyboards = nullptr;
+    QSocketNotifier* m_notifier = nullptr;
+    bool m_lossReported = false;
+};
