@@ -155,7 +155,8 @@ bool HeadlessSway::start()
     m_uid = user->uid;
     m_gid = user->gid;
     const QString displayFile = m_folder.filePath(QStringLiteral("xdisplay"));
-    const QString voxaria = QStringLiteral(VOXARIA_APP_BINARY);
+    // A copy the sway user can reach wherever the build lies (a clone under /root, say).
+    const QString voxaria = m_folder.filePath(QStringLiteral("voxaria"));
     // Xwayland lets in only its own user: the test (root) is let in too, and only then is the
     // display written down, so a display in that file answers.
     QStringList config{
@@ -169,7 +170,8 @@ bool HeadlessSway::start()
     const QString configFile = m_folder.filePath(QStringLiteral("config"));
     QDir().mkpath(runtimeFolder());
     QDir().mkpath(m_folder.filePath(QStringLiteral("home")));
-    if (!TestSupport::writeFile(configFile, config.join(QLatin1Char('\n')).toUtf8() + '\n')
+    if (!QFile::copy(QStringLiteral(VOXARIA_APP_BINARY), voxaria)
+        || !TestSupport::writeFile(configFile, config.join(QLatin1Char('\n')).toUtf8() + '\n')
         || !QFile::setPermissions(runtimeFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)
         || !TestSupport::handOver(m_folder.path(), m_uid, m_gid))
         return fail(QStringLiteral("cannot prepare sway's folder ") + m_folder.path());
