@@ -229,14 +229,13 @@ QProcessEnvironment HeadlessSway::clientEnvironment() const
     return environment;
 }
 
-std::optional<QByteArray> HeadlessSway::run(const QString& program, const QStringList& arguments, const QByteArray& input)
+std::optional<QByteArray> HeadlessSway::run(const QString& program, const QStringList& arguments)
 {
     QProcess process;
     process.setProcessEnvironment(clientEnvironment());
     // Quiet: wl-paste's "No selection" is an answer here, not news.
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(program, arguments);
-    process.write(input);
     process.closeWriteChannel();
     // The event loop keeps running meanwhile: the other end may be a process the test drives.
     const bool ended = TestSupport::waitUntil([&] { return process.state() == QProcess::NotRunning; }, 20s);

@@ -59,7 +59,7 @@ public:
 
 private:
     // A program of this session run to its end; its standard output, or nothing if it failed.
-    std::optional<QByteArray> run(const QString& program, const QStringList& arguments, const QByteArray& input = {});
+    std::optional<QByteArray> run(const QString& program, const QStringList& arguments);
     bool fail(const QString& why);
     void dropClipboardOwner();
 
