@@ -9,6 +9,7 @@ packages=(
   libavformat-dev libavcodec-dev libswresample-dev libavutil-dev libsoxr-dev libpulse-dev
   libpocketsphinx-dev pocketsphinx-en-us pocketsphinx-testdata
   xvfb xauth x11-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core fonts-noto-color-emoji
+  sway xwayland wtype wl-clipboard foot x11-xserver-utils qt6-wayland libwayland-dev libxkbcommon-dev
   pulseaudio pulseaudio-utils espeak-ng sox ffmpeg yt-dlp python3
   dpkg-dev file lintian desktop-file-utils appstream
 )

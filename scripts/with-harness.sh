@@ -50,6 +50,11 @@ load-module module-remap-source master=voxaria_speaker.monitor source_name=voxar
 set-default-sink voxaria_speaker
 set-default-source voxaria_mic
 PA
+  # A second socket for programs the tests run as another user (say, a compositor's): the runtime
+  # folder is ours alone, this one anyone on the machine may reach.
+  mkdir -m 755 "$root/pulse-shared"
+  chmod 711 "$root"
+  echo "load-module module-native-protocol-unix auth-anonymous=1 socket=$root/pulse-shared/native" >>"$root/pulse.pa"
   pulseaudio --daemonize=no --exit-idle-time=-1 --disallow-exit -n -F "$root/pulse.pa" \
     --log-target=file:"$root/pulse.log" >/dev/null 2>&1 &
   pids+=($!)
@@ -61,6 +66,7 @@ PA
   # Without one recording kept attached, every new capture of the monitor starts 1-1.6 s late.
   parec --latency-msec=10 -d voxaria_speaker.monitor >/dev/null 2>&1 &
   pids+=($!)
+  export VOXARIA_HARNESS_PULSE_SERVER="unix:$root/pulse-shared/native"
   log "PulseAudio with virtual microphone voxaria_mic"
 }
 

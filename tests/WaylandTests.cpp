@@ -2,10 +2,14 @@
 // bindings reaching the running program through `voxaria --press` / `--release`, and the keyboards
 // read from event devices (fed here through pipes, since test machines have no keyboards).
 #include "AppRun.h"
+#include "HeadlessSway.h"
+#include "HistoryFiles.h"
 #include "Platform/Linux/EvdevKeyMonitor.h"
 #include "Platform/SessionInfo.h"
 #include "TestSupport.h"
 
+#include <QBuffer>
+#include <QImage>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -99,6 +103,65 @@ TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
     // The second processes neither dictated nor took the program's place.
     EXPECT_EQ(app.log().filter(QStringLiteral("\"rightOption\" pressed")).size(), 1);
     EXPECT_EQ(app.process().state(), QProcess::Running);
+}
+
+// A real sway session without a screen: its key bindings, its Xwayland and its clipboard.
+class Sway : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!HeadlessSway::available())
+            GTEST_SKIP() << HeadlessSway::unavailableReason().toStdString();
+        if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
+            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+        ASSERT_TRUE(sway.start()) << sway.failure().toStdString();
+    }
+
+    HeadlessSway sway;
+};
+
+TEST_F(Sway, RightAltHeldThroughTheBindingsDictatesIntoTheRunningProgram)
+{
+    AppRun app;
+    const auto log = [&] { return app.log().join('\n').toStdString(); };
+    app.useFakeWhisper(QStringLiteral("text=ditado pelo sway\n"));
+    app.setEnvironment(sway.sessionVariables());
+    app.runAs(sway.uid(), sway.gid());
+    ASSERT_TRUE(app.start()) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 10s)) << log();
+
+    // Speech plays while the key is held, as someone speaking would.
+    QProcess speech;
+    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
+    ASSERT_TRUE(sway.type({"-P", "Alt_R", "-s", "2500", "-p", "Alt_R"}));
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << log();
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s)) << log();
+    // Dictated: the fake's text is in the history, whatever became of the paste.
+    const QString history = app.dataFolder() + QStringLiteral("/history.json");
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return HistoryFiles::read(history).contains("ditado pelo sway"); }, 30s)) << log();
+    speech.waitForFinished(10000);
+}
+
+TEST_F(Sway, WindowsThereReceiveTypedTextAndTheClipboardCarriesTextAndImages)
+{
+    for (const auto kind : {ReceivingWindow::OnSway::wayland, ReceivingWindow::OnSway::xwayland, ReceivingWindow::OnSway::terminal}) {
+        ReceivingWindow window;
+        ASSERT_TRUE(window.start(sway, kind)) << int(kind) << " focused: " << sway.focusedApplication().toStdString();
+        ASSERT_TRUE(sway.type({"-s", "300", "hello"}));
+        EXPECT_TRUE(window.waitForText(QStringLiteral("hello"), 10s)) << int(kind) << ": " << window.text().toStdString();
+    }
+
+    QImage image(8, 8, QImage::Format_RGB32);
+    image.fill(Qt::magenta);
+    QByteArray png;
+    QBuffer buffer(&png);
+    ASSERT_TRUE(image.save(&buffer, "PNG"));
+    for (const auto& [data, type] : {std::pair{QByteArray("olá, área de transferência"), QStringLiteral("text/plain;charset=utf-8")},
+                                     std::pair{png, QStringLiteral("image/png")}}) {
+        ASSERT_TRUE(sway.copy(data, type)) << type.toStdString();
+        EXPECT_TRUE(sway.clipboardTypes().contains(type)) << sway.clipboardTypes().join(' ').toStdString();
+        EXPECT_EQ(sway.paste(type), data);
+    }
 }
 
 class Keyboards : public ::testing::Test {

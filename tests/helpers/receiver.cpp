@@ -3,7 +3,7 @@
 // Usage: receiver OUTPUT_FILE
 //
 // Shows a multi-line text field that takes the keyboard focus, then prints "ready WINDOW_ID" (the
-// X11 window id, in decimal) on standard output. After every change it rewrites OUTPUT_FILE with
+// X11 window id, in decimal; on Wayland only a handle) on standard output. After every change it rewrites OUTPUT_FILE with
 // the field's whole text in UTF-8, so the file always holds everything received so far. Its
 // WM_CLASS is "receiver" / "receiver" and its window title "receiver". It runs until terminated.
 

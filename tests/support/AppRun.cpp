@@ -1,5 +1,6 @@
 #include "AppRun.h"
 
+#include "HeadlessSway.h"
 #include "TestSupport.h"
 
 #include <QCoreApplication>
@@ -94,8 +95,22 @@ QString AppRun::whisperFolder() const
     return QFileInfo(m_binary).absolutePath();
 }
 
+void AppRun::runAs(uid_t uid, gid_t gid)
+{
+    m_user = {uid, gid};
+    // The harness's PulseAudio answers other users only on the socket it shares with them.
+    const QString sharedPulse = qEnvironmentVariable("VOXARIA_HARNESS_PULSE_SERVER");
+    if (!sharedPulse.isEmpty())
+        setEnvironment(QStringLiteral("PULSE_SERVER"), sharedPulse);
+}
+
 bool AppRun::start()
 {
+    if (m_user) {
+        if (!TestSupport::handOver(root(), m_user->first, m_user->second))
+            return false;
+        TestSupport::startAs(m_process, m_user->first, m_user->second);
+    }
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("HOME"), root() + QStringLiteral("/home"));
     environment.insert(QStringLiteral("XDG_DATA_HOME"), root() + QStringLiteral("/home/.local/share"));
@@ -163,12 +178,33 @@ ReceivingWindow::~ReceivingWindow()
 bool ReceivingWindow::start()
 {
     m_process.start(QStringLiteral(VOXARIA_HELPER_receiver), {outputPath()});
+    return waitUntilReady();
+}
+
+bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
+{
+    QProcessEnvironment environment = sway.clientEnvironment();
+    if (kind == OnSway::terminal) {
+        m_process.setProcessEnvironment(environment);
+        // Raw and silent: every byte typed or pasted reaches the file as it comes, and only once.
+        m_process.start(QStringLiteral("foot"), {QStringLiteral("--app-id=voxaria-terminal"), QStringLiteral("sh"), QStringLiteral("-c"),
+                                                 QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
+        return sway.waitForFocus(QStringLiteral("voxaria-terminal"));
+    }
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+    m_process.setProcessEnvironment(environment);
+    return start();
+}
+
+bool ReceivingWindow::waitUntilReady()
+{
     const bool ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
     if (!ready)
         return false;
     const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
+    // On Wayland the id is no X window's, only the focus counts.
     m_windowId = line.section(QLatin1Char(' '), 1, 1).toULongLong();
-    return line.startsWith(QStringLiteral("ready")) && m_windowId != 0;
+    return line.startsWith(QStringLiteral("ready"));
 }
 
 QString ReceivingWindow::text() const

@@ -8,6 +8,11 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
+
+#include <sys/types.h>
+
+class HeadlessSway;
 
 // One run of the real voxaria program with folders of its own (HOME, XDG data/config/cache and
 // TMPDIR under a fresh temporary folder), its log collected line by line for the test to follow.
@@ -37,6 +42,10 @@ public:
 
     // A variable the program will see, over the harness's own (e.g. to look like another session).
     void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
+    void setEnvironment(const QProcessEnvironment& variables) { m_environment.insert(variables); }
+    // Runs the program as this user (e.g. a compositor's, whose key bindings must reach it), its
+    // folders handed over to that user at start, its sound through the harness's shared PulseAudio.
+    void runAs(uid_t uid, gid_t gid);
 
     // Starts the program and waits until it watches the dictation key.
     bool start();
@@ -61,6 +70,7 @@ private:
     QString m_binary;
     QProcess m_process;
     QProcessEnvironment m_environment;
+    std::optional<std::pair<uid_t, gid_t>> m_user;
     QStringList m_lines;
     QByteArray m_partialLine;
 };
@@ -71,8 +81,12 @@ public:
     ReceivingWindow();
     ~ReceivingWindow();
 
-    // Starts it and waits until it has the focus.
+    // Starts it on the harness's X server and waits until it has the focus.
     bool start();
+    // Where it runs on a sway session: a Qt window native there or through Xwayland, or a foot
+    // terminal whose command writes down whatever is typed or pasted into it.
+    enum class OnSway { wayland, xwayland, terminal };
+    bool start(HeadlessSway& sway, OnSway kind);
     quint64 windowId() const { return m_windowId; }
     // The file the window rewrites with its whole text after every change.
     QString outputPath() const { return m_folder.filePath(QStringLiteral("received.txt")); }
@@ -80,6 +94,8 @@ public:
     bool waitForText(const QString& expected, std::chrono::milliseconds timeout);
 
 private:
+    bool waitUntilReady();
+
     QTemporaryDir m_folder;
     QProcess m_process;
     quint64 m_windowId = 0;
