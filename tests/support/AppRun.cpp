@@ -187,9 +187,9 @@ bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
     if (kind == OnSway::terminal) {
         m_process.setProcessEnvironment(environment);
         // Raw and silent: every byte typed or pasted reaches the file as it comes, and only once.
-        m_process.start(QStringLiteral("foot"), {QStringLiteral("--app-id=voxaria-terminal"), QStringLiteral("sh"), QStringLiteral("-c"),
+        m_process.start(QStringLiteral("foot"), {QStringLiteral("sh"), QStringLiteral("-c"),
                                                  QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
-        return sway.waitForFocus(QStringLiteral("voxaria-terminal"));
+        return sway.waitForFocus(QStringLiteral("foot"));
     }
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));
     m_process.setProcessEnvironment(environment);

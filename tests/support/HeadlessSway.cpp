@@ -1,12 +1,11 @@
 #include "HeadlessSway.h"
 
+#include "Platform/Linux/CompositorFrontApplication.h"
+
 #include "TestSupport.h"
 
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QStandardPaths>
 
 #include <filesystem>
@@ -54,20 +53,6 @@ QString firstEntry(const QString& folder, const QString& pattern)
 }
 
 // The node that has the keyboard focus in sway's tree of outputs, workspaces and windows.
-QJsonObject focusedNode(const QJsonObject& node)
-{
-    if (node.value(QStringLiteral("focused")).toBool())
-        return node;
-    for (const char* children : {"nodes", "floating_nodes"}) {
-        for (const QJsonValue& child : node.value(QLatin1String(children)).toArray()) {
-            const QJsonObject found = focusedNode(child.toObject());
-            if (!found.isEmpty())
-                return found;
-        }
-    }
-    return {};
-}
-
 }
 
 namespace TestSupport {
@@ -287,10 +272,9 @@ std::optional<QByteArray> HeadlessSway::paste(const QString& mimeType)
 
 QString HeadlessSway::focusedApplication()
 {
-    const std::optional<QByteArray> tree = run(QStringLiteral("swaymsg"), {QStringLiteral("-t"), QStringLiteral("get_tree"), QStringLiteral("-r")});
-    const QJsonObject node = focusedNode(QJsonDocument::fromJson(tree.value_or(QByteArray())).object());
-    const QString appId = node.value(QStringLiteral("app_id")).toString();
-    return appId.isEmpty() ? node.value(QStringLiteral("window_properties")).toObject().value(QStringLiteral("class")).toString() : appId;
+    // Asked the way Voxaria asks before a paste.
+    const auto front = CompositorFrontApplication(CompositorFrontApplication::Protocol::sway, swaySocket()).windowClass();
+    return front ? front->className : QString();
 }
 
 bool HeadlessSway::waitForFocus(const QString& application, std::chrono::milliseconds timeout)
