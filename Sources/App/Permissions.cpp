@@ -38,11 +38,7 @@ Permissions::Checks Permissions::Checks::system()
     return {
         &InputDevices::anyListed,
         [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
-        [] {
-            if (SessionInfo::current().kind == SessionInfo::Kind::wayland)
-                return KeyMonitor::defaultChoice().works;
-            return AccessibilityTrust::makeDefault()->isTrusted(false);
-        },
+        [] { return AccessibilityTrust::makeDefault()->isTrusted(false); },
     };
 }
 

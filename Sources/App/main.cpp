@@ -43,6 +43,15 @@ void quitOnTerminationSignals(QApplication& app)
         sigaction(signal, &action, nullptr);
 }
 
+// Qt prefers Wayland on a Wayland session. Where XWayland is there, Voxaria's windows go through it
+// instead, so the HUD stays an overlay no window manager places or focuses; only keys, clipboard
+// and paste speak Wayland. A user's own QT_QPA_PLATFORM still wins.
+void preferXWaylandForWindows(const SessionInfo& session)
+{
+    if (session.kind == SessionInfo::Kind::wayland && session.hasXDisplay && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "xcb");
+}
+
 void printLine(const QString& line)
 {
     std::fprintf(stderr, "%s\n", line.toUtf8().constData());
@@ -74,16 +83,19 @@ int main(int argc, char** argv)
         return sendKeyCommand(argc, argv, press);
     }
     // Checked before Qt, which would end the process with a message of its own.
-    if (!SessionInfo::current().hasDisplay()) {
+    const SessionInfo session = SessionInfo::current();
+    if (!session.hasDisplay()) {
         printLine(QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland)."));
         return 1;
     }
+    preferXWaylandForWindows(session);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
     QApplication::setDesktopFileName(Settings::applicationId());
     // A tray utility: closing a window never ends it; only "Sair do Voxaria" does.
     QApplication::setQuitOnLastWindowClosed(false);
+    qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
     AppDelegate delegate;
     if (!delegate.applicationDidFinishLaunching())

@@ -119,6 +119,8 @@ HUDPanel::HUDPanel()
               | Qt::WindowTransparentForInput | Qt::X11BypassWindowManagerHint))
 {
     m_panel->setObjectName(QStringLiteral("hudPanel"));
+    // Where the panel is an ordinary Wayland window, the compositor's rules pick it out by this title.
+    m_panel->setWindowTitle(QStringLiteral("Voxaria — ditado"));
     m_panel->setAttribute(Qt::WA_ShowWithoutActivating);
     m_panel->setAttribute(Qt::WA_TranslucentBackground);
     m_panel->setAttribute(Qt::WA_X11DoNotAcceptFocus);

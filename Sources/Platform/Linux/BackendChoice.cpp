@@ -12,6 +12,7 @@
 #include "VirtualKeyboardKeyPoster.h"
 #include "WaylandClient.h"
 #include "X11FrontApplication.h"
+#include "X11AccessibilityTrust.h"
 #include "XInputKeyMonitor.h"
 #include "XTestKeyPoster.h"
 
@@ -44,6 +45,19 @@ std::unique_ptr<KeyMonitor> keyboards()
 {
     return std::make_unique<EvdevKeyMonitor>();
 }
+
+// On Wayland nothing is granted: a dictation can work once the chosen key source sees the key (the
+// text arrives by paste or by copy, whichever the compositor allows).
+class KeySourceTrust final : public AccessibilityTrust {
+public:
+    bool isTrusted(bool prompt) override
+    {
+        const KeyMonitor::SourceChoice choice = KeyMonitor::defaultChoice();
+        if (!choice.works && prompt)
+            qCWarning(lcDictation).noquote() << "the dictation key cannot be seen through" << choice.description;
+        return choice.works;
+    }
+};
 
 // The compositor's own clipboard and keyboard protocols, when it offers both (sway, Hyprland).
 std::shared_ptr<WaylandClient> pastingCompositor()
@@ -130,4 +144,11 @@ std::unique_ptr<FrontApplication> FrontApplication::makeDefault()
             return compositor;
     }
     return std::make_unique<X11FrontApplication>();
+}
+
+std::unique_ptr<AccessibilityTrust> AccessibilityTrust::makeDefault()
+{
+    if (SessionInfo::current().kind == SessionInfo::Kind::wayland)
+        return std::make_unique<KeySourceTrust>();
+    return std::make_unique<X11AccessibilityTrust>();
 }

@@ -6,11 +6,6 @@
 
 #include <X11/extensions/XInput2.h>
 
-std::unique_ptr<AccessibilityTrust> AccessibilityTrust::makeDefault()
-{
-    return std::make_unique<X11AccessibilityTrust>();
-}
-
 namespace {
 
 bool offersXInput2(Display* display)
