@@ -127,10 +127,14 @@ std::shared_ptr<Pasteboard> Pasteboard::general()
 
 std::shared_ptr<KeyPoster> KeyPoster::makeDefault()
 {
-    // One virtual keyboard for the program's life: each new one is announced to every client.
-    static const std::shared_ptr<KeyPoster> virtualKeyboard = [] {
-        const std::shared_ptr<WaylandClient> client = pastingCompositor();
-        return client ? std::make_shared<VirtualKeyboardKeyPoster>(client, FrontApplication::makeDefault()) : nullptr;
+    // One virtual keyboard for the program's life: each new one is announced to every client. Only
+    // GNOME takes a paste through XWayland; on other Wayland sessions an XTEST paste would reach
+    // only X11 windows, so without the compositor's protocols nothing is synthesised at all.
+    static const std::shared_ptr<KeyPoster> virtualKeyboard = []() -> std::shared_ptr<KeyPoster> {
+        const SessionInfo session = SessionInfo::current();
+        if (session.kind != SessionInfo::Kind::wayland || session.compositor == SessionInfo::Compositor::gnome)
+            return nullptr;
+        return std::make_shared<VirtualKeyboardKeyPoster>(pastingCompositor(), FrontApplication::makeDefault());
     }();
     if (virtualKeyboard)
         return virtualKeyboard;
