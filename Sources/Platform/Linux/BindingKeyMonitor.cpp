@@ -19,6 +19,7 @@ constexpr int kAnswerTimeoutMs = 3000;
 BindingKeyMonitor::BindingKeyMonitor(QString socketPath, DictationKey dictationKey)
     : m_socketPath(std::move(socketPath))
     , m_dictationKey(std::move(dictationKey))
+    , m_handlers([this] { return listen(); }, [this] { stopListening(); })
 {
 }
 
@@ -26,19 +27,19 @@ BindingKeyMonitor::~BindingKeyMonitor() = default;
 
 KeyMonitor::Token BindingKeyMonitor::addMonitor(Handler handler)
 {
-    if (!m_server && !listen())
-        return 0;
     return m_handlers.add(std::move(handler));
 }
 
 void BindingKeyMonitor::removeMonitor(Token token)
 {
     m_handlers.remove(token);
-    if (m_handlers.empty() && m_server) {
-        m_server->close();
-        // Later: the last handler may be removed from within one of the server's own signals.
-        m_server.release()->deleteLater();
-    }
+}
+
+void BindingKeyMonitor::stopListening()
+{
+    m_server->close();
+    // Later: the last handler may be removed from within one of the server's own signals.
+    m_server.release()->deleteLater();
 }
 
 bool BindingKeyMonitor::listen()

@@ -36,6 +36,7 @@ public:
 
 private:
     bool listen();
+    void stopListening();
     void acceptConnections();
     void readCommand(QLocalSocket* socket);
 

@@ -52,6 +52,7 @@ KeyEventTime millisecondsOf(const input_event& event)
 
 EvdevKeyMonitor::EvdevKeyMonitor(QString folder)
     : m_folder(std::move(folder))
+    , m_handlers([this] { return startWatching(); }, [this] { stopWatching(); })
 {
 }
 
@@ -69,16 +70,12 @@ bool EvdevKeyMonitor::canRead(const QString& folder)
 
 KeyMonitor::Token EvdevKeyMonitor::addMonitor(Handler handler)
 {
-    if (!m_watcher && !startWatching())
-        return 0;
     return m_handlers.add(std::move(handler));
 }
 
 void EvdevKeyMonitor::removeMonitor(Token token)
 {
     m_handlers.remove(token);
-    if (m_handlers.empty())
-        stopWatching();
 }
 
 bool EvdevKeyMonitor::startWatching()

@@ -20,8 +20,15 @@ std::optional<ModifierKey> modifierForX11Keycode(int keycode)
     }
 }
 
+KeyHandlerList::KeyHandlerList(std::function<bool()> start, std::function<void()> stop)
+    : m_start(std::move(start)), m_stop(std::move(stop))
+{
+}
+
 KeyMonitor::Token KeyHandlerList::add(KeyMonitor::Handler handler)
 {
+    if (m_handlers.empty() && !m_start())
+        return 0;
     const KeyMonitor::Token token = m_nextToken++;
     m_handlers.emplace(token, std::move(handler));
     return token;
@@ -29,7 +36,8 @@ KeyMonitor::Token KeyHandlerList::add(KeyMonitor::Handler handler)
 
 void KeyHandlerList::remove(KeyMonitor::Token token)
 {
-    m_handlers.erase(token);
+    if (m_handlers.erase(token) != 0 && m_handlers.empty())
+        m_stop();
 }
 
 void KeyHandlerList::deliver(const FlagsChangedEvent& event) const

@@ -2,6 +2,7 @@
 
 #include "Platform/KeyMonitor.h"
 
+#include <functional>
 #include <map>
 #include <optional>
 
@@ -27,17 +28,22 @@ quint64 flagsOfHeldKeycodes(const Keycodes& keycodes)
     return flags;
 }
 
-// The handlers installed on one key source.
+// The handlers installed on one key source, which watches only while it has any: `start` begins
+// watching when the first handler comes (false: it cannot, and the handler is refused), `stop`
+// ends it when the last one goes.
 class KeyHandlerList {
 public:
+    KeyHandlerList(std::function<bool()> start, std::function<void()> stop);
+
     KeyMonitor::Token add(KeyMonitor::Handler handler);
     void remove(KeyMonitor::Token token);
-    bool empty() const { return m_handlers.empty(); }
     // Handlers may add or remove monitors while being called: the ones installed now are called,
     // skipping any that is gone by its turn.
     void deliver(const FlagsChangedEvent& event) const;
 
 private:
+    std::function<bool()> m_start;
+    std::function<void()> m_stop;
     std::map<KeyMonitor::Token, KeyMonitor::Handler> m_handlers;
     KeyMonitor::Token m_nextToken = 1;
 };

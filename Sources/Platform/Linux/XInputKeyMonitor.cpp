@@ -10,7 +10,10 @@
 #include <X11/extensions/XInput2.h>
 
 
-XInputKeyMonitor::XInputKeyMonitor() = default;
+XInputKeyMonitor::XInputKeyMonitor()
+    : m_handlers([this] { return openConnection(); }, [this] { closeConnection(); })
+{
+}
 
 XInputKeyMonitor::~XInputKeyMonitor()
 {
@@ -19,16 +22,12 @@ XInputKeyMonitor::~XInputKeyMonitor()
 
 KeyMonitor::Token XInputKeyMonitor::addMonitor(Handler handler)
 {
-    if (!m_display && !openConnection())
-        return 0;
     return m_handlers.add(std::move(handler));
 }
 
 void XInputKeyMonitor::removeMonitor(Token token)
 {
     m_handlers.remove(token);
-    if (m_handlers.empty())
-        closeConnection();
 }
 
 bool XInputKeyMonitor::openConnection()
