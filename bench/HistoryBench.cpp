@@ -3,6 +3,7 @@
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
 #include "Platform/Fakes/FakeAlerts.h"
+#include "Platform/Fakes/FakePasteboard.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -113,7 +114,7 @@ void benchKeystroke(const QString& folder)
     HistoryStore store(folder + QStringLiteral("/window/history.json"));
     fill(store, HistoryStore::maximumEntries);
     FakeAlerts alerts;
-    HistoryWindow window(store, alerts);
+    HistoryWindow window(store, alerts, std::make_shared<FakePasteboard>());
     window.show();
     auto* search = window.window()->findChild<QLineEdit*>(QStringLiteral("searchField"));
     const QStringList typing = {QStringLiteral("r"), QStringLiteral("re"), QStringLiteral("reu"), QStringLiteral("reun"),

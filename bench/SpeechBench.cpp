@@ -2,7 +2,7 @@
 // long start() takes until the microphone captures, and how soon text arrives in a first dictation
 // (model loaded then) and a second one (decoder kept). Run it under scripts/with-harness.sh.
 #include "Platform/SpeechRecognizer.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/SpeechTranscriber.h"
 
 #include <QApplication>

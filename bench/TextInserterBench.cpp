@@ -5,6 +5,9 @@
 //    with no key held and with AltGr (the dictation key) held down through the paste.
 
 #include "Dictation/TextInserter.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
+#include "Platform/Linux/X11/X11FrontApplication.h"
+#include "Platform/Linux/X11/XTestKeyPoster.h"
 #include "XTestKeyboard.h"
 
 #include <QApplication>
@@ -26,6 +29,19 @@
 using namespace std::chrono_literals;
 
 namespace {
+
+// The X11 session's own clipboard and paste keys, as the program uses them there.
+std::shared_ptr<Pasteboard> x11Clipboard()
+{
+    static const auto clipboard = std::make_shared<X11ClipboardPasteboard>();
+    return clipboard;
+}
+
+std::shared_ptr<KeyPoster> x11Keys()
+{
+    static const auto keys = std::make_shared<XTestKeyPoster>(std::make_unique<X11FrontApplication>());
+    return keys;
+}
 
 template <typename Call>
 auto timed(double& totalMs, Call call)
@@ -69,7 +85,7 @@ public:
     bool ownsContents() override { return timed(restoreMs, [&] { return m_real->ownsContents(); }); }
 
 private:
-    std::shared_ptr<Pasteboard> m_real = Pasteboard::general();
+    std::shared_ptr<Pasteboard> m_real = x11Clipboard();
     bool m_textWritten = false;
 };
 
@@ -121,11 +137,11 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
                                                  file.fileName()});
         owner.waitForFinished(); // xclip leaves a child serving the selection
         // Wait until the image is on offer, so the save below reads it rather than nothing.
-        spinUntil([] { return Pasteboard::general()->itemCount() > 0; }, 2s);
+        spinUntil([] { return x11Clipboard()->itemCount() > 0; }, 2s);
         auto pasteboard = std::make_shared<TimedPasteboard>();
         QElapsedTimer clock;
         clock.start();
-        TextInserter::insert(QStringLiteral("ditado"), {pasteboard, KeyPoster::makeDefault(), {}});
+        TextInserter::insert(QStringLiteral("ditado"), {pasteboard, x11Keys(), {}});
         const double callMs = double(clock.nsecsElapsed()) / 1e6;
         spinUntil([&] { return pasteboard->restored; }, 3s);
         saves.push_back(pasteboard->saveMs);
@@ -134,7 +150,7 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
             std::printf("first run: insert() returned after %.2f ms, %s restored\n", callMs,
                 pasteboard->restored ? "clipboard" : "NOT");
         // Our process stops serving the image before xclip offers it again.
-        Pasteboard::general()->clearContents();
+        x11Clipboard()->clearContents();
         spinUntil([] { return false; }, 50ms);
     }
     report("save 5 MB image from another program", saves, 20);
@@ -165,7 +181,7 @@ void measurePasteLanding(int runs, int heldKeycode, const char* label)
         if (heldKeycode)
             XTestKeyboard::press(heldKeycode);
         clock.start();
-        TextInserter::insert(QStringLiteral("Olá, ação — ñ 🎙️"));
+        TextInserter::insert(QStringLiteral("Olá, ação — ñ 🎙️"), {x11Clipboard(), x11Keys(), {}});
         spinUntil([&] { return landedAt >= 0; }, 2s);
         if (heldKeycode)
             XTestKeyboard::release(heldKeycode);

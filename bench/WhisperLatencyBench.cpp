@@ -3,7 +3,7 @@
 // out: a tiny shell stand-in writes its transcript and the moment it exits.
 #include "BenchHome.h"
 #include "Platform/Fakes/FakeAudioInput.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/WhisperTranscriber.h"
 
 #include <QCoreApplication>

@@ -6,7 +6,7 @@
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
 #include "Platform/Fakes/FakeSounds.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/SpeechTranscriber.h"
 #include "Engines/WhisperError.h"
 #include "Engines/WhisperTranscriber.h"

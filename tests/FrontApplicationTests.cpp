@@ -1,7 +1,7 @@
 #include "AppRun.h"
 #include "TestSupport.h"
 
-#include "Platform/Linux/X11FrontApplication.h"
+#include "Platform/Linux/X11/X11FrontApplication.h"
 
 #include <QDir>
 #include <QStandardPaths>

@@ -2,7 +2,8 @@
 #include "TestSupport.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
-#include "Platform/Linux/MessageBoxAlerts.h"
+#include "Platform/Linux/Desktop/MessageBoxAlerts.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -66,7 +67,7 @@ protected:
     {
         ASSERT_TRUE(TestSupport::writeFile(path, HistoryFiles::json(entries)));
         store = std::make_unique<HistoryStore>(path);
-        history = std::make_unique<HistoryWindow>(*store, alerts);
+        history = std::make_unique<HistoryWindow>(*store, alerts, std::make_shared<X11ClipboardPasteboard>());
         history->show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(history->window()));
     }

@@ -1,5 +1,6 @@
 #include "Dictation/HotkeyManager.h"
-#include "App/Settings.h"
+#include "Platform/Linux/X11/XInputKeyMonitor.h"
+#include "Shared/Preferences/Settings.h"
 
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
@@ -52,7 +53,7 @@ protected:
         ASSERT_TRUE(TestSupport::waitUntil([&] { return receiver.isVisible() && receiver.windowHandle()->isExposed(); }));
         XTestKeyboard::focus(receiver.winId());
         ASSERT_TRUE(TestSupport::waitUntil([&] { return XTestKeyboard::focusedWindow() == receiver.winId(); }));
-        auto source = KeyMonitor::makeDefault();
+        auto source = std::make_unique<XInputKeyMonitor>();
         // Counts every modifier change the source reports, so a test knows when its keys were seen.
         source->addMonitor([this](const FlagsChangedEvent&) { ++seen; });
         watched = std::make_unique<Watched>(std::move(source));
@@ -104,7 +105,7 @@ TEST_F(HotkeyOnX11, RightAltDictatesLeftAltOnlyKeepsTheFlagAndAChosenKeyCountsAt
 TEST_F(HotkeyOnX11, StoppingFromInsideACallbackAndStartingAgainKeepsWorking)
 {
     // Alone on its source, so stopping closes the X connection whose event is being handled.
-    watched = std::make_unique<Watched>(KeyMonitor::makeDefault());
+    watched = std::make_unique<Watched>(std::make_unique<XInputKeyMonitor>());
     watched->manager.onPress = [this](std::optional<KeyEventTime>) {
         ++watched->presses;
         watched->manager.stop();

@@ -1,7 +1,7 @@
 #include "LocalHttpServer.h"
 #include "TestSupport.h"
 #include "App/AppDelegate.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/ModelDownloadWindow.h"
 #include "Engines/ModelDownloader.h"
 #include "Platform/Fakes/FakeAlerts.h"

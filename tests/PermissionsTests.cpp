@@ -1,8 +1,9 @@
 #include "HistoryFiles.h"
 #include "TestSupport.h"
 #include "App/Permissions.h"
-#include "App/Settings.h"
-#include "Platform/Linux/XdgAutostartLoginItem.h"
+#include "Shared/Preferences/Settings.h"
+#include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
+#include "Platform/Linux/LinuxPlatform.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -47,7 +48,8 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
         SCOPED_TRACE(c.marks.toStdString());
         const Environment environment(c.environment);
         std::optional<Permissions::Needs> needs;
-        Permissions::check(c.locale, [&needs](Permissions::Needs found) { needs = found; });
+        const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
+        Permissions::check(c.locale, [&needs](Permissions::Needs found) { needs = found; }, Permissions::Checks::system(platform));
         ASSERT_TRUE(TestSupport::waitUntil([&] { return needs.has_value(); }));
         const Alerts::Alert alert = Permissions::permissionsAlert(*needs, c.locale);
         const auto mark = [&](int i) { return c.marks.mid(i, 1) == "✅" ? QString("✅ concedida") : QString("❌ pendente"); };
@@ -76,9 +78,11 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         log.clear();
         QList<bool> answers;
         const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };
-        Permissions::requestMicrophone(record);
-        Permissions::requestSpeechRecognition(record);
-        Permissions::requestAtLaunch();
+        const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
+        const Permissions::Checks checks = Permissions::Checks::system(platform);
+        Permissions::requestMicrophone(record, checks);
+        Permissions::requestSpeechRecognition(record, checks);
+        Permissions::requestAtLaunch(checks);
         TestSupport::waitUntil([&] { return answers.size() == 2 && log.size() == (missing ? 2 : 0); });
         TestSupport::spin(std::chrono::milliseconds(300));
         EXPECT_EQ(answers, QList<bool>(2, !missing));

@@ -1,4 +1,6 @@
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
+
+#include "Shared/AppPaths.h"
 
 #include <QFile>
 #include <QSettings>
@@ -14,7 +16,7 @@ namespace {
 // The raw store behind Settings, as another writer (or an older version) would see it.
 QSettings rawStore()
 {
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId());
+    return QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
 }
 
 class SettingsTest : public ::testing::Test {

@@ -1,7 +1,7 @@
 #include "Shared/AppPaths.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Fakes/FakeSpeechRecognizer.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/SpeechTranscriber.h"
 #include "TestSupport.h"
 

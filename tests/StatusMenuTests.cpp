@@ -6,6 +6,7 @@
 #include "App/Permissions.h"
 #include "App/UpdaterManager.h"
 #include "Platform/Fakes/FakeAlerts.h"
+#include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Fakes/FakeUrlOpener.h"
 #include "Shared/AppPaths.h"
 
@@ -52,16 +53,17 @@ protected:
     FakeLoginItem* loginItem = new FakeLoginItem;
     FakeUrlOpener* urlOpener = new FakeUrlOpener;
     ModelDownloader downloader{std::make_unique<FakeAlerts>(), server.baseUrl()};
+    FakeSessionPlatform platform;
     std::unique_ptr<AppDelegate> app;
     const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";
 
     void SetUp() override
     {
-        QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId()).clear();
+        QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId()).clear();
         QDir(AppPaths::modelsFolder()).removeRecursively();
         QFile::remove(whisperCli);
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
-        app = std::make_unique<AppDelegate>(AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
+        app = std::make_unique<AppDelegate>(platform, AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
                                                                   std::unique_ptr<UrlOpener>(urlOpener), &downloader});
     }
     void TearDown() override { qInstallMessageHandler(nullptr); }
@@ -71,7 +73,7 @@ protected:
         ASSERT_TRUE(TestSupport::writeFile(whisperCli, "#!/bin/sh\n", true));
         for (const QString& model : models)
             ASSERT_TRUE(TestSupport::writeFile(AppPaths::modelsFolder() + '/' + model, "lmgg"));
-        QSettings store(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId());
+        QSettings store(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
         for (const auto& [key, value] : stored)
             store.setValue(key, value);
     }

@@ -6,7 +6,11 @@
 
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
-#include "Platform/Linux/XInputKeyMonitor.h"
+#include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
+#include "Platform/Linux/X11/X11FrontApplication.h"
+#include "Platform/Linux/X11/XInputKeyMonitor.h"
+#include "Platform/Linux/X11/XTestKeyPoster.h"
 
 #include <QClipboard>
 #include <QElapsedTimer>
@@ -17,7 +21,7 @@
 #include <gtest/gtest.h>
 
 // Xlib's macros clash with the headers above, so it comes last.
-#include "Platform/Linux/X11Display.h"
+#include "Platform/Linux/X11/X11Display.h"
 
 using namespace std::chrono_literals;
 
@@ -35,15 +39,15 @@ TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
 {
     using Kind = SessionInfo::Kind;
     using enum SessionInfo::Compositor;
-    using enum TextInserter::Mode;
-    const auto mode = [](SessionInfo session, bool canPaste) { return TextInserter::modeFor(session, [=] { return canPaste; }); };
-    EXPECT_EQ(mode({Kind::x11, none, true}, false), paste);
-    EXPECT_EQ(mode({Kind::wayland, gnome, true}, true), paste);
-    EXPECT_EQ(mode({Kind::wayland, gnome, true}, false), copyOnly);
-    EXPECT_EQ(mode({Kind::wayland, kde, true}, true), copyOnly);
-    EXPECT_EQ(mode({Kind::wayland, wlroots, false}, true), paste);
-    EXPECT_EQ(mode({Kind::wayland, wlroots, false}, false), copyOnly);
-    EXPECT_EQ(mode({Kind::wayland, other, false}, true), copyOnly);
+    using enum SessionPlatform::PasteRoute;
+    const auto route = [](SessionInfo session, bool canPaste) { return LinuxPlatform::pasteRouteFor(session, [=] { return canPaste; }); };
+    EXPECT_EQ(route({Kind::x11, none, true}, false), x11);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true), xwayland);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, false), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, kde, true}, true), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, wlroots, false}, true), compositor);
+    EXPECT_EQ(route({Kind::wayland, wlroots, false}, false), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, other, false}, true), copyOnly);
 }
 
 TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithWhatTheUserLastHad)
@@ -121,6 +125,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"into a terminal", threeFormats, 0, true},
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
+    const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(),
+                                         std::make_shared<XTestKeyPoster>(std::make_unique<X11FrontApplication>())};
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;
@@ -143,7 +149,7 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         // A timer due now must wait for the event loop: the clipboard writes run none of it.
         bool timerRan = false;
         QTimer::singleShot(0, [&] { timerRan = true; });
-        TextInserter::insert(dictation);
+        TextInserter::insert(dictation, x11Target);
         EXPECT_FALSE(timerRan) << "the event loop ran inside insert()";
         EXPECT_TRUE(TestSupport::waitUntil([&] { return received() == expected; }, 5s)) << "got: " << received().toStdString();
         if (heldKey) {

@@ -7,7 +7,8 @@
 #include "LocalHttpServer.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
-#include "App/Settings.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
+#include "Shared/Preferences/Settings.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Media/YtDlpManager.h"
 #include "Platform/Fakes/FakeAlerts.h"
@@ -67,7 +68,8 @@ protected:
         writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
         Settings::shared().setPlaySounds(true);
         view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{
-            std::unique_ptr<Alerts>(alerts), std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds), {},
+            std::unique_ptr<Alerts>(alerts), std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds),
+            std::make_shared<X11ClipboardPasteboard>(),
             // Debian's yt-dlp does not count here: only the copy the window installs.
             [] { return QFileInfo(YtDlpManager::installedPath()).isExecutable(); },
             server.baseUrl().resolved(QUrl("yt-dlp"))});

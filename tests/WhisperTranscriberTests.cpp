@@ -1,7 +1,7 @@
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
-#include "Platform/Linux/PulseAudioInput.h"
+#include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Shared/AppPaths.h"
 #include "TestSupport.h"
 
@@ -35,7 +35,7 @@ protected:
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
         installModel(QStringLiteral("ggml-large-v3-turbo-q5_0.bin"));
-        QSettings(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId()).clear();
+        QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId()).clear();
         for (const QString& leftover : dictationFiles())
             QFile::remove(leftover);
     }

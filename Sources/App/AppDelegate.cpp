@@ -7,6 +7,7 @@
 #include "Media/MediaTranscriber.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Permissions.h"
+#include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "StatusIcon.h"
 #include "UpdaterManager.h"
@@ -75,14 +76,18 @@ QAction* addChoice(QMenu& menu, const QString& title, bool checked)
 
 }
 
-AppDelegate::AppDelegate(QObject* parent)
-    : AppDelegate(Services{}, parent)
+AppDelegate::AppDelegate(SessionPlatform& platform, QObject* parent)
+    : AppDelegate(platform, Services{}, parent)
 {
 }
 
-AppDelegate::AppDelegate(Services services, QObject* parent)
+AppDelegate::AppDelegate(SessionPlatform& platform, Services services, QObject* parent)
     : QObject(parent)
+    , m_platform(platform)
     , m_services(std::move(services))
+    , m_checks(Permissions::Checks::system(platform))
+    , m_hotkeyManager(platform.takeKeyMonitor())
+    , m_dictation(DictationController::Collaborators::forSession(platform))
 {
 }
 
@@ -111,8 +116,6 @@ bool AppDelegate::applicationDidFinishLaunching()
     };
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();
-    // Decided now, so the log says from the start how dictated text will arrive.
-    TextInserter::sessionMode();
     UpdaterManager::shared();
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
     // The questions come last: the key already works while they wait for an answer.
@@ -124,10 +127,7 @@ bool AppDelegate::applicationDidFinishLaunching()
 
 bool AppDelegate::ensureSingleInstance()
 {
-    QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
-    if (folder.isEmpty())
-        folder = QDir::tempPath();
-    m_instanceLock = std::make_unique<QLockFile>(folder + QLatin1Char('/') + Settings::applicationId() + QStringLiteral(".lock"));
+    m_instanceLock = std::make_unique<QLockFile>(AppPaths::runtimeFile(QStringLiteral(".lock")));
     // A lock left by a crashed copy is taken over: QLockFile checks whether its owner still lives.
     m_instanceLock->setStaleLockTime(0);
     if (m_instanceLock->tryLock(0))
@@ -140,7 +140,7 @@ void AppDelegate::requestPermissions()
 {
     // Nothing is shown here: a missing need is only logged, and dictation explains itself when the
     // user tries it.
-    Permissions::requestAtLaunch();
+    Permissions::requestAtLaunch(m_checks);
 }
 
 void AppDelegate::maybeOfferModelDownload()
@@ -175,7 +175,7 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
 
 void AppDelegate::maybeWarnNoKeySource()
 {
-    if (const std::optional<Alerts::Alert> warning = Permissions::noKeySourceAlert(SessionInfo::current(), KeyMonitor::defaultChoice()))
+    if (const std::optional<Alerts::Alert> warning = Permissions::noKeySourceAlert(m_platform.session(), m_platform.keySource()))
         m_services.alerts->runModal(*warning);
 }
 
@@ -183,7 +183,7 @@ void AppDelegate::maybeWarnNoEngine()
 {
     const QString language = Settings::shared().localeIdentifier();
     const std::optional<Alerts::Alert> warning = Permissions::noEngineAlert(
-        WhisperTranscriber::binaryURL().has_value(), Permissions::Checks::system().nativeModelFound(language), language);
+        WhisperTranscriber::binaryURL().has_value(), m_checks.nativeModelFound(language), language);
     if (!warning)
         return;
     qCWarning(lcApp) << "no engine can dictate in" << language;
@@ -418,12 +418,19 @@ void AppDelegate::toggleSounds()
 
 void AppDelegate::openHistory()
 {
-    HistoryWindow::shared().show();
+    if (!m_history)
+        m_history = std::make_unique<HistoryWindow>(HistoryStore::shared(), *m_services.alerts, m_platform.pasteboard());
+    m_history->show();
 }
 
 void AppDelegate::openVideoTranscription()
 {
-    VideoTranscriptionWindow::shared().show();
+    if (!m_videoWindow) {
+        VideoTranscriptionWindow::Services services;
+        services.pasteboard = m_platform.pasteboard();
+        m_videoWindow = std::make_unique<VideoTranscriptionWindow>(std::move(services));
+    }
+    m_videoWindow->show();
 }
 
 void AppDelegate::toggleLaunchAtLogin()
@@ -442,9 +449,10 @@ void AppDelegate::openPermissions()
     const QString language = Settings::shared().localeIdentifier();
     // The sound server is asked off the main thread; the alert comes when it has answered.
     Permissions::check(language, [weakSelf = QPointer<AppDelegate>(this), language](Permissions::Needs needs) {
-        if (weakSelf && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::current())) == 0)
+        if (weakSelf
+            && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::of(weakSelf->m_platform))) == 0)
             weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
-    });
+    }, m_checks);
 }
 
 void AppDelegate::checkForUpdates()

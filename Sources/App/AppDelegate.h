@@ -3,10 +3,14 @@
 #include "Dictation/DictationController.h"
 #include "Dictation/HotkeyManager.h"
 #include "Engines/ModelDownloader.h"
+#include "History/HistoryWindow.h"
+#include "Media/VideoTranscriptionWindow.h"
+#include "Permissions.h"
 #include "Platform/Alerts.h"
 #include "Platform/LoginItem.h"
+#include "Platform/SessionPlatform.h"
 #include "Platform/UrlOpener.h"
-#include "Settings.h"
+#include "Shared/Preferences/Settings.h"
 
 #include <QLockFile>
 #include <QObject>
@@ -33,8 +37,9 @@ public:
         ModelDownloader* downloader = &ModelDownloader::shared();
     };
 
-    explicit AppDelegate(QObject* parent = nullptr);
-    explicit AppDelegate(Services services, QObject* parent = nullptr);
+    // `platform` is the session's, chosen at start-up; it outlives the delegate.
+    explicit AppDelegate(SessionPlatform& platform, QObject* parent = nullptr);
+    AppDelegate(SessionPlatform& platform, Services services, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The whole start-up; false when another copy already runs and this one must leave quietly.
@@ -83,10 +88,15 @@ private:
     void download(const ModelDownloader::Model& model);
     std::function<void()> refreshMenuLater();
 
+    SessionPlatform& m_platform;
     Services m_services;
+    Permissions::Checks m_checks;
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
     std::unique_ptr<QMenu> m_menu;
     HotkeyManager m_hotkeyManager;
     DictationController m_dictation;
+    // Built at their first opening, gone with the delegate (before the application).
+    std::unique_ptr<HistoryWindow> m_history;
+    std::unique_ptr<VideoTranscriptionWindow> m_videoWindow;
 };

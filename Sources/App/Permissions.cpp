@@ -1,7 +1,6 @@
 #include "Permissions.h"
 
-#include "Settings.h"
-#include "Dictation/TextInserter.h"
+#include "Shared/Preferences/Settings.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/InputDevices.h"
 #include "Platform/SpeechRecognizer.h"
@@ -33,12 +32,12 @@ void answerOnMainThread(std::function<bool()> lookUp, std::function<void(bool)> 
 
 }
 
-Permissions::Checks Permissions::Checks::system()
+Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform)
 {
     return {
         &InputDevices::anyListed,
         [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
-        [] { return AccessibilityTrust::makeDefault()->isTrusted(false); },
+        [trust = std::shared_ptr<AccessibilityTrust>(platform.makeAccessibilityTrust())] { return trust->isTrusted(false); },
     };
 }
 
@@ -47,16 +46,6 @@ void Permissions::check(const QString& localeIdentifier, std::function<void(Need
     answerOnMainThread(checks.inputDeviceListed, [localeIdentifier, completion = std::move(completion), checks](bool microphone) {
         completion({microphone, checks.nativeModelFound(localeIdentifier), checks.keyboardAccess()});
     });
-}
-
-void Permissions::requestMicrophone(std::function<void(bool)> completion)
-{
-    requestMicrophone(std::move(completion), Checks::system());
-}
-
-void Permissions::requestSpeechRecognition(std::function<void(bool)> completion)
-{
-    requestSpeechRecognition(std::move(completion), Checks::system());
 }
 
 void Permissions::requestMicrophone(std::function<void(bool)> completion, const Checks& checks)
@@ -90,17 +79,17 @@ void Permissions::requestAtLaunch(const Checks& checks)
         qCWarning(lcApp).noquote() << "Acesso ao teclado pendente: a tecla de ditado e a colagem precisam de uma sessão X11 com XInput2 e XTEST";
 }
 
-std::optional<Permissions::WaylandUse> Permissions::WaylandUse::current()
+std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const SessionPlatform& platform)
 {
-    const SessionInfo session = SessionInfo::current();
+    const SessionInfo session = platform.session();
     if (session.kind != SessionInfo::Kind::wayland)
         return std::nullopt;
     QString pasteRoute = QStringLiteral("X11 (XWayland)");
-    if (TextInserter::sessionMode() == TextInserter::Mode::copyOnly)
+    if (platform.pasteRoute() == SessionPlatform::PasteRoute::copyOnly)
         pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
-    else if (session.compositor == SessionInfo::Compositor::wlroots)
+    else if (platform.pasteRoute() == SessionPlatform::PasteRoute::compositor)
         pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
-    return WaylandUse{session.description(), KeyMonitor::defaultChoice().description, pasteRoute};
+    return WaylandUse{session.description(), platform.keySource().description, pasteRoute};
 }
 
 namespace {
@@ -149,7 +138,7 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
     };
 }
 
-std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& session, const KeyMonitor::SourceChoice& keySource)
+std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource)
 {
     if (session.kind != SessionInfo::Kind::wayland || keySource.works)
         return std::nullopt;

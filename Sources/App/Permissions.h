@@ -1,8 +1,7 @@
 #pragma once
 
 #include "Platform/Alerts.h"
-#include "Platform/KeyMonitor.h"
-#include "Platform/SessionInfo.h"
+#include "Platform/SessionPlatform.h"
 
 #include <QString>
 #include <QUrl>
@@ -25,24 +24,23 @@ struct Checks {
     std::function<bool(const QString& localeIdentifier)> nativeModelFound;
     std::function<bool()> keyboardAccess;                                  // main thread only
 
-    static Checks system();
+    // The machine's answers, the keyboard asked of the session's backends.
+    static Checks system(const SessionPlatform& platform);
 };
 
 // The real checks, for the given language identifier (e.g. "pt-BR"), without holding the main
 // thread while the sound server is asked; `completion` runs on the main thread.
-void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks = Checks::system());
+void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks);
 
 // Each reports on the main thread whether the need is met; the looking-up runs off the main thread.
 // Speech recognition is checked for the language chosen in the settings.
-void requestMicrophone(std::function<void(bool)> completion);
-void requestSpeechRecognition(std::function<void(bool)> completion);
 void requestMicrophone(std::function<void(bool)> completion, const Checks& checks);
 void requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks);
 
 // The start-up round: both requests side by side, each missing need logged ("Permissão de
 // microfone negada", "Permissão de reconhecimento de fala negada"), then the keyboard check (logged
 // when pending). Shows nothing and does not wait.
-void requestAtLaunch(const Checks& checks = Checks::system());
+void requestAtLaunch(const Checks& checks);
 
 // On a Wayland session, what stands in for the X11 keyboard access: the source that watches the
 // dictation key, and whether the text is only copied instead of pasted.
@@ -53,7 +51,7 @@ struct WaylandUse {
     QString pasteRoute;
 
     // Nothing on an X11 session.
-    static std::optional<WaylandUse> current();
+    static std::optional<WaylandUse> of(const SessionPlatform& platform);
 };
 
 // "Permissões do Voxaria": the three needs with their marks; buttons "Abrir ajuda" and "OK". On
@@ -61,7 +59,7 @@ struct WaylandUse {
 Alerts::Alert permissionsAlert(const Needs& needs, const QString& localeIdentifier,
                                const std::optional<WaylandUse>& wayland = std::nullopt);
 // At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
-std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const KeyMonitor::SourceChoice& keySource);
+std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource);
 // The help page installed with the program: <folder of the executable>/../share/voxaria/help/ajuda.html.
 QUrl helpPageURL();
 QUrl helpPageURL(const QString& executableFolder);

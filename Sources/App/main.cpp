@@ -1,7 +1,9 @@
 #include "AppDelegate.h"
-#include "Platform/KeyMonitor.h"
+#include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/SessionInfo.h"
+#include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
+#include "Shared/Preferences/Settings.h"
 
 #include <QApplication>
 #include <QSocketNotifier>
@@ -63,7 +65,7 @@ int sendKeyCommand(int argc, char** argv, bool pressed)
 {
     QCoreApplication app(argc, argv);
     QString error;
-    if (KeyMonitor::sendToRunningProgram(pressed, &error))
+    if (LinuxPlatform::sendToRunningProgram(pressed, &error))
         return 0;
     printLine(QStringLiteral("O Voxaria não está em execução (ou não recebe atalhos do compositor): ") + error);
     return 1;
@@ -92,12 +94,13 @@ int main(int argc, char** argv)
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
-    QApplication::setDesktopFileName(Settings::applicationId());
+    QApplication::setDesktopFileName(AppPaths::applicationId());
     // A tray utility: closing a window never ends it; only "Sair do Voxaria" does.
     QApplication::setQuitOnLastWindowClosed(false);
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
-    AppDelegate delegate;
+    LinuxPlatform platform(session, [] { return Settings::shared().hotKey(); });
+    AppDelegate delegate(platform);
     if (!delegate.applicationDidFinishLaunching())
         return 0;
     quitOnTerminationSignals(app);

@@ -2,7 +2,7 @@
 
 #include "History/HistoryStore.h"
 #include "Shared/Logging.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/SpeechTranscriber.h"
 #include "TextInserter.h"
 #include "Engines/WhisperTranscriber.h"
@@ -26,20 +26,22 @@ void DictationController::ReleaseLater::operator()(TranscriptionEngine* engine) 
     engine->deleteLater();
 }
 
-DictationController::DictationController(QObject* parent)
-    : DictationController(Collaborators{}, parent)
+DictationController::Collaborators DictationController::Collaborators::forSession(const SessionPlatform& platform)
 {
+    Collaborators collaborators;
+    collaborators.accessibility = platform.makeAccessibilityTrust();
+    collaborators.frontApplication = platform.makeFrontApplication();
+    collaborators.insertText = [target = TextInserter::Target::of(platform)](const QString& text) { return TextInserter::insert(text, target); };
+    return collaborators;
 }
 
 DictationController::DictationController(Collaborators collaborators, QObject* parent)
     : QObject(parent)
     , m_makeEngine(collaborators.makeEngine ? std::move(collaborators.makeEngine) : EngineFactory(&makeEngine))
     , m_sounds(collaborators.sounds ? std::move(collaborators.sounds) : Sounds::makeDefault())
-    , m_accessibility(collaborators.accessibility ? std::move(collaborators.accessibility) : AccessibilityTrust::makeDefault())
-    , m_frontApplication(collaborators.frontApplication ? std::move(collaborators.frontApplication)
-                                                        : FrontApplication::makeDefault())
-    , m_insertText(collaborators.insertText ? std::move(collaborators.insertText)
-                                            : TextInsertion([](const QString& text) { return TextInserter::insert(text); }))
+    , m_accessibility(std::move(collaborators.accessibility))
+    , m_frontApplication(std::move(collaborators.frontApplication))
+    , m_insertText(std::move(collaborators.insertText))
     , m_timing(collaborators.timing)
 {
 }

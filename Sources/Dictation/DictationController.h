@@ -39,7 +39,8 @@ public:
         std::chrono::milliseconds copiedMessage{3000};
     };
 
-    // What the controller works with. Whatever is left empty is the real thing.
+    // What the controller works with. An empty engine factory or sounds are the real ones; the
+    // trust test, front application and insertion come from the session.
     struct Collaborators {
         EngineFactory makeEngine;
         std::unique_ptr<Sounds> sounds;
@@ -47,10 +48,11 @@ public:
         std::unique_ptr<FrontApplication> frontApplication;
         TextInsertion insertText;
         Timing timing;
+
+        // The real engines and sounds, with the session's trust test, front application and paste.
+        static Collaborators forSession(const SessionPlatform& platform);
     };
 
-    // The real engines, sounds, trust test, front application and insertion.
-    explicit DictationController(QObject* parent = nullptr);
     explicit DictationController(Collaborators collaborators, QObject* parent = nullptr);
     ~DictationController() override;
 

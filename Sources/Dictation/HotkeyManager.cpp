@@ -1,7 +1,7 @@
 #include "HotkeyManager.h"
 
 #include "Shared/Logging.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 
 #include <QPointer>
 

@@ -14,7 +14,7 @@
 class HotkeyManager : public QObject {
     Q_OBJECT
 public:
-    explicit HotkeyManager(std::unique_ptr<KeyMonitor> monitor = KeyMonitor::makeDefault(), QObject* parent = nullptr);
+    explicit HotkeyManager(std::unique_ptr<KeyMonitor> monitor, QObject* parent = nullptr);
     ~HotkeyManager() override;
 
     // Called with the key event's own time, when the source tells it.

@@ -133,40 +133,9 @@ Contents contentsToRestore(const std::shared_ptr<Pasteboard>& pasteboard)
 
 }
 
-Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste)
+Target Target::of(const SessionPlatform& platform)
 {
-    if (session.kind == SessionInfo::Kind::x11)
-        return Mode::paste;
-    using Compositor = SessionInfo::Compositor;
-    const bool forwardsPaste = session.compositor == Compositor::wlroots
-        || (session.compositor == Compositor::gnome && session.hasXDisplay);
-    return forwardsPaste && canSynthesisePaste() ? Mode::paste : Mode::copyOnly;
-}
-
-Mode sessionMode()
-{
-    static const Mode mode = [] {
-        const SessionInfo session = SessionInfo::current();
-        const Mode chosen = modeFor(session, [] {
-            return KeyPoster::makeDefault()->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value();
-        });
-        qCInfo(lcInsert).noquote() << "session:" << session.description() << "- dictated text"
-                                   << (chosen == Mode::copyOnly ? "only copied to the clipboard"
-                                       : session.compositor == SessionInfo::Compositor::wlroots ? "pasted through wlr data-control and a virtual keyboard"
-                                                                                                : "pasted through the X11 clipboard");
-        return chosen;
-    }();
-    return mode;
-}
-
-Target Target::system()
-{
-    return Target{Pasteboard::general(), KeyPoster::makeDefault(), Delays{}, sessionMode()};
-}
-
-Mode insert(const QString& text)
-{
-    return insert(text, Target::system());
+    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, platform.onlyCopies() ? Mode::copyOnly : Mode::paste};
 }
 
 Mode insert(const QString& text, const Target& target)

@@ -2,7 +2,7 @@
 
 #include "Platform/KeyPoster.h"
 #include "Platform/Pasteboard.h"
-#include "Platform/SessionInfo.h"
+#include "Platform/SessionPlatform.h"
 
 #include <QString>
 
@@ -28,28 +28,20 @@ struct Delays {
 // put back.
 enum class Mode { paste, copyOnly };
 
-// The mode a session allows: X11 pastes; on Wayland, wlroots compositors take a paste from a
-// virtual keyboard and GNOME forwards the X11 clipboard and XTEST paste to its own windows, so these
-// paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
-Mode modeFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
-// The mode of the session this program runs in, decided and logged at the first call.
-Mode sessionMode();
-
-// Where the text goes; the general clipboard and the system's key poster unless a test says else.
+// Where the text goes: the session's clipboard and key poster, or a test's.
 struct Target {
     std::shared_ptr<Pasteboard> pasteboard;
     std::shared_ptr<KeyPoster> keyPoster;
     Delays delays;
     Mode mode = Mode::paste;
 
-    static Target system();
+    static Target of(const SessionPlatform& platform);
 };
 
 // Returns at once; the paste and the restoration run later on the main thread (a restoration still
 // ahead runs when the application quits). Nothing is reported: a failed paste leaves the clipboard
 // restored all the same. Dictations in quick succession end with the clipboard the user had before
 // the first. Answers the target's mode, so the caller can tell the user when the text was only copied.
-Mode insert(const QString& text);
 Mode insert(const QString& text, const Target& target);
 
 }

@@ -1,6 +1,6 @@
 #include "ModelDownloader.h"
 
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"

@@ -1,7 +1,7 @@
 #include "SpeechTranscriber.h"
 
 #include "Shared/Logging.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "TranscriberError.h"
 
 #include <QCoreApplication>

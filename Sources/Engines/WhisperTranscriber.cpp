@@ -2,7 +2,7 @@
 
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Shared/WavWriter.h"
 #include "WhisperError.h"
 

@@ -139,18 +139,11 @@ private:
     QFont m_font;
 };
 
-HistoryWindow& HistoryWindow::shared()
-{
-    // Never destroyed: its widgets must not outlive the QApplication at static destruction.
-    static Alerts* const alerts = Alerts::makeDefault().release();
-    static HistoryWindow* const instance = new HistoryWindow(HistoryStore::shared(), *alerts);
-    return *instance;
-}
-
-HistoryWindow::HistoryWindow(HistoryStore& store, Alerts& alerts, QObject* parent)
+HistoryWindow::HistoryWindow(HistoryStore& store, Alerts& alerts, std::shared_ptr<Pasteboard> pasteboard, QObject* parent)
     : QObject(parent)
     , m_store(store)
     , m_alerts(alerts)
+    , m_pasteboard(std::move(pasteboard))
 {
 }
 
@@ -312,7 +305,7 @@ void HistoryWindow::copySelected()
     const HistoryStore::Entry* entry = selectedEntry();
     if (!entry)
         return;
-    Pasteboard::general()->setString(entry->text);
+    m_pasteboard->setString(entry->text);
     m_statusLabel->setText(QStringLiteral("Copiado ✓"));
 }
 

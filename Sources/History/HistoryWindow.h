@@ -7,6 +7,7 @@
 #include <memory>
 
 class Alerts;
+class Pasteboard;
 class QLabel;
 class QLineEdit;
 class QPlainTextEdit;
@@ -20,10 +21,8 @@ class QWidget;
 class HistoryWindow : public QObject {
     Q_OBJECT
 public:
-    // The app's window, over HistoryStore::shared() and the platform's alerts.
-    static HistoryWindow& shared();
-
-    HistoryWindow(HistoryStore& store, Alerts& alerts, QObject* parent = nullptr);
+    // "Copiar" puts the chosen text on `pasteboard`.
+    HistoryWindow(HistoryStore& store, Alerts& alerts, std::shared_ptr<Pasteboard> pasteboard, QObject* parent = nullptr);
     ~HistoryWindow() override;
 
     // Builds the window on first use, refreshes it and brings it to the front.
@@ -48,6 +47,7 @@ private:
 
     HistoryStore& m_store;
     Alerts& m_alerts;
+    std::shared_ptr<Pasteboard> m_pasteboard;
     // The entries the table shows, in store order; the table's rows.
     QList<HistoryStore::Entry> m_filtered;
 

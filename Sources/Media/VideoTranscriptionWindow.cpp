@@ -1,6 +1,6 @@
 #include "VideoTranscriptionWindow.h"
 
-#include "App/Settings.h"
+#include "Shared/Preferences/Settings.h"
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Alerts.h"
 #include "Platform/FileDialogs.h"
@@ -94,13 +94,6 @@ QPushButton* makeButton(const QString& title, const char* name)
 
 }
 
-VideoTranscriptionWindow& VideoTranscriptionWindow::shared()
-{
-    // Never destroyed: its widgets must not outlive the QApplication at static destruction.
-    static VideoTranscriptionWindow* const instance = new VideoTranscriptionWindow;
-    return *instance;
-}
-
 VideoTranscriptionWindow::VideoTranscriptionWindow(Services services, QObject* parent)
     : QObject(parent)
     , m_services(std::move(services))
@@ -111,8 +104,6 @@ VideoTranscriptionWindow::VideoTranscriptionWindow(Services services, QObject* p
         m_services.fileDialogs = FileDialogs::makeDefault();
     if (!m_services.sounds)
         m_services.sounds = Sounds::makeDefault();
-    if (!m_services.pasteboard)
-        m_services.pasteboard = Pasteboard::general();
     if (!m_services.ytDlpAvailable)
         m_services.ytDlpAvailable = &YtDlpManager::isAvailable;
     if (m_services.ytDlpSource.isEmpty())

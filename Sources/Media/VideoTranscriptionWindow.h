@@ -30,7 +30,8 @@ class YtDlpInstallation;
 class VideoTranscriptionWindow : public QObject {
     Q_OBJECT
 public:
-    // What the window reaches outside the program; empty members get the real ones.
+    // What the window reaches outside the program; empty members get the real ones, but the
+    // clipboard is always the session's, handed in.
     struct Services {
         std::unique_ptr<Alerts> alerts;
         std::unique_ptr<FileDialogs> fileDialogs;
@@ -40,9 +41,7 @@ public:
         QUrl ytDlpSource;                     // default: YtDlpManager::downloadURL()
     };
 
-    static VideoTranscriptionWindow& shared();
-
-    explicit VideoTranscriptionWindow(Services services = {}, QObject* parent = nullptr);
+    explicit VideoTranscriptionWindow(Services services, QObject* parent = nullptr);
     ~VideoTranscriptionWindow() override;
 
     // Builds the window on the first call and brings it to the front.

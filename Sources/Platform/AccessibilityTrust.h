@@ -1,7 +1,5 @@
 #pragma once
 
-#include <memory>
-
 // Whether this process may watch the keyboard of other applications and post synthetic keys to
 // them. Main thread only.
 class AccessibilityTrust {
@@ -10,6 +8,4 @@ public:
 
     // With `prompt`, a platform that can ask the user for the grant does so when it is missing.
     virtual bool isTrusted(bool prompt) = 0;
-
-    static std::unique_ptr<AccessibilityTrust> makeDefault();
 };

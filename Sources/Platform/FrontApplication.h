@@ -31,6 +31,4 @@ public:
         return front && isTerminal(*front);
     }
     static bool isTerminal(const WindowClass& windowClass);
-
-    static std::unique_ptr<FrontApplication> makeDefault();
 };

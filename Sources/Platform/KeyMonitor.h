@@ -36,20 +36,4 @@ public:
     virtual Token addMonitor(Handler handler) = 0;
     // Removes a handler; no call to it happens afterwards. Unknown tokens are ignored.
     virtual void removeMonitor(Token token) = 0;
-
-    // What makeDefault() picked, as it logged it (e.g. "compositor bindings + /dev/input"), and
-    // whether that source can see the key at all on this session.
-    struct SourceChoice {
-        QString description;
-        bool works = false;
-    };
-
-    // The real key source of this platform, chosen for the session it runs in.
-    static std::unique_ptr<KeyMonitor> makeDefault();
-    // The choice of the latest makeDefault(); an empty description before the first.
-    static SourceChoice defaultChoice();
-
-    // From a short-lived copy of the program started by a compositor key binding: hands a press or
-    // release of the dictation key to the running program. False, with the reason, when none takes it.
-    static bool sendToRunningProgram(bool pressed, QString* error);
 };

@@ -28,6 +28,4 @@ public:
     // no synthetic-input extension, a key the layout lacks).
     virtual std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) = 0;
     virtual void post(const KeyEvent& event) = 0;
-
-    static std::shared_ptr<KeyPoster> makeDefault();
 };

@@ -39,7 +39,4 @@ public:
     virtual void writeItems(const std::vector<Item>& items) = 0;
     // Whether the contents are still the ones this process wrote last, i.e. nobody copied since.
     virtual bool ownsContents() = 0;
-
-    // The system's general clipboard, the same object on every call.
-    static std::shared_ptr<Pasteboard> general();
 };

@@ -5,6 +5,11 @@
 
 namespace AppPaths {
 
+QString applicationId()
+{
+    return QStringLiteral("app.voxaria.Voxaria");
+}
+
 QString dataFolder()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Voxaria");
@@ -18,6 +23,17 @@ QString modelsFolder()
 QString temporaryFolder()
 {
     return QDir::tempPath();
+}
+
+QString runtimeFolder()
+{
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
+    return folder.isEmpty() ? QDir::tempPath() : folder;
+}
+
+QString runtimeFile(const QString& suffix)
+{
+    return runtimeFolder() + QLatin1Char('/') + applicationId() + suffix;
 }
 
 }

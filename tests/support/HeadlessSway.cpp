@@ -1,6 +1,6 @@
 #include "HeadlessSway.h"
 
-#include "Platform/Linux/CompositorFrontApplication.h"
+#include "Platform/Linux/Wayland/CompositorFrontApplication.h"
 
 #include "TestSupport.h"
 

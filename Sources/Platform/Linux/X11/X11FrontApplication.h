@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DesktopEntryNames.h"
+#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 #include "Platform/FrontApplication.h"
 
 // The front application on X11: the window named by the window manager's _NET_ACTIVE_WINDOW, or,

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ModifierKeys.h"
+#include "Platform/Linux/Input/ModifierKeys.h"
 #include "Platform/KeyMonitor.h"
 
 #include <QObject>

@@ -1,4 +1,4 @@
-#include "ClipboardPasteboard.h"
+#include "X11ClipboardPasteboard.h"
 
 #include "Shared/Logging.h"
 
@@ -68,12 +68,12 @@ const QMimeData* currentContents()
 
 }
 
-int ClipboardPasteboard::itemCount()
+int X11ClipboardPasteboard::itemCount()
 {
     return types(0).isEmpty() ? 0 : 1;
 }
 
-QStringList ClipboardPasteboard::types(int index)
+QStringList X11ClipboardPasteboard::types(int index)
 {
     const QMimeData* contents = currentContents();
     if (index != 0 || !contents)
@@ -83,7 +83,7 @@ QStringList ClipboardPasteboard::types(int index)
     return formats;
 }
 
-std::optional<QByteArray> ClipboardPasteboard::data(int index, const QString& type)
+std::optional<QByteArray> X11ClipboardPasteboard::data(int index, const QString& type)
 {
     const QMimeData* contents = currentContents();
     if (index != 0 || !contents)
@@ -94,7 +94,7 @@ std::optional<QByteArray> ClipboardPasteboard::data(int index, const QString& ty
     return bytes;
 }
 
-void ClipboardPasteboard::clearContents()
+void X11ClipboardPasteboard::clearContents()
 {
     if (QClipboard* clipboard = QGuiApplication::clipboard()) {
         bringServerTimeToQt();
@@ -102,7 +102,7 @@ void ClipboardPasteboard::clearContents()
     }
 }
 
-void ClipboardPasteboard::setString(const QString& text)
+void X11ClipboardPasteboard::setString(const QString& text)
 {
     if (QClipboard* clipboard = QGuiApplication::clipboard()) {
         bringServerTimeToQt();
@@ -110,7 +110,7 @@ void ClipboardPasteboard::setString(const QString& text)
     }
 }
 
-void ClipboardPasteboard::writeItems(const std::vector<Item>& items)
+void X11ClipboardPasteboard::writeItems(const std::vector<Item>& items)
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     if (!clipboard)
@@ -131,7 +131,7 @@ void ClipboardPasteboard::writeItems(const std::vector<Item>& items)
         clipboard->setMimeData(contents.release(), QClipboard::Clipboard);
 }
 
-bool ClipboardPasteboard::ownsContents()
+bool X11ClipboardPasteboard::ownsContents()
 {
     if (onX11())
         return qtOwnsSelection();

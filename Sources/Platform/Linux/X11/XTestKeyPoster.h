@@ -3,6 +3,7 @@
 #include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 
+#include <memory>
 #include <vector>
 
 // Synthetic keys through the XTEST extension. Command stands for Control, the modifier Linux
@@ -11,7 +12,7 @@
 // the user holds meanwhile.
 class XTestKeyPoster final : public KeyPoster {
 public:
-    explicit XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication = FrontApplication::makeDefault());
+    explicit XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication);
 
     std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
     void post(const KeyEvent& event) override;

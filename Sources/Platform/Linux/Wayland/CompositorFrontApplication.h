@@ -1,6 +1,6 @@
 #pragma once
 
-#include "DesktopEntryNames.h"
+#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 #include "Platform/FrontApplication.h"
 
 #include <QJsonObject>

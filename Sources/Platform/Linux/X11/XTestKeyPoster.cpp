@@ -1,7 +1,7 @@
 #include "Shared/Logging.h"
 
 
-#include "SyntheticKeys.h"
+#include "Platform/Linux/Input/SyntheticKeys.h"
 #include "X11Display.h"
 #include "XTestKeyPoster.h"
 

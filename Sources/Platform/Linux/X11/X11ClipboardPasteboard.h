@@ -4,7 +4,7 @@
 
 // The X11 CLIPBOARD selection through QClipboard. It holds at most one item, offering every format
 // of the current owner; the bookkeeping targets of the selection protocol are not formats.
-class ClipboardPasteboard final : public Pasteboard {
+class X11ClipboardPasteboard final : public Pasteboard {
 public:
     int itemCount() override;
     QStringList types(int index) override;

@@ -1,8 +1,8 @@
 #include "XInputKeyMonitor.h"
 
 #include "Shared/Logging.h"
-#include "ModifierKeys.h"
-#include "SyntheticKeys.h"
+#include "Platform/Linux/Input/ModifierKeys.h"
+#include "Platform/Linux/Input/SyntheticKeys.h"
 
 #include <QSocketNotifier>
 

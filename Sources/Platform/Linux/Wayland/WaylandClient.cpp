@@ -1,6 +1,5 @@
 #include "WaylandClient.h"
 
-#include "Platform/SessionInfo.h"
 #include "Shared/Logging.h"
 
 #include <QSocketNotifier>
@@ -27,13 +26,6 @@ std::shared_ptr<WaylandClient> WaylandClient::connect(const QString& displayName
         return nullptr;
     qCInfo(lcInsert) << "Wayland compositor offers: seat" << (client->m_seat != nullptr) << "- data-control"
                      << (client->m_dataControl != nullptr) << "- virtual keyboard" << (client->m_virtualKeyboards != nullptr);
-    return client;
-}
-
-std::shared_ptr<WaylandClient> WaylandClient::shared()
-{
-    static const std::shared_ptr<WaylandClient> client =
-        SessionInfo::current().kind == SessionInfo::Kind::wayland ? connect() : nullptr;
     return client;
 }
 

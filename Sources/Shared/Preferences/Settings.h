@@ -11,9 +11,6 @@ class Settings {
 public:
     static Settings& shared();
 
-    // The application id names the settings domain, the single-instance lock and the desktop file.
-    static QString applicationId();
-
     TranscriptionEngineKind engine() const;
     void setEngine(TranscriptionEngineKind engine);
 

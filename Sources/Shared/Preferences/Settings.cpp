@@ -1,5 +1,6 @@
 #include "Settings.h"
 
+#include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 
 #include <QSettings>
@@ -23,7 +24,7 @@ constexpr auto kPlaySounds = "playSounds";
 // outside any lock of ours.
 std::unique_ptr<QSettings> openStore()
 {
-    return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, Settings::applicationId());
+    return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
 }
 
 QVariant readValue(const char* key)
@@ -46,11 +47,6 @@ Settings& Settings::shared()
 {
     static Settings instance;
     return instance;
-}
-
-QString Settings::applicationId()
-{
-    return QStringLiteral("app.voxaria.Voxaria");
 }
 
 Settings::Settings() = default;

@@ -22,8 +22,6 @@ public:
     // Connects to `displayName` (a socket name or an absolute path; empty: WAYLAND_DISPLAY) and
     // learns what the compositor offers; nothing when no compositor answers.
     static std::shared_ptr<WaylandClient> connect(const QString& displayName = {});
-    // The connection of this process, made at the first call when the session is Wayland.
-    static std::shared_ptr<WaylandClient> shared();
 
     ~WaylandClient() override;
 

@@ -1,0 +1,166 @@
+#include "LinuxPlatform.h"
+
+#include "Platform/CombinedKeyMonitor.h"
+#include "Platform/Linux/Input/BindingKeyMonitor.h"
+#include "Platform/Linux/Input/EvdevKeyMonitor.h"
+#include "Platform/Linux/Wayland/CompositorFrontApplication.h"
+#include "Platform/Linux/Wayland/DataControlPasteboard.h"
+#include "Platform/Linux/Wayland/VirtualKeyboardKeyPoster.h"
+#include "Platform/Linux/Wayland/WaylandClient.h"
+#include "Platform/Linux/X11/X11AccessibilityTrust.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
+#include "Platform/Linux/X11/X11FrontApplication.h"
+#include "Platform/Linux/X11/XInputKeyMonitor.h"
+#include "Platform/Linux/X11/XTestKeyPoster.h"
+#include "Shared/AppPaths.h"
+#include "Shared/Logging.h"
+
+namespace {
+
+using Compositor = SessionInfo::Compositor;
+
+QString bindingSocketPath()
+{
+    return AppPaths::runtimeFile(QStringLiteral(".keys"));
+}
+
+// On Wayland nothing is granted: a dictation can work once the chosen key source sees the key (the
+// text arrives by paste or by copy, whichever the compositor allows).
+class KeySourceTrust final : public AccessibilityTrust {
+public:
+    explicit KeySourceTrust(SessionPlatform::KeySource source)
+        : m_source(std::move(source))
+    {
+    }
+
+    bool isTrusted(bool prompt) override
+    {
+        if (!m_source.works && prompt)
+            qCWarning(lcDictation).noquote() << "the dictation key cannot be seen through" << m_source.description;
+        return m_source.works;
+    }
+
+private:
+    SessionPlatform::KeySource m_source;
+};
+
+const char* routeDescription(SessionPlatform::PasteRoute route)
+{
+    switch (route) {
+    case SessionPlatform::PasteRoute::copyOnly:
+        return "only copied to the clipboard";
+    case SessionPlatform::PasteRoute::compositor:
+        return "pasted through wlr data-control and a virtual keyboard";
+    case SessionPlatform::PasteRoute::x11:
+    case SessionPlatform::PasteRoute::xwayland:
+        break;
+    }
+    return "pasted through the X11 clipboard";
+}
+
+}
+
+LinuxPlatform::LinuxPlatform(const SessionInfo& session, std::function<HotKey()> dictationKey)
+    : m_session(session)
+    , m_wayland(session.kind == SessionInfo::Kind::wayland ? WaylandClient::connect() : nullptr)
+{
+    chooseKeySource(std::move(dictationKey));
+    chooseClipboardAndKeys();
+}
+
+LinuxPlatform::~LinuxPlatform() = default;
+
+void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
+{
+    QString chosen;
+    bool works = true;
+    if (m_session.kind == SessionInfo::Kind::x11 || (m_session.compositor == Compositor::kde && m_session.hasXDisplay)) {
+        // KWin hands modifier changes to XWayland clients even while a Wayland window has the focus.
+        chosen = QStringLiteral("XInput2");
+        m_keyMonitor = std::make_unique<XInputKeyMonitor>();
+    } else if (m_session.compositor == Compositor::wlroots) {
+        std::vector<std::unique_ptr<KeyMonitor>> sources;
+        sources.push_back(std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey = std::move(dictationKey)] {
+            const HotKey key = dictationKey();
+            return ModifierKey{key.keyCode(), key.modifierFlag()};
+        }));
+        chosen = QStringLiteral("compositor bindings");
+        if (EvdevKeyMonitor::canRead()) {
+            sources.push_back(std::make_unique<EvdevKeyMonitor>());
+            chosen += QStringLiteral(" + /dev/input");
+        }
+        m_keyMonitor = std::make_unique<CombinedKeyMonitor>(std::move(sources));
+    } else {
+        // The keyboards themselves, where this user may read them; otherwise the monitor explains,
+        // when it is asked to watch, how to be allowed.
+        chosen = QStringLiteral("/dev/input");
+        works = EvdevKeyMonitor::canRead();
+        m_keyMonitor = std::make_unique<EvdevKeyMonitor>();
+    }
+    qCInfo(lcHotkey).noquote() << "session:" << m_session.description() << "- dictation key through" << chosen;
+    m_keySource = {chosen, works};
+}
+
+void LinuxPlatform::chooseClipboardAndKeys()
+{
+    // KWin offers the data-control clipboard without the virtual keyboard: the text is then copied
+    // there, where native windows see it.
+    if (m_wayland && m_wayland->dataControl()) {
+        auto dataControl = std::make_shared<DataControlPasteboard>(m_wayland);
+        if (dataControl->isAvailable())
+            m_pasteboard = dataControl;
+    }
+    if (!m_pasteboard)
+        m_pasteboard = std::make_shared<X11ClipboardPasteboard>();
+
+    // One virtual keyboard for the program's life: each new one is announced to every client. Only
+    // GNOME takes a paste through XWayland; on other Wayland sessions an XTEST paste would reach
+    // only X11 windows, so without the compositor's protocols nothing is synthesised at all.
+    if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor != Compositor::gnome) {
+        const bool pastes = m_wayland && m_wayland->dataControl() && m_wayland->virtualKeyboards();
+        m_keyPoster = std::make_shared<VirtualKeyboardKeyPoster>(pastes ? m_wayland : nullptr, makeFrontApplication());
+    } else {
+        m_keyPoster = std::make_shared<XTestKeyPoster>(makeFrontApplication());
+    }
+
+    m_pasteRoute = pasteRouteFor(m_session, [this] { return m_keyPoster->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value(); });
+    qCInfo(lcInsert).noquote() << "session:" << m_session.description() << "- dictated text" << routeDescription(m_pasteRoute);
+}
+
+SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste)
+{
+    if (session.kind == SessionInfo::Kind::x11)
+        return PasteRoute::x11;
+    if (session.compositor == Compositor::wlroots)
+        return canSynthesisePaste() ? PasteRoute::compositor : PasteRoute::copyOnly;
+    if (session.compositor == Compositor::gnome && session.hasXDisplay)
+        return canSynthesisePaste() ? PasteRoute::xwayland : PasteRoute::copyOnly;
+    return PasteRoute::copyOnly;
+}
+
+std::unique_ptr<KeyMonitor> LinuxPlatform::takeKeyMonitor()
+{
+    return std::move(m_keyMonitor);
+}
+
+std::unique_ptr<FrontApplication> LinuxPlatform::makeFrontApplication() const
+{
+    if (m_session.compositor == Compositor::wlroots) {
+        if (auto compositor = CompositorFrontApplication::forSession(QProcessEnvironment::systemEnvironment()))
+            return compositor;
+    }
+    return std::make_unique<X11FrontApplication>();
+}
+
+std::unique_ptr<AccessibilityTrust> LinuxPlatform::makeAccessibilityTrust() const
+{
+    if (m_session.kind == SessionInfo::Kind::wayland)
+        return std::make_unique<KeySourceTrust>(m_keySource);
+    return std::make_unique<X11AccessibilityTrust>();
+}
+
+bool LinuxPlatform::sendToRunningProgram(bool pressed, QString* error)
+{
+    return BindingKeyMonitor::send(bindingSocketPath(),
+                                   pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
+}

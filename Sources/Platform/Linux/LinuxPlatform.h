@@ -1,0 +1,49 @@
+#pragma once
+
+#include "Platform/SessionPlatform.h"
+#include "Shared/Preferences/HotKey.h"
+
+#include <functional>
+#include <memory>
+
+class WaylandClient;
+
+// Where every backend of a Linux session is chosen, once, when the program starts: X11 wherever it
+// can, and on Wayland whatever the compositor offers. Built by main and handed down; nothing else
+// decides by display server or compositor.
+class LinuxPlatform final : public SessionPlatform {
+public:
+    // `dictationKey` tells compositor bindings, which only say "pressed", which key they stand for.
+    LinuxPlatform(const SessionInfo& session, std::function<HotKey()> dictationKey);
+    ~LinuxPlatform() override;
+
+    SessionInfo session() const override { return m_session; }
+    KeySource keySource() const override { return m_keySource; }
+    PasteRoute pasteRoute() const override { return m_pasteRoute; }
+    std::unique_ptr<KeyMonitor> takeKeyMonitor() override;
+    std::shared_ptr<Pasteboard> pasteboard() const override { return m_pasteboard; }
+    std::shared_ptr<KeyPoster> keyPoster() const override { return m_keyPoster; }
+    std::unique_ptr<FrontApplication> makeFrontApplication() const override;
+    std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const override;
+
+    // How a session's text arrives: X11 pastes; on Wayland, wlroots compositors take a paste from a
+    // virtual keyboard and GNOME forwards the X11 clipboard and an XTEST paste to its own windows,
+    // so these paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
+    static PasteRoute pasteRouteFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
+
+    // From a short-lived copy of the program started by a compositor key binding: hands a press or
+    // release of the dictation key to the running program. False, with the reason, when none takes it.
+    static bool sendToRunningProgram(bool pressed, QString* error);
+
+private:
+    void chooseKeySource(std::function<HotKey()> dictationKey);
+    void chooseClipboardAndKeys();
+
+    SessionInfo m_session;
+    std::shared_ptr<WaylandClient> m_wayland;
+    std::unique_ptr<KeyMonitor> m_keyMonitor;
+    KeySource m_keySource;
+    std::shared_ptr<Pasteboard> m_pasteboard;
+    std::shared_ptr<KeyPoster> m_keyPoster;
+    PasteRoute m_pasteRoute = PasteRoute::x11;
+};

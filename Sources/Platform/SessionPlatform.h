@@ -1,0 +1,47 @@
+#pragma once
+
+#include "Platform/AccessibilityTrust.h"
+#include "Platform/FrontApplication.h"
+#include "Platform/KeyMonitor.h"
+#include "Platform/KeyPoster.h"
+#include "Platform/Pasteboard.h"
+#include "Platform/SessionInfo.h"
+
+#include <QString>
+
+#include <memory>
+
+// The backends of the graphical session Voxaria runs in, chosen once at start-up and handed down
+// from there. Everything that depends on the session (which key source, which clipboard, how the
+// text reaches the application in front) is answered here, so no component has to know display
+// servers or compositors by name.
+class SessionPlatform {
+public:
+    // How dictated text reaches the application in front: pasted through the X11 clipboard and a
+    // synthetic key (an X session, or XWayland on GNOME), through the compositor's own clipboard and
+    // a virtual keyboard, or only copied for the user to paste.
+    enum class PasteRoute { x11, xwayland, compositor, copyOnly };
+
+    // The source that watches the dictation key, as it was logged (e.g. "compositor bindings +
+    // /dev/input"), and whether it can see the key at all in this session.
+    struct KeySource {
+        QString description;
+        bool works = false;
+    };
+
+    virtual ~SessionPlatform() = default;
+
+    virtual SessionInfo session() const = 0;
+    virtual KeySource keySource() const = 0;
+    virtual PasteRoute pasteRoute() const = 0;
+
+    // The key source, handed over once (later calls answer nothing).
+    virtual std::unique_ptr<KeyMonitor> takeKeyMonitor() = 0;
+    // One clipboard and one key poster for the program's life.
+    virtual std::shared_ptr<Pasteboard> pasteboard() const = 0;
+    virtual std::shared_ptr<KeyPoster> keyPoster() const = 0;
+    virtual std::unique_ptr<FrontApplication> makeFrontApplication() const = 0;
+    virtual std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const = 0;
+
+    bool onlyCopies() const { return pasteRoute() == PasteRoute::copyOnly; }
+};
