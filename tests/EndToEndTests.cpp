@@ -211,6 +211,19 @@ TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndEndingTheFirstMidDictationLeavesNoR
     EXPECT_TRUE(TestSupport::dictationFiles(app.temporaryFolder()).isEmpty());
 }
 
+// A copy that crashed leaves its lock file behind; the next start takes it over instead of leaving.
+TEST_F(EndToEnd, AStartAfterACrashTakesTheLeftLockOver)
+{
+    app.useFakeWhisper({});
+    ASSERT_TRUE(app.start());
+    app.process().kill();
+    ASSERT_TRUE(app.waitForExit(5s));
+    const int linesBefore = app.lineCount();
+    app.start();
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("watching modifier keys"), 10s, linesBefore)) << app.log().join('\n').toStdString();
+    EXPECT_EQ(app.process().state(), QProcess::Running);
+}
+
 TEST_F(EndToEnd, TheTrayMenuChangesTheKeySoundsLanguageEngineAndStartWithTheSession)
 {
     app.useFakeWhisper(QStringLiteral("text=ditado com a tecla super\n"));

@@ -1,4 +1,6 @@
 #include "Dictation/HotkeyManager.h"
+#include "Platform/CombinedKeyMonitor.h"
+#include "Platform/Fakes/FakeKeyMonitor.h"
 #include "Platform/Linux/X11/XInputKeyMonitor.h"
 #include "Shared/Preferences/Settings.h"
 
@@ -73,6 +75,31 @@ protected:
     std::unique_ptr<Watched> watched;
     int seen = 0;
 };
+
+// The compositor's binding and the keyboard itself both report the key: one dictation, not two,
+// and a source that could not watch does not stop the others.
+TEST(Hotkey, AKeyReportedByTwoSourcesCountsOnce)
+{
+    Settings::shared().setHotKey(HotKey::rightOption);
+    auto bindings = std::make_unique<FakeKeyMonitor>();
+    auto keyboards = std::make_unique<FakeKeyMonitor>();
+    FakeKeyMonitor* first = bindings.get();
+    FakeKeyMonitor* second = keyboards.get();
+    std::vector<std::unique_ptr<KeyMonitor>> sources;
+    sources.push_back(std::move(bindings));
+    sources.push_back(std::move(keyboards));
+    Watched watched(std::make_unique<CombinedKeyMonitor>(std::move(sources)));
+    watched.manager.start();
+    const HotKey key = HotKey::rightOption;
+    for (FakeKeyMonitor* source : {first, second, first})
+        source->post(key.keyCode(), key.modifierFlag());
+    EXPECT_EQ(watched.presses, 1);
+    for (FakeKeyMonitor* source : {second, first})
+        source->post(key.keyCode(), 0);
+    EXPECT_EQ(watched.releases, 1);
+    watched.manager.stop();
+    EXPECT_EQ(first->installedCount() + second->installedCount(), 0);
+}
 
 TEST_F(HotkeyOnX11, RightAltDictatesLeftAltOnlyKeepsTheFlagAndAChosenKeyCountsAtOnce)
 {

@@ -3,6 +3,8 @@
 #include "Shared/AppPaths.h"
 
 #include <QFile>
+#include <QFileInfo>
+#include <QProcess>
 #include <QSettings>
 
 #include <gtest/gtest.h>
@@ -68,6 +70,31 @@ TEST_F(SettingsTest, AFileEditedByHandIsReadAsItStandsAndRawValuesMatchExactly)
         rawStore().setValue("engine", engine);
         EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper) << engine;
     }
+}
+
+// A file and folder nobody can write to (immutable, so root cannot either): the failure is logged and the
+// file keeps what it held.
+TEST_F(SettingsTest, AWriteThatFailsIsReportedAndLeavesTheFileAsItWas)
+{
+    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    const QString file = rawStore().fileName();
+    const QString folder = QFileInfo(file).absolutePath();
+    const auto immutable = [&](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", folder, file}) == 0; };
+    if (!immutable(true))
+        GTEST_SKIP() << "chattr does not work on this file system";
+    static QStringList settingsWarnings;
+    settingsWarnings.clear();
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& message) {
+        if (type == QtWarningMsg && QLatin1String(context.category) == QLatin1String("voxaria.settings"))
+            settingsWarnings << message;
+    });
+    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    qInstallMessageHandler(nullptr);
+    immutable(false);
+    EXPECT_EQ(settingsWarnings.size(), 1);
+    QFile stored(file);
+    ASSERT_TRUE(stored.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(stored.readAll().contains("engine=whisper"));
 }
 
 TEST_F(SettingsTest, ThreadsReadingWhileOthersWriteSeeOnlyWrittenValues)

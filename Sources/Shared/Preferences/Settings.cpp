@@ -3,9 +3,11 @@
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 
+#include <QFile>
+#include <QHash>
 #include <QSettings>
 
-#include <memory>
+#include <sys/stat.h>
 
 namespace {
 constexpr auto kEngine = "engine";
@@ -27,21 +29,31 @@ std::unique_ptr<QSettings> openStore()
     return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
 }
 
-QVariant readValue(const char* key)
+// What tells one version of the file from another: QSettings replaces it by a rename (a new inode),
+// an editor may rewrite it in place (a new time or size); a missing file is a version too.
+struct FileVersion {
+    dev_t device = 0;
+    ino_t inode = 0;
+    qint64 size = -1;
+    qint64 modifiedNs = 0;
+    bool operator==(const FileVersion&) const = default;
+};
+
+FileVersion versionOf(const QByteArray& path)
 {
-    return openStore()->value(QLatin1String(key));
+    struct stat info {};
+    if (::stat(path.constData(), &info) != 0)
+        return {};
+    return {info.st_dev, info.st_ino, info.st_size, qint64(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
 }
 
-void writeValue(const char* key, const QVariant& value)
-{
-    const std::unique_ptr<QSettings> store = openStore();
-    store->setValue(QLatin1String(key), value);
-    // Written now, so another process sees it at once, and a failure can be told.
-    store->sync();
-    if (store->status() != QSettings::NoError)
-        qCWarning(lcSettings) << "cannot save the setting" << key << "to" << store->fileName();
 }
-}
+
+struct Settings::Snapshot {
+    QByteArray path;
+    FileVersion version;
+    QHash<QString, QVariant> values;
+};
 
 Settings& Settings::shared()
 {
@@ -51,16 +63,49 @@ Settings& Settings::shared()
 
 Settings::Settings() = default;
 
+QVariant Settings::storedValue(const char* key) const
+{
+    QMutexLocker lock(&m_mutex);
+    if (!m_snapshot) {
+        m_snapshot = std::make_unique<Snapshot>();
+        m_snapshot->path = QFile::encodeName(openStore()->fileName());
+        m_snapshot->version.size = -2; // never a file's: the first read loads
+    }
+    const FileVersion now = versionOf(m_snapshot->path);
+    if (!(now == m_snapshot->version)) {
+        const std::unique_ptr<QSettings> store = openStore();
+        m_snapshot->values.clear();
+        for (const QString& name : store->allKeys())
+            m_snapshot->values.insert(name, store->value(name));
+        m_snapshot->version = now;
+    }
+    return m_snapshot->values.value(QLatin1String(key));
+}
+
+void Settings::setValue(const char* key, const QVariant& value)
+{
+    QMutexLocker lock(&m_mutex);
+    const std::unique_ptr<QSettings> store = openStore();
+    store->setValue(QLatin1String(key), value);
+    // Written now, so another process sees it at once, and a failure can be told.
+    store->sync();
+    if (store->status() != QSettings::NoError)
+        qCWarning(lcSettings) << "cannot save the setting" << key << "to" << store->fileName();
+    // Read again at the next read, whatever the file system's clock resolution.
+    if (m_snapshot)
+        m_snapshot->version.size = -2;
+}
+
 QString Settings::stringValue(const char* key, const QString& fallback) const
 {
-    const QVariant value = readValue(key);
-    return value.isValid() ? value.toString() : fallback;
+    const QVariant found = storedValue(key);
+    return found.isValid() ? found.toString() : fallback;
 }
 
 bool Settings::boolValue(const char* key) const
 {
-    const QVariant value = readValue(key);
-    return value.isValid() ? value.toBool() : true;
+    const QVariant found = storedValue(key);
+    return found.isValid() ? found.toBool() : true;
 }
 
 TranscriptionEngineKind Settings::engine() const
@@ -70,7 +115,7 @@ TranscriptionEngineKind Settings::engine() const
 
 void Settings::setEngine(TranscriptionEngineKind engine)
 {
-    writeValue(kEngine, engine.rawValue());
+    setValue(kEngine, engine.rawValue());
 }
 
 QString Settings::whisperModelFileName() const
@@ -80,7 +125,7 @@ QString Settings::whisperModelFileName() const
 
 void Settings::setWhisperModelFileName(const QString& fileName)
 {
-    writeValue(kWhisperModelFileName, fileName);
+    setValue(kWhisperModelFileName, fileName);
 }
 
 HotKey Settings::hotKey() const
@@ -90,7 +135,7 @@ HotKey Settings::hotKey() const
 
 void Settings::setHotKey(HotKey key)
 {
-    writeValue(kHotKey, key.rawValue());
+    setValue(kHotKey, key.rawValue());
 }
 
 QString Settings::localeIdentifier() const
@@ -100,7 +145,7 @@ QString Settings::localeIdentifier() const
 
 void Settings::setLocaleIdentifier(const QString& identifier)
 {
-    writeValue(kLocaleIdentifier, identifier);
+    setValue(kLocaleIdentifier, identifier);
 }
 
 bool Settings::preferOnDevice() const
@@ -110,7 +155,7 @@ bool Settings::preferOnDevice() const
 
 void Settings::setPreferOnDevice(bool on)
 {
-    writeValue(kPreferOnDevice, on);
+    setValue(kPreferOnDevice, on);
 }
 
 bool Settings::playSounds() const
@@ -120,5 +165,5 @@ bool Settings::playSounds() const
 
 void Settings::setPlaySounds(bool on)
 {
-    writeValue(kPlaySounds, on);
+    setValue(kPlaySounds, on);
 }

@@ -3,10 +3,15 @@
 #include "HotKey.h"
 #include "TranscriptionEngineKind.h"
 
+#include <QMutex>
 #include <QString>
+#include <QVariant>
 
-// The six user preferences. Nothing is cached: every read asks the store, so a choice made in the
-// menu takes effect at the very next read. Safe to read and write from any thread.
+#include <memory>
+
+// The six user preferences. The store is read again only when its file changed (by this program, by
+// another, or by hand), so a choice made in the menu takes effect at the very next read while a
+// read per key event costs one stat(). Safe to read and write from any thread.
 class Settings {
 public:
     static Settings& shared();
@@ -31,6 +36,13 @@ public:
 
 private:
     Settings();
+    QVariant storedValue(const char* key) const;
     QString stringValue(const char* key, const QString& fallback) const;
     bool boolValue(const char* key) const;
+    void setValue(const char* key, const QVariant& value);
+
+    // The file as last read: what identifies its version on disk, and every value it held.
+    struct Snapshot;
+    mutable QMutex m_mutex;
+    mutable std::unique_ptr<Snapshot> m_snapshot;
 };
