@@ -43,6 +43,12 @@ start_tray() {
 }
 
 start_pulse() {
+  # Without the daemon (left out where PipeWire serves the desktop), the tests that need the
+  # virtual microphone say they were skipped.
+  if ! command -v pulseaudio >/dev/null; then
+    log "no PulseAudio daemon here: no virtual microphone"
+    return 0
+  fi
   cat >"$root/pulse.pa" <<'PA'
 load-module module-native-protocol-unix auth-anonymous=1
 load-module module-null-sink sink_name=voxaria_speaker rate=48000 channels=2 sink_properties=device.description=Alto-falante-virtual
