@@ -3,10 +3,10 @@
 QString TranscriberError::description() const
 {
 #ifdef Q_OS_MACOS
-    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + m_identifier
+    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + detail()
         + QStringLiteral(". Verifique em Ajustes > Teclado > Ditado se o idioma está instalado.");
 #else
-    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + m_identifier
+    return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + detail()
         + QStringLiteral(". Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
 #endif
 }

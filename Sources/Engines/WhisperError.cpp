@@ -2,9 +2,9 @@
 
 QString WhisperError::description() const
 {
-    switch (m_case) {
+    switch (errorCase()) {
     case Case::transcriptionFailed:
-        return QStringLiteral("Falha na transcrição Whisper: ") + m_detail;
+        return QStringLiteral("Falha na transcrição Whisper: ") + detail();
     case Case::notInstalled:
 #ifdef Q_OS_MACOS
         return QStringLiteral("whisper-cli não encontrado. Instale com: brew install whisper-cpp");

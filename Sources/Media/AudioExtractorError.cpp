@@ -2,9 +2,9 @@
 
 QString AudioExtractorError::description() const
 {
-    switch (m_case) {
+    switch (errorCase()) {
     case Case::readFailed:
-        return QStringLiteral("Falha ao extrair o áudio: ") + m_reason;
+        return QStringLiteral("Falha ao extrair o áudio: ") + detail();
     case Case::noAudioTrack:
         return QStringLiteral("O arquivo não contém trilha de áudio.");
     }

@@ -2,9 +2,9 @@
 
 QString MediaTranscriberError::description() const
 {
-    switch (m_case) {
+    switch (errorCase()) {
     case Case::downloadFailed:
-        return QStringLiteral("Falha ao baixar o vídeo: ") + m_reason;
+        return QStringLiteral("Falha ao baixar o vídeo: ") + detail();
     case Case::modelMissing:
         return QStringLiteral("O modelo Whisper ainda não foi baixado. Use o menu \"Modelo Whisper\" primeiro.");
     case Case::cancelled:
