@@ -2,6 +2,7 @@
 
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
+#include "Shared/StrictUtf8.h"
 #include "Shared/Preferences/Settings.h"
 #include "Shared/WavWriter.h"
 #include "WhisperError.h"
@@ -10,9 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QStringDecoder>
 #include <QTimer>
-#include <QUuid>
 
 #include <mutex>
 #include <vector>
@@ -27,8 +26,7 @@ constexpr int kTerminateGraceMs = 2000;
 
 QString newRecordingPath()
 {
-    return AppPaths::temporaryFolder() + QStringLiteral("/voxaria-")
-        + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".wav");
+    return AppPaths::scratchPath(QStringLiteral("voxaria-"), QStringLiteral(".wav"));
 }
 
 QString withoutExtension(const QString& path)
@@ -42,19 +40,10 @@ void removeDictationFiles(const QString& wavPath)
     QFile::remove(withoutExtension(wavPath) + QStringLiteral(".txt"));
 }
 
-std::optional<QString> decodeUtf8(const QByteArray& bytes)
-{
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
-}
-
 // The last non-empty line of the error output, or "código N" when there is none or it is not UTF-8.
 QString failureDetail(const QByteArray& errorOutput, int exitStatus)
 {
-    if (const std::optional<QString> text = decodeUtf8(errorOutput)) {
+    if (const std::optional<QString> text = decodeStrictUtf8(errorOutput)) {
         const QStringList lines = text->split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         if (!lines.isEmpty())
             return lines.last();
@@ -315,7 +304,7 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     QFile transcript(outputBase + QStringLiteral(".txt"));
     std::optional<QString> text;
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
-        text = decodeUtf8(transcript.readAll());
+        text = decodeStrictUtf8(transcript.readAll());
     if (text) {
         if (FinalCallback onFinal = std::exchange(m_onFinal, nullptr))
             onFinal(text->trimmed());

@@ -7,6 +7,7 @@
 #include "MediaTranscriberError.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
+#include "Shared/StrictUtf8.h"
 #include "YtDlpManager.h"
 
 #include <QCoreApplication>
@@ -15,9 +16,7 @@
 #include <QFileInfo>
 #include <QPointer>
 #include <QRegularExpression>
-#include <QStringDecoder>
 #include <QThread>
-#include <QUuid>
 
 #include <algorithm>
 #include <atomic>
@@ -33,11 +32,7 @@ std::optional<QString> readUtf8File(const QString& path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(file.readAll());
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
+    return decodeStrictUtf8(file.readAll());
 }
 
 // Files or folders (never what a link points at) inside `folder` whose names pass `matches`.
@@ -69,7 +64,7 @@ QStringList fetchArguments(const QString& link)
 // everything else a thread touches is either fixed before the worker starts or used by one thread.
 class MediaTranscriber::Job : public std::enable_shared_from_this<Job> {
 public:
-    Job(MediaTranscriber* owner, QString directory) : owner(owner), directory(std::move(directory)) {}
+    Job(MediaTranscriber* transcriber, QString folder) : owner(transcriber), directory(std::move(folder)) {}
 
     // Worker thread.
     void run(const Source& source);
@@ -94,7 +89,7 @@ private:
     void status(const QString& text, std::optional<double> progress);
     void reportDownloadProgress(const QString& line);
     void reportWhisperProgress(const QString& line);
-    void deliver(const std::function<void(MediaTranscriber& owner)>& answer, const std::optional<QString>& srtURL);
+    void deliver(const std::function<void(MediaTranscriber& transcriber)>& answer, const std::optional<QString>& srtURL);
     void post(std::function<void()> work);
 };
 
@@ -179,8 +174,7 @@ void MediaTranscriber::transcribe(const Source& source)
             onError(MediaTranscriberError::modelMissing());
         return;
     }
-    const QString directory = AppPaths::temporaryFolder() + QLatin1Char('/') + kFolderPrefix
-        + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    const QString directory = AppPaths::scratchPath(kFolderPrefix);
     // A folder that cannot be made shows up as the failure of the first file written into it.
     QDir().mkpath(directory);
     m_job = std::make_shared<Job>(this, directory);
@@ -226,9 +220,9 @@ void MediaTranscriber::Job::run(const Source& source)
         AudioExtractor::extractWAV(media, wavURL, [this] { return cancelled.load(); });
         throwIfCancelled();
         const Output output = runWhisper(wavURL);
-        deliver([output](MediaTranscriber& owner) {
-            if (owner.onFinished)
-                owner.onFinished(output);
+        deliver([output](MediaTranscriber& transcriber) {
+            if (transcriber.onFinished)
+                transcriber.onFinished(output);
         }, output.srtURL);
         return;
     } catch (const Error& error) {
@@ -239,9 +233,9 @@ void MediaTranscriber::Job::run(const Source& source)
     if (cancelled)
         failure = MediaTranscriberError::cancelled().clone();
     qCInfo(lcMedia) << "job failed:" << failure->description();
-    deliver([failure](MediaTranscriber& owner) {
-        if (owner.onError)
-            owner.onError(*failure);
+    deliver([failure](MediaTranscriber& transcriber) {
+        if (transcriber.onError)
+            transcriber.onError(*failure);
     }, std::nullopt);
 }
 
@@ -372,21 +366,21 @@ void MediaTranscriber::Job::reportWhisperProgress(const QString& line)
 void MediaTranscriber::Job::status(const QString& text, std::optional<double> progress)
 {
     post([job = shared_from_this(), text, progress] {
-        if (MediaTranscriber* owner = job->owner.data(); owner && owner->onStatus)
-            owner->onStatus(text, progress);
+        if (MediaTranscriber* transcriber = job->owner.data(); transcriber && transcriber->onStatus)
+            transcriber->onStatus(text, progress);
     });
 }
 
 // The answer reaches the owner if it is still there; the folder is cleaned either way, because a
 // job nobody listens to anymore leaves nothing for anyone.
-void MediaTranscriber::Job::deliver(const std::function<void(MediaTranscriber& owner)>& answer,
+void MediaTranscriber::Job::deliver(const std::function<void(MediaTranscriber& transcriber)>& answer,
                                     const std::optional<QString>& srtURL)
 {
     post([job = shared_from_this(), answer, srtURL] {
         if (std::exchange(job->delivered, true))
             return;
-        if (MediaTranscriber* owner = job->owner.data()) {
-            answer(*owner);
+        if (MediaTranscriber* transcriber = job->owner.data()) {
+            answer(*transcriber);
             job->cleanupKeepingSRT(srtURL);
         } else {
             job->cleanupKeepingSRT(std::nullopt);

@@ -10,7 +10,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QUuid>
 
 #include <filesystem>
 
@@ -67,8 +66,7 @@ YtDlpInstallation::~YtDlpInstallation()
 void YtDlpInstallation::start(const QUrl& source)
 {
     const QString folder = QFileInfo(m_destination).path();
-    m_download.setFileName(QDir(AppPaths::temporaryFolder()).filePath(
-        QStringLiteral("yt-dlp-") + QUuid::createUuid().toString(QUuid::WithoutBraces)));
+    m_download.setFileName(AppPaths::scratchPath(QStringLiteral("yt-dlp-")));
     // Checked before downloading, so the user does not wait 35 MB for a folder that cannot exist.
     QString failure;
     if (!QDir().mkpath(folder))

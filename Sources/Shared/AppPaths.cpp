@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QStandardPaths>
+#include <QUuid>
 
 namespace AppPaths {
 
@@ -23,6 +24,11 @@ QString modelsFolder()
 QString temporaryFolder()
 {
     return QDir::tempPath();
+}
+
+QString scratchPath(const QString& prefix, const QString& suffix)
+{
+    return temporaryFolder() + QLatin1Char('/') + prefix + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() + suffix;
 }
 
 QString runtimeFolder()

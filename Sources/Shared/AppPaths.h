@@ -12,6 +12,8 @@ QString dataFolder();
 QString modelsFolder();
 // The per-user temporary folder (honours TMPDIR).
 QString temporaryFolder();
+// A name no other file in the temporary folder has: prefix + a new UUID + suffix.
+QString scratchPath(const QString& prefix, const QString& suffix = {});
 // Where this session's sockets and locks go: $XDG_RUNTIME_DIR, else the temporary folder.
 QString runtimeFolder();
 // runtimeFolder() + "/" + applicationId() + suffix, e.g. ".lock".
