@@ -1,22 +1,12 @@
 // CPU time to turn one second of 48 kHz stereo float (a typical desktop microphone) into the
 // 16 kHz mono 16-bit that whisper-cli reads, buffer by buffer as a recording does.
+#include "BenchClock.h"
 #include "Platform/AudioConverter.h"
 
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <vector>
-
-namespace {
-
-double cpuSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
-}
-
-}
 
 int main()
 {
@@ -32,14 +22,14 @@ int main()
     std::vector<qint16> out;
     out.reserve(8192);
     const int buffers = kSeconds * kRate / kFramesPerBuffer;
-    const double begin = cpuSeconds();
+    const double begin = BenchClock::seconds(CLOCK_PROCESS_CPUTIME_ID);
     size_t produced = 0;
     for (int i = 0; i < buffers; ++i) {
         out.clear();
         converter->convert(bytes, out);
         produced += out.size();
     }
-    const double spent = cpuSeconds() - begin;
+    const double spent = BenchClock::seconds(CLOCK_PROCESS_CPUTIME_ID) - begin;
     const double audioSeconds = double(buffers) * kFramesPerBuffer / kRate;
     std::printf("conversion 48 kHz stereo float -> 16 kHz mono s16: %.3f ms CPU per second of audio "
                 "(target <= 2 ms; %zu samples out for %.1f s in)\n",

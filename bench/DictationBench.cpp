@@ -3,6 +3,7 @@
 // text reaches the focused window, and what the program costs once idle after ten dictations.
 // whisper-cli is a bash stand-in that stamps its start and exit and copies the WAV it was given.
 // Run under scripts/with-harness.sh.
+#include "BenchClock.h"
 #include "AppRun.h"
 #include "ProcessStats.h"
 #include "TestSupport.h"
@@ -26,13 +27,6 @@ namespace {
 
 constexpr int rightAlt = 108;
 constexpr double toneMs = 500;
-
-qint64 realtimeUs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return qint64(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
 
 qint64 readStampUs(const QString& path)
 {
@@ -92,19 +86,6 @@ LeadIn measureLeadIn(const QString& wav)
     return {cutAtStart ? std::max(0.0, toneMs - heardMs) : 0.0, first / 16.0};
 }
 
-double median(std::vector<double> values)
-{
-    if (values.empty())
-        return -1;
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-double maximum(const std::vector<double>& values)
-{
-    return values.empty() ? -1 : *std::max_element(values.begin(), values.end());
-}
-
 }
 
 int main(int argc, char** argv)
@@ -148,7 +129,7 @@ int main(int argc, char** argv)
         } else {
             TestSupport::spin(400ms);
         }
-        const qint64 releasedUs = realtimeUs();
+        const qint64 releasedUs = BenchClock::nanoseconds(CLOCK_REALTIME) / 1000;
         XTestKeyboard::release(rightAlt);
         if (!TestSupport::waitUntil([&] { return receiver.text().size() > textBefore; }, 10s)) {
             std::fprintf(stderr, "dictation %d brought no text:\n%s\n", dictation + 1, qPrintable(run.log().join('\n')));
@@ -169,12 +150,12 @@ int main(int argc, char** argv)
     run.stop();
 
     std::printf("lost lead-in of a tone played 50 ms after the key press: median %.1f ms, worst %.1f ms (target 0)\n",
-                median(missing), maximum(missing));
-    std::printf("  the tone began %.0f ms into the recording (median)\n", median(toneStart));
+                BenchClock::median(missing), BenchClock::maximum(missing));
+    std::printf("  the tone began %.0f ms into the recording (median)\n", BenchClock::median(toneStart));
     std::printf("key release -> whisper-cli started: median %.1f ms, worst %.1f ms (target <= 20 ms)\n",
-                median(releaseToStart), maximum(releaseToStart));
+                BenchClock::median(releaseToStart), BenchClock::maximum(releaseToStart));
     std::printf("whisper-cli exit -> text in the receiving window: median %.1f ms, worst %.1f ms (target <= 80 ms)\n",
-                median(exitToText), maximum(exitToText));
+                BenchClock::median(exitToText), BenchClock::maximum(exitToText));
     std::printf("idle after 10 dictations: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", idle.wakeups);
     std::printf("idle after 10 dictations: resident memory %.1f MB (target <= 60 MB)\n", idle.residentKb / 1024.0);
     return 0;

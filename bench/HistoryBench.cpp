@@ -1,5 +1,6 @@
 // Prints how long the history takes for what the user waits on: an add (with its atomic write) on a
 // full history, loading a very large file, and one keystroke in the history window's search field.
+#include "BenchClock.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
 #include "Platform/Fakes/FakeAlerts.h"
@@ -25,24 +26,17 @@ struct Figures {
     double cpuMedianMs; // this thread's own work, without the time other processes took the cores
 };
 
-double threadCpuMs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return now.tv_sec * 1e3 + now.tv_nsec / 1e6;
-}
-
 Figures measure(int runs, const std::function<void()>& once)
 {
     std::vector<double> times;
     std::vector<double> cpuTimes;
     for (int i = 0; i < runs; ++i) {
         QElapsedTimer timer;
-        const double cpuStart = threadCpuMs();
+        const double cpuStart = BenchClock::seconds(CLOCK_THREAD_CPUTIME_ID) * 1e3;
         timer.start();
         once();
         times.push_back(timer.nsecsElapsed() / 1e6);
-        cpuTimes.push_back(threadCpuMs() - cpuStart);
+        cpuTimes.push_back(BenchClock::seconds(CLOCK_THREAD_CPUTIME_ID) * 1e3 - cpuStart);
     }
     std::sort(times.begin(), times.end());
     std::sort(cpuTimes.begin(), cpuTimes.end());

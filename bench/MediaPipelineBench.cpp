@@ -5,6 +5,7 @@
 // A bare QProcess run of the same fake on the main thread gives the launch and exit costs that any
 // caller pays (on a loaded machine mostly the interpreter's start and finalisation), so the last
 // figure is what the pipeline adds on top of running the program at all.
+#include "BenchClock.h"
 #include "Media/MediaTranscriber.h"
 #include "BenchHome.h"
 
@@ -20,19 +21,6 @@
 #include <vector>
 
 namespace {
-
-qint64 realtimeNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 void installFakeWhisper(const QString& destination)
 {
@@ -60,10 +48,10 @@ std::pair<double, double> bareRun(const QString& whisper, const QString& wav, co
 {
     QProcess process;
     process.setStandardOutputFile(QProcess::nullDevice());
-    const qint64 before = realtimeNs();
+    const qint64 before = BenchClock::nanoseconds(CLOCK_REALTIME);
     process.start(whisper, {QStringLiteral("-f"), wav, QStringLiteral("-otxt"), QStringLiteral("-of"), base});
     process.waitForFinished(-1);
-    const qint64 after = realtimeNs();
+    const qint64 after = BenchClock::nanoseconds(CLOCK_REALTIME);
     const auto [childStart, childEnd] = readRuntime(whisper);
     return {(childStart - before) / 1e6, (after - childEnd) / 1e6};
 }
@@ -79,18 +67,18 @@ Sample runJob(const QString& media, const QString& whisper)
     QEventLoop loop;
     transcriber.onStatus = [&](const QString& text, std::optional<double>) {
         if (!transcribingAt && text.startsWith(QStringLiteral("Transcrevendo")))
-            transcribingAt = realtimeNs();
+            transcribingAt = BenchClock::nanoseconds(CLOCK_REALTIME);
     };
     transcriber.onFinished = [&](const MediaTranscriber::Output&) {
-        finishedAt = realtimeNs();
+        finishedAt = BenchClock::nanoseconds(CLOCK_REALTIME);
         loop.quit();
     };
     transcriber.onError = [&](const Error& error) {
         std::fprintf(stderr, "error: %s\n", qPrintable(error.description()));
-        finishedAt = realtimeNs();
+        finishedAt = BenchClock::nanoseconds(CLOCK_REALTIME);
         loop.quit();
     };
-    const qint64 startedAt = realtimeNs();
+    const qint64 startedAt = BenchClock::nanoseconds(CLOCK_REALTIME);
     transcriber.transcribe(MediaTranscriber::Source::file(media));
     if (!finishedAt)
         loop.exec();
@@ -129,25 +117,25 @@ int main(int argc, char** argv)
             samples[i].push_back(runJob(QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/") + names[i], whisper));
     }
     std::printf("bare QProcess run of the fake: launch %.1f ms, exit -> waitForFinished %.1f ms (medians of %d)\n",
-                median(bareLaunch), median(bareBack), kRuns);
+                BenchClock::median(bareLaunch), BenchClock::median(bareBack), kRuns);
     for (qsizetype i = 0; i < names.size(); ++i) {
         const auto figure = [&](double Sample::*field) {
             std::vector<double> values;
             for (const Sample& s : samples[i])
                 values.push_back(s.*field);
-            return median(values);
+            return BenchClock::median(values);
         };
         std::vector<double> overhead;
         for (const Sample& s : samples[i])
             overhead.push_back(s.job - s.whisperOwn);
         std::printf("%s (11 s of speech), medians of %d jobs:\n", qPrintable(names[i]), kRuns);
         std::printf("  job %.1f ms = whisper-cli's own run %.1f ms + pipeline overhead %.1f ms\n", figure(&Sample::job),
-                    figure(&Sample::whisperOwn), median(overhead));
+                    figure(&Sample::whisperOwn), BenchClock::median(overhead));
         std::printf("  overhead: start + extraction %.1f ms, child launch %.1f ms (Python start-up included), "
                     "exit -> onFinished %.1f ms\n", figure(&Sample::toTranscribing), figure(&Sample::launch),
                     figure(&Sample::back));
         std::printf("  added by the pipeline beyond a bare run: %.1f ms\n",
-                    median(overhead) - median(bareLaunch) - median(bareBack));
+                    BenchClock::median(overhead) - BenchClock::median(bareLaunch) - BenchClock::median(bareBack));
     }
     QFile::remove(whisper);
     QFile::remove(whisper + QStringLiteral(".runtime"));

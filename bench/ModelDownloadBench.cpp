@@ -1,6 +1,7 @@
 // Prints what a large model download costs: throughput from a local server, how much the resident
 // memory grows while 600 MB stream to disk, and how long after the server's last byte the user is
 // told the model is installed (the file is renamed into place, never copied).
+#include "BenchClock.h"
 #include "Engines/ModelDownloader.h"
 #include "ProcessStats.h"
 #include "Shared/AppPaths.h"
@@ -40,13 +41,6 @@ print(time.monotonic(), flush=True)
 connection.close()
 )";
 
-double monotonicSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec + now.tv_nsec / 1e9;
-}
-
 // Notes when the outcome is shown instead of waiting for a click.
 class TimedAlerts final : public Alerts {
 public:
@@ -54,7 +48,7 @@ public:
     QString text;
     int runModal(const Alert& alert) override
     {
-        shownAt = monotonicSeconds();
+        shownAt = BenchClock::seconds(CLOCK_MONOTONIC);
         text = alert.informativeText;
         return 0;
     }

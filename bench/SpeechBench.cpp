@@ -1,6 +1,7 @@
 // Prints the figures of the native speech engine: how fast PocketSphinx decodes a FLEURS clip, how
 // long start() takes until the microphone captures, and how soon text arrives in a first dictation
 // (model loaded then) and a second one (decoder kept). Run it under scripts/with-harness.sh.
+#include "BenchClock.h"
 #include "Platform/SpeechRecognizer.h"
 #include "Shared/Preferences/Settings.h"
 #include "Engines/SpeechTranscriber.h"
@@ -35,23 +36,6 @@ long residentKilobytes()
             return std::stol(line.substr(6));
     }
     return 0;
-}
-
-double processCpuSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return now.tv_sec + now.tv_nsec / 1e9;
-}
-
-void spinUntil(const std::function<bool()>& condition, int timeoutMs = 30000)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!condition() && clock.elapsed() < timeoutMs) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        QThread::msleep(1);
-    }
 }
 
 std::vector<qint16> decodeTo16kHz(const QString& path)
@@ -100,9 +84,9 @@ void benchRealTimeFactor()
     const double duration = double(samples.size()) / SpeechRecognizer::sampleRate;
     QString text;
     recogniseAtOnce(*recognizer, samples, text); // loads the decoder unless a dictation already did
-    const double cpuBefore = processCpuSeconds();
+    const double cpuBefore = BenchClock::seconds(CLOCK_PROCESS_CPUTIME_ID);
     const double wall = recogniseAtOnce(*recognizer, samples, text);
-    const double cpu = processCpuSeconds() - cpuBefore;
+    const double cpu = BenchClock::seconds(CLOCK_PROCESS_CPUTIME_ID) - cpuBefore;
     std::printf("clip fleurs-en-005: %.2f s of audio, decoded in %.3f s wall (real-time factor %.3f), "
                 "%.3f s CPU (real-time factor %.3f)\n", duration, wall, wall / duration, cpu, cpu / duration);
     std::printf("  text: %s\n", qPrintable(text));
@@ -112,7 +96,7 @@ void playIntoMicrophone(const QString& rawPath)
 {
     QProcess player;
     player.start(QStringLiteral("paplay"), {"--raw", "--rate=16000", "--channels=1", "--format=s16le", "--latency-msec=20", rawPath});
-    spinUntil([&] { return player.state() == QProcess::NotRunning; });
+    BenchClock::spinUntil([&] { return player.state() == QProcess::NotRunning; }, std::chrono::seconds(30));
 }
 
 void benchDictation(int number)
@@ -135,7 +119,7 @@ void benchDictation(int number)
     playIntoMicrophone(kGoForward);
     const qint64 finishedAt = clock.elapsed();
     engine.finish();
-    spinUntil([&] { return finalMs >= 0; });
+    BenchClock::spinUntil([&] { return finalMs >= 0; }, std::chrono::seconds(30));
     std::printf("dictation %d: start-to-capturing %.1f ms, first partial at %lld ms, final %lld ms after finish "
                 "(\"%s\"), resident %ld MB\n",
                 number, startMs, static_cast<long long>(firstPartialMs), static_cast<long long>(finalMs - finishedAt),

@@ -4,6 +4,7 @@
 //  - when the pasted text lands in a focused text field, counted from the call (target 50 ms),
 //    with no key held and with AltGr (the dictation key) held down through the paste.
 
+#include "BenchClock.h"
 #include "Dictation/TextInserter.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 #include "Platform/Linux/X11/X11FrontApplication.h"
@@ -89,16 +90,6 @@ private:
     bool m_textWritten = false;
 };
 
-void spinUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (!done() && clock.elapsed() < timeout.count()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        QThread::usleep(200);
-    }
-}
-
 QByteArray noisePng(int width, int height)
 {
     QImage image(width, height, QImage::Format_ARGB32);
@@ -137,13 +128,13 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
                                                  file.fileName()});
         owner.waitForFinished(); // xclip leaves a child serving the selection
         // Wait until the image is on offer, so the save below reads it rather than nothing.
-        spinUntil([] { return x11Clipboard()->itemCount() > 0; }, 2s);
+        BenchClock::spinUntil([] { return x11Clipboard()->itemCount() > 0; }, 2s);
         auto pasteboard = std::make_shared<TimedPasteboard>();
         QElapsedTimer clock;
         clock.start();
         TextInserter::insert(QStringLiteral("ditado"), {pasteboard, x11Keys(), {}});
         const double callMs = double(clock.nsecsElapsed()) / 1e6;
-        spinUntil([&] { return pasteboard->restored; }, 3s);
+        BenchClock::spinUntil([&] { return pasteboard->restored; }, 3s);
         saves.push_back(pasteboard->saveMs);
         restores.push_back(pasteboard->restoreMs);
         if (run == 0)
@@ -151,7 +142,7 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
                 pasteboard->restored ? "clipboard" : "NOT");
         // Our process stops serving the image before xclip offers it again.
         x11Clipboard()->clearContents();
-        spinUntil([] { return false; }, 50ms);
+        BenchClock::spinUntil([] { return false; }, 50ms);
     }
     report("save 5 MB image from another program", saves, 20);
     report("restore 5 MB image", restores, 20);
@@ -164,7 +155,7 @@ void measurePasteLanding(int runs, int heldKeycode, const char* label)
     field.resize(400, 200);
     field.show();
     field.activateWindow();
-    spinUntil([&] { return field.hasFocus() && QGuiApplication::focusWindow() == field.windowHandle(); }, 3s);
+    BenchClock::spinUntil([&] { return field.hasFocus() && QGuiApplication::focusWindow() == field.windowHandle(); }, 3s);
     if (!field.hasFocus()) {
         std::printf("the text field did not get the keyboard focus: no paste timing\n");
         return;
@@ -182,13 +173,13 @@ void measurePasteLanding(int runs, int heldKeycode, const char* label)
             XTestKeyboard::press(heldKeycode);
         clock.start();
         TextInserter::insert(QStringLiteral("Olá, ação — ñ 🎙️"), {x11Clipboard(), x11Keys(), {}});
-        spinUntil([&] { return landedAt >= 0; }, 2s);
+        BenchClock::spinUntil([&] { return landedAt >= 0; }, 2s);
         if (heldKeycode)
             XTestKeyboard::release(heldKeycode);
         QObject::disconnect(connection);
         if (landedAt >= 0)
             landings.push_back(landedAt);
-        spinUntil([] { return false; }, 700ms); // let the restoration pass
+        BenchClock::spinUntil([] { return false; }, 700ms); // let the restoration pass
     }
     std::printf("%s: landed in %zu of %d runs\n", label, landings.size(), runs);
     if (!landings.empty())

@@ -1,6 +1,7 @@
 // How long Voxaria itself adds around whisper-cli: from the key release (finish()) to the child
 // running, and from the child's exit to the text reaching onFinal. whisper-cli's own time is left
 // out: a tiny shell stand-in writes its transcript and the moment it exits.
+#include "BenchClock.h"
 #include "BenchHome.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Shared/Preferences/Settings.h"
@@ -19,13 +20,6 @@
 #include <vector>
 
 namespace {
-
-qint64 realtimeNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 void installStandIn(const QString& path, const QString& stampFolder)
 {
@@ -50,12 +44,6 @@ qint64 readStamp(const QString& path)
     return file.readAll().trimmed().toLongLong() * 1000;
 }
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 }
 
 int main(int argc, char** argv)
@@ -74,13 +62,13 @@ int main(int argc, char** argv)
         WhisperTranscriber engine(std::move(input));
         qint64 finalAt = 0;
         QEventLoop waiting;
-        engine.start({}, [&](const QString&) { finalAt = realtimeNs(); waiting.quit(); }, [&](const Error& e) {
+        engine.start({}, [&](const QString&) { finalAt = BenchClock::nanoseconds(CLOCK_REALTIME); waiting.quit(); }, [&](const Error& e) {
             std::fprintf(stderr, "error: %s\n", qPrintable(e.description()));
             waiting.quit();
         });
         microphone->deliver(silence);
         QElapsedTimer clock;
-        const qint64 releasedAt = realtimeNs();
+        const qint64 releasedAt = BenchClock::nanoseconds(CLOCK_REALTIME);
         clock.start();
         engine.finish();
         const double finishMs = clock.nsecsElapsed() / 1e6;
@@ -91,10 +79,10 @@ int main(int argc, char** argv)
         exitToFinal.push_back((finalAt - readStamp(home.path() + QStringLiteral("/exited"))) / 1e6);
     }
     QFile::remove(binary);
-    std::printf("finish() returned with whisper-cli launched: median %.2f ms (target <= 10 ms)\n", median(toStarted));
+    std::printf("finish() returned with whisper-cli launched: median %.2f ms (target <= 10 ms)\n", BenchClock::median(toStarted));
     std::printf("key release -> first line of the child running: median %.2f ms (includes bash start-up)\n",
-                median(toChild));
+                BenchClock::median(toChild));
     std::printf("whisper-cli exit -> onFinal: median %.2f ms (target <= 5 ms; includes process reaping)\n",
-                median(exitToFinal));
+                BenchClock::median(exitToFinal));
     return 0;
 }
