@@ -118,10 +118,11 @@ TEST(AudioExtractorTest, DecodesTheFirstAudioTrackOfAnyFormat)
         const QString destination = source + QStringLiteral(".wav");
         ASSERT_EQ(extract(source, destination), "extracted");
         EXPECT_NEAR(double(checkedDataSize(destination)) / 32000, c.seconds, 0.1);
-        if (c.seconds == 11.0)
+        if (c.seconds == 11.0) {
             EXPECT_GT(sameSpeech(samplesOf(destination), samplesOf(kSpeech)), 0.9);
-        else if (c.seconds == 0)
+        } else if (c.seconds == 0) {
             EXPECT_EQ(QFileInfo(destination).size(), 44);
+        }
     }
 }
 

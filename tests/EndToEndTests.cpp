@@ -102,8 +102,9 @@ protected:
             for (int i = 0; i < subSteps; ++i)
                 XTestKeyboard::tap(downKey, 20ms);
         }
-        if (!screenshot.isEmpty())
+        if (!screenshot.isEmpty()) {
             EXPECT_TRUE(Desktop::screenshot(screenshot));
+        }
         XTestKeyboard::tap(enterKey, 20ms);
     }
     // Waits for the alert, saves it as `screenshot` and answers it with its default button.

@@ -202,8 +202,9 @@ TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
         EXPECT_TRUE(waitUntil([&] { return mediaFolders().isEmpty(); }, 30s));
         spin(200ms);
         EXPECT_EQ(run.events.last(), c.last);
-        if (!c.terminated.isEmpty())
+        if (!c.terminated.isEmpty()) {
             EXPECT_EQ(readLines(c.terminated).last(), "terminated");
+        }
         EXPECT_EQ(whisper.lastArguments().isEmpty(), c.whisper.isEmpty()) << "whisper-cli ran after the stop";
     }
 }

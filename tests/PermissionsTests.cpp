@@ -169,8 +169,9 @@ TEST(LoginItem, AnUnwritableAutostartFolderReportsWhyAndChangesNothing)
     const auto immutable = [&](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", folder}) == 0; };
     for (const bool present : {false, true}) {
         ASSERT_EQ(item.unregisterItem(), std::nullopt);
-        if (present)
+        if (present) {
             ASSERT_EQ(item.registerItem(), std::nullopt);
+        }
         if (!immutable(true))
             GTEST_SKIP() << "chattr does not work on this file system";
         const auto reason = present ? item.unregisterItem() : item.registerItem();

@@ -155,8 +155,9 @@ TEST_F(SpeechTranscriberTest, CancelOrDestructionSilencesEverythingStillOnItsWay
         EXPECT_TRUE(answers.partials.isEmpty());
         EXPECT_EQ(answers.count(), 0);
         EXPECT_TRUE(recognizer->audioEnded() && recognizer->taskCancelled());
-        if (engine)
+        if (engine) {
             EXPECT_FALSE(microphone->isRunning());
+        }
     }
 }
 

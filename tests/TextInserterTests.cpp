@@ -137,8 +137,9 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         // This process lets go of the clipboard, as when a dictation restored an empty one.
         QGuiApplication::clipboard()->clear(QClipboard::Clipboard);
         std::optional<DesktopApps::ClipboardOwner> owner;
-        if (!before.empty())
+        if (!before.empty()) {
             ASSERT_TRUE(owner.emplace(before).isReady());
+        }
         const QByteArray targetsBefore = DesktopApps::clipboardData(QStringLiteral("TARGETS"));
         const auto received = [&] { return intoTerminal ? terminal.received() : receiver.text().toUtf8(); };
         const QByteArray expected = received() + dictation.toUtf8();
@@ -165,11 +166,13 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
             QProcess::execute(QStringLiteral("sh"), {QStringLiteral("-c"), copyMeanwhile.arg(copiedMeanwhile)});
         TestSupport::spin(900ms);
         EXPECT_EQ(received(), expected) << "pasted more than once";
-        if (heldKey)
+        if (heldKey) {
             EXPECT_EQ(changedKeys.count(heldKey == 108 ? 61 : 56), 2) << "the paste's own release and press were seen";
+        }
         const Formats after = copiedMeanwhile.isEmpty() ? before : Formats{{QStringLiteral("text/html"), copiedMeanwhile}};
-        if (copiedMeanwhile.isEmpty())
+        if (copiedMeanwhile.isEmpty()) {
             EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("TARGETS")), targetsBefore);
+        }
         for (const auto& [type, bytes] : after)
             EXPECT_EQ(DesktopApps::clipboardData(type), bytes) << type.toStdString();
     }

@@ -224,8 +224,9 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
         auto engine = record();
         end(engine);
         spin(300ms);
-        if (engine)
+        if (engine) {
             EXPECT_FALSE(microphone->isRunning());
+        }
         EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); })) << dictationFiles().join(' ').toStdString();
         EXPECT_FALSE(answers.answered());
     }
@@ -241,7 +242,7 @@ TEST_F(WhisperTranscriberTest, UnpluggingTheRealMicrophoneMidDictationIsReported
     Headset headset;
     ASSERT_TRUE(headset.isPlugged());
     auto input = std::make_unique<PulseAudioInput>();
-    PulseAudioInput& microphone = *input;
+    PulseAudioInput& realMicrophone = *input;
     WhisperTranscriber engine(std::move(input));
     answers.start(engine);
     spin(500ms);
@@ -249,7 +250,7 @@ TEST_F(WhisperTranscriberTest, UnpluggingTheRealMicrophoneMidDictationIsReported
     ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s)) << "the unplugged microphone went unnoticed";
     EXPECT_EQ(answers.errors, QStringList({"O microfone foi desconectado durante o ditado."}));
     EXPECT_TRUE(answers.onMainThread);
-    EXPECT_FALSE(microphone.isRunning());
+    EXPECT_FALSE(realMicrophone.isRunning());
     EXPECT_TRUE(dictationFiles().isEmpty());
     engine.finish();
     spin(300ms);

@@ -69,7 +69,7 @@ void ask(Request request, Query& query)
 QString pulseDefaultSourceName()
 {
     Query query;
-    ask([](pa_context* context, Query* query) { return pa_context_get_server_info(context, onServerInfo, query); }, query);
+    ask([](pa_context* context, Query* pending) { return pa_context_get_server_info(context, onServerInfo, pending); }, query);
     if (!query.done)
         qCInfo(lcAudio) << "PulseAudio gave no default source";
     return query.sourceName;
@@ -78,7 +78,7 @@ QString pulseDefaultSourceName()
 int pulseCaptureSourceCount()
 {
     Query query;
-    ask([](pa_context* context, Query* query) { return pa_context_get_source_info_list(context, onSourceInfo, query); }, query);
+    ask([](pa_context* context, Query* pending) { return pa_context_get_source_info_list(context, onSourceInfo, pending); }, query);
     if (!query.done)
         qCInfo(lcAudio) << "PulseAudio listed no sources";
     return query.captureSources;
