@@ -97,7 +97,7 @@ public:
 
     void run()
     {
-        auto decoder = PocketSphinxDecoder::acquire(m_model);
+        auto decoder = PocketSphinxDecoder::acquire(m_model, [this] { return m_queue->isAbandoned(); });
         if (!decoder) {
             fail(QStringLiteral("Não foi possível carregar o modelo do PocketSphinx em %1.").arg(m_model.acousticModel));
             return;
@@ -141,11 +141,13 @@ private:
             m_handler(std::move(result), nullptr);
     }
 
+    // Once abandoned, a failure (a model check stopped half-way included) is nobody's concern.
     void fail(const QString& message)
     {
+        if (m_queue->isAbandoned())
+            return;
         qCWarning(lcSpeech) << message;
-        if (!m_queue->isAbandoned())
-            m_handler(std::nullopt, std::make_shared<PlatformError>(message));
+        m_handler(std::nullopt, std::make_shared<PlatformError>(message));
     }
 
     PocketSphinxModel m_model;
