@@ -28,6 +28,8 @@ endforeach()
 add_custom_target(voxaria_documents ALL DEPENDS ${staged}/voxaria.1.gz ${staged}/changelog.gz)
 
 install(TARGETS voxaria RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The program's own helper, not a command: found as <bin>/../libexec/voxaria/voxaria-model-check.
+install(TARGETS voxaria-model-check RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/voxaria)
 install(FILES resources/${VOXARIA_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES resources/icons/${VOXARIA_APP_ID}.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${staged}/${VOXARIA_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)

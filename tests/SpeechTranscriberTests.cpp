@@ -12,7 +12,9 @@
 #include <QProcess>
 #include <QRegularExpression>
 
+#include <atomic>
 #include <numeric>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -233,15 +235,46 @@ double wordErrorRate(const QString& reference, const QString& hypothesis)
     return double(row[heard.size()]) / qMax(1, int(expected.size()));
 }
 
-// The recording as a typical microphone delivers it: 48 kHz stereo float.
-QByteArray decodedAsMicrophoneFrames(const QString& path)
+// The recording as a typical microphone delivers it (48 kHz stereo float), or as PocketSphinx hears it.
+QByteArray decodedSpeech(bool asMicrophoneFrames = true)
 {
     QProcess decoder;
-    decoder.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
-                                             QStringLiteral("-ar"), QStringLiteral("48000"), QStringLiteral("-ac"), QStringLiteral("2"),
-                                             QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")});
+    decoder.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"),
+                                             testDataPath(QStringLiteral("speech/fleurs-en-005.ogg")), QStringLiteral("-ar"),
+                                             asMicrophoneFrames ? QStringLiteral("48000") : QStringLiteral("16000"), QStringLiteral("-ac"),
+                                             asMicrophoneFrames ? QStringLiteral("2") : QStringLiteral("1"), QStringLiteral("-f"),
+                                             asMicrophoneFrames ? QStringLiteral("f32le") : QStringLiteral("s16le"), QStringLiteral("-")});
     decoder.waitForFinished(30000);
     return decoder.readAllStandardOutput();
+}
+
+// Destroyed while it loads the model or once it has heard words, the recogniser takes its worker
+// with it, within a model load at most, and nothing reports afterwards.
+TEST(PocketSphinx, ARecognizerDestroyedMidRecognitionTakesItsWorkerAlong)
+{
+    if (!QFileInfo::exists(kSystemEnglishModel))
+        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+    const QByteArray speech = decodedSpeech(false).left(SpeechRecognizer::sampleRate * 2 * 3);
+    const auto threads = [] { return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); };
+    for (const bool heardWords : {false, true}) {
+        const auto before = threads();
+        std::atomic_int reports = 0;
+        auto recognizer = SpeechRecognizer::make(QStringLiteral("en-US"));
+        auto request = recognizer->makeRequest(true);
+        auto task = recognizer->startTask(request, [&](auto, auto) { ++reports; });
+        request->append({reinterpret_cast<const qint16*>(speech.constData()), std::size_t(speech.size() / 2)});
+        if (heardWords) {
+            ASSERT_TRUE(waitUntil([&] { return reports > 0; }, 20s));
+        }
+        QElapsedTimer clock;
+        clock.start();
+        recognizer.reset();
+        EXPECT_LT(clock.elapsed(), 5000) << "heard words: " << heardWords;
+        EXPECT_LE(threads(), before) << "a worker outlived its recogniser";
+        const int reported = reports;
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(reports, reported) << "reported after its recogniser was gone";
+    }
 }
 
 // Fed the same buffers, the chain after the microphone (down-mix, resampling to 16 kHz, PocketSphinx)
@@ -253,7 +286,7 @@ TEST(PocketSphinx, SpokenEnglishDecodesUnderTheMeasuredWordErrorRate)
     if (!QFileInfo::exists(kSystemEnglishModel))
         GTEST_SKIP() << "pocketsphinx-en-us is not installed";
     Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
-    const QByteArray frames = decodedAsMicrophoneFrames(testDataPath(QStringLiteral("speech/fleurs-en-005.ogg")));
+    const QByteArray frames = decodedSpeech();
     ASSERT_GT(frames.size(), 48000 * 8) << "ffmpeg could not decode the speech";
     auto input = std::make_unique<FakeAudioInput>();
     input->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};

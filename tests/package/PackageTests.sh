@@ -26,6 +26,7 @@ echo "package: $deb"
 
 # Exactly the program and its desktop files: nothing of the tests, helpers or benchmarks.
 expected="./usr/bin/voxaria
+./usr/libexec/voxaria/voxaria-model-check
 ./usr/share/applications/$app.desktop
 ./usr/share/doc/voxaria/changelog.gz
 ./usr/share/doc/voxaria/copyright
@@ -55,6 +56,10 @@ appstreamcli validate --no-net --explain "$root/usr/share/metainfo/$app.metainfo
 # The entry must start the installed program with the icon installed beside it.
 [ -x "$root/usr/bin/$(sed -n 's/^Exec=//p' "$desktop")" ] || fail "Exec names no installed program"
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
+# The model check, where the installed program looks for it, loads the system's model once stripped.
+model=/usr/share/pocketsphinx/model/en-us
+[ ! -d "$model" ] || "$root/usr/bin/../libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
+  "$model/cmudict-en-us.dict" || fail "the installed model check refuses the system's model"
 
 # Lintian's errors fail the package; its warnings are shown.
 lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"

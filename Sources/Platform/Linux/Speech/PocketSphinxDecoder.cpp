@@ -1,17 +1,12 @@
 #include "PocketSphinxDecoder.h"
 
+#include "PocketSphinxConfig.h"
+#include "PocketSphinxModelCheck.h"
 #include "Shared/Logging.h"
 
 #include <QElapsedTimer>
 
-#include <pocketsphinx.h>
-
 #include <mutex>
-#include <thread>
-
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -20,7 +15,8 @@ struct KeptDecoder {
     std::unique_ptr<PocketSphinxDecoder> decoder;
 };
 
-// Never destroyed: a decoding worker may still hand its decoder back while the process exits.
+// Never destroyed: freeing some 100 MB of model would only delay the exit, and a recogniser held by
+// a static object may still hand its decoder back then.
 KeptDecoder& kept()
 {
     static auto* instance = new KeptDecoder;
@@ -41,34 +37,27 @@ struct ModelPaths {
 
     cmd_ln_t* makeConfig() const
     {
-        // PocketSphinx writes hundreds of lines to standard error unless told otherwise.
-        return cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", acoustic.constData(), "-lm", language.constData(),
-                           "-dict", dictionary.constData(), "-logfn", "/dev/null", nullptr);
+        return makePocketSphinxConfig(acoustic.constData(), language.constData(), dictionary.constData());
     }
 };
 
-// PocketSphinx ends the whole process when a model file is malformed. A model the user installed
-// is therefore tried first in a forked child, which may die in our place; a child that neither
-// succeeds nor dies within the limit counts as a failure too.
-bool loadsInChildProcess(const ModelPaths& paths)
+// The system's models come with its package; a model the user installed may be malformed, and
+// PocketSphinx would end this process on it.
+bool mayLoad(const PocketSphinxModel& model, const std::function<bool()>& stopRequested)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        cmd_ln_t* config = paths.makeConfig();
-        _exit(config && ps_init(config) ? 0 : 1);
-    }
-    if (child < 0)
+    if (model.isShippedWithSystem())
+        return true;
+    switch (PocketSphinxModelCheck::of(model, stopRequested)) {
+    case PocketSphinxModelCheck::Verdict::loads:
+    case PocketSphinxModelCheck::Verdict::unchecked:
+        return true;
+    case PocketSphinxModelCheck::Verdict::refused:
+        qCWarning(lcSpeech) << "the speech model in" << model.acousticModel << "does not load";
         return false;
-    int status = 0;
-    for (int waited = 0; waitpid(child, &status, WNOHANG) == 0; waited += 20) {
-        if (waited > 20000) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    case PocketSphinxModelCheck::Verdict::stopped:
+        return false;
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return false;
 }
 
 }
@@ -84,15 +73,13 @@ PocketSphinxDecoder::~PocketSphinxDecoder()
     cmd_ln_free_r(m_config);
 }
 
-std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphinxModel& model)
+std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphinxModel& model, const std::function<bool()>& stopRequested)
 {
     QElapsedTimer clock;
     clock.start();
-    const ModelPaths paths(model);
-    if (!model.isShippedWithSystem() && !loadsInChildProcess(paths)) {
-        qCWarning(lcSpeech) << "the speech model in" << model.acousticModel << "does not load";
+    if (!mayLoad(model, stopRequested))
         return nullptr;
-    }
+    const ModelPaths paths(model);
     cmd_ln_t* config = paths.makeConfig();
     if (!config) {
         qCWarning(lcSpeech) << "PocketSphinx rejected the configuration for" << model.acousticModel;
@@ -109,14 +96,14 @@ std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphin
     return std::unique_ptr<PocketSphinxDecoder>(new PocketSphinxDecoder(model, decoder, config));
 }
 
-std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::acquire(const PocketSphinxModel& model)
+std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::acquire(const PocketSphinxModel& model, const std::function<bool()>& stopRequested)
 {
     {
         std::lock_guard lock(kept().mutex);
         if (kept().decoder && kept().decoder->m_model == model)
             return std::move(kept().decoder);
     }
-    return load(model);
+    return load(model, stopRequested);
 }
 
 void PocketSphinxDecoder::keepForNextDictation(std::unique_ptr<PocketSphinxDecoder> decoder)

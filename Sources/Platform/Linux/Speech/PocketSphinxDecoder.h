@@ -5,6 +5,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <functional>
 #include <memory>
 #include <span>
 
@@ -25,8 +26,9 @@ public:
     PocketSphinxDecoder& operator=(const PocketSphinxDecoder&) = delete;
 
     // The decoder kept from an earlier dictation when it has this model, else a freshly loaded one;
-    // nothing when the model cannot be loaded. Runs on a worker: it may take half a second.
-    static std::unique_ptr<PocketSphinxDecoder> acquire(const PocketSphinxModel& model);
+    // nothing when the model cannot be loaded, or when `stopRequested` answers true while a model
+    // the user installed is checked. Runs on a worker: it may take half a second.
+    static std::unique_ptr<PocketSphinxDecoder> acquire(const PocketSphinxModel& model, const std::function<bool()>& stopRequested);
     // Keeps a decoder whose utterance has ended for the next dictation, replacing any kept one.
     static void keepForNextDictation(std::unique_ptr<PocketSphinxDecoder> decoder);
 
@@ -39,7 +41,7 @@ public:
 
 private:
     PocketSphinxDecoder(PocketSphinxModel model, ps_decoder_s* decoder, cmd_ln_s* config);
-    static std::unique_ptr<PocketSphinxDecoder> load(const PocketSphinxModel& model);
+    static std::unique_ptr<PocketSphinxDecoder> load(const PocketSphinxModel& model, const std::function<bool()>& stopRequested);
 
     PocketSphinxModel m_model;
     ps_decoder_s* m_decoder;

@@ -3,6 +3,7 @@
 #include "Shared/Logging.h"
 #include "PocketSphinxDecoder.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -97,7 +98,7 @@ public:
 
     void run()
     {
-        auto decoder = PocketSphinxDecoder::acquire(m_model);
+        auto decoder = PocketSphinxDecoder::acquire(m_model, [this] { return m_queue->isAbandoned(); });
         if (!decoder) {
             fail(QStringLiteral("Não foi possível carregar o modelo do PocketSphinx em %1.").arg(m_model.acousticModel));
             return;
@@ -141,11 +142,13 @@ private:
             m_handler(std::move(result), nullptr);
     }
 
+    // Once abandoned, a failure (a model check stopped half-way included) is nobody's concern.
     void fail(const QString& message)
     {
+        if (m_queue->isAbandoned())
+            return;
         qCWarning(lcSpeech) << message;
-        if (!m_queue->isAbandoned())
-            m_handler(std::nullopt, std::make_shared<PlatformError>(message));
+        m_handler(std::nullopt, std::make_shared<PlatformError>(message));
     }
 
     PocketSphinxModel m_model;
@@ -154,6 +157,37 @@ private:
 };
 
 }
+
+// One recognition's thread. Destroying it abandons the recognition, which the worker notices between
+// two decoding steps or during the model check, and waits for the thread.
+class PocketSphinxRecognizer::Worker {
+public:
+    Worker(const PocketSphinxModel& model, std::shared_ptr<SampleQueue> queue, ResultHandler handler)
+        : m_queue(queue)
+        , m_thread([this, decoding = Decoding(model, std::move(queue), std::move(handler))]() mutable {
+            decoding.run();
+            m_finished = true;
+        })
+    {
+    }
+
+    ~Worker()
+    {
+        m_queue->abandon();
+        m_thread.join();
+    }
+
+    bool isFinished() const { return m_finished; }
+
+private:
+    std::shared_ptr<SampleQueue> m_queue;
+    std::atomic_bool m_finished = false;
+    std::thread m_thread;
+};
+
+PocketSphinxRecognizer::PocketSphinxRecognizer(PocketSphinxModel model) : m_model(std::move(model)) {}
+
+PocketSphinxRecognizer::~PocketSphinxRecognizer() = default;
 
 std::shared_ptr<SpeechRecognizer::Request> PocketSphinxRecognizer::makeRequest(bool requiresOnDeviceRecognition)
 {
@@ -166,8 +200,9 @@ std::shared_ptr<SpeechRecognizer::Task> PocketSphinxRecognizer::startTask(std::s
 {
     // Requests only ever come from makeRequest() above.
     auto queue = std::static_pointer_cast<SampleQueue>(std::move(request));
-    // Detached: cancelling must not wait for a model that is still loading. The worker owns all it
-    // touches, and the queue wakes it when the recognition is abandoned.
-    std::thread([decoding = Decoding(m_model, queue, std::move(handler))]() mutable { decoding.run(); }).detach();
+    // Cancelling only abandons the queue and never waits; the thread is joined once it has ended, at
+    // the next recognition or with the recogniser.
+    std::erase_if(m_workers, [](const std::unique_ptr<Worker>& worker) { return worker->isFinished(); });
+    m_workers.push_back(std::make_unique<Worker>(m_model, queue, std::move(handler)));
     return std::make_shared<DecodingTask>(std::move(queue));
 }
