@@ -7,7 +7,6 @@
 #include "BenchClock.h"
 #include "Dictation/TextInserter.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
-#include "Platform/Linux/X11/X11FrontApplication.h"
 #include "Platform/Linux/X11/XTestKeyPoster.h"
 #include "XTestKeyboard.h"
 
@@ -40,7 +39,7 @@ std::shared_ptr<Pasteboard> x11Clipboard()
 
 std::shared_ptr<KeyPoster> x11Keys()
 {
-    static const auto keys = std::make_shared<XTestKeyPoster>(std::make_unique<X11FrontApplication>());
+    static const auto keys = std::make_shared<XTestKeyPoster>();
     return keys;
 }
 

@@ -95,6 +95,22 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         EXPECT_EQ(keyPoster->posted, posted);
         EXPECT_EQ(pasteboard->items, before);
     }
+
+    // A save that takes a while (an owner answering through pipes): a dictation during it waits for
+    // the first one's paste, each pastes its own words, and quitting mid-save writes nothing.
+    pasteboard->snapshotDelay = 200ms;
+    QStringList pasted;
+    keyPoster->onPost = [&](const KeyPoster::KeyEvent& event) { pasted << (event.keyDown ? pasteboard->string().value_or("") : ""); };
+    insert(QStringLiteral("primeiro"));
+    insert(QStringLiteral("segundo"));
+    TestSupport::spin(1500ms);
+    EXPECT_EQ(pasted, QStringList({"primeiro", "", "segundo", ""}));
+    EXPECT_EQ(pasteboard->items, before);
+    const int writes = pasteboard->writeCount;
+    insert(QStringLiteral("terceiro"));
+    QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
+    TestSupport::spin(500ms);
+    EXPECT_EQ(pasteboard->writeCount, writes);
 }
 
 // Against the real X server: a real receiving window, foreign clipboard owners, xterm.
@@ -125,8 +141,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"into a terminal", threeFormats, 0, true},
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
-    const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(),
-                                         std::make_shared<XTestKeyPoster>(std::make_unique<X11FrontApplication>())};
+    const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {},
+                                         TextInserter::Mode::paste, std::make_shared<X11FrontApplication>()};
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;

@@ -2,8 +2,10 @@
 // bindings reaching the running program through `voxaria --press` / `--release`, and the keyboards
 // read from event devices (fed here through pipes, since test machines have no keyboards).
 #include "AppRun.h"
+#include "Dictation/TextInserter.h"
 #include "HeadlessSway.h"
 #include "HistoryFiles.h"
+#include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Linux/Wayland/CompositorFrontApplication.h"
 #include "Platform/Linux/Wayland/DataControlPasteboard.h"
 #include "Platform/Linux/Input/EvdevKeyMonitor.h"
@@ -17,8 +19,11 @@
 #include <QLocalSocket>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <QTimer>
 
 #include <gtest/gtest.h>
+
+#include "wlr-data-control-unstable-v1-client-protocol.h"
 
 #include <atomic>
 #include <thread>
@@ -212,6 +217,48 @@ TEST_F(Sway, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebodyCopie
     ASSERT_TRUE(sway.copy("de outro programa", QStringLiteral("text/plain")));
     EXPECT_FALSE(board.ownsContents());
     EXPECT_EQ(board.data(0, QStringLiteral("text/plain")), QByteArray("de outro programa"));
+}
+
+// Takes the clipboard on a connection of its own, offering `types`, the way another program would,
+// and never writes a byte: the pipes readers hand it stay open in `held`.
+std::shared_ptr<WaylandClient> ownClipboardSilently(const QString& socket, const QStringList& types, std::vector<int>& held)
+{
+    static const zwlr_data_control_source_v1_listener keep = {
+        .send = [](void* fds, zwlr_data_control_source_v1*, const char*, int32_t fd) { static_cast<std::vector<int>*>(fds)->push_back(fd); },
+        .cancelled = [](void*, zwlr_data_control_source_v1*) {},
+    };
+    auto client = WaylandClient::connect(socket);
+    zwlr_data_control_source_v1* source = zwlr_data_control_manager_v1_create_data_source(client->dataControl());
+    zwlr_data_control_source_v1_add_listener(source, &keep, &held);
+    for (const QString& type : types)
+        zwlr_data_control_source_v1_offer(source, type.toUtf8().constData());
+    zwlr_data_control_device_v1_set_selection(zwlr_data_control_manager_v1_get_data_device(client->dataControl(), client->seat()), source);
+    client->roundtrip();
+    return client;
+}
+
+// Such an owner costs the paste one deadline for all its types, and the main thread runs meanwhile.
+TEST_F(Sway, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
+{
+    const auto board = std::make_shared<DataControlPasteboard>(WaylandClient::connect(sway.waylandSocket()));
+    std::vector<int> held;
+    const auto owner = ownClipboardSilently(sway.waylandSocket(), {"text/plain", "text/html", "image/png"}, held);
+    const auto keys = std::make_shared<FakeKeyPoster>();
+    int ticks = 0, ticksAtPaste = 0;
+    std::optional<QByteArray> pasted;
+    keys->onPost = [&](const KeyPoster::KeyEvent&) { ticksAtPaste = ticks; pasted = sway.paste(QStringLiteral("text/plain")); };
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
+    ticker.start(20);
+    TextInserter::insert(QStringLiteral("ditado apesar do dono mudo"), {board, keys, {}});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted.has_value(); }, 10s));
+    EXPECT_GT(ticksAtPaste, 40) << "the main thread stood still while the clipboard was saved";
+    EXPECT_LT(ticksAtPaste, 125) << "more than one deadline of 1.5 s";
+    EXPECT_EQ(pasted, QByteArray("ditado apesar do dono mudo"));
+    // Nothing of the silent owner's came in, so nothing of it comes back.
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.clipboardTypes().isEmpty(); }, 5s));
+    for (int fd : held)
+        ::close(fd);
 }
 
 // Hyprland names its active window on a socket of its own; nothing focused is no application.

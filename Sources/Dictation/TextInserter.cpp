@@ -15,32 +15,13 @@ namespace {
 
 using Contents = std::vector<Pasteboard::Item>;
 
-// Copies of every item, keeping each type that still gives data; the owner may lose the rest.
-Contents saveContents(Pasteboard& pasteboard)
-{
-    Contents saved;
-    const int count = pasteboard.itemCount();
-    saved.reserve(size_t(count));
-    for (int index = 0; index < count; ++index) {
-        Pasteboard::Item copy;
-        for (const QString& type : pasteboard.types(index)) {
-            if (const std::optional<QByteArray> data = pasteboard.data(index, type))
-                copy.setData(type, *data);
-            else
-                qCDebug(lcInsert) << "Clipboard type" << type << "gave no data; it will not come back";
-        }
-        saved.push_back(std::move(copy));
-    }
-    return saved;
-}
-
 void putText(Pasteboard& pasteboard, const QString& text)
 {
     pasteboard.clearContents();
     pasteboard.setString(text);
 }
 
-void postCommandV(KeyPoster& keyPoster)
+void postCommandV(KeyPoster& keyPoster, quint64 flags)
 {
     std::optional<KeyPoster::KeyEvent> keyDown = keyPoster.makeKeyEvent(KeyPoster::virtualKeyV, true);
     std::optional<KeyPoster::KeyEvent> keyUp =
@@ -49,45 +30,82 @@ void postCommandV(KeyPoster& keyPoster)
         qCWarning(lcInsert) << "Could not synthesise the paste keys; the text stays unpasted";
         return;
     }
-    keyDown->flags = KeyPoster::commandFlag;
-    keyUp->flags = KeyPoster::commandFlag;
+    keyDown->flags = flags;
+    keyUp->flags = flags;
     keyPoster.post(*keyDown);
     keyPoster.post(*keyUp);
 }
 
-// One dictation on its way into the focused application: the paste after a short delay, then the
-// clipboard put back. It hangs on the application object, so its timers run on the main thread,
-// and quitting runs a restoration still ahead instead of letting the user's clipboard die with us.
+// Command stands for Control; a terminal passes a plain Control-V to its program as ^V and pastes
+// on Control-Shift-V.
+quint64 pasteFlags(FrontApplication* frontApplication)
+{
+    const bool terminal = frontApplication && frontApplication->isTerminalInFront();
+    return KeyPoster::commandFlag | (terminal ? KeyPoster::shiftFlag : 0);
+}
+
+// One dictation on its way into the focused application: the clipboard saved, the text put there,
+// the paste after a short delay, then the clipboard put back. It hangs on the application object,
+// so its timers run on the main thread, and quitting runs a restoration still ahead instead of
+// letting the user's clipboard die with us (while the save runs nothing was replaced yet, so
+// nothing needs putting back).
 class Insertion final : public QObject {
 public:
-    Insertion(const Target& target, Contents saved)
-        : QObject(QCoreApplication::instance()), m_target(target), m_saved(std::move(saved))
+    // `earlier`: the insertion before this one, whose saved contents this one may take over.
+    Insertion(const Target& target, const QString& text, Insertion* earlier)
+        : QObject(QCoreApplication::instance()), m_target(target), m_text(text)
     {
         connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Insertion::restore);
-        QTimer::singleShot(m_target.delays.beforePaste, Qt::PreciseTimer, this, &Insertion::paste);
+        // Until the earlier one has pasted, the clipboard is yet to hold its text: this one waits,
+        // so neither pastes the other's words and the hand-over finds what the earlier saved.
+        if (earlier && earlier->m_target.pasteboard == m_target.pasteboard && !earlier->m_pasted && !earlier->m_finished)
+            earlier->m_follower = this;
+        else
+            save(earlier);
     }
 
+private:
     bool restoresInto(const std::shared_ptr<Pasteboard>& pasteboard) const
     {
         return m_saved && m_target.pasteboard == pasteboard;
     }
 
-    // A newer insertion into the same clipboard puts these contents back in this one's stead, so
-    // the last restoration brings back what the user had, not an earlier dictation.
-    Contents handOver()
+    // What the restoration puts back: while an earlier dictation still waits to restore and the
+    // clipboard holds its text, that earlier restoration's contents, so the last restoration brings
+    // back what the user had, not an earlier dictation; else what the clipboard holds now, which
+    // must be read before the text replaces it (an owner that lost the clipboard may be gone).
+    void save(Insertion* earlier)
     {
-        Contents saved = std::move(*m_saved);
-        m_saved.reset();
-        return saved;
+        if (earlier && earlier->restoresInto(m_target.pasteboard)) {
+            Contents handedOver = std::move(*earlier->m_saved);
+            earlier->m_saved.reset();
+            if (m_target.pasteboard->ownsContents()) {
+                onSaved(std::move(handedOver));
+                return;
+            }
+        }
+        m_target.pasteboard->snapshot(this, [this](Contents saved) { onSaved(std::move(saved)); });
     }
 
-private:
+    void onSaved(Contents saved)
+    {
+        if (m_finished)
+            return;
+        m_saved = std::move(saved);
+        putText(*m_target.pasteboard, m_text);
+        qCDebug(lcInsert) << "Pasting" << m_text.size() << "characters; will restore" << m_saved->size() << "clipboard item(s)";
+        QTimer::singleShot(m_target.delays.beforePaste, Qt::PreciseTimer, this, &Insertion::paste);
+    }
+
     void paste()
     {
         if (m_finished)
             return;
-        postCommandV(*m_target.keyPoster);
+        postCommandV(*m_target.keyPoster, pasteFlags(m_target.frontApplication.get()));
+        m_pasted = true;
         QTimer::singleShot(m_target.delays.beforeRestore, Qt::PreciseTimer, this, &Insertion::restore);
+        if (Insertion* follower = m_follower)
+            follower->save(this);
     }
 
     void restore()
@@ -111,31 +129,23 @@ private:
     }
 
     Target m_target;
+    QString m_text;
     std::optional<Contents> m_saved;
+    bool m_pasted = false;
     bool m_finished = false;
+    // A newer insertion into the same clipboard waiting for this one's paste.
+    QPointer<Insertion> m_follower;
 };
 
 // The newest insertion, while its restoration is ahead.
 QPointer<Insertion> latest;
 
-// What the restoration of a new dictation puts back: while an earlier dictation still waits to
-// restore and the clipboard holds its text, that earlier restoration's contents; else what the
-// clipboard holds now.
-Contents contentsToRestore(const std::shared_ptr<Pasteboard>& pasteboard)
-{
-    if (latest && latest->restoresInto(pasteboard)) {
-        Contents earlier = latest->handOver();
-        if (pasteboard->ownsContents())
-            return earlier;
-    }
-    return saveContents(*pasteboard);
-}
-
 }
 
 Target Target::of(const SessionPlatform& platform)
 {
-    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, platform.onlyCopies() ? Mode::copyOnly : Mode::paste};
+    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, platform.onlyCopies() ? Mode::copyOnly : Mode::paste,
+                  platform.makeFrontApplication()};
 }
 
 Mode insert(const QString& text, const Target& target)
@@ -148,10 +158,7 @@ Mode insert(const QString& text, const Target& target)
         qCDebug(lcInsert) << "Copied" << text.size() << "characters for the user to paste";
         return target.mode;
     }
-    Contents saved = contentsToRestore(target.pasteboard);
-    putText(*target.pasteboard, text);
-    qCDebug(lcInsert) << "Pasting" << text.size() << "characters; will restore" << saved.size() << "clipboard item(s)";
-    latest = new Insertion(target, std::move(saved));
+    latest = new Insertion(target, text, latest);
     return target.mode;
 }
 

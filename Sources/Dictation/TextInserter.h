@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 #include "Platform/Pasteboard.h"
 #include "Platform/SessionPlatform.h"
@@ -10,10 +11,10 @@
 #include <functional>
 #include <memory>
 
-// Types a finished dictation into the focused application the way a user pastes: the text goes on
-// the clipboard, a synthetic Command-V (Control-V on Linux) follows, and later the clipboard gets
-// back exactly what it held before, unless another program copied something meanwhile. Main thread
-// only.
+// Types a finished dictation into the focused application the way a user pastes: the clipboard is
+// saved, the text goes on it, a synthetic Command-V (Control-V on Linux) follows, and later the
+// clipboard gets back exactly what it held before, unless another program copied something
+// meanwhile. Main thread only.
 namespace TextInserter {
 
 struct Delays {
@@ -34,14 +35,17 @@ struct Target {
     std::shared_ptr<KeyPoster> keyPoster;
     Delays delays;
     Mode mode = Mode::paste;
+    // Asked at each paste whether a terminal is in front, which pastes on Control-Shift-V where
+    // others paste on Control-V; none: never a terminal.
+    std::shared_ptr<FrontApplication> frontApplication = nullptr;
 
     static Target of(const SessionPlatform& platform);
 };
 
-// Returns at once; the paste and the restoration run later on the main thread (a restoration still
-// ahead runs when the application quits). Nothing is reported: a failed paste leaves the clipboard
-// restored all the same. Dictations in quick succession end with the clipboard the user had before
-// the first. Answers the target's mode, so the caller can tell the user when the text was only copied.
+// Returns at once; the paste and the restoration run later on the main thread, once the clipboard's
+// contents are saved (a restoration still ahead runs when the application quits). Nothing is
+// reported: a failed paste leaves the clipboard restored all the same. Dictations in quick
+// succession end with the clipboard the user had before the first. Answers the target's mode, so the caller can tell the user when the text was only copied.
 Mode insert(const QString& text, const Target& target);
 
 }

@@ -4,10 +4,13 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
+
+class QObject;
 
 // The general clipboard, seen as a list of items, each offering data under one or more types.
 // All calls belong on the main thread.
@@ -26,6 +29,12 @@ public:
 
     virtual ~Pasteboard() = default;
 
+    // Copies of every item, keeping each type that gives data; the owner may lose the rest.
+    // `done` gets them once they are all in, unless `context` is gone by then. This one reads
+    // them through the calls below and answers before it returns; a clipboard whose owner answers
+    // through a pipe reads them while the event loop runs.
+    virtual void snapshot(QObject* context, std::function<void(std::vector<Item>)> done);
+
     virtual int itemCount() = 0;
     // The types the item at `index` declares, in its own order.
     virtual QStringList types(int index) = 0;
@@ -39,4 +48,8 @@ public:
     virtual void writeItems(const std::vector<Item>& items) = 0;
     // Whether the contents are still the ones this process wrote last, i.e. nobody copied since.
     virtual bool ownsContents() = 0;
+
+protected:
+    // Adds a saved type to `item` when it gave data; one that gave none will not come back.
+    static void keep(Item& item, const QString& type, const std::optional<QByteArray>& data);
 };

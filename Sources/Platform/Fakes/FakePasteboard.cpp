@@ -1,5 +1,7 @@
 #include "FakePasteboard.h"
 
+#include <QTimer>
+
 QStringList FakePasteboard::types(int index)
 {
     QStringList result;
@@ -57,4 +59,15 @@ std::optional<QString> FakePasteboard::string() const
             return QString::fromUtf8(*entry.data);
     }
     return std::nullopt;
+}
+
+void FakePasteboard::snapshot(QObject* context, std::function<void(std::vector<Item>)> done)
+{
+    // What the owner gave when asked, answered at once or later.
+    std::vector<Item> saved;
+    Pasteboard::snapshot(context, [&saved](std::vector<Item> read) { saved = std::move(read); });
+    if (snapshotDelay.count() == 0)
+        done(std::move(saved));
+    else
+        QTimer::singleShot(snapshotDelay, context, [done = std::move(done), saved = std::move(saved)] { done(saved); });
 }

@@ -2,8 +2,11 @@
 
 #include "Platform/Pasteboard.h"
 
+#include <chrono>
+
 // A pasteboard in memory. Tests fill `items`, including types that yield no data, and read back
-// what was written; every write is counted.
+// what was written; every write is counted. A snapshot answers at once, or after `snapshotDelay`
+// like a clipboard read through pipes.
 class FakePasteboard final : public Pasteboard {
 public:
     static inline const QString plainTextType = QStringLiteral("text/plain");
@@ -19,6 +22,7 @@ public:
     int writeCount = 0;
     // Whether the last change came through this pasteboard's writes rather than the test's.
     bool owned = false;
+    std::chrono::milliseconds snapshotDelay{0};
 
     int itemCount() override { return int(items.size()); }
     QStringList types(int index) override;
@@ -28,6 +32,7 @@ public:
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& written) override;
     bool ownsContents() override { return owned; }
+    void snapshot(QObject* context, std::function<void(std::vector<Item>)> done) override;
 
     // The plain text on the pasteboard, if its first item has some.
     std::optional<QString> string() const;

@@ -118,9 +118,9 @@ void LinuxPlatform::chooseClipboardAndKeys()
     // only X11 windows, so without the compositor's protocols nothing is synthesised at all.
     if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor != Compositor::gnome) {
         const bool pastes = m_wayland && m_wayland->dataControl() && m_wayland->virtualKeyboards();
-        m_keyPoster = std::make_shared<VirtualKeyboardKeyPoster>(pastes ? m_wayland : nullptr, makeFrontApplication());
+        m_keyPoster = std::make_shared<VirtualKeyboardKeyPoster>(pastes ? m_wayland : nullptr);
     } else {
-        m_keyPoster = std::make_shared<XTestKeyPoster>(makeFrontApplication());
+        m_keyPoster = std::make_shared<XTestKeyPoster>();
     }
 
     m_pasteRoute = pasteRouteFor(m_session, [this] { return m_keyPoster->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value(); });

@@ -7,10 +7,15 @@
 
 #include <wayland-client.h>
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
+#include <QSocketNotifier>
+#include <QTimer>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <csignal>
 #include <fcntl.h>
@@ -20,9 +25,13 @@
 
 namespace {
 
-// A clipboard owner that stops answering gives up its data after this long; the rest of the
-// clipboard is still saved.
+// A clipboard owner that stops answering gives up its data after this long (a type read alone: for
+// each piece; a snapshot: for all types together); the rest of the clipboard is still saved.
 constexpr int receiveTimeoutMs = 1500;
+// How often a writer waiting for its reader looks whether the pasteboard is going.
+constexpr int writerStopCheckMs = 100;
+// How long the pasteboard, when it goes, lets its writers finish before it stops them.
+constexpr int writersGraceMs = 500;
 
 // The names under which programs ask for plain text on Wayland (and through XWayland).
 const QStringList textTypes = {QStringLiteral("text/plain;charset=utf-8"), QStringLiteral("text/plain"),
@@ -51,32 +60,195 @@ std::optional<QByteArray> readToEnd(int fd)
     }
 }
 
-// Writes the whole of `bytes` and closes the descriptor, on a thread of its own: a reader may take
-// its time, or go away (its broken pipe must not end this process, hence SIGPIPE blocked there).
-void sendInBackground(int fd, QByteArray bytes)
+// Nothing for a type that gave no bytes: there is nothing to put back under it.
+std::optional<QByteArray> nonEmpty(const QByteArray& bytes)
 {
-    std::thread([fd, bytes = std::move(bytes)] {
-        sigset_t pipeSignal;
-        sigemptyset(&pipeSignal);
-        sigaddset(&pipeSignal, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
-        qsizetype written = 0;
-        while (written < bytes.size()) {
-            const ssize_t count = ::write(fd, bytes.constData() + written, size_t(bytes.size() - written));
+    return bytes.isEmpty() ? std::nullopt : std::optional<QByteArray>(bytes);
+}
+
+// One save of another program's clipboard: every type asked for at once, each read through a
+// non-blocking pipe of its own as the owner writes it, all under one deadline; a type unfinished by
+// then is left out, the others kept. It belongs to the caller's context object, so it ends with
+// it: descriptors closed, nothing answered.
+class SnapshotRead final : public QObject {
+public:
+    // Each type with its bytes, or nothing when its owner gave none in time.
+    using Results = std::vector<std::pair<QString, std::optional<QByteArray>>>;
+
+    SnapshotRead(QObject* context, std::function<void(Results)> done)
+        : QObject(context), m_done(std::move(done))
+    {
+        m_clock.start();
+    }
+
+    ~SnapshotRead() override
+    {
+        for (Part& part : m_parts)
+            end(part);
+    }
+
+    // Reads `type` from `fd`, the read end of the pipe the owner was handed.
+    void add(const QString& type, int fd)
+    {
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+        auto* notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
+        const size_t index = m_parts.size();
+        connect(notifier, &QSocketNotifier::activated, this, [this, index] { readMore(index); });
+        m_parts.push_back(Part{type, fd, notifier, {}, false});
+    }
+
+    // Waits for the owner from now on, or answers at once when nothing was asked for.
+    void start()
+    {
+        QTimer::singleShot(receiveTimeoutMs, this, &SnapshotRead::answer);
+        answerIfAllEnded();
+    }
+
+private:
+    struct Part {
+        QString type;
+        int fd;
+        QSocketNotifier* notifier;
+        QByteArray bytes;
+        bool complete;
+    };
+
+    void readMore(size_t index)
+    {
+        Part& part = m_parts[index];
+        if (part.fd < 0)
+            return;
+        char buffer[65536];
+        for (;;) {
+            const ssize_t count = ::read(part.fd, buffer, sizeof buffer);
+            if (count > 0) {
+                part.bytes.append(buffer, count);
+                continue;
+            }
             if (count < 0 && errno == EINTR)
                 continue;
-            if (count <= 0)
-                break;
-            written += count;
+            if (count < 0 && errno == EAGAIN)
+                return;
+            part.complete = count == 0;
+            end(part);
+            break;
         }
-        ::close(fd);
-    }).detach();
+        answerIfAllEnded();
+    }
+
+    // The notifier may be the one whose signal runs now: it is let go of, not deleted.
+    static void end(Part& part)
+    {
+        if (part.fd < 0)
+            return;
+        part.notifier->setEnabled(false);
+        part.notifier->deleteLater();
+        ::close(part.fd);
+        part.fd = -1;
+    }
+
+    void answerIfAllEnded()
+    {
+        if (std::all_of(m_parts.begin(), m_parts.end(), [](const Part& part) { return part.fd < 0; }))
+            answer();
+    }
+
+    void answer()
+    {
+        if (m_answered)
+            return;
+        m_answered = true;
+        Results results;
+        for (Part& part : m_parts) {
+            if (part.fd >= 0)
+                qCWarning(lcInsert) << "The clipboard owner did not give its" << part.type << "data within" << m_clock.elapsed() << "ms";
+            end(part);
+            results.emplace_back(part.type, part.complete ? nonEmpty(part.bytes) : std::nullopt);
+        }
+        deleteLater();
+        // Whatever the answer sets off may end the pasteboard, and this with it.
+        const std::function<void(Results)> done = std::move(m_done);
+        done(std::move(results));
+    }
+
+    std::function<void(Results)> m_done;
+    std::vector<Part> m_parts;
+    QElapsedTimer m_clock;
+    bool m_answered = false;
+};
+
+// Writes the whole of `bytes` and closes the descriptor. The reader may take its time, or go away:
+// its broken pipe must not end this process, hence SIGPIPE blocked on the writing thread. `stop`
+// ends the wait for a reader that takes no more.
+void writeAll(int fd, const QByteArray& bytes, const std::atomic<bool>& stop)
+{
+    sigset_t pipeSignal;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    qsizetype written = 0;
+    while (written < bytes.size() && !stop) {
+        pollfd writable{fd, POLLOUT, 0};
+        const int ready = ::poll(&writable, 1, writerStopCheckMs);
+        if (ready < 0 && errno != EINTR)
+            break;
+        if (ready <= 0)
+            continue;
+        const ssize_t count = ::write(fd, bytes.constData() + written, size_t(bytes.size() - written));
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count <= 0)
+            break;
+        written += count;
+    }
+    ::close(fd);
 }
 
 }
+
+// The threads that hand what we offer to its readers, one per reader. They belong to the
+// pasteboard: when it goes, they get a moment to finish, then are stopped and joined.
+class DataControlPasteboard::Writers {
+public:
+    ~Writers()
+    {
+        QDeadlineTimer grace(writersGraceMs);
+        while (!grace.hasExpired() && std::any_of(m_writers.begin(), m_writers.end(), [](const auto& writer) { return !writer->done; }))
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        m_stop = true;
+        for (const auto& writer : m_writers)
+            writer->thread.join();
+    }
+
+    void send(int fd, QByteArray bytes)
+    {
+        std::erase_if(m_writers, [](const std::unique_ptr<Writer>& writer) {
+            const bool done = writer->done;
+            if (done)
+                writer->thread.join();
+            return done;
+        });
+        auto writer = std::make_unique<Writer>();
+        writer->thread = std::thread([fd, bytes = std::move(bytes), &stop = m_stop, &done = writer->done] {
+            writeAll(fd, bytes, stop);
+            done = true;
+        });
+        m_writers.push_back(std::move(writer));
+    }
+
+private:
+    struct Writer {
+        std::thread thread;
+        std::atomic<bool> done = false;
+    };
+
+    std::vector<std::unique_ptr<Writer>> m_writers;
+    std::atomic<bool> m_stop = false;
+};
 
 DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> client)
-    : m_client(std::move(client))
+    : m_client(std::move(client)), m_writers(std::make_unique<Writers>())
 {
     if (!m_client || !m_client->dataControl() || !m_client->seat())
         return;
@@ -93,6 +265,8 @@ DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> clie
 
 DataControlPasteboard::~DataControlPasteboard()
 {
+    for (const QPointer<QObject>& snapshot : m_snapshots)
+        delete snapshot.data();
     dropOwnSource();
     for (const auto& [offer, types] : m_announced)
         zwlr_data_control_offer_v1_destroy(offer);
@@ -148,7 +322,7 @@ void DataControlPasteboard::onSend(void* data, zwlr_data_control_source_v1* sour
     if (source == self->m_source) {
         for (const auto& [offered, bytes] : self->m_sourceEntries) {
             if (offered == type) {
-                sendInBackground(fd, bytes);
+                self->m_writers->send(fd, bytes);
                 return;
             }
         }
@@ -198,35 +372,74 @@ std::optional<QByteArray> DataControlPasteboard::data(int index, const QString& 
     if (m_source) {
         for (const auto& [offered, bytes] : m_sourceEntries) {
             if (offered == type)
-                return bytes.isEmpty() ? std::nullopt : std::optional<QByteArray>(bytes);
+                return nonEmpty(bytes);
         }
         return std::nullopt;
     }
-    std::optional<QByteArray> bytes = receive(type);
-    if (bytes && bytes->isEmpty())
-        return std::nullopt;
-    return bytes;
+    const std::optional<QByteArray> bytes = receive(type);
+    return bytes ? nonEmpty(*bytes) : std::nullopt;
+}
+
+int DataControlPasteboard::requestData(const QString& type)
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        qCWarning(lcInsert) << "Cannot open a pipe to read the clipboard:" << std::strerror(errno);
+        return -1;
+    }
+    // The request carries a copy of the write end, so ours can go at once: the pipe ends when the
+    // owner closes its copy.
+    zwlr_data_control_offer_v1_receive(m_selection, type.toUtf8().constData(), ends[1]);
+    ::close(ends[1]);
+    return ends[0];
 }
 
 std::optional<QByteArray> DataControlPasteboard::receive(const QString& type)
 {
     if (!m_selection || !m_selectionTypes.contains(type))
         return std::nullopt;
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        qCWarning(lcInsert) << "Cannot open a pipe to read the clipboard:" << std::strerror(errno);
+    const int fd = requestData(type);
+    if (fd < 0)
         return std::nullopt;
-    }
-    zwlr_data_control_offer_v1_receive(m_selection, type.toUtf8().constData(), ends[1]);
     m_client->flush();
-    ::close(ends[1]);
     QElapsedTimer timer;
     timer.start();
-    std::optional<QByteArray> bytes = readToEnd(ends[0]);
-    ::close(ends[0]);
+    std::optional<QByteArray> bytes = readToEnd(fd);
+    ::close(fd);
     if (!bytes)
         qCWarning(lcInsert) << "The clipboard owner did not give its" << type << "data within" << timer.elapsed() << "ms";
     return bytes;
+}
+
+void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::vector<Item>)> done)
+{
+    synchronise();
+    // Our own contents come from memory, as in data().
+    if (m_source) {
+        Item own;
+        for (const auto& [type, bytes] : m_sourceEntries)
+            keep(own, type, nonEmpty(bytes));
+        done({own});
+        return;
+    }
+    if (!m_selection || m_selectionTypes.isEmpty()) {
+        done({});
+        return;
+    }
+    auto* read = new SnapshotRead(context, [done = std::move(done)](SnapshotRead::Results results) {
+        Item copy;
+        for (const auto& [type, bytes] : results)
+            keep(copy, type, bytes);
+        done({copy});
+    });
+    for (const QString& type : m_selectionTypes) {
+        if (const int fd = requestData(type); fd >= 0)
+            read->add(type, fd);
+    }
+    m_client->flush();
+    std::erase_if(m_snapshots, [](const QPointer<QObject>& snapshot) { return snapshot.isNull(); });
+    m_snapshots.emplace_back(read);
+    read->start();
 }
 
 void DataControlPasteboard::offer(Entries entries)

@@ -2,6 +2,7 @@
 
 #include "Platform/Pasteboard.h"
 
+#include <QPointer>
 #include <QStringList>
 
 #include <map>
@@ -16,9 +17,11 @@ struct zwlr_data_control_source_v1;
 
 // The Wayland clipboard through the wlr data-control protocol, which lets Voxaria read and set it
 // without a focused window of its own (sway, Hyprland, KWin). Every MIME type the owner offers is
-// read and can be offered back. What Voxaria puts on the clipboard is kept in memory and handed to
-// each reader from a thread of its own, so a slow reader never stalls the main thread. Main thread
-// only.
+// read and can be offered back; a snapshot asks for all of them at once and reads them while the
+// event loop runs, so an owner that never answers costs one deadline and no frozen main thread.
+// What Voxaria puts on the clipboard is kept in memory and handed to each reader from a thread of
+// its own, so a slow reader never stalls the main thread; those threads end with the pasteboard.
+// Main thread only.
 class DataControlPasteboard final : public Pasteboard {
 public:
     explicit DataControlPasteboard(std::shared_ptr<WaylandClient> client);
@@ -34,8 +37,11 @@ public:
     void setString(const QString& text) override;
     void writeItems(const std::vector<Item>& items) override;
     bool ownsContents() override;
+    void snapshot(QObject* context, std::function<void(std::vector<Item>)> done) override;
 
 private:
+    class Writers;
+
     using Entries = std::vector<std::pair<QString, QByteArray>>;
 
     static void onDataOffer(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
@@ -51,6 +57,8 @@ private:
     void offer(Entries entries);
     void dropOwnSource();
     std::optional<QByteArray> receive(const QString& type);
+    // The read end of a pipe the owner was asked to write its `type` data into; -1 if none opened.
+    int requestData(const QString& type);
 
     std::shared_ptr<WaylandClient> m_client;
     zwlr_data_control_device_v1* m_device = nullptr;
@@ -61,4 +69,7 @@ private:
     // Ours while Voxaria owns the clipboard, with what it offers.
     zwlr_data_control_source_v1* m_source = nullptr;
     Entries m_sourceEntries;
+    std::unique_ptr<Writers> m_writers;
+    // Snapshots still reading; whatever is left of them ends with the pasteboard.
+    std::vector<QPointer<QObject>> m_snapshots;
 };

@@ -74,9 +74,8 @@ struct VirtualKeyboardKeyPoster::Keymap {
     }
 };
 
-VirtualKeyboardKeyPoster::VirtualKeyboardKeyPoster(std::shared_ptr<WaylandClient> client,
-                                                   std::unique_ptr<FrontApplication> frontApplication)
-    : m_client(std::move(client)), m_frontApplication(std::move(frontApplication))
+VirtualKeyboardKeyPoster::VirtualKeyboardKeyPoster(std::shared_ptr<WaylandClient> client)
+    : m_client(std::move(client))
 {
 }
 
@@ -128,7 +127,7 @@ quint32 VirtualKeyboardKeyPoster::modifierMaskFor(quint64 flags)
         mask |= m_keymap->controlMask;
     if (flags & optionFlag)
         mask |= m_keymap->altMask;
-    if ((flags & shiftFlag) || ((flags & commandFlag) && m_frontApplication && m_frontApplication->isTerminalInFront()))
+    if (flags & shiftFlag)
         mask |= m_keymap->shiftMask;
     return mask;
 }

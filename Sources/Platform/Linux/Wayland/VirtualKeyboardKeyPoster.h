@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 
 #include <memory>
@@ -12,10 +11,10 @@ struct zwp_virtual_keyboard_v1;
 // Voxaria's own, with a US keymap uploaded once, so the shortcut means Control-V in the target
 // whatever layout the user types with. Its events carry only the modifiers Voxaria sends: keys the
 // user holds on a real keyboard belong to that keyboard and do not reach the shortcut. Command
-// stands for Control, with Shift added for a terminal in front, as on X11. Main thread only.
+// stands for Control, as on X11. Main thread only.
 class VirtualKeyboardKeyPoster final : public KeyPoster {
 public:
-    VirtualKeyboardKeyPoster(std::shared_ptr<WaylandClient> client, std::unique_ptr<FrontApplication> frontApplication);
+    explicit VirtualKeyboardKeyPoster(std::shared_ptr<WaylandClient> client);
     ~VirtualKeyboardKeyPoster() override;
 
     std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
@@ -28,7 +27,6 @@ private:
     quint32 modifierMaskFor(quint64 flags);
 
     std::shared_ptr<WaylandClient> m_client;
-    std::unique_ptr<FrontApplication> m_frontApplication;
     std::unique_ptr<Keymap> m_keymap;
     zwp_virtual_keyboard_v1* m_keyboard = nullptr;
 };

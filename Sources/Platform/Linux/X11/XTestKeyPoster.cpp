@@ -64,11 +64,6 @@ std::vector<KeyCode> heldModifierKeys(Display* display)
 
 }
 
-XTestKeyPoster::XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication)
-    : m_frontApplication(std::move(frontApplication))
-{
-}
-
 std::optional<KeyPoster::KeyEvent> XTestKeyPoster::makeKeyEvent(quint16 virtualKey, bool keyDown)
 {
     Display* display = xtestDisplay();
@@ -89,8 +84,7 @@ std::vector<unsigned long> XTestKeyPoster::modifiersFor(quint64 flags)
         modifiers.push_back(XK_Control_L);
     if (flags & optionFlag)
         modifiers.push_back(XK_Alt_L);
-    const bool shift = (flags & shiftFlag) != 0;
-    if (shift || ((flags & commandFlag) && m_frontApplication && m_frontApplication->isTerminalInFront()))
+    if (flags & shiftFlag)
         modifiers.push_back(XK_Shift_L);
     return modifiers;
 }

@@ -1,27 +1,21 @@
 #pragma once
 
-#include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 
-#include <memory>
 #include <vector>
 
 // Synthetic keys through the XTEST extension. Command stands for Control, the modifier Linux
-// applications use for their shortcuts; a terminal gets Shift added to it, since a terminal passes
-// a plain Control-V to its program as ^V. A key event carries exactly its own modifiers, whatever
+// applications use for their shortcuts. A key event carries exactly its own modifiers, whatever
 // the user holds meanwhile.
 class XTestKeyPoster final : public KeyPoster {
 public:
-    explicit XTestKeyPoster(std::unique_ptr<FrontApplication> frontApplication);
-
     std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
     void post(const KeyEvent& event) override;
 
 private:
     // The modifier keysyms that stand for `flags` here.
-    std::vector<unsigned long> modifiersFor(quint64 flags);
+    static std::vector<unsigned long> modifiersFor(quint64 flags);
 
-    std::unique_ptr<FrontApplication> m_frontApplication;
     // The modifier keys pressed with the last key-down, released with its key-up.
     std::vector<unsigned char> m_pressedModifiers;
     // The modifier keys the user held at the last key-down, let go until its key-up.
