@@ -67,6 +67,9 @@ struct EngineAnswers {
     bool answered() const { return count() > 0; }
 };
 
+// What `pactl list WHAT...` prints.
+QString pulseListing(const QStringList& what);
+
 // A second microphone (think of a USB headset) made PulseAudio's default source until the test
 // unplugs it. The harness's own microphone is the default again afterwards, whatever happened.
 class Headset {
@@ -80,6 +83,17 @@ public:
 private:
     QString m_source;
     QString m_module;
+};
+
+// The harness's microphone unplugged, so PulseAudio lists no capture source, until the end of the
+// scope; both changes are waited for until the program's own look-up sees them.
+class NoMicrophone {
+public:
+    NoMicrophone();
+    ~NoMicrophone();
+
+private:
+    QString m_arguments;
 };
 
 // The fake whisper-cli, installed beside this test program (where the app looks first), and the
