@@ -189,6 +189,11 @@ bool Headset::unplug()
     return !m_module.isEmpty() && pactl({QStringLiteral("unload-module"), std::exchange(m_module, QString())});
 }
 
+bool Headset::fallSilent()
+{
+    return pactl({QStringLiteral("suspend-source"), m_source, QStringLiteral("1")});
+}
+
 NoMicrophone::NoMicrophone()
 {
     for (const QString& line : pulseListing({QStringLiteral("modules"), QStringLiteral("short")}).split(QLatin1Char('\n'))) {

@@ -76,9 +76,12 @@ class Headset {
 public:
     Headset();
     ~Headset();
+    QString source() const { return m_source; }
     // Plugged in, and listed by Qt as an input.
     bool isPlugged() const;
     bool unplug();
+    // Still listed, but PulseAudio delivers nothing from it any more.
+    bool fallSilent();
 
 private:
     QString m_source;
