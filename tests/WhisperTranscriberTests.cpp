@@ -2,6 +2,7 @@
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
+#include "Platform/Linux/Audio/PulseDefaultSource.h"
 #include "Shared/AppPaths.h"
 #include "TestSupport.h"
 
@@ -235,27 +236,39 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
 }
 
 // The other engine meets the same through the fake microphone (SpeechTranscriberTests).
-TEST_F(WhisperTranscriberTest, UnpluggingTheRealMicrophoneMidDictationIsReportedAndLeavesNothingBehind)
+TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsReportedOnceAndLeavesNothingBehind)
 {
     if (!hasPulseAudio())
         GTEST_SKIP() << "needs the PulseAudio harness (scripts/with-harness.sh)";
-    Headset headset;
-    ASSERT_TRUE(headset.isPlugged());
-    auto input = std::make_unique<PulseAudioInput>();
-    PulseAudioInput& realMicrophone = *input;
-    WhisperTranscriber engine(std::move(input));
-    answers.start(engine);
-    spin(500ms);
-    ASSERT_TRUE(headset.unplug());
-    ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s)) << "the unplugged microphone went unnoticed";
-    EXPECT_EQ(answers.errors, QStringList({"O microfone foi desconectado durante o ditado."}));
-    EXPECT_TRUE(answers.onMainThread);
-    EXPECT_FALSE(realMicrophone.isRunning());
-    EXPECT_TRUE(dictationFiles().isEmpty());
-    engine.finish();
-    spin(300ms);
-    EXPECT_EQ(answers.count(), 1);
-    EXPECT_TRUE(whisper.lastArguments().isEmpty()) << "whisper-cli ran on what was left";
+    const std::pair<const char*, std::function<bool(Headset&)>> losses[] = {
+        {"unplugged", [](Headset& headset) { return headset.unplug(); }},
+        {"fallen silent", [](Headset& headset) { return headset.fallSilent(); }},
+    };
+    for (const auto& [name, lose] : losses) {
+        SCOPED_TRACE(name);
+        Headset headset;
+        ASSERT_TRUE(headset.isPlugged());
+        // The new default is followed on the one connection the program keeps, not asked on a new one.
+        ASSERT_TRUE(waitUntil([&] { return PulseDefaultSource::shared().name() == headset.source(); }));
+        EXPECT_EQ(pulseListing({"clients"}).count("application.name = \"Voxaria\""), 1);
+        auto input = std::make_unique<PulseAudioInput>();
+        PulseAudioInput& realMicrophone = *input;
+        WhisperTranscriber engine(std::move(input));
+        answers = {};
+        answers.start(engine);
+        spin(500ms);
+        ASSERT_TRUE(lose(headset));
+        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s)) << "the lost microphone went unnoticed";
+        EXPECT_EQ(answers.errors, QStringList({"O microfone foi desconectado durante o ditado."}));
+        EXPECT_TRUE(answers.onMainThread);
+        EXPECT_FALSE(realMicrophone.isRunning());
+        EXPECT_TRUE(dictationFiles().isEmpty());
+        engine.finish();
+        spin(300ms);
+        EXPECT_EQ(answers.count(), 1);
+        EXPECT_TRUE(whisper.lastArguments().isEmpty()) << "whisper-cli ran on what was left";
+    }
+    EXPECT_TRUE(waitUntil([] { return PulseDefaultSource::shared().name() == "voxaria_mic"; }));
 }
 
 // A child copy of this program runs the check, so the audio system is looked up from scratch with no

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "Platform/InputDevices.h"
+
 #include <QCoreApplication>
 #include <QAudioDevice>
 #include <QDeadlineTimer>
@@ -92,6 +94,13 @@ bool hasPulseAudio()
     return pactl({QStringLiteral("info")});
 }
 
+QString pulseListing(const QStringList& what)
+{
+    QString listing;
+    pactl(QStringList{QStringLiteral("list")} + what, &listing);
+    return listing;
+}
+
 bool playIntoMicrophone(const QString& path)
 {
     QProcess player;
@@ -178,6 +187,27 @@ bool Headset::isPlugged() const
 bool Headset::unplug()
 {
     return !m_module.isEmpty() && pactl({QStringLiteral("unload-module"), std::exchange(m_module, QString())});
+}
+
+bool Headset::fallSilent()
+{
+    return pactl({QStringLiteral("suspend-source"), m_source, QStringLiteral("1")});
+}
+
+NoMicrophone::NoMicrophone()
+{
+    for (const QString& line : pulseListing({QStringLiteral("modules"), QStringLiteral("short")}).split(QLatin1Char('\n'))) {
+        if (line.contains(QLatin1String("source_name=voxaria_mic")) && pactl({QStringLiteral("unload-module"), line.section(QLatin1Char('\t'), 0, 0)}))
+            m_arguments = line.section(QLatin1Char('\t'), 2);
+    }
+    waitUntil([] { return !InputDevices::anyListed(); });
+}
+
+NoMicrophone::~NoMicrophone()
+{
+    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), m_arguments});
+    pactl({QStringLiteral("set-default-source"), QStringLiteral("voxaria_mic")});
+    waitUntil([] { return InputDevices::anyListed(); });
 }
 
 FakeWhisper::FakeWhisper()

@@ -67,19 +67,36 @@ struct EngineAnswers {
     bool answered() const { return count() > 0; }
 };
 
+// What `pactl list WHAT...` prints.
+QString pulseListing(const QStringList& what);
+
 // A second microphone (think of a USB headset) made PulseAudio's default source until the test
 // unplugs it. The harness's own microphone is the default again afterwards, whatever happened.
 class Headset {
 public:
     Headset();
     ~Headset();
+    QString source() const { return m_source; }
     // Plugged in, and listed by Qt as an input.
     bool isPlugged() const;
     bool unplug();
+    // Still listed, but PulseAudio delivers nothing from it any more.
+    bool fallSilent();
 
 private:
     QString m_source;
     QString m_module;
+};
+
+// The harness's microphone unplugged, so PulseAudio lists no capture source, until the end of the
+// scope; both changes are waited for until the program's own look-up sees them.
+class NoMicrophone {
+public:
+    NoMicrophone();
+    ~NoMicrophone();
+
+private:
+    QString m_arguments;
 };
 
 // The fake whisper-cli, installed beside this test program (where the app looks first), and the

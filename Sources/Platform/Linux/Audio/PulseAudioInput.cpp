@@ -34,7 +34,7 @@ QAudioDevice defaultInputDevice()
     const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
     if (inputs.isEmpty())
         return {};
-    const QByteArray wanted = pulseDefaultSourceName().toUtf8();
+    const QByteArray wanted = PulseDefaultSource::shared().name().toUtf8();
     for (const QAudioDevice& device : inputs) {
         if (device.id() == wanted)
             return device;
