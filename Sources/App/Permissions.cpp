@@ -125,7 +125,7 @@ QUrl Permissions::helpPageURL(const QString& executableFolder)
     // Installed, the program lives in <prefix>/libexec/voxaria beside its whisper-cli; in the build tree,
     // in build/bin. The page is under <prefix>/share (build/share) either way.
     const QString prefix = executableFolder.endsWith(QStringLiteral("/libexec/voxaria")) ? QStringLiteral("/../..")
-                                                                                      : QStringLiteral("/..");
+                                                                                          : QStringLiteral("/..");
     return QUrl::fromLocalFile(QDir::cleanPath(executableFolder + prefix + QStringLiteral("/share/voxaria/help/ajuda.html")));
 }
 
