@@ -27,9 +27,27 @@ foreach(document voxaria.1 changelog)
 endforeach()
 add_custom_target(voxaria_documents ALL DEPENDS ${staged}/voxaria.1.gz ${staged}/changelog.gz)
 
-install(TARGETS voxaria RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# The program's own helper, not a command: found as <bin>/../libexec/voxaria/voxaria-model-check.
-install(TARGETS voxaria-model-check RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/voxaria)
+# The program lives in a folder of its own with the whisper-cli it runs beside it (where it looks
+# first), and bin/voxaria links there: bin/whisper-cli is the distribution's whisper.cpp package's.
+# libexec, not lib/voxaria: CPack adds ldconfig calls for libraries anywhere under lib/, and the
+# portable whisper-cli's libraries are private to it.
+set(VOXARIA_PROGRAM_DIR ${CMAKE_INSTALL_LIBEXECDIR}/voxaria)
+install(TARGETS voxaria voxaria-model-check RUNTIME DESTINATION ${VOXARIA_PROGRAM_DIR})
+file(CREATE_LINK ../${VOXARIA_PROGRAM_DIR}/voxaria ${staged}/voxaria SYMBOLIC)
+install(FILES ${staged}/voxaria DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET whisper_cli)
+  # Libraries are not programs (0644); the unversioned names only serve linking against them.
+  install(DIRECTORY ${VOXARIA_WHISPER_BIN_DIR}/ DESTINATION ${VOXARIA_PROGRAM_DIR}
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+    PATTERN whisper-cli PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE
+    REGEX "/lib(whisper|ggml|ggml-base)[.]so$" EXCLUDE)
+  # A package goes to other machines: its whisper-cli must be the portable one (README "Instalar").
+  if(NOT VOXARIA_PORTABLE_CPU)
+    file(WRITE ${staged}/CPackProjectConfig.cmake "message(WARNING \"This package's whisper-cli is built for "
+      "this machine's CPU only; configure with -DVOXARIA_PORTABLE_CPU=ON to make one for any x86-64 CPU.\")\n")
+    set(CPACK_PROJECT_CONFIG_FILE ${staged}/CPackProjectConfig.cmake)
+  endif()
+endif()
 install(FILES resources/${VOXARIA_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES resources/icons/${VOXARIA_APP_ID}.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${staged}/${VOXARIA_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)

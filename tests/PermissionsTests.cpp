@@ -131,6 +131,8 @@ TEST(Permissions, TheHelpPageIsBesideTheProgramAndSelfContained)
     for (const char* topic : {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
         EXPECT_TRUE(html.contains(topic)) << topic;
     EXPECT_FALSE(html.contains(QRegularExpression(R"((src=|@import|url\(|<link[^>]*href=)\s*["']?(https?:)?//)")));
+    // Installed, the program sits in its own folder beside whisper-cli, two levels below the data.
+    EXPECT_EQ(Permissions::helpPageURL("/usr/libexec/voxaria"), QUrl::fromLocalFile("/usr/share/voxaria/help/ajuda.html"));
 }
 
 // Launch at login, as real files in the isolated XDG config folder.

@@ -94,6 +94,20 @@ TEST_F(WhisperTranscriberTest, ModelIsTheSelectedFileElseTheFirstLargeElseTheFir
     EXPECT_EQ(WhisperTranscriber::modelURL(), std::nullopt);
 }
 
+// PATH (Homebrew, Nix, ~/.local/bin) is looked at last: the one beside the program wins over it.
+TEST_F(WhisperTranscriberTest, AWhisperCliOnPathServesOnlyWhenNoneIsInTheFixedPlaces)
+{
+    const QString onPath = AppPaths::dataFolder() + "/bin/whisper-cli";
+    writeFile(onPath, "#!/bin/sh\n", true);
+    const QByteArray savedPath = qgetenv("PATH");
+    qputenv("PATH", QFileInfo(onPath).absolutePath().toUtf8() + ':' + savedPath);
+    EXPECT_EQ(WhisperTranscriber::binaryURL(), whisper.binaryPath());
+    QFile::remove(whisper.binaryPath());
+    EXPECT_EQ(WhisperTranscriber::binaryURL(), onPath);
+    qputenv("PATH", savedPath);
+    EXPECT_EQ(WhisperTranscriber::binaryURL(), std::nullopt);
+}
+
 TEST_F(WhisperTranscriberTest, AStoredModelNameFindsNothingOutsideTheModelsFolder)
 {
     QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));

@@ -117,6 +117,9 @@ bool AppDelegate::applicationDidFinishLaunching()
     // Started once and never stopped: the key is watched for as long as the program runs.
     m_hotkeyManager.start();
     UpdaterManager::shared();
+    // Which of the possible whisper-cli programs a dictation will run, when there is one at all.
+    if (const std::optional<QString> whisper = WhisperTranscriber::binaryURL())
+        qCInfo(lcWhisper) << "whisper-cli:" << *whisper;
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
     // The questions come last: the key already works while they wait for an answer.
     maybeOfferModelDownload();

@@ -122,7 +122,11 @@ QUrl Permissions::helpPageURL()
 
 QUrl Permissions::helpPageURL(const QString& executableFolder)
 {
-    return QUrl::fromLocalFile(QDir::cleanPath(executableFolder + QStringLiteral("/../share/voxaria/help/ajuda.html")));
+    // Installed, the program lives in <prefix>/libexec/voxaria beside its whisper-cli; in the build tree,
+    // in build/bin. The page is under <prefix>/share (build/share) either way.
+    const QString prefix = executableFolder.endsWith(QStringLiteral("/libexec/voxaria")) ? QStringLiteral("/../..")
+                                                                                          : QStringLiteral("/..");
+    return QUrl::fromLocalFile(QDir::cleanPath(executableFolder + prefix + QStringLiteral("/share/voxaria/help/ajuda.html")));
 }
 
 std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool nativeModelFound, const QString& localeIdentifier)

@@ -60,7 +60,8 @@ Alerts::Alert permissionsAlert(const Needs& needs, const QString& localeIdentifi
                                const std::optional<WaylandUse>& wayland = std::nullopt);
 // At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
 std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource);
-// The help page installed with the program: <folder of the executable>/../share/voxaria/help/ajuda.html.
+// The help page installed with the program: <prefix>/share/voxaria/help/ajuda.html, the program being in
+// <prefix>/libexec/voxaria (installed) or <prefix>/bin (the build tree).
 QUrl helpPageURL();
 QUrl helpPageURL(const QString& executableFolder);
 

@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <QTimer>
 
 #include <mutex>
@@ -131,7 +132,13 @@ std::optional<QString> WhisperTranscriber::firstExecutable(const QStringList& ca
 
 std::optional<QString> WhisperTranscriber::binaryURL()
 {
-    return firstExecutable(binaryCandidates());
+    if (std::optional<QString> binary = firstExecutable(binaryCandidates()))
+        return binary;
+    // Last, whatever PATH leads to: Homebrew on Linux, Nix profiles, ~/.local/bin.
+    const QString onPath = QStandardPaths::findExecutable(QStringLiteral("whisper-cli"));
+    if (onPath.isEmpty())
+        return std::nullopt;
+    return onPath;
 }
 
 std::optional<QString> WhisperTranscriber::modelURL()

@@ -37,7 +37,8 @@ public:
     static std::optional<QString> binaryURL();
     static std::optional<QString> modelURL();
     static bool isAvailable();
-    // Where whisper-cli is looked for, in order: beside our own executable, then the system.
+    // Where whisper-cli is looked for, in order: beside our own executable, then the system; PATH
+    // comes after all of them.
     static QStringList binaryCandidates();
     // The first candidate that is an executable file.
     static std::optional<QString> firstExecutable(const QStringList& candidates);

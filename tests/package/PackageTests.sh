@@ -2,9 +2,10 @@
 # The Debian package of this very build: built with cpack, its contents and control fields checked,
 # passed through lintian, desktop-file-validate and appstreamcli, unpacked into a scratch root, and
 # the unpacked voxaria started on the harness's desktop until its tray icon shows.
-# Usage: PackageTests.sh BUILD_DIR VERSION. Exit 77 (skipped) says why on standard output.
+# Usage: PackageTests.sh BUILD_DIR VERSION WHISPER_BUILT (1 when the build made whisper-cli).
+# Exit 77 (skipped) says why on standard output.
 set -uo pipefail
-build=$1 version=$2
+build=$1 version=$2 whisper=$3
 app=app.voxaria.Voxaria
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -24,9 +25,14 @@ trap cleanup EXIT
 deb=$(ls "$work"/out/voxaria_"$version"_*.deb 2>/dev/null) || { cat "$work/cpack.log"; exit 1; }
 echo "package: $deb"
 
-# Exactly the program and its desktop files: nothing of the tests, helpers or benchmarks.
+# Exactly the program, its whisper-cli and its desktop files: nothing of the tests, helpers or
+# benchmarks. The program and whisper-cli live in their own folder; bin/whisper-cli belongs to the
+# distribution's whisper.cpp. A portable whisper-cli's libraries beside it are left out of the list.
+program_files="./usr/libexec/voxaria/voxaria
+./usr/libexec/voxaria/voxaria-model-check"
+[ "$whisper" = 1 ] && program_files+=$'\n./usr/libexec/voxaria/whisper-cli'
 expected="./usr/bin/voxaria
-./usr/libexec/voxaria/voxaria-model-check
+$program_files
 ./usr/share/applications/$app.desktop
 ./usr/share/doc/voxaria/changelog.gz
 ./usr/share/doc/voxaria/copyright
@@ -34,7 +40,7 @@ expected="./usr/bin/voxaria
 ./usr/share/man/man1/voxaria.1.gz
 ./usr/share/metainfo/$app.metainfo.xml
 ./usr/share/voxaria/help/ajuda.html"
-files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sort)
+files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ && $6 !~ /^[.]\/usr\/libexec\/voxaria\/lib(whisper|ggml)/ {print $6}' | sort)
 [ "$files" = "$expected" ] || fail "file list differs:$(diff <(echo "$expected") <(echo "$files"))"
 
 field() { dpkg-deb -f "$deb" "$1"; }
@@ -58,7 +64,7 @@ appstreamcli validate --no-net --explain "$root/usr/share/metainfo/$app.metainfo
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
 # The model check, where the installed program looks for it, loads the system's model once stripped.
 model=/usr/share/pocketsphinx/model/en-us
-[ ! -d "$model" ] || "$root/usr/bin/../libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
+[ ! -d "$model" ] || "$root/usr/libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
   "$model/cmudict-en-us.dict" || fail "the installed model check refuses the system's model"
 
 # Lintian's errors fail the package; its warnings are shown.
@@ -82,12 +88,17 @@ shows_icon() {
   done
   return 1
 }
+# Started through the /usr/bin link, it runs the whisper-cli of its own folder (its start-up log names it).
+finds_its_whisper() {
+  [ "$whisper" = 1 ] || return 0
+  grep -qF "whisper-cli: \"$root/usr/libexec/voxaria/whisper-cli\"" "$work/voxaria.log"
+}
 for _ in $(seq 300); do
-  shows_icon && { echo "tray icon shown"; exit 0; }
+  shows_icon && finds_its_whisper && { echo "tray icon shown"; exit 0; }
   kill -0 "$app_pid" 2>/dev/null || break
   sleep 0.1
 done
 cat "$work/voxaria.log"
 xwininfo -root -tree
-fail "the unpacked voxaria showed no tray icon"
+fail "the unpacked voxaria showed no tray icon, or did not name the whisper-cli beside it"
 exit 1

@@ -27,11 +27,13 @@ bool copyExecutable(const QString& from, const QString& to)
 
 AppRun::AppRun(const QString& program)
     : m_root(QDir::tempPath() + QStringLiteral("/voxaria-run-XXXXXX"))
-    , m_program(program)
-    , m_binary(program)
+    , m_binary(m_root.path() + QStringLiteral("/bin/voxaria"))
 {
-    for (const char* folder : {"home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
+    for (const char* folder : {"bin", "home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
         QDir().mkpath(root() + QLatin1Char('/') + QLatin1String(folder));
+    // A copy in a folder of its own: beside the build's voxaria is the real whisper-cli, and only the
+    // whisper-cli a test installs may be beside the program it runs.
+    copyExecutable(program, m_binary);
     m_process.setProcessChannelMode(QProcess::SeparateChannels);
     QObject::connect(&m_process, &QProcess::readyReadStandardError, &m_process, [this] { readLog(); });
 }
@@ -80,11 +82,7 @@ void AppRun::useWhisperStandIn(const QByteArray& script)
 
 void AppRun::installWhisper(const QString& program)
 {
-    const QString bin = root() + QStringLiteral("/bin");
-    QDir().mkpath(bin);
-    m_binary = bin + QStringLiteral("/voxaria");
-    copyExecutable(m_program, m_binary);
-    copyExecutable(program, bin + QStringLiteral("/whisper-cli"));
+    copyExecutable(program, whisperFolder() + QStringLiteral("/whisper-cli"));
 
     TestSupport::writeFile(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"),
                            "not a real model; the fake does not read it");

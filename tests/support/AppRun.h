@@ -32,7 +32,7 @@ public:
     // One preference as the program last wrote it (absent: an invalid value).
     QVariant setting(const QString& key) const;
 
-    // Runs a copy of the program with the fake whisper-cli beside it, where it looks first, and a
+    // Puts the fake whisper-cli beside the program's copy, where it looks first, and a
     // model file installed. The fake obeys `control` (see tests/fakes/whisper-cli).
     void useFakeWhisper(const QString& control);
     // The same with a program of the caller's own (e.g. a script that stamps the time) as whisper-cli.
@@ -61,12 +61,11 @@ public:
 
 private:
     void installWhisper(const QString& program);
-    // The folder of the program copy and its whisper-cli.
+    // The folder of the program's copy and its whisper-cli.
     QString whisperFolder() const;
     void readLog();
 
     QTemporaryDir m_root;
-    QString m_program;
     QString m_binary;
     QProcess m_process;
     QProcessEnvironment m_environment;

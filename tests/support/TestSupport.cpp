@@ -46,6 +46,10 @@ void isolateUserFolders()
     set("XDG_CONFIG_HOME", QStringLiteral("home/.config"));
     set("XDG_CACHE_HOME", QStringLiteral("home/.cache"));
     set("TMPDIR", QStringLiteral("tmp"));
+    // A whisper-cli installed on PATH must not stand in for the one a test took away.
+    QStringList path = qEnvironmentVariable("PATH").split(QLatin1Char(':'));
+    path.removeIf([](const QString& folder) { return QFileInfo::exists(folder + QStringLiteral("/whisper-cli")); });
+    qputenv("PATH", path.join(QLatin1Char(':')).toUtf8());
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)

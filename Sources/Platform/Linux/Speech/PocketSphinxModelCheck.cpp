@@ -4,7 +4,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 
@@ -26,7 +25,7 @@ QString PocketSphinxModelCheck::helperPath()
     const QString chosen = qEnvironmentVariable("VOXARIA_MODEL_CHECK");
     if (!chosen.isEmpty())
         return chosen;
-    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../libexec/voxaria/voxaria-model-check"));
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/voxaria-model-check");
 }
 
 PocketSphinxModelCheck::Verdict PocketSphinxModelCheck::of(const PocketSphinxModel& model, const std::function<bool()>& stopRequested)

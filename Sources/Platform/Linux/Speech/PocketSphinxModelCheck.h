@@ -28,6 +28,6 @@ public:
     static Verdict of(const PocketSphinxModel& model, const std::function<bool()>& stopRequested);
 
     // $VOXARIA_MODEL_CHECK when set (the tests point it at the build's copy), else the copy
-    // installed with the program: <folder of the executable>/../libexec/voxaria/voxaria-model-check.
+    // installed with the program: voxaria-model-check beside the executable.
     static QString helperPath();
 };
