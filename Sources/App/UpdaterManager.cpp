@@ -21,7 +21,7 @@ namespace {
 const QString kTitle = QStringLiteral("Atualizações do Voxaria");
 
 // An appcast is a few kilobytes; anything far larger is not one, and is not kept in memory.
-constexpr qint64 kMaxFeedBytes = 4 * 1024 * 1024;
+constexpr qint64 kMaxFeedBytes = qint64{4} * 1024 * 1024;
 constexpr auto kTooLarge = "voxariaFeedTooLarge";
 // A server that accepts the connection and then says nothing must not keep the check open forever.
 constexpr int kTransferTimeoutMs = 30000;

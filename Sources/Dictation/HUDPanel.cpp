@@ -72,7 +72,7 @@ qsizetype wholeCharacters(const QString& text, qsizetype dropped, Qt::TextElideM
 QString fittedToLines(const QString& text, const QFont& font, int lines, Qt::TextElideMode mode)
 {
     const QFontMetrics metrics(font);
-    const QString breakable = breakableAnywhere(text, metrics);
+    QString breakable = breakableAnywhere(text, metrics);
     if (fitsInLines(breakable, metrics, lines))
         return breakable;
     const auto shortened = [&](qsizetype dropped) {

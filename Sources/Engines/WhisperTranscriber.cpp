@@ -21,7 +21,7 @@ namespace {
 
 // Only the last line of whisper-cli's error output is ever shown; a child that writes megabytes
 // of diagnostics must not grow our memory with it.
-constexpr qsizetype kErrorTailLimit = 64 * 1024;
+constexpr qsizetype kErrorTailLimit = qsizetype{64} * 1024;
 // A cancelled whisper-cli gets this long to leave after the polite signal before it is killed.
 constexpr int kTerminateGraceMs = 2000;
 

@@ -139,7 +139,7 @@ std::optional<QList<HistoryStore::Entry>> decode(const QByteArray& bytes)
     const QJsonArray array = document.array();
     QList<HistoryStore::Entry> entries;
     entries.reserve(array.size());
-    for (const QJsonValue& value : array) {
+    for (const auto& value : array) {
         std::optional<HistoryStore::Entry> entry = decodeEntry(value);
         if (!entry)
             return std::nullopt;

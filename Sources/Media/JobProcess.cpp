@@ -12,7 +12,7 @@ constexpr int kPollMs = 50;
 // A child asked to terminate gets this long to leave before it is killed.
 constexpr int kTerminateGraceMs = 2000;
 // A "line" that never ends (a child writing binary junk) is dropped rather than kept growing.
-constexpr qsizetype kLongestLine = 1024 * 1024;
+constexpr qsizetype kLongestLine = qsizetype{1024} * 1024;
 
 // Cuts what a pipe delivers into lines; a line split across two reads waits for its end. Empty
 // lines are skipped.

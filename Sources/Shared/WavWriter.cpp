@@ -45,7 +45,7 @@ bool WavWriter::append(const qint16* samples, size_t count)
 {
     if (!m_file.isOpen())
         return false;
-    const qint64 bytes = qint64(count * sizeof(qint16));
+    const qint64 bytes = qint64(count) * qint64(sizeof(qint16));
     if constexpr (Q_BYTE_ORDER == Q_BIG_ENDIAN) {
         for (size_t i = 0; i < count; ++i) {
             const qint16 little = qToLittleEndian(samples[i]);

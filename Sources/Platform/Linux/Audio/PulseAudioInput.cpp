@@ -58,10 +58,10 @@ public:
         const QAudioFormat format = device.preferredFormat();
         m_source = new QAudioSource(device, format, this);
         // About 20 ms per read keeps the tail short when the key is released.
-        m_source->setBufferSize(format.bytesForDuration(20000) * 4);
+        m_source->setBufferSize(qsizetype{format.bytesForDuration(20000)} * 4);
         m_io = m_source->start();
         if (!m_io || m_source->error() != QAudio::NoError) {
-            const QString reason = QStringLiteral("Não foi possível abrir o microfone (erro %1).").arg(int(m_source->error()));
+            QString reason = QStringLiteral("Não foi possível abrir o microfone (erro %1).").arg(int(m_source->error()));
             delete m_source;
             m_source = nullptr;
             return reason;

@@ -22,7 +22,7 @@ void stop(QProcess& helper)
 
 QString PocketSphinxModelCheck::helperPath()
 {
-    const QString chosen = qEnvironmentVariable("VOXARIA_MODEL_CHECK");
+    QString chosen = qEnvironmentVariable("VOXARIA_MODEL_CHECK");
     if (!chosen.isEmpty())
         return chosen;
     return QCoreApplication::applicationDirPath() + QStringLiteral("/voxaria-model-check");

@@ -37,7 +37,7 @@ std::optional<QJsonObject> focusedNode(const QJsonObject& node)
     if (node.value(QLatin1String("focused")).toBool() && node.value(QLatin1String("pid")).toInteger() > 0)
         return node;
     for (const char* children : {"nodes", "floating_nodes"}) {
-        for (const QJsonValue& child : node.value(QLatin1String(children)).toArray()) {
+        for (const auto& child : node.value(QLatin1String(children)).toArray()) {
             if (std::optional<QJsonObject> found = focusedNode(child.toObject()))
                 return found;
         }

@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -384,7 +383,7 @@ int DataControlPasteboard::requestData(const QString& type)
 {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) {
-        qCWarning(lcInsert) << "Cannot open a pipe to read the clipboard:" << std::strerror(errno);
+        qCWarning(lcInsert) << "Cannot open a pipe to read the clipboard:" << qt_error_string(errno);
         return -1;
     }
     // The request carries a copy of the write end, so ours can go at once: the pipe ends when the

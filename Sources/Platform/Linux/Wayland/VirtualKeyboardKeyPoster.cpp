@@ -102,7 +102,7 @@ bool VirtualKeyboardKeyPoster::ensureKeyboard()
     }
     const int fd = memfd_create("voxaria-keymap", MFD_CLOEXEC);
     if (fd < 0 || ::write(fd, m_keymap->text.constData(), size_t(m_keymap->text.size())) != m_keymap->text.size()) {
-        qCWarning(lcInsert) << "Cannot hand the keymap to the compositor:" << std::strerror(errno);
+        qCWarning(lcInsert) << "Cannot hand the keymap to the compositor:" << qt_error_string(errno);
         if (fd >= 0)
             ::close(fd);
         return false;

@@ -9,7 +9,7 @@
 #include <set>
 
 class QSocketNotifier;
-struct _XDisplay;
+struct _XDisplay; // NOLINT(bugprone-reserved-identifier): Xlib's own name for Display
 
 // The modifier keys of the whole X display, read as XInput2 raw key events on the root window.
 // Raw events need no grab, so every key still reaches the window it was typed in. The monitor has
