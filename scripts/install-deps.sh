@@ -22,7 +22,7 @@ run_packages=(
   pocketsphinx-en-us yt-dlp
 )
 test_packages=(
-  libgtest-dev libgmock-dev python3 e2fsprogs
+  libgtest-dev libgmock-dev python3 e2fsprogs clang-format
   xvfb xauth x11-utils x11-xserver-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core
   sway xwayland wtype wl-clipboard foot
   pulseaudio-utils espeak-ng sox ffmpeg pocketsphinx-testdata
