@@ -57,8 +57,8 @@ std::optional<Run> runFFmpeg(const QStringList& arguments)
 // An hour of speech: the shared sample looped, as 44.1 kHz stereo AAC, as a phone or camera records.
 bool makeHourOfAac(const QString& path)
 {
-    return runFFmpeg({"-stream_loop", "-1", "-i", VOXARIA_TESTDATA_DIR "/speech/jfk.wav", "-t", QString::number(kSeconds),
-                      "-ar", "44100", "-ac", "2", "-c:a", "aac", "-b:a", "128k", path})
+    return runFFmpeg({"-stream_loop", "-1", "-i", VOXARIA_TESTDATA_DIR "/speech/jfk.wav", "-t", QString::number(kSeconds), "-ar", "44100",
+                         "-ac", "2", "-c:a", "aac", "-b:a", "128k", path})
         .has_value();
 }
 
@@ -81,9 +81,8 @@ Run ours(const QString& source, const QString& destination)
 
 void print(const char* who, const Run& run)
 {
-    std::printf("%-28s %6.1f s wall (%5.0fx real time), %6.1f s CPU (%5.0fx), memory %6lld kB\n", who,
-                run.wallSeconds, kSeconds / run.wallSeconds, run.cpuSeconds, kSeconds / run.cpuSeconds,
-                static_cast<long long>(run.peakKb));
+    std::printf("%-28s %6.1f s wall (%5.0fx real time), %6.1f s CPU (%5.0fx), memory %6lld kB\n", who, run.wallSeconds,
+        kSeconds / run.wallSeconds, run.cpuSeconds, kSeconds / run.cpuSeconds, static_cast<long long>(run.peakKb));
 }
 
 }
@@ -102,11 +101,11 @@ int main(int argc, char** argv)
     const std::optional<Run> ffmpeg = runFFmpeg({"-i", source, "-ar", "16000", "-ac", "1", folder.filePath(QStringLiteral("ffmpeg.wav"))});
     if (!ffmpeg)
         return 1;
-    std::printf("one hour of 44.1 kHz stereo AAC (%.0f MB) -> 16 kHz mono WAV (%.0f MB)\n",
-                double(QFileInfo(source).size()) / 1e6, double(QFileInfo(folder.filePath("ours.wav")).size()) / 1e6);
+    std::printf("one hour of 44.1 kHz stereo AAC (%.0f MB) -> 16 kHz mono WAV (%.0f MB)\n", double(QFileInfo(source).size()) / 1e6,
+        double(QFileInfo(folder.filePath("ours.wav")).size()) / 1e6);
     print("AudioExtractor (in process)", mine);
     print("ffmpeg -ar 16000 -ac 1", *ffmpeg);
-    std::printf("ratio ours/ffmpeg: %.2f (wall), %.2f (CPU); target >= 300x real time\n",
-                ffmpeg->wallSeconds / mine.wallSeconds, ffmpeg->cpuSeconds / mine.cpuSeconds);
+    std::printf("ratio ours/ffmpeg: %.2f (wall), %.2f (CPU); target >= 300x real time\n", ffmpeg->wallSeconds / mine.wallSeconds,
+        ffmpeg->cpuSeconds / mine.cpuSeconds);
     return 0;
 }

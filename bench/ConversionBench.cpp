@@ -33,6 +33,6 @@ int main()
     const double audioSeconds = double(buffers) * kFramesPerBuffer / kRate;
     std::printf("conversion 48 kHz stereo float -> 16 kHz mono s16: %.3f ms CPU per second of audio "
                 "(target <= 2 ms; %zu samples out for %.1f s in)\n",
-                spent * 1000 / audioSeconds, produced, audioSeconds);
+        spent * 1000 / audioSeconds, produced, audioSeconds);
     return 0;
 }

@@ -3,8 +3,8 @@
 // text reaches the focused window, and what the program costs once idle after ten dictations.
 // whisper-cli is a bash stand-in that stamps its start and exit and copies the WAV it was given.
 // Run under scripts/with-harness.sh.
-#include "BenchClock.h"
 #include "AppRun.h"
+#include "BenchClock.h"
 #include "ProcessStats.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
@@ -36,7 +36,7 @@ qint64 readStampUs(const QString& path)
 
 qint64 modifiedUs(const QString& path)
 {
-    struct stat info {};
+    struct stat info { };
     if (stat(path.toLocal8Bit().constData(), &info) != 0)
         return 0;
     return qint64(info.st_mtim.tv_sec) * 1000000 + info.st_mtim.tv_nsec / 1000;
@@ -112,10 +112,10 @@ int main(int argc, char** argv)
         return 1;
     }
     const QString tone = run.root() + QStringLiteral("/tone.wav");
-    QProcess::execute(QStringLiteral("sox"), {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"),
-                                              QStringLiteral("-c"), QStringLiteral("2"), tone, QStringLiteral("synth"),
-                                              QString::number(toneMs / 1000), QStringLiteral("sine"), QStringLiteral("1000"),
-                                              QStringLiteral("vol"), QStringLiteral("0.5")});
+    QProcess::execute(QStringLiteral("sox"),
+        {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"), tone,
+            QStringLiteral("synth"), QString::number(toneMs / 1000), QStringLiteral("sine"), QStringLiteral("1000"), QStringLiteral("vol"),
+            QStringLiteral("0.5")});
 
     std::vector<double> missing, toneStart, releaseToStart, exitToText;
     for (int dictation = 0; dictation < 10; ++dictation) {
@@ -150,12 +150,12 @@ int main(int argc, char** argv)
     run.stop();
 
     std::printf("lost lead-in of a tone played 50 ms after the key press: median %.1f ms, worst %.1f ms (target 0)\n",
-                BenchClock::median(missing), BenchClock::maximum(missing));
+        BenchClock::median(missing), BenchClock::maximum(missing));
     std::printf("  the tone began %.0f ms into the recording (median)\n", BenchClock::median(toneStart));
-    std::printf("key release -> whisper-cli started: median %.1f ms, worst %.1f ms (target <= 20 ms)\n",
-                BenchClock::median(releaseToStart), BenchClock::maximum(releaseToStart));
+    std::printf("key release -> whisper-cli started: median %.1f ms, worst %.1f ms (target <= 20 ms)\n", BenchClock::median(releaseToStart),
+        BenchClock::maximum(releaseToStart));
     std::printf("whisper-cli exit -> text in the receiving window: median %.1f ms, worst %.1f ms (target <= 80 ms)\n",
-                BenchClock::median(exitToText), BenchClock::maximum(exitToText));
+        BenchClock::median(exitToText), BenchClock::maximum(exitToText));
     std::printf("idle after 10 dictations: %lld wake-ups (context switches, all threads) in 10 s (target 0)\n", idle.wakeups);
     std::printf("idle after 10 dictations: resident memory %.1f MB (target <= 60 MB)\n", idle.residentKb / 1024.0);
     return 0;

@@ -13,8 +13,8 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
-#include <ctime>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <vector>
 
@@ -45,16 +45,16 @@ Figures measure(int runs, const std::function<void()>& once)
 
 void print(const char* what, Figures figures, double targetMs)
 {
-    std::printf("%-44s median %7.3f ms  worst %7.3f ms  cpu %7.3f ms  (target <= %.0f ms) %s\n", what,
-                figures.medianMs, figures.worstMs, figures.cpuMedianMs, targetMs,
-                figures.medianMs <= targetMs ? "ok" : "TOO SLOW");
+    std::printf("%-44s median %7.3f ms  worst %7.3f ms  cpu %7.3f ms  (target <= %.0f ms) %s\n", what, figures.medianMs, figures.worstMs,
+        figures.cpuMedianMs, targetMs, figures.medianMs <= targetMs ? "ok" : "TOO SLOW");
 }
 
 // Dictations of everyday length, with accents, so encoding and searching do real work.
 QString sampleText(int n)
 {
     return QStringLiteral("Ditado %1: reunião às três horas com a equipe de operações; revisar o relatório "
-                          "e enviar as correções até sexta-feira, por favor.").arg(n);
+                          "e enviar as correções até sexta-feira, por favor.")
+        .arg(n);
 }
 
 void fill(HistoryStore& store, int count)
@@ -98,8 +98,8 @@ void benchLoad(const QString& folder)
 
     qsizetype loaded = 0;
     const Figures figures = measure(20, [&] { loaded = HistoryStore(path).entries().size(); });
-    std::printf("  (file of %lld entries, %.1f MB, loaded %lld)\n", 50LL * HistoryStore::maximumEntries,
-                big.size() / 1e6, static_cast<long long>(loaded));
+    std::printf("  (file of %lld entries, %.1f MB, loaded %lld)\n", 50LL * HistoryStore::maximumEntries, big.size() / 1e6,
+        static_cast<long long>(loaded));
     print("load a 10,000-entry file", figures, 50);
 }
 
@@ -112,8 +112,8 @@ void benchKeystroke(const QString& folder)
     window.show();
     auto* search = window.window()->findChild<QLineEdit*>(QStringLiteral("searchField"));
     const QStringList typing = {QStringLiteral("r"), QStringLiteral("re"), QStringLiteral("reu"), QStringLiteral("reun"),
-                                QStringLiteral("reuni"), QStringLiteral("reuniã"), QStringLiteral("reunião"),
-                                QStringLiteral("f"), QStringLiteral("fi"), QStringLiteral("fir"), QStringLiteral("")};
+        QStringLiteral("reuni"), QStringLiteral("reuniã"), QStringLiteral("reunião"), QStringLiteral("f"), QStringLiteral("fi"),
+        QStringLiteral("fir"), QStringLiteral("")};
     int n = 0;
     print("one search keystroke over 200 entries", measure(220, [&] { search->setText(typing[n++ % typing.size()]); }), 2);
 }

@@ -6,8 +6,8 @@
 // caller pays (on a loaded machine mostly the interpreter's start and finalisation), so the last
 // figure is what the pipeline adds on top of running the program at all.
 #include "BenchClock.h"
-#include "Media/MediaTranscriber.h"
 #include "BenchHome.h"
+#include "Media/MediaTranscriber.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -109,15 +109,15 @@ int main(int argc, char** argv)
     std::vector<double> bareLaunch, bareBack;
     std::vector<std::vector<Sample>> samples(names.size());
     for (int run = 0; run < kRuns; ++run) {
-        const auto [launch, back] = bareRun(whisper, QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/jfk.wav"),
-                                            home.path() + QStringLiteral("/bare"));
+        const auto [launch, back]
+            = bareRun(whisper, QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/jfk.wav"), home.path() + QStringLiteral("/bare"));
         bareLaunch.push_back(launch);
         bareBack.push_back(back);
         for (qsizetype i = 0; i < names.size(); ++i)
             samples[i].push_back(runJob(QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/") + names[i], whisper));
     }
     std::printf("bare QProcess run of the fake: launch %.1f ms, exit -> waitForFinished %.1f ms (medians of %d)\n",
-                BenchClock::median(bareLaunch), BenchClock::median(bareBack), kRuns);
+        BenchClock::median(bareLaunch), BenchClock::median(bareBack), kRuns);
     for (qsizetype i = 0; i < names.size(); ++i) {
         const auto figure = [&](double Sample::*field) {
             std::vector<double> values;
@@ -130,12 +130,12 @@ int main(int argc, char** argv)
             overhead.push_back(s.job - s.whisperOwn);
         std::printf("%s (11 s of speech), medians of %d jobs:\n", qPrintable(names[i]), kRuns);
         std::printf("  job %.1f ms = whisper-cli's own run %.1f ms + pipeline overhead %.1f ms\n", figure(&Sample::job),
-                    figure(&Sample::whisperOwn), BenchClock::median(overhead));
+            figure(&Sample::whisperOwn), BenchClock::median(overhead));
         std::printf("  overhead: start + extraction %.1f ms, child launch %.1f ms (Python start-up included), "
-                    "exit -> onFinished %.1f ms\n", figure(&Sample::toTranscribing), figure(&Sample::launch),
-                    figure(&Sample::back));
+                    "exit -> onFinished %.1f ms\n",
+            figure(&Sample::toTranscribing), figure(&Sample::launch), figure(&Sample::back));
         std::printf("  added by the pipeline beyond a bare run: %.1f ms\n",
-                    BenchClock::median(overhead) - BenchClock::median(bareLaunch) - BenchClock::median(bareBack));
+            BenchClock::median(overhead) - BenchClock::median(bareLaunch) - BenchClock::median(bareBack));
     }
     QFile::remove(whisper);
     QFile::remove(whisper + QStringLiteral(".runtime"));

@@ -2,9 +2,9 @@
 // long start() takes until the microphone captures, and how soon text arrives in a first dictation
 // (model loaded then) and a second one (decoder kept). Run it under scripts/with-harness.sh.
 #include "BenchClock.h"
+#include "Engines/SpeechTranscriber.h"
 #include "Platform/SpeechRecognizer.h"
 #include "Shared/Preferences/Settings.h"
-#include "Engines/SpeechTranscriber.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -14,9 +14,9 @@
 #include <QThread>
 
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <cstdio>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -88,7 +88,8 @@ void benchRealTimeFactor()
     const double wall = recogniseAtOnce(*recognizer, samples, text);
     const double cpu = BenchClock::seconds(CLOCK_PROCESS_CPUTIME_ID) - cpuBefore;
     std::printf("clip fleurs-en-005: %.2f s of audio, decoded in %.3f s wall (real-time factor %.3f), "
-                "%.3f s CPU (real-time factor %.3f)\n", duration, wall, wall / duration, cpu, cpu / duration);
+                "%.3f s CPU (real-time factor %.3f)\n",
+        duration, wall, wall / duration, cpu, cpu / duration);
     std::printf("  text: %s\n", qPrintable(text));
 }
 
@@ -108,9 +109,19 @@ void benchDictation(int number)
     QString finalText;
     clock.start();
     try {
-        engine.start([&](const QString&) { if (firstPartialMs < 0) firstPartialMs = clock.elapsed(); },
-                     [&](const QString& text) { finalMs = clock.elapsed(); finalText = text; },
-                     [&](const Error& error) { finalMs = clock.elapsed(); finalText = error.description(); });
+        engine.start(
+            [&](const QString&) {
+                if (firstPartialMs < 0)
+                    firstPartialMs = clock.elapsed();
+            },
+            [&](const QString& text) {
+                finalMs = clock.elapsed();
+                finalText = text;
+            },
+            [&](const Error& error) {
+                finalMs = clock.elapsed();
+                finalText = error.description();
+            });
     } catch (const Error& error) {
         std::printf("dictation %d: start failed: %s\n", number, qPrintable(error.description()));
         return;
@@ -122,8 +133,8 @@ void benchDictation(int number)
     BenchClock::spinUntil([&] { return finalMs >= 0; }, std::chrono::seconds(30));
     std::printf("dictation %d: start-to-capturing %.1f ms, first partial at %lld ms, final %lld ms after finish "
                 "(\"%s\"), resident %ld MB\n",
-                number, startMs, static_cast<long long>(firstPartialMs), static_cast<long long>(finalMs - finishedAt),
-                qPrintable(finalText), residentKilobytes() / 1024);
+        number, startMs, static_cast<long long>(firstPartialMs), static_cast<long long>(finalMs - finishedAt), qPrintable(finalText),
+        residentKilobytes() / 1024);
 }
 
 }

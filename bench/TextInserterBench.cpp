@@ -43,8 +43,7 @@ std::shared_ptr<KeyPoster> x11Keys()
     return keys;
 }
 
-template <typename Call>
-auto timed(double& totalMs, Call call)
+template <typename Call> auto timed(double& totalMs, Call call)
 {
     QElapsedTimer clock;
     clock.start();
@@ -61,8 +60,14 @@ public:
     double restoreMs = 0;
     bool restored = false;
 
-    int itemCount() override { return timed(saveMs, [&] { return m_real->itemCount(); }); }
-    QStringList types(int index) override { return timed(saveMs, [&] { return m_real->types(index); }); }
+    int itemCount() override
+    {
+        return timed(saveMs, [&] { return m_real->itemCount(); });
+    }
+    QStringList types(int index) override
+    {
+        return timed(saveMs, [&] { return m_real->types(index); });
+    }
     std::optional<QByteArray> data(int index, const QString& type) override
     {
         return timed(saveMs, [&] { return m_real->data(index, type); });
@@ -70,7 +75,10 @@ public:
     void clearContents() override
     {
         double ignored = 0;
-        timed(m_textWritten ? restoreMs : ignored, [&] { m_real->clearContents(); return 0; });
+        timed(m_textWritten ? restoreMs : ignored, [&] {
+            m_real->clearContents();
+            return 0;
+        });
     }
     void setString(const QString& text) override
     {
@@ -79,10 +87,16 @@ public:
     }
     void writeItems(const std::vector<Item>& items) override
     {
-        timed(restoreMs, [&] { m_real->writeItems(items); return 0; });
+        timed(restoreMs, [&] {
+            m_real->writeItems(items);
+            return 0;
+        });
         restored = true;
     }
-    bool ownsContents() override { return timed(restoreMs, [&] { return m_real->ownsContents(); }); }
+    bool ownsContents() override
+    {
+        return timed(restoreMs, [&] { return m_real->ownsContents(); });
+    }
 
 private:
     std::shared_ptr<Pasteboard> m_real = x11Clipboard();
@@ -107,8 +121,8 @@ void report(const char* what, std::vector<double> values, double target)
 {
     std::sort(values.begin(), values.end());
     const double mean = std::accumulate(values.begin(), values.end(), 0.0) / double(values.size());
-    std::printf("%-48s mean %7.2f ms  min %7.2f  median %7.2f  max %7.2f  (target %g ms, %zu runs)\n", what, mean,
-        values.front(), values[values.size() / 2], values.back(), target, values.size());
+    std::printf("%-48s mean %7.2f ms  min %7.2f  median %7.2f  max %7.2f  (target %g ms, %zu runs)\n", what, mean, values.front(),
+        values[values.size() / 2], values.back(), target, values.size());
 }
 
 // The image offered by another program, the way a screenshot tool leaves it.
@@ -122,9 +136,9 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
     file.flush();
     for (int run = 0; run < runs; ++run) {
         QProcess owner;
-        owner.start(QStringLiteral("xclip"), {QStringLiteral("-selection"), QStringLiteral("clipboard"),
-                                                 QStringLiteral("-t"), QStringLiteral("image/png"), QStringLiteral("-i"),
-                                                 file.fileName()});
+        owner.start(QStringLiteral("xclip"),
+            {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-t"), QStringLiteral("image/png"),
+                QStringLiteral("-i"), file.fileName()});
         owner.waitForFinished(); // xclip leaves a child serving the selection
         // Wait until the image is on offer, so the save below reads it rather than nothing.
         BenchClock::spinUntil([] { return x11Clipboard()->itemCount() > 0; }, 2s);
@@ -137,8 +151,7 @@ void measureImageSaveAndRestore(const QByteArray& png, int runs)
         saves.push_back(pasteboard->saveMs);
         restores.push_back(pasteboard->restoreMs);
         if (run == 0)
-            std::printf("first run: insert() returned after %.2f ms, %s restored\n", callMs,
-                pasteboard->restored ? "clipboard" : "NOT");
+            std::printf("first run: insert() returned after %.2f ms, %s restored\n", callMs, pasteboard->restored ? "clipboard" : "NOT");
         // Our process stops serving the image before xclip offers it again.
         x11Clipboard()->clearContents();
         BenchClock::spinUntil([] { return false; }, 50ms);

@@ -3,9 +3,9 @@
 // out: a tiny shell stand-in writes its transcript and the moment it exits.
 #include "BenchClock.h"
 #include "BenchHome.h"
+#include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Shared/Preferences/Settings.h"
-#include "Engines/WhisperTranscriber.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -62,10 +62,16 @@ int main(int argc, char** argv)
         WhisperTranscriber engine(std::move(input));
         qint64 finalAt = 0;
         QEventLoop waiting;
-        engine.start({}, [&](const QString&) { finalAt = BenchClock::nanoseconds(CLOCK_REALTIME); waiting.quit(); }, [&](const Error& e) {
-            std::fprintf(stderr, "error: %s\n", qPrintable(e.description()));
-            waiting.quit();
-        });
+        engine.start(
+            {},
+            [&](const QString&) {
+                finalAt = BenchClock::nanoseconds(CLOCK_REALTIME);
+                waiting.quit();
+            },
+            [&](const Error& e) {
+                std::fprintf(stderr, "error: %s\n", qPrintable(e.description()));
+                waiting.quit();
+            });
         microphone->deliver(silence);
         QElapsedTimer clock;
         const qint64 releasedAt = BenchClock::nanoseconds(CLOCK_REALTIME);
@@ -80,9 +86,8 @@ int main(int argc, char** argv)
     }
     QFile::remove(binary);
     std::printf("finish() returned with whisper-cli launched: median %.2f ms (target <= 10 ms)\n", BenchClock::median(toStarted));
-    std::printf("key release -> first line of the child running: median %.2f ms (includes bash start-up)\n",
-                BenchClock::median(toChild));
-    std::printf("whisper-cli exit -> onFinal: median %.2f ms (target <= 5 ms; includes process reaping)\n",
-                BenchClock::median(exitToFinal));
+    std::printf("key release -> first line of the child running: median %.2f ms (includes bash start-up)\n", BenchClock::median(toChild));
+    std::printf(
+        "whisper-cli exit -> onFinal: median %.2f ms (target <= 5 ms; includes process reaping)\n", BenchClock::median(exitToFinal));
     return 0;
 }

@@ -30,8 +30,8 @@ const QString kSpeech = TestSupport::testDataPath(QStringLiteral("speech/jfk.wav
 const QString kNoTrack = QStringLiteral("O arquivo não contém trilha de áudio.");
 
 // What the user would read, or "extracted".
-QString extract(const QString& source, const QString& destination, FakeMediaReader* reader = nullptr,
-                std::function<bool()> shouldStop = {}, quint64 limit = AudioExtractor::maxDataBytes)
+QString extract(const QString& source, const QString& destination, FakeMediaReader* reader = nullptr, std::function<bool()> shouldStop = {},
+    quint64 limit = AudioExtractor::maxDataBytes)
 {
     try {
         if (reader)
@@ -181,13 +181,26 @@ TEST(AudioExtractorTest, FollowsTheDecoderTheCancelTheSizeLimitAndTheDestination
         QString destination = {};
     } cases[] = {
         {.what = "start fails", .startFailure = "", .message = "Falha ao extrair o áudio: desconhecida", .read = 0, .onDisk = -1},
-        {.what = "fails at the end", .failureAtEnd = "disco removido", .message = "Falha ao extrair o áudio: disco removido", .onDisk = 1000},
+        {.what = "fails at the end",
+            .failureAtEnd = "disco removido",
+            .message = "Falha ao extrair o áudio: disco removido",
+            .onDisk = 1000},
         {.what = "at the limit", .message = "extracted", .onDisk = 1000, .headerSize = 1000},
-        {.what = "past the limit", .limit = 600, .message = "Falha ao extrair o áudio: o áudio passa de 37 horas, o máximo de um arquivo WAV", .read = 4, .onDisk = 600},
+        {.what = "past the limit",
+            .limit = 600,
+            .message = "Falha ao extrair o áudio: o áudio passa de 37 horas, o máximo de um arquivo WAV",
+            .read = 4,
+            .onDisk = 600},
         {.what = "cancelled", .stopAfter = 2, .message = "extracted", .read = 2, .onDisk = 400},
-        {.what = "no folder", .message = "Não foi possível gravar o áudio extraído: No such file or directory", .read = 0, .onDisk = -1,
-         .destination = QDir::tempPath() + "/sem pasta/audio.wav"},
-        {.what = "disk full", .message = "Não foi possível gravar o áudio extraído: No space left on device", .onDisk = -1, .destination = "/dev/full"},
+        {.what = "no folder",
+            .message = "Não foi possível gravar o áudio extraído: No such file or directory",
+            .read = 0,
+            .onDisk = -1,
+            .destination = QDir::tempPath() + "/sem pasta/audio.wav"},
+        {.what = "disk full",
+            .message = "Não foi possível gravar o áudio extraído: No space left on device",
+            .onDisk = -1,
+            .destination = "/dev/full"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what.toStdString());

@@ -1,15 +1,15 @@
-#include "Shared/AppPaths.h"
 #include "Dictation/DictationController.h"
+#include "Engines/SpeechTranscriber.h"
+#include "Engines/WhisperError.h"
+#include "Engines/WhisperTranscriber.h"
 #include "History/HistoryStore.h"
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeFrontApplication.h"
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
 #include "Platform/Fakes/FakeSounds.h"
+#include "Shared/AppPaths.h"
 #include "Shared/Preferences/Settings.h"
-#include "Engines/SpeechTranscriber.h"
-#include "Engines/WhisperError.h"
-#include "Engines/WhisperTranscriber.h"
 
 #include "TestSupport.h"
 
@@ -41,7 +41,11 @@ struct EngineScript {
 
 class ScriptedEngine final : public TranscriptionEngine {
 public:
-    explicit ScriptedEngine(std::shared_ptr<EngineScript> script) : m_script(std::move(script)) { ++m_script->made; }
+    explicit ScriptedEngine(std::shared_ptr<EngineScript> script)
+        : m_script(std::move(script))
+    {
+        ++m_script->made;
+    }
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override
     {
@@ -89,15 +93,15 @@ public:
         trust = fakeTrust.get();
         front = fakeFront.get();
         front->name = QStringLiteral("Editor de texto");
-        controller = std::make_unique<DictationController>(DictationController::Collaborators{
-            [script = script] { return std::make_unique<ScriptedEngine>(script); }, std::move(fakeSounds),
-            std::move(fakeTrust), std::move(fakeFront),
-            [this](const QString& text) {
-                inserted << text;
-                frontQueriesAtInsertion = front->queryCount;
-                return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode});
-            },
-            timing});
+        controller = std::make_unique<DictationController>(
+            DictationController::Collaborators{[script = script] { return std::make_unique<ScriptedEngine>(script); },
+                std::move(fakeSounds), std::move(fakeTrust), std::move(fakeFront),
+                [this](const QString& text) {
+                    inserted << text;
+                    frontQueriesAtInsertion = front->queryCount;
+                    return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode});
+                },
+                timing});
         controller->onStateChange = [this](State state) { states << state; };
     }
 
@@ -147,9 +151,18 @@ TEST_F(DictationTest, TheApplicationIsNamedBeforeThePasteAndADashStandsForNoName
 // One step of a dictation: a key event at its own time (none: the moment of the call), the engine's
 // result or error, or how the world is when the key goes down.
 using Step = std::function<void(DictationTest&)>;
-Step down(std::optional<KeyEventTime> time) { return [=](DictationTest& test) { test.controller->startRecording(time); }; }
-Step up(std::optional<KeyEventTime> time) { return [=](DictationTest& test) { test.controller->stopRecordingAndInsert(time); }; }
-Step result(const char* text) { return [=](DictationTest& test) { test.script->final(QString::fromUtf8(text)); }; }
+Step down(std::optional<KeyEventTime> time)
+{
+    return [=](DictationTest& test) { test.controller->startRecording(time); };
+}
+Step up(std::optional<KeyEventTime> time)
+{
+    return [=](DictationTest& test) { test.controller->stopRecordingAndInsert(time); };
+}
+Step result(const char* text)
+{
+    return [=](DictationTest& test) { test.script->final(QString::fromUtf8(text)); };
+}
 const Step failure = [](DictationTest& test) { test.script->error(whisperFailed); };
 const Step distrust = [](DictationTest& test) { test.trust->trusted = false; };
 const Step failStart = [](DictationTest& test) { test.script->startFailure = WhisperError::modelMissing(); };
@@ -179,16 +192,16 @@ const Scenario scenarios[] = {
     {"no event times, slow microphone", 500ms, {down({}), up({})}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
     {"no event times, quick release", 0ms, {down({}), up({})}, dropped, {"Tink"}, "", {}, 0, 1},
     {"across the clock's wrap", 0ms, {down(0xFFFFFF00u), up(0x100)}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
-    {"a press while finishing", 0ms, {down(0), up(400), down(500), up(600), result("primeiro")},
-     completed, {"Tink", "Pop"}, "", {"primeiro"}, 1, 0},
+    {"a press while finishing", 0ms, {down(0), up(400), down(500), up(600), result("primeiro")}, completed, {"Tink", "Pop"}, "",
+        {"primeiro"}, 1, 0},
     {"ended by the engine while held", 0ms, {down(0), result("já"), up(400)}, dropped, {"Tink", "Pop"}, "", {"já"}, 0, 0},
     {"an empty result", 0ms, {down(0), up(400), result(" \n\t ")}, completed, {"Tink", "Basso"}, "", {}, 1, 0},
     {"an error while finishing", 0ms, {down(0), up(400), failure}, completed, {"Tink", "Basso"},
-     QStringLiteral("⚠️ ") + whisperFailed.description(), {}, 1, 0},
+        QStringLiteral("⚠️ ") + whisperFailed.description(), {}, 1, 0},
     {"a release while idle", 0ms, {up(0)}, {}, {}, "", {}, 0, 0},
     {"no keyboard access", 0ms, {distrust, down(0), up(400)}, {}, {}, accessibilityWarning, {}, 0, 0},
     {"an engine that cannot start", 0ms, {failStart, down(0), up(400)}, {State::idle}, {"Basso"},
-     QStringLiteral("⚠️ ") + WhisperError::modelMissing().description(), {}, 0, 0},
+        QStringLiteral("⚠️ ") + WhisperError::modelMissing().description(), {}, 0, 0},
 };
 
 TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)

@@ -153,8 +153,8 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingLanguageThenTypesTheSpeechAndKeepsT
     // Switched while the program runs: the next press speaks English.
     app.setSetting(QStringLiteral("localeIdentifier"), QStringLiteral("en-US"));
     holdAndSpeak(speech);
-    ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s))
-        << "received: " << receiver.text().toStdString() << "\n" << app.log().join('\n').toStdString();
+    ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s)) << "received: " << receiver.text().toStdString() << "\n"
+                                                                                    << app.log().join('\n').toStdString();
     // The words showed on the HUD before the result.
     EXPECT_FALSE(app.log().filter(QStringLiteral("voxaria.hud: Text")).isEmpty()) << app.log().join('\n').toStdString();
     EXPECT_TRUE(TestSupport::waitUntil([&] { return history().size() == 1; }, 3s)) << "the dictation is not in the history";
@@ -179,8 +179,7 @@ TEST_F(EndToEnd, AShortPressInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
 
     const QString speech = TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg"));
     holdAndSpeak(speech);
-    ASSERT_TRUE(receiver.waitForText(QStringLiteral("o texto que o whisper ouviu"), 20s))
-        << app.log().join('\n').toStdString();
+    ASSERT_TRUE(receiver.waitForText(QStringLiteral("o texto que o whisper ouviu"), 20s)) << app.log().join('\n').toStdString();
     // Whisper heard all that was played (no lead-in or tail lost) and nothing from after the release.
     const TestSupport::WavInfo recorded = TestSupport::readWav(app.whisperInputCopy());
     ASSERT_TRUE(recorded.valid);

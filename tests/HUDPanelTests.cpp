@@ -16,14 +16,14 @@ using namespace std::chrono_literals;
 namespace {
 
 const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
-const QString longText = QStringLiteral(
-    "No princípio era o silêncio, e depois vieram as palavras, uma depois da outra, sem pressa, enquanto a "
-    "tecla continuava apertada e o microfone ouvia tudo com atenção; a frase cresceu, passou de uma linha, "
-    "passou de duas, passou de três, e ainda assim continuou a crescer até que só o seu final coubesse no "
-    "painel, que mostra sempre as últimas palavras ditas: fim da frase.");
+const QString longText
+    = QStringLiteral("No princípio era o silêncio, e depois vieram as palavras, uma depois da outra, sem pressa, enquanto a "
+                     "tecla continuava apertada e o microfone ouvia tudo com atenção; a frase cresceu, passou de uma linha, "
+                     "passou de duas, passou de três, e ainda assim continuou a crescer até que só o seu final coubesse no "
+                     "painel, que mostra sempre as últimas palavras ditas: fim da frase.");
 // What a default install without a Brazilian Portuguese model shows first, about 900 px wide.
 const QString pocketSphinxError = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
-    "Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+                                                 "Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
 
 TEST(HUDPanelPlacement, GoesToTheScreenHoldingThePointer)
 {
@@ -86,8 +86,9 @@ TEST_F(HUDPanelTest, UpdatesNeverShowItAndAnEmptiedTextGivesItsLineBack)
 // (one of kilobytes keeps its beginning); the text under it keeps its end behind a leading ellipsis.
 TEST_F(HUDPanelTest, AllItShowsFitsOnThePanelWhichGrowsUpward)
 {
-    const QString whisperError = QStringLiteral("⚠️ Falha na transcrição Whisper: error: failed to open "
-        "'/home/usuario/.local/share/Voxaria/models/ggml-large-v3-turbo-q5_0-pt-BR-ajustado.bin' as a model file");
+    const QString whisperError
+        = QStringLiteral("⚠️ Falha na transcrição Whisper: error: failed to open "
+                         "'/home/usuario/.local/share/Voxaria/models/ggml-large-v3-turbo-q5_0-pt-BR-ajustado.bin' as a model file");
     const QString runaway = QStringLiteral("⚠️ Falha na transcrição Whisper: ") + QStringLiteral("ruído ").repeated(4000);
     for (const QString& status : {listening, pocketSphinxError, whisperError, runaway}) {
         SCOPED_TRACE(status.left(100).toStdString());
@@ -108,15 +109,15 @@ TEST_F(HUDPanelTest, SitsDarkOverTheFrontWindowWithoutTakingItsFocusAndLetsClick
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     // The light window fills the screen, so the panel's translucency and rounded corners show on it.
     const QString window = QString::number(receiver.windowId());
-    QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("windowsize"), window, QStringLiteral("1920"),
-        QStringLiteral("1080"), QStringLiteral("windowmove"), window, QStringLiteral("0"), QStringLiteral("0")});
+    QProcess::execute(QStringLiteral("xdotool"),
+        {QStringLiteral("windowsize"), window, QStringLiteral("1920"), QStringLiteral("1080"), QStringLiteral("windowmove"), window,
+            QStringLiteral("0"), QStringLiteral("0")});
     hud.show(pocketSphinxError, longText);
     TestSupport::spin(400ms);
     EXPECT_EQ(XTestKeyboard::focusedWindow(), receiver.windowId());
 
     const QPoint middle = frame().center();
-    QProcess::execute(QStringLiteral("xdotool"),
-        {QStringLiteral("mousemove"), QString::number(middle.x()), QString::number(middle.y())});
+    QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QString::number(middle.x()), QString::number(middle.y())});
     QProcess where;
     where.start(QStringLiteral("xdotool"), {QStringLiteral("getmouselocation"), QStringLiteral("--shell")});
     where.waitForFinished();
@@ -125,8 +126,7 @@ TEST_F(HUDPanelTest, SitsDarkOverTheFrontWindowWithoutTakingItsFocusAndLetsClick
         << "the pointer does not reach the window beneath the HUD: " << location.toStdString();
 
     const QRect around = frame().adjusted(-40, -40, 40, 40);
-    const QPixmap shot =
-        QGuiApplication::primaryScreen()->grabWindow(0, around.x(), around.y(), around.width(), around.height());
+    const QPixmap shot = QGuiApplication::primaryScreen()->grabWindow(0, around.x(), around.y(), around.width(), around.height());
     const QString path = Desktop::screenshotFolder() + QStringLiteral("/hud-error-and-long-text.png");
     ASSERT_TRUE(shot.save(path));
     std::printf("HUD screenshot: %s\n", qPrintable(path));

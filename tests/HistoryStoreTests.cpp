@@ -1,6 +1,6 @@
+#include "History/HistoryStore.h"
 #include "HistoryFiles.h"
 #include "TestSupport.h"
-#include "History/HistoryStore.h"
 
 #include <QDir>
 #include <QProcess>
@@ -106,7 +106,8 @@ TEST_F(HistoryStoreTest, DamagedAndHostileFilesLoadWholeOrEmpty)
     QRandomGenerator random(7);
     for (int i = 0; i < 250; ++i)
         inputs.append(QByteArray(good).replace(random.bounded(int(good.size())), 1, QByteArray(1, char(random.bounded(256)))));
-    for (const QByteArray& text : {QByteArray("inv\xff\xfe\xc3lid"), QByteArray("\xed\xa0\x80"), QByteArray("\\ud800"), QByteArray(8 << 20, 'x')})
+    for (const QByteArray& text :
+        {QByteArray("inv\xff\xfe\xc3lid"), QByteArray("\xed\xa0\x80"), QByteArray("\\ud800"), QByteArray(8 << 20, 'x')})
         inputs.append(QByteArray(good).replace("ditado 1", text));
     for (const char* date : {"1e999", "-0", "123456789012345678901234567890", "NaN", "\"1\""})
         inputs.append(QByteArray(good).replace("785000000.25", date));

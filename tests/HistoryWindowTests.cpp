@@ -1,9 +1,9 @@
-#include "HistoryFiles.h"
-#include "TestSupport.h"
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
+#include "HistoryFiles.h"
 #include "Platform/Linux/Desktop/MessageBoxAlerts.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
+#include "TestSupport.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -42,8 +42,8 @@ protected:
     QString path = folder.filePath("history.json");
     std::unique_ptr<HistoryStore> store;
     MessageBoxAlerts alerts;
-    QString answer;     // the button the user clicks in an alert; none: Escape
-    QStringList asked;  // the informative texts of the alerts shown
+    QString answer; // the button the user clicks in an alert; none: Escape
+    QStringList asked; // the informative texts of the alerts shown
     QTimer user;
     std::unique_ptr<HistoryWindow> history;
 
@@ -72,8 +72,7 @@ protected:
         ASSERT_TRUE(QTest::qWaitForWindowExposed(history->window()));
     }
 
-    template<typename Widget>
-    Widget* find(const char* name) const { return history->window()->findChild<Widget*>(name); }
+    template <typename Widget> Widget* find(const char* name) const { return history->window()->findChild<Widget*>(name); }
     QTableView* table() const { return find<QTableView>("table"); }
     QString status() const { return find<QLabel>("statusLabel")->text(); }
     QString detail() const { return find<QPlainTextEdit>("detailView")->toPlainText(); }
@@ -99,9 +98,9 @@ TEST_F(HistoryWindowTest, SearchIsCaseInsensitiveAccentSensitiveAndBlindToUnicod
 {
     const QString composed = "Reunião às três";
     const QString decomposed = "Reunia\u0303o de equipe"; // ã as a + combining tilde
-    const QString cafe = "Cafe\u0301 da manhã";          // é as e + combining acute
+    const QString cafe = "Cafe\u0301 da manhã"; // é as e + combining acute
     open({entry(composed, "Mail"), entry(decomposed, "Mail"), entry(cafe, "Mail"), entry("cafe sem acento", "Mail"),
-          entry("Abrir o navegador", "Firefox")});
+        entry("Abrir o navegador", "Firefox")});
 
     const struct {
         QString query;

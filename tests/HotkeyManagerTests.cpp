@@ -8,8 +8,8 @@
 #include "XTestKeyboard.h"
 
 #include <QKeyEvent>
-#include <QWindow>
 #include <QWidget>
+#include <QWindow>
 
 #include <gtest/gtest.h>
 
@@ -22,8 +22,14 @@ struct Watched {
     explicit Watched(std::unique_ptr<KeyMonitor> source)
         : manager(std::move(source))
     {
-        manager.onPress = [this](std::optional<KeyEventTime> time) { ++presses; pressedAt = time; };
-        manager.onRelease = [this](std::optional<KeyEventTime> time) { ++releases; releasedAt = time; };
+        manager.onPress = [this](std::optional<KeyEventTime> time) {
+            ++presses;
+            pressedAt = time;
+        };
+        manager.onRelease = [this](std::optional<KeyEventTime> time) {
+            ++releases;
+            releasedAt = time;
+        };
     }
     HotkeyManager manager;
     int presses = 0;

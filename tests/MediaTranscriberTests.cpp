@@ -1,6 +1,6 @@
+#include "LocalHttpServer.h"
 #include "Media/MediaTranscriber.h"
 #include "Shared/AppPaths.h"
-#include "LocalHttpServer.h"
 #include "TestSupport.h"
 
 #include <QCoreApplication>
@@ -20,8 +20,14 @@ namespace {
 
 const QString kTranscribing = QStringLiteral("Transcrevendo… (vídeos longos podem levar alguns minutos)");
 
-QString scratch(const QString& name) { return AppPaths::dataFolder() + "/fixtures/" + name; }
-QString fakeYtDlp(const QString& suffix = {}) { return AppPaths::dataFolder() + "/bin/yt-dlp" + suffix; }
+QString scratch(const QString& name)
+{
+    return AppPaths::dataFolder() + "/fixtures/" + name;
+}
+QString fakeYtDlp(const QString& suffix = {})
+{
+    return AppPaths::dataFolder() + "/bin/yt-dlp" + suffix;
+}
 
 QStringList mediaFolders()
 {
@@ -57,8 +63,14 @@ struct MediaJob {
         transcriber->transcribe(source);
     }
     bool answered() const { return output || (!events.isEmpty() && events.last().startsWith("! ")); }
-    bool reached(const QString& status) { return waitUntil([&] { return events.contains(status); }, 60s); }
-    void finish() { EXPECT_TRUE(waitUntil([&] { return answered(); }, 120s)) << events.join(" | ").toStdString(); }
+    bool reached(const QString& status)
+    {
+        return waitUntil([&] { return events.contains(status); }, 60s);
+    }
+    void finish()
+    {
+        EXPECT_TRUE(waitUntil([&] { return answered(); }, 120s)) << events.join(" | ").toStdString();
+    }
 };
 
 class MediaTranscriberTest : public ::testing::Test {
@@ -69,7 +81,8 @@ protected:
     {
         QDir().mkpath(scratch({}));
         QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-i", testDataPath("speech/jfk.wav"), "-t", "3", scratch("fala.m4a")});
-        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "anoisesrc=r=8000", "-t", "3600", scratch("longo.wav")});
+        QProcess::execute(
+            "ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "anoisesrc=r=8000", "-t", "3600", scratch("longo.wav")});
     }
 
     void SetUp() override
@@ -119,7 +132,9 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         QStringList events, runs;
     } cases[] = {
         // Progress lines written together each count; whisper-cli's 109 % reads as 100 %.
-        {awkward, "text=  olá mundo \\n\\n\nprogress=7,8,109", "", transcribed + QStringList{"Transcrevendo… 7%@0.07", "Transcrevendo… 8%@0.08", "Transcrevendo… 100%@1", "= olá mundo + srt"}, {}},
+        {awkward, "text=  olá mundo \\n\\n\nprogress=7,8,109", "",
+            transcribed + QStringList{"Transcrevendo… 7%@0.07", "Transcrevendo… 8%@0.08", "Transcrevendo… 100%@1", "= olá mundo + srt"},
+            {}},
         {file, "text=\\n   \\n\\n", "", transcribed + QStringList{"=  + srt"}, {}},
         {file, "nosrt=1\ntext=sem legenda", "", transcribed + QStringList{"= sem legenda"}, {}},
         {file, "exit=3", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 3"}, {}},
@@ -129,7 +144,8 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         {link, "", fetch + "nopath=1", fetched + transcribed + success, once},
         // The retry starts clean: the first run's partial file is gone before the second starts.
         {link, "", fetch + "fail=1\npartial=1\nstderr=ERROR: primeira", retried + fetched + transcribed + success, twice},
-        {link, "", "fail=2\nstderr=ERROR: primeira\nstderr=ERROR: última linha", retried + started + QStringList{failed + "ERROR: última linha"}, twice},
+        {link, "", "fail=2\nstderr=ERROR: primeira\nstderr=ERROR: última linha",
+            retried + started + QStringList{failed + "ERROR: última linha"}, twice},
         {link, "", "fail=2", retried + started + QStringList{failed + "erro desconhecido"}, twice},
         {link, "", "nopath=1", fetched + update + fetched + QStringList{failed + "arquivo baixado não encontrado"}, twice},
     };
@@ -146,8 +162,9 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         const QString folder = QFileInfo(*run.output->srtURL).path();
         EXPECT_EQ(mediaFolders(), QStringList{QFileInfo(folder).fileName()});
         EXPECT_EQ(QDir(folder).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList{"transcricao.srt"});
-        EXPECT_EQ(whisper.lastArguments(), QStringList({"-m", AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "-f", folder + "/audio.wav", "-l", "auto",
-                                                        "--no-prints", "--print-progress", "-otxt", "-osrt", "-of", folder + "/transcricao"}));
+        EXPECT_EQ(whisper.lastArguments(),
+            QStringList({"-m", AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "-f", folder + "/audio.wav", "-l", "auto", "--no-prints",
+                "--print-progress", "-otxt", "-osrt", "-of", folder + "/transcricao"}));
         QDir(folder).removeRecursively(); // as the window does when it closes
     }
     EXPECT_TRUE(QFile::exists(awkward));
@@ -165,7 +182,8 @@ TEST_F(MediaTranscriberTest, TheSystemYtDlpFetchesADirectLink)
     server.setRoute("fala.m4a", {media.readAll()});
     MediaJob run(Source::url(server.baseUrl().toString() + "fala.m4a"));
     run.finish();
-    EXPECT_EQ(run.events.mid(run.events.size() - 4), QStringList({"Baixando áudio do vídeo… 100%@1", "Extraindo áudio…", kTranscribing, "= texto de teste + srt"}));
+    EXPECT_EQ(run.events.mid(run.events.size() - 4),
+        QStringList({"Baixando áudio do vídeo… 100%@1", "Extraindo áudio…", kTranscribing, "= texto de teste + srt"}));
     if (run.output && run.output->srtURL)
         QDir(QFileInfo(*run.output->srtURL).path()).removeRecursively();
 }

@@ -1,11 +1,11 @@
-#include "LocalHttpServer.h"
-#include "TestSupport.h"
 #include "App/AppDelegate.h"
-#include "Shared/Preferences/Settings.h"
 #include "Engines/ModelDownloadWindow.h"
 #include "Engines/ModelDownloader.h"
+#include "LocalHttpServer.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Shared/AppPaths.h"
+#include "Shared/Preferences/Settings.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -51,7 +51,10 @@ protected:
         Settings::shared().setEngine(TranscriptionEngineKind::apple);
         completions.clear();
     }
-    void start() { downloader.download(small, [this](bool success) { completions.append(success); }); }
+    void start()
+    {
+        downloader.download(small, [this](bool success) { completions.append(success); });
+    }
     // The alert that ended the download ("" when none).
     QString waitForEnd()
     {
@@ -140,12 +143,10 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         {{.body = kModel}, "Falha ao salvar o modelo: " + AppPaths::modelsFolder() + " existe, mas não é uma pasta."},
         {{.body = kModel}, "Falha ao salvar o modelo: ", false, {}, 1 << 20},
         {{.body = kModel}, "Falha ao salvar o modelo: sem permissão para gravar em " + AppPaths::modelsFolder() + ".", false, {},
-         RLIM_INFINITY, true},
+            RLIM_INFINITY, true},
     };
     // Immutable, so that even root (as in CI) cannot write into it.
-    const auto setReadOnly = [](bool on) {
-        return QProcess::execute("chattr", {on ? "+i" : "-i", AppPaths::modelsFolder()}) == 0;
-    };
+    const auto setReadOnly = [](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", AppPaths::modelsFolder()}) == 0; };
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit normal{};
     getrlimit(RLIMIT_FSIZE, &normal);
@@ -199,10 +200,11 @@ TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
         waitForEnd();
         return alerts->shown.size() > before ? alerts->shown[before].messageText + "\n" + alerts->shown[before].informativeText : "";
     };
-    const QString offered = "Instalar o motor de transcrição de alta qualidade?\nO Voxaria pode baixar o modelo Whisper "
-        "\"Equilibrado — small\" (190 MB, download único, recomendado para a maioria dos computadores). Ele roda 100% no seu "
-        "computador, offline, e tem qualidade de transcrição superior.\n\nEnquanto isso, o motor nativo (PocketSphinx) "
-        "funciona nos idiomas que tiverem modelo instalado. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
+    const QString offered
+        = "Instalar o motor de transcrição de alta qualidade?\nO Voxaria pode baixar o modelo Whisper "
+          "\"Equilibrado — small\" (190 MB, download único, recomendado para a maioria dos computadores). Ele roda 100% no seu "
+          "computador, offline, e tem qualidade de transcrição superior.\n\nEnquanto isso, o motor nativo (PocketSphinx) "
+          "funciona nos idiomas que tiverem modelo instalado. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
 
     EXPECT_EQ(offer("Agora não"), offered);
     EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple);

@@ -1,9 +1,9 @@
-#include "HistoryFiles.h"
-#include "TestSupport.h"
 #include "App/Permissions.h"
-#include "Shared/Preferences/Settings.h"
+#include "HistoryFiles.h"
 #include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Shared/Preferences/Settings.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -21,8 +21,17 @@ const Variables kWayland{{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", 
 // Sets variables the harness leaves unset, for one scope.
 struct Environment {
     Variables set;
-    explicit Environment(Variables values) : set(std::move(values)) { for (const auto& [name, value] : set) qputenv(name, value); }
-    ~Environment() { for (const auto& variable : set) qunsetenv(variable.first); }
+    explicit Environment(Variables values)
+        : set(std::move(values))
+    {
+        for (const auto& [name, value] : set)
+            qputenv(name, value);
+    }
+    ~Environment()
+    {
+        for (const auto& variable : set)
+            qunsetenv(variable.first);
+    }
 };
 
 }
@@ -38,10 +47,7 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
         Variables environment;
         QString marks;
     } cases[] = {
-        {"en-US", {}, "✅✅✅"},
-        {"en-US", {}, "❌✅✅"},
-        {"pt-BR", {}, "✅❌✅"},
-        {"en-US", kWayland, "✅✅❌"}, // even with an X display (XWayland)
+        {"en-US", {}, "✅✅✅"}, {"en-US", {}, "❌✅✅"}, {"pt-BR", {}, "✅❌✅"}, {"en-US", kWayland, "✅✅❌"}, // even with an X display (XWayland)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.marks.toStdString());
@@ -51,14 +57,16 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
             unplugged.emplace();
         std::optional<Permissions::Needs> needs;
         const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
-        Permissions::check(c.locale, [&needs](Permissions::Needs found) { needs = found; }, Permissions::Checks::system(platform));
+        Permissions::check(
+            c.locale, [&needs](Permissions::Needs found) { needs = found; }, Permissions::Checks::system(platform));
         ASSERT_TRUE(TestSupport::waitUntil([&] { return needs.has_value(); }));
         const Alerts::Alert alert = Permissions::permissionsAlert(*needs, c.locale);
         const auto mark = [&](int i) { return c.marks.mid(i, 1) == "✅" ? QString("✅ concedida") : QString("❌ pendente"); };
-        EXPECT_EQ(alert.informativeText, "O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz " + mark(0)
-                      + "\n2. Reconhecimento de fala — modelo do motor nativo para o idioma " + c.locale + " " + mark(1)
-                      + "\n3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto " + mark(2)
-                      + "\n\nSe algo não funcionar, veja a ajuda.");
+        EXPECT_EQ(alert.informativeText,
+            "O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz " + mark(0)
+                + "\n2. Reconhecimento de fala — modelo do motor nativo para o idioma " + c.locale + " " + mark(1)
+                + "\n3. Acesso ao teclado (X11) — para detectar a tecla de ditado e inserir o texto " + mark(2)
+                + "\n\nSe algo não funcionar, veja a ajuda.");
         EXPECT_EQ(alert.buttons.value(0).title, "Abrir ajuda");
     }
 }
@@ -91,7 +99,8 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         TestSupport::spin(std::chrono::milliseconds(300));
         EXPECT_EQ(answers, QList<bool>(2, !missing));
         log.sort(); // the two look-ups run side by side
-        EXPECT_EQ(log, (missing ? QStringList{"Permissão de microfone negada", "Permissão de reconhecimento de fala negada"} : QStringList()));
+        EXPECT_EQ(
+            log, (missing ? QStringList{"Permissão de microfone negada", "Permissão de reconhecimento de fala negada"} : QStringList()));
     }
     qInstallMessageHandler(nullptr);
 }
@@ -101,15 +110,16 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
 {
     const Permissions::WaylandUse wayland{"Wayland (sway/Hyprland)", "compositor bindings + /dev/input", "copiar apenas (cole com Ctrl+V)"};
     EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
-              "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
-              "(cole com Ctrl+V) ✅ concedida");
+        "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
+        "(cole com Ctrl+V) ✅ concedida");
 }
 
 // Only a Wayland session where no source sees the key warns at start-up.
 TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
 {
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
-    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false}) || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false})
+        || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
     const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
     EXPECT_TRUE(text.contains("grupo input") && text.contains("sessão X11")) << text.toStdString();
 }
@@ -120,15 +130,18 @@ TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
     const auto alert = Permissions::noEngineAlert(false, false, "fr-FR");
     ASSERT_TRUE(alert);
     EXPECT_EQ(alert->messageText + "|" + alert->informativeText,
-              "Instale o Whisper para ditar|O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma fr-FR.\n\n"
-              "Instale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com modelo nativo instalado.");
+        "Instale o Whisper para ditar|O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma "
+        "fr-FR.\n\n"
+        "Instale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com modelo nativo instalado.");
 }
 
 // The program run from the build tree finds its help page, and the page loads nothing remote.
 TEST(Permissions, TheHelpPageIsBesideTheProgramAndSelfContained)
 {
-    const QString html = QString::fromUtf8(HistoryFiles::read(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile()));
-    for (const char* topic : {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
+    const QString html
+        = QString::fromUtf8(HistoryFiles::read(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile()));
+    for (const char* topic :
+        {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
         EXPECT_TRUE(html.contains(topic)) << topic;
     EXPECT_FALSE(html.contains(QRegularExpression(R"((src=|@import|url\(|<link[^>]*href=)\s*["']?(https?:)?//)")));
     // Installed, the program sits in its own folder beside whisper-cli, two levels below the data.
@@ -145,7 +158,8 @@ TEST(LoginItem, RegisteringWritesTheDesktopEntryAndUnregisteringRemovesIt)
     EXPECT_FALSE(item.registerItem());
     EXPECT_EQ(item.status(), LoginItem::Status::enabled);
     const QString text = QString::fromUtf8(HistoryFiles::read(entry));
-    EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=app.voxaria.Voxaria\n")) << text.toStdString();
+    EXPECT_TRUE(text.contains("\nExec=" + qApp->applicationFilePath() + "\n") && text.contains("\nIcon=app.voxaria.Voxaria\n"))
+        << text.toStdString();
     EXPECT_FALSE(item.unregisterItem() || QFile::exists(entry) || item.unregisterItem());
     EXPECT_EQ(item.status(), LoginItem::Status::notRegistered);
 

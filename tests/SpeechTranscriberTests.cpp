@@ -1,8 +1,8 @@
-#include "Shared/AppPaths.h"
+#include "Engines/SpeechTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Fakes/FakeSpeechRecognizer.h"
+#include "Shared/AppPaths.h"
 #include "Shared/Preferences/Settings.h"
-#include "Engines/SpeechTranscriber.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -37,10 +37,7 @@ QString userModelFolder(const QString& name)
 // measures the real one.
 class SpeechTranscriberTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
-    }
+    void SetUp() override { Settings::shared().setLocaleIdentifier(QStringLiteral("en-US")); }
 
     std::unique_ptr<SpeechTranscriber> makeEngine(std::chrono::milliseconds finalDelay = 300ms)
     {
@@ -116,7 +113,7 @@ TEST_F(SpeechTranscriberTest, EachWayADictationEndsAnswersItOnce)
         {"error while recording, nothing heard", error("Nenhuma fala detectada"), {}, true, {}, {"Nenhuma fala detectada"}},
         {"error after text was heard: ignored", heardThenError, {}, false, {"ok then"}, {}},
         {"microphone gone after text was heard", heardThenMicrophoneGone, [this] { recognizer->sendFinal("ok then"); }, true, {},
-         {"O microfone foi desconectado durante o ditado."}},
+            {"O microfone foi desconectado durante o ditado."}},
         {"error after the release, nothing heard: an empty text", {}, error("no speech"), false, {""}, {}},
     };
     for (const auto& ending : endings) {
@@ -144,8 +141,16 @@ TEST_F(SpeechTranscriberTest, CancelOrDestructionSilencesEverythingStillOnItsWay
     using Ending = std::function<void(std::unique_ptr<SpeechTranscriber>&)>;
     const std::pair<const char*, Ending> endings[] = {
         {"cancel while recording", [](auto& engine) { engine->cancel(); }},
-        {"cancel during the final wait", [](auto& engine) { engine->finish(); engine->cancel(); }},
-        {"engine destroyed during the final wait", [](auto& engine) { engine->finish(); engine.reset(); }},
+        {"cancel during the final wait",
+            [](auto& engine) {
+                engine->finish();
+                engine->cancel();
+            }},
+        {"engine destroyed during the final wait",
+            [](auto& engine) {
+                engine->finish();
+                engine.reset();
+            }},
     };
     for (const auto& [name, end] : endings) {
         SCOPED_TRACE(name);
@@ -170,8 +175,9 @@ TEST_F(SpeechTranscriberTest, AnEmptyLanguageIsRefusedAtOnceLeavingNothingPendin
     Settings::shared().setLocaleIdentifier(QString());
     recognizer = nullptr;
     auto engine = makeEngine();
-    EXPECT_EQ(answers.startFailure(*engine), "Reconhecimento de fala indisponível para o idioma . Verifique se o modelo do "
-                                             "PocketSphinx para esse idioma está instalado.");
+    EXPECT_EQ(answers.startFailure(*engine),
+        "Reconhecimento de fala indisponível para o idioma . Verifique se o modelo do "
+        "PocketSphinx para esse idioma está instalado.");
     EXPECT_EQ(askedLocales, QStringList({""}));
     EXPECT_EQ(microphone->startCount, 0) << "a language without a model never touches the microphone";
     engine->finish();
@@ -239,11 +245,11 @@ double wordErrorRate(const QString& reference, const QString& hypothesis)
 QByteArray decodedSpeech(bool asMicrophoneFrames = true)
 {
     QProcess decoder;
-    decoder.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"),
-                                             testDataPath(QStringLiteral("speech/fleurs-en-005.ogg")), QStringLiteral("-ar"),
-                                             asMicrophoneFrames ? QStringLiteral("48000") : QStringLiteral("16000"), QStringLiteral("-ac"),
-                                             asMicrophoneFrames ? QStringLiteral("2") : QStringLiteral("1"), QStringLiteral("-f"),
-                                             asMicrophoneFrames ? QStringLiteral("f32le") : QStringLiteral("s16le"), QStringLiteral("-")});
+    decoder.start(QStringLiteral("ffmpeg"),
+        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), testDataPath(QStringLiteral("speech/fleurs-en-005.ogg")),
+            QStringLiteral("-ar"), asMicrophoneFrames ? QStringLiteral("48000") : QStringLiteral("16000"), QStringLiteral("-ac"),
+            asMicrophoneFrames ? QStringLiteral("2") : QStringLiteral("1"), QStringLiteral("-f"),
+            asMicrophoneFrames ? QStringLiteral("f32le") : QStringLiteral("s16le"), QStringLiteral("-")});
     decoder.waitForFinished(30000);
     return decoder.readAllStandardOutput();
 }

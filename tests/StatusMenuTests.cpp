@@ -1,14 +1,14 @@
 // The tray menu built from the settings, and what its items do, with the alerts, the login item and
 // the browser scripted. Choosing items through the real tray is in EndToEndTests.
-#include "LocalHttpServer.h"
-#include "TestSupport.h"
 #include "App/AppDelegate.h"
 #include "App/Permissions.h"
 #include "App/UpdaterManager.h"
+#include "LocalHttpServer.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Fakes/FakeUrlOpener.h"
 #include "Shared/AppPaths.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -36,7 +36,8 @@ QString describe(const QMenu& menu, const QString& indent = {})
 {
     QString text;
     for (QAction* item : menu.actions()) {
-        text += indent + (item->isSeparator() ? "--" : (item->isChecked() ? "✓ " : "") + item->text()) + (item->isEnabled() ? "" : " (off)");
+        text
+            += indent + (item->isSeparator() ? "--" : (item->isChecked() ? "✓ " : "") + item->text()) + (item->isEnabled() ? "" : " (off)");
         if (!item->shortcut().isEmpty())
             text += " [" + item->shortcut().toString(QKeySequence::NativeText) + "]";
         if (item->toolTip() != item->text().remove('&') && !item->isSeparator())
@@ -63,8 +64,9 @@ protected:
         QDir(AppPaths::modelsFolder()).removeRecursively();
         QFile::remove(whisperCli);
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
-        app = std::make_unique<AppDelegate>(platform, AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
-                                                                  std::unique_ptr<UrlOpener>(urlOpener), &downloader});
+        app = std::make_unique<AppDelegate>(platform,
+            AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
+                std::unique_ptr<UrlOpener>(urlOpener), &downloader});
     }
     void TearDown() override { qInstallMessageHandler(nullptr); }
 
@@ -91,17 +93,19 @@ protected:
 TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
 {
     EXPECT_EQ(describe(*app->menu()),
-              "Segure Alt direito (AltGr) para ditar (off)\n--\n"
-              "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
-              "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  PocketSphinx (nativo, tempo real)\n"
-              "Modelo Whisper\n"
-              "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
-              "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
-              "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
-              "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
-              "Idioma\n  ✓ Português (Brasil)\n  English (US)\n  Español\n  Français\n  Deutsch\n  Italiano\n"
-              "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
-              "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v" + UpdaterManager::version() + ")\n--\n"
+        "Segure Alt direito (AltGr) para ditar (off)\n--\n"
+        "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
+        "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  PocketSphinx (nativo, tempo real)\n"
+        "Modelo Whisper\n"
+        "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
+        "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
+        "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
+        "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
+        "Idioma\n  ✓ Português (Brasil)\n  English (US)\n  Español\n  Français\n  Deutsch\n  Italiano\n"
+        "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
+        "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v"
+            + UpdaterManager::version()
+            + ")\n--\n"
               "Sair do Voxaria [Ctrl+Q]\n");
 }
 
@@ -120,15 +124,17 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
 {
     Settings::shared().setEngine(TranscriptionEngineKind::apple);
     app->selectEngine("whisper");
-    EXPECT_EQ(lastAlert(), "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
-                           "da sua distribuição (por exemplo: sudo apt install whisper.cpp).\n[]");
+    EXPECT_EQ(lastAlert(),
+        "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
+        "da sua distribuição (por exemplo: sudo apt install whisper.cpp).\n[]");
     arrange({});
     const QByteArray model = QByteArray("lmgg").leftJustified(1 << 16, 'w');
     server.setRoute(kBase, {.body = model, .holdAt = 100});
     alerts->answers = QStringList{"Baixar (60 MB)"};
     app->selectModel(kBase);
-    EXPECT_EQ(lastAlert(), "Baixar \"Leve — base\"?\nDownload único de 60 MB (máquinas antigas; qualidade menor). O modelo roda 100% "
-                           "offline.\n[Baixar (60 MB) | Cancelar]");
+    EXPECT_EQ(lastAlert(),
+        "Baixar \"Leve — base\"?\nDownload único de 60 MB (máquinas antigas; qualidade menor). O modelo roda 100% "
+        "offline.\n[Baixar (60 MB) | Cancelar]");
     ASSERT_TRUE(downloader.isDownloading());
     app->selectModel(kSmall);
     EXPECT_EQ(alerts->shown.size(), 2) << "nothing is asked while a download runs";
@@ -138,8 +144,9 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
     server.setRoute(kSmall, {.body = model});
     alerts->answers = QStringList{"Baixar agora (190 MB)"};
     app->selectEngine("whisper");
-    EXPECT_EQ(lastAlert(), "Baixar o modelo Whisper?\nO motor Whisper precisa de um modelo. Recomendado: Equilibrado — small (190 MB, "
-                           "download único, roda offline).\n[Baixar agora (190 MB) | Cancelar]");
+    EXPECT_EQ(lastAlert(),
+        "Baixar o modelo Whisper?\nO motor Whisper precisa de um modelo. Recomendado: Equilibrado — small (190 MB, "
+        "download único, roda offline).\n[Baixar agora (190 MB) | Cancelar]");
     ASSERT_TRUE(TestSupport::waitUntil([&] { return !downloader.isDownloading(); }, std::chrono::seconds(30)));
     EXPECT_TRUE(marks().join('|').startsWith("  ✓ Whisper (melhor qualidade)|  ✓ Equilibrado — small (190 MB) {"))
         << "the menu was rebuilt when the model arrived: " << marks().join('\n').toStdString();

@@ -1,7 +1,7 @@
 #include "AppRun.h"
 #include "DesktopApps.h"
-#include "TestSupport.h"
 #include "Dictation/TextInserter.h"
+#include "TestSupport.h"
 #include "XTestKeyboard.h"
 
 #include "Platform/Fakes/FakeKeyPoster.h"
@@ -30,8 +30,8 @@ namespace {
 const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 
 // A 2×2 PNG image with a translucent pixel row.
-const QByteArray pngImage =
-    QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
+const QByteArray pngImage
+    = QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
 // X11, wlroots' virtual keyboard and GNOME's XWayland get a synthetic paste to the focused window;
 // elsewhere the text is only copied, and the paste is never probed.
@@ -56,8 +56,8 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     auto keyPoster = std::make_shared<FakeKeyPoster>();
     const auto insert = [&](const QString& text) { TextInserter::insert(text, {pasteboard, keyPoster, {}}); };
     const std::vector<FakePasteboard::FakeItem> before = {{{FakePasteboard::plainTextType, QByteArray("antes")}}};
-    const std::vector<KeyPoster::KeyEvent> commandV = {
-        {KeyPoster::virtualKeyV, true, KeyPoster::commandFlag}, {KeyPoster::virtualKeyV, false, KeyPoster::commandFlag}};
+    const std::vector<KeyPoster::KeyEvent> commandV
+        = {{KeyPoster::virtualKeyV, true, KeyPoster::commandFlag}, {KeyPoster::virtualKeyV, false, KeyPoster::commandFlag}};
     const struct {
         const char* name;
         std::vector<FakePasteboard::FakeItem> before;
@@ -65,14 +65,14 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         std::function<void()> meanwhile = {}; // 0.3 s after the call: after the paste, before the restoration
     } cases[] = {
         {"types that give no data are dropped, their siblings come back",
-            {{{QStringLiteral("text/html"), std::nullopt}, before[0][0], {QStringLiteral("application/x-lazy"), std::nullopt}}},
-            commandV},
-        {"a second dictation: the clipboard from before the first comes back", before,
-            {commandV[0], commandV[1], commandV[0], commandV[1]}, [&] { insert(QStringLiteral("segundo")); }},
-        {"the program quits: the restoration runs at once", before, commandV, [&] {
-             QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
-             ASSERT_EQ(pasteboard->items, before);
-         }},
+            {{{QStringLiteral("text/html"), std::nullopt}, before[0][0], {QStringLiteral("application/x-lazy"), std::nullopt}}}, commandV},
+        {"a second dictation: the clipboard from before the first comes back", before, {commandV[0], commandV[1], commandV[0], commandV[1]},
+            [&] { insert(QStringLiteral("segundo")); }},
+        {"the program quits: the restoration runs at once", before, commandV,
+            [&] {
+                QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
+                ASSERT_EQ(pasteboard->items, before);
+            }},
     };
     QElapsedTimer clock;
     qint64 postedAt = -1;
@@ -130,8 +130,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
     };
     const struct {
         const char* name;
-        Formats before;          // copied by another program just now, after any X event we saw
-        int heldKey = 0;         // held down through the paste
+        Formats before; // copied by another program just now, after any X event we saw
+        int heldKey = 0; // held down through the paste
         bool intoTerminal = false; // xterm pastes on Control-Shift-V and passes Control-V on as ^V
         QByteArray copiedMeanwhile = {};
     } cases[] = {
@@ -142,7 +142,7 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
     const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {},
-                                         TextInserter::Mode::paste, std::make_shared<X11FrontApplication>()};
+        TextInserter::Mode::paste, std::make_shared<X11FrontApplication>()};
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;

@@ -1,8 +1,8 @@
-#include "LocalHttpServer.h"
-#include "TestSupport.h"
 #include "App/UpdaterManager.h"
+#include "LocalHttpServer.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeUrlOpener.h"
+#include "TestSupport.h"
 
 #include <QSignalSpy>
 
@@ -18,7 +18,8 @@ const QString kFailed = "Não foi possível verificar atualizações: ";
 QByteArray appcast(const QByteArray& items)
 {
     return "<?xml version=\"1.0\"?>\n<rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
-           "<channel><title>Voxaria</title>" + items + "</channel></rss>\n";
+           "<channel><title>Voxaria</title>"
+        + items + "</channel></rss>\n";
 }
 
 // An updater of version 0.9.9 reading the test's own feed (or `feed`); its automatic check, when
@@ -32,7 +33,7 @@ struct Updater {
 
     explicit Updater(std::optional<QUrl> feed = {}, std::chrono::milliseconds automaticInterval = 0ms)
         : manager({feed.value_or(server.baseUrl().resolved(QUrl("appcast.xml"))), 10ms, automaticInterval, "0.9.9"},
-                  std::unique_ptr<Alerts>(alerts), std::unique_ptr<UrlOpener>(opener))
+            std::unique_ptr<Alerts>(alerts), std::unique_ptr<UrlOpener>(opener))
     {
     }
     // What the user saw once the check ended ("" when nothing).
@@ -57,7 +58,8 @@ TEST(UpdaterManager, AnswersWhatTheFeedSays)
         QString answer; // exact, or the failure's prefix and a word of its reason
         std::optional<QUrl> feed = {};
     } cases[] = {
-        {{appcast("<item><sparkle:shortVersionString>0.9.9</sparkle:shortVersionString></item>")}, "Você está usando a versão mais recente (v0.9.9)."},
+        {{appcast("<item><sparkle:shortVersionString>0.9.9</sparkle:shortVersionString></item>")},
+            "Você está usando a versão mais recente (v0.9.9)."},
         {{appcast("<item><enclosure url=\"x\" sparkle:version=\"0.9.1\"/></item>")}, "Você está usando a versão mais recente (v0.9.9)."},
         {{"<!DOCTYPE html><html><body>Bem-vindo</body></html>"}, kFailed + "RSS"},
         {{""}, kFailed + "vazio"},
@@ -73,7 +75,8 @@ TEST(UpdaterManager, AnswersWhatTheFeedSays)
         updater.server.setRoute("appcast.xml", c.route);
         updater.manager.checkForUpdates();
         const QString said = updater.said();
-        EXPECT_TRUE(said == c.answer || (c.answer.startsWith(kFailed) && said.startsWith(kFailed) && said.contains(c.answer.mid(kFailed.size()))))
+        EXPECT_TRUE(
+            said == c.answer || (c.answer.startsWith(kFailed) && said.startsWith(kFailed) && said.contains(c.answer.mid(kFailed.size()))))
             << said.toStdString();
     }
 }
@@ -84,9 +87,11 @@ TEST(UpdaterManager, ANewerVersionOffersItsDownloadPage)
 {
     for (const QString answer : {"Abrir página de download", "Agora não"}) {
         Updater updater;
-        updater.server.setRoute("appcast.xml", {appcast("<item><link>https://voxaria.app/0.9.10</link><sparkle:version>0.9.10</sparkle:version></item>"
-                                                        "<item><link>https://voxaria.app/0.10.0</link><enclosure url=\"https://voxaria.app/v.tar\" "
-                                                        "sparkle:shortVersionString=\"0.10.0\"/></item>"), 200, true, -1, -1, 0});
+        updater.server.setRoute("appcast.xml",
+            {appcast("<item><link>https://voxaria.app/0.9.10</link><sparkle:version>0.9.10</sparkle:version></item>"
+                     "<item><link>https://voxaria.app/0.10.0</link><enclosure url=\"https://voxaria.app/v.tar\" "
+                     "sparkle:shortVersionString=\"0.10.0\"/></item>"),
+                200, true, -1, -1, 0});
         updater.alerts->answers = {answer};
         updater.manager.checkForUpdates();
         TestSupport::spin(300ms);

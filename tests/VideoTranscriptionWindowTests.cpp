@@ -5,16 +5,16 @@
 #include "AppRun.h"
 #include "DesktopApps.h"
 #include "LocalHttpServer.h"
-#include "TestSupport.h"
-#include "XTestKeyboard.h"
-#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
-#include "Shared/Preferences/Settings.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Media/YtDlpManager.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeFileDialogs.h"
 #include "Platform/Fakes/FakeSounds.h"
+#include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 #include "Shared/AppPaths.h"
+#include "Shared/Preferences/Settings.h"
+#include "TestSupport.h"
+#include "XTestKeyboard.h"
 
 #include <QApplication>
 #include <QClipboard>
@@ -37,16 +37,23 @@ namespace {
 const QString kIdle = "Transcrever+ - no bar | Copiar- Salvar texto- Salvar legenda-";
 const QString kTranscribing = "Transcrevendo… (vídeos longos podem levar alguns minutos)";
 
-QString scratch(const QString& name) { return AppPaths::dataFolder() + "/fixtures/" + name; }
-QStringList mediaFolders(const QString& folder) { return QDir(folder).entryList({"voxaria-media-*"}, QDir::Dirs); }
+QString scratch(const QString& name)
+{
+    return AppPaths::dataFolder() + "/fixtures/" + name;
+}
+QStringList mediaFolders(const QString& folder)
+{
+    return QDir(folder).entryList({"voxaria-media-*"}, QDir::Dirs);
+}
 
 // Three seconds of speech under a test picture, as a screen recorder leaves them; made once.
 QString speechVideo()
 {
     static const QString path = [] {
         QDir().mkpath(scratch({}));
-        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "testsrc=size=320x240:rate=10", "-i",
-                                     testDataPath("speech/jfk.wav"), "-t", "3", "-c:v", "mpeg4", "-c:a", "aac", scratch("fala.mp4")});
+        QProcess::execute("ffmpeg",
+            {"-loglevel", "error", "-y", "-f", "lavfi", "-i", "testsrc=size=320x240:rate=10", "-i", testDataPath("speech/jfk.wav"), "-t",
+                "3", "-c:v", "mpeg4", "-c:a", "aac", scratch("fala.mp4")});
         return scratch("fala.mp4");
     }();
     return path;
@@ -67,12 +74,10 @@ protected:
             GTEST_SKIP() << "needs the headless desktop (run under scripts/with-harness.sh)";
         writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
         Settings::shared().setPlaySounds(true);
-        view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{
-            std::unique_ptr<Alerts>(alerts), std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds),
-            std::make_shared<X11ClipboardPasteboard>(),
+        view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{std::unique_ptr<Alerts>(alerts),
+            std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds), std::make_shared<X11ClipboardPasteboard>(),
             // Debian's yt-dlp does not count here: only the copy the window installs.
-            [] { return QFileInfo(YtDlpManager::installedPath()).isExecutable(); },
-            server.baseUrl().resolved(QUrl("yt-dlp"))});
+            [] { return QFileInfo(YtDlpManager::installedPath()).isExecutable(); }, server.baseUrl().resolved(QUrl("yt-dlp"))});
         view->show();
         ASSERT_TRUE(QTest::qWaitForWindowActive(view->window()));
     }
@@ -82,8 +87,7 @@ protected:
         EXPECT_TRUE(waitUntil([] { return mediaFolders(AppPaths::temporaryFolder()).isEmpty(); }, 10s));
     }
 
-    template<typename Widget>
-    Widget* find(const char* name) const { return view->window()->findChild<Widget*>(name); }
+    template <typename Widget> Widget* find(const char* name) const { return view->window()->findChild<Widget*>(name); }
     QString status() const { return find<QLabel>("statusLabel")->text(); }
     QString result() const { return find<QPlainTextEdit>("resultView")->toPlainText(); }
     void click(const char* button) { QTest::mouseClick(find<QPushButton>(button), Qt::LeftButton); }
@@ -104,10 +108,13 @@ protected:
         const QProgressBar* bar = find<QProgressBar>("progressBar");
         const QString progress = !bar->isVisible() ? "no bar" : bar->maximum() == 0 ? "bar ~" : QString("bar %1%").arg(bar->value() / 10);
         return QString("Transcrever%1 %2 %3 | Copiar%4 Salvar texto%5 Salvar legenda%6")
-            .arg(on("transcribeButton"), find<QPushButton>("cancelButton")->isVisible() ? "Cancelar" : "-", progress,
-                 on("copyButton"), on("saveTxtButton"), on("saveSrtButton"));
+            .arg(on("transcribeButton"), find<QPushButton>("cancelButton")->isVisible() ? "Cancelar" : "-", progress, on("copyButton"),
+                on("saveTxtButton"), on("saveSrtButton"));
     }
-    void screenshot(const QString& name) { EXPECT_TRUE(view->window()->grab().save(Desktop::screenshotFolder() + "/window-" + name + ".png")); }
+    void screenshot(const QString& name)
+    {
+        EXPECT_TRUE(view->window()->grab().save(Desktop::screenshotFolder() + "/window-" + name + ".png"));
+    }
 };
 
 TEST_F(VideoTranscriptionWindowTest, BadInputEndsInOneStatusLineAndLeavesTheWindowUsable)
@@ -125,14 +132,16 @@ TEST_F(VideoTranscriptionWindowTest, BadInputEndsInOneStatusLineAndLeavesTheWind
         {"  " + scratch({}) + " ", "⚠️ O arquivo não contém trilha de áudio."},
         {scratch("notas.txt"), "⚠️ O arquivo não contém trilha de áudio."},
         {"https://exemplo.com/video", "⚠️ O arquivo não contém trilha de áudio.", 1}, // the offer declined: nothing changes
-        {"https://exemplo.com/video", "⚠️ Baixe um modelo primeiro (menu → Modelo Whisper).", 1, [] { QDir(AppPaths::modelsFolder()).removeRecursively(); }},
+        {"https://exemplo.com/video", "⚠️ Baixe um modelo primeiro (menu → Modelo Whisper).", 1,
+            [] { QDir(AppPaths::modelsFolder()).removeRecursively(); }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.input.toStdString());
         if (c.arrange)
             c.arrange();
         enter(c.input);
-        EXPECT_TRUE(waitUntil([&] { return status() == c.status && state() == kIdle; }, 60s)) << status().toStdString() << " " << state().toStdString();
+        EXPECT_TRUE(waitUntil([&] { return status() == c.status && state() == kIdle; }, 60s))
+            << status().toStdString() << " " << state().toStdString();
         EXPECT_EQ(alerts->shown.size(), c.alerts);
     }
     screenshot("failed");
@@ -222,7 +231,8 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLink
     alerts->answers = QStringList{"Instalar"};
     enter(link);
     ASSERT_TRUE(statusBecomes("Baixando yt-dlp… ")) << status().toStdString();
-    EXPECT_TRUE(state().startsWith("Transcrever- Cancelar bar ") && state().endsWith("% | Copiar- Salvar texto- Salvar legenda-")) << state().toStdString();
+    EXPECT_TRUE(state().startsWith("Transcrever- Cancelar bar ") && state().endsWith("% | Copiar- Salvar texto- Salvar legenda-"))
+        << state().toStdString();
     click("cancelButton");
     EXPECT_EQ(state(), kIdle);
     EXPECT_EQ(status(), "");

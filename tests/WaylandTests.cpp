@@ -6,9 +6,9 @@
 #include "HeadlessSway.h"
 #include "HistoryFiles.h"
 #include "Platform/Fakes/FakeKeyPoster.h"
+#include "Platform/Linux/Input/EvdevKeyMonitor.h"
 #include "Platform/Linux/Wayland/CompositorFrontApplication.h"
 #include "Platform/Linux/Wayland/DataControlPasteboard.h"
-#include "Platform/Linux/Input/EvdevKeyMonitor.h"
 #include "Platform/Linux/Wayland/WaylandClient.h"
 #include "Platform/SessionInfo.h"
 #include "TestSupport.h"
@@ -74,7 +74,7 @@ std::pair<int, QString> runToEnd(const QStringList& arguments, const QProcessEnv
     process.start(QStringLiteral(VOXARIA_APP_BINARY), arguments);
     process.waitForFinished(20000);
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromUtf8(process.readAllStandardError()).trimmed()};
+        QString::fromUtf8(process.readAllStandardError()).trimmed()};
 }
 
 TEST(CommandLine, NoDisplayUnknownArgumentsAndNoProgramToTellAreEachSaid)
@@ -159,7 +159,7 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         bool xwayland;
     };
     for (const Row& row : {Row{ReceivingWindow::OnSway::wayland, "antes do ditado", QStringLiteral("text/plain;charset=utf-8"), true},
-                           Row{ReceivingWindow::OnSway::terminal, pngImage(16), QStringLiteral("image/png"), false}}) {
+             Row{ReceivingWindow::OnSway::terminal, pngImage(16), QStringLiteral("image/png"), false}}) {
         AppRun app;
         const auto log = [&] { return app.log().join('\n').toStdString(); };
         app.useFakeWhisper(QStringLiteral("text=ditado pelo sway\n"));
@@ -169,7 +169,8 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         app.setEnvironment(session);
         app.runAs(sway.uid(), sway.gid());
         ASSERT_TRUE(app.start()) << log();
-        EXPECT_TRUE(app.waitForLog(row.xwayland ? QStringLiteral("windows through xcb") : QStringLiteral("windows through wayland"), 10s)) << log();
+        EXPECT_TRUE(app.waitForLog(row.xwayland ? QStringLiteral("windows through xcb") : QStringLiteral("windows through wayland"), 10s))
+            << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 10s)) << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through wlr data-control and a virtual keyboard"), 10s)) << log();
 
@@ -224,7 +225,8 @@ TEST_F(Sway, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebodyCopie
 std::shared_ptr<WaylandClient> ownClipboardSilently(const QString& socket, const QStringList& types, std::vector<int>& held)
 {
     static const zwlr_data_control_source_v1_listener keep = {
-        .send = [](void* fds, zwlr_data_control_source_v1*, const char*, int32_t fd) { static_cast<std::vector<int>*>(fds)->push_back(fd); },
+        .send
+        = [](void* fds, zwlr_data_control_source_v1*, const char*, int32_t fd) { static_cast<std::vector<int>*>(fds)->push_back(fd); },
         .cancelled = [](void*, zwlr_data_control_source_v1*) {},
     };
     auto client = WaylandClient::connect(socket);
@@ -246,7 +248,10 @@ TEST_F(Sway, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
     const auto keys = std::make_shared<FakeKeyPoster>();
     int ticks = 0, ticksAtPaste = 0;
     std::optional<QByteArray> pasted;
-    keys->onPost = [&](const KeyPoster::KeyEvent&) { ticksAtPaste = ticks; pasted = sway.paste(QStringLiteral("text/plain")); };
+    keys->onPost = [&](const KeyPoster::KeyEvent&) {
+        ticksAtPaste = ticks;
+        pasted = sway.paste(QStringLiteral("text/plain"));
+    };
     QTimer ticker;
     QObject::connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
     ticker.start(20);
@@ -288,7 +293,10 @@ TEST(CompositorFrontApplication, HyprlandsActiveWindowIsTheFrontApplication)
         answer = reply;
         // Asked from a thread of its own: the compositor stand-in answers on this one's event loop.
         std::atomic<bool> answered = false;
-        std::thread asking([&] { found = front->windowClass(); answered = true; });
+        std::thread asking([&] {
+            found = front->windowClass();
+            answered = true;
+        });
         TestSupport::waitUntil([&] { return answered.load(); }, 5s);
         asking.join();
     };
@@ -313,7 +321,10 @@ protected:
         const input_event records[] = {{{1000, 0}, EV_KEY, quint16(code), value}, {{1000, 0}, EV_SYN, SYN_REPORT, 0}};
         EXPECT_EQ(::write(fd, records, sizeof records), ssize_t(sizeof records));
     }
-    bool received(size_t count) { return TestSupport::waitUntil([&] { return events.size() >= count; }, 10s); }
+    bool received(size_t count)
+    {
+        return TestSupport::waitUntil([&] { return events.size() >= count; }, 10s);
+    }
 
     QTemporaryDir folder;
     std::vector<std::pair<int, quint64>> events;
@@ -324,9 +335,9 @@ TEST_F(Keyboards, EveryKeyboardIsHeardAndOneUnpluggedLetsGoOfItsKeys)
     const int first = plugIn("event0");
     EvdevKeyMonitor monitor(folder.path());
     ASSERT_NE(monitor.addMonitor([&](const FlagsChangedEvent& event) { events.emplace_back(event.keyCode, event.modifierFlags); }), 0u);
-    key(first, KEY_A, 1);          // not a modifier
+    key(first, KEY_A, 1); // not a modifier
     key(first, KEY_RIGHTALT, 1);
-    key(first, KEY_RIGHTALT, 2);   // the key repeating
+    key(first, KEY_RIGHTALT, 2); // the key repeating
     key(first, KEY_RIGHTALT, 0);
     ASSERT_TRUE(received(2));
 
@@ -336,11 +347,10 @@ TEST_F(Keyboards, EveryKeyboardIsHeardAndOneUnpluggedLetsGoOfItsKeys)
     ASSERT_TRUE(received(3));
     key(first, KEY_RIGHTALT, 1);
     ASSERT_TRUE(received(4));
-    ::close(first);                // gone while right Alt is held
+    ::close(first); // gone while right Alt is held
     ASSERT_TRUE(received(5));
     ::close(second);
     ASSERT_TRUE(received(6));
-    const std::vector<std::pair<int, quint64>> expected{
-        {61, 0x80000}, {61, 0}, {55, 0x100000}, {61, 0x180000}, {61, 0x100000}, {55, 0}};
+    const std::vector<std::pair<int, quint64>> expected{{61, 0x80000}, {61, 0}, {55, 0x100000}, {61, 0x180000}, {61, 0x100000}, {55, 0}};
     EXPECT_EQ(events, expected);
 }

@@ -1,9 +1,9 @@
-#include "Shared/Preferences/Settings.h"
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
 #include "Shared/AppPaths.h"
+#include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 
 #include <QCoreApplication>
@@ -112,8 +112,7 @@ TEST_F(WhisperTranscriberTest, AStoredModelNameFindsNothingOutsideTheModelsFolde
 {
     QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
     writeFile(AppPaths::dataFolder() + "/ggml-outside.bin", "ggml");
-    for (const QString name : {"/etc/passwd", "../ggml-outside.bin", "../models/../ggml-outside.bin",
-                               ":/sounds/Tink.wav", "", ".."}) {
+    for (const QString name : {"/etc/passwd", "../ggml-outside.bin", "../models/../ggml-outside.bin", ":/sounds/Tink.wav", "", ".."}) {
         Settings::shared().setWhisperModelFileName(name);
         EXPECT_EQ(WhisperTranscriber::modelURL(), std::nullopt) << name.toStdString();
     }
@@ -132,8 +131,8 @@ TEST_F(WhisperTranscriberTest, StartFailsAtOnceWithTheMessageOfWhatIsMissing)
     installModel("ggml-small-q5_1.bin");
 
     // No microphone at all is met by WhisperWithoutAudioServer below.
-    for (const AudioFormat format : {AudioFormat{0, 2, AudioFormat::SampleType::float32},
-                                     AudioFormat{48000, 0, AudioFormat::SampleType::float32}}) {
+    for (const AudioFormat format :
+        {AudioFormat{0, 2, AudioFormat::SampleType::float32}, AudioFormat{48000, 0, AudioFormat::SampleType::float32}}) {
         auto engine = makeEngine();
         microphone->deviceFormat = format;
         EXPECT_EQ(answers.startFailure(*engine), "Falha na transcrição Whisper: formato de áudio não suportado");
@@ -169,8 +168,9 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     const QStringList args = whisper.lastArguments();
     ASSERT_EQ(args.size(), 11);
     const QString wav = args[3];
-    EXPECT_EQ(args, QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto",
-                                 "--no-timestamps", "--no-prints", "-otxt", "-of", wav.chopped(4)}));
+    EXPECT_EQ(args,
+        QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto", "--no-timestamps", "--no-prints", "-otxt",
+            "-of", wav.chopped(4)}));
 
     // The fake refuses anything but 16 kHz mono 16-bit PCM; the length shows the resampling.
     const WavInfo recorded = readWav(whisper.lastInputCopy());
@@ -230,9 +230,23 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
     whisper.script("hold=1\ntext=tarde demais");
     const std::pair<const char*, std::function<void(std::unique_ptr<WhisperTranscriber>&)>> scenarios[] = {
         {"while recording", [](auto& engine) { engine->cancel(); }},
-        {"right after finish", [](auto& engine) { engine->finish(); engine->cancel(); }},
-        {"while whisper-cli runs", [](auto& engine) { engine->finish(); spin(500ms); engine->cancel(); }},
-        {"engine dropped while whisper-cli runs", [](auto& engine) { engine->finish(); spin(500ms); engine.reset(); }},
+        {"right after finish",
+            [](auto& engine) {
+                engine->finish();
+                engine->cancel();
+            }},
+        {"while whisper-cli runs",
+            [](auto& engine) {
+                engine->finish();
+                spin(500ms);
+                engine->cancel();
+            }},
+        {"engine dropped while whisper-cli runs",
+            [](auto& engine) {
+                engine->finish();
+                spin(500ms);
+                engine.reset();
+            }},
     };
     for (const auto& [name, end] : scenarios) {
         SCOPED_TRACE(name);

@@ -1,8 +1,8 @@
 #include "LocalHttpServer.h"
-#include "TestSupport.h"
 #include "Media/YtDlpManager.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Error.h"
+#include "TestSupport.h"
 
 #include <QDir>
 
@@ -36,10 +36,9 @@ protected:
         progress.clear();
         completions.clear();
         server.setRoute("yt-dlp_linux", route);
-        return YtDlpManager::install(
-            [this](double fraction) { progress.append(fraction); },
-            [this](const QString& path, const Error* error) { completions.append(error ? error->description() : path); },
-            context, server.baseUrl().resolved(QUrl("yt-dlp_linux")));
+        return YtDlpManager::install([this](double fraction) { progress.append(fraction); },
+            [this](const QString& path, const Error* error) { completions.append(error ? error->description() : path); }, context,
+            server.baseUrl().resolved(QUrl("yt-dlp_linux")));
     }
     static QStringList leftovers() { return QDir(AppPaths::temporaryFolder()).entryList({"yt-dlp-*"}); }
 };

@@ -28,13 +28,14 @@ using Model = ModelDownloader::Model;
 #ifdef Q_OS_MACOS
 const QString kLaunchAtLoginTitle = QStringLiteral("Iniciar com o Mac");
 const QString kLaunchAtLoginFailure = QStringLiteral("Falha ao alternar início com o Mac: ");
-const QString kWhisperMissingText = QStringLiteral(
-    "O whisper-cli não foi encontrado no bundle nem no sistema. Reinstale o Voxaria ou rode: brew install whisper-cpp");
+const QString kWhisperMissingText
+    = QStringLiteral("O whisper-cli não foi encontrado no bundle nem no sistema. Reinstale o Voxaria ou rode: brew install whisper-cpp");
 #else
 const QString kLaunchAtLoginTitle = QStringLiteral("Iniciar com o sistema");
 const QString kLaunchAtLoginFailure = QStringLiteral("Falha ao alternar início com o sistema: ");
-const QString kWhisperMissingText = QStringLiteral("O whisper-cli não foi encontrado junto do Voxaria nem no sistema. "
-                                                   "Instale o whisper.cpp da sua distribuição (por exemplo: sudo apt install whisper.cpp).");
+const QString kWhisperMissingText
+    = QStringLiteral("O whisper-cli não foi encontrado junto do Voxaria nem no sistema. "
+                     "Instale o whisper.cpp da sua distribuição (por exemplo: sudo apt install whisper.cpp).");
 #endif
 
 QString sizeText(const Model& model)
@@ -158,11 +159,13 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
     const Model& model = Model::recommended();
 #ifdef Q_OS_MACOS
     const QString runsWhere = QStringLiteral("). Ele roda 100% no seu Mac, offline, e tem qualidade de transcrição superior.");
-    const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo da Apple já funciona normalmente. Outros tamanhos de modelo ficam no menu, em ");
+    const QString meanwhile
+        = QStringLiteral("Enquanto isso, o motor nativo da Apple já funciona normalmente. Outros tamanhos de modelo ficam no menu, em ");
 #else
     const QString runsWhere = QStringLiteral("). Ele roda 100% no seu computador, offline, e tem qualidade de transcrição superior.");
-    const QString meanwhile = QStringLiteral("Enquanto isso, o motor nativo (PocketSphinx) funciona nos idiomas que tiverem modelo instalado. "
-                                             "Outros tamanhos de modelo ficam no menu, em ");
+    const QString meanwhile
+        = QStringLiteral("Enquanto isso, o motor nativo (PocketSphinx) funciona nos idiomas que tiverem modelo instalado. "
+                         "Outros tamanhos de modelo ficam no menu, em ");
 #endif
     const Alerts::Alert offer{
         QStringLiteral("Instalar o motor de transcrição de alta qualidade?"),
@@ -185,8 +188,8 @@ void AppDelegate::maybeWarnNoKeySource()
 void AppDelegate::maybeWarnNoEngine()
 {
     const QString language = Settings::shared().localeIdentifier();
-    const std::optional<Alerts::Alert> warning = Permissions::noEngineAlert(
-        WhisperTranscriber::binaryURL().has_value(), m_checks.nativeModelFound(language), language);
+    const std::optional<Alerts::Alert> warning
+        = Permissions::noEngineAlert(WhisperTranscriber::binaryURL().has_value(), m_checks.nativeModelFound(language), language);
     if (!warning)
         return;
     qCWarning(lcApp) << "no engine can dictate in" << language;
@@ -241,14 +244,15 @@ std::unique_ptr<QMenu> AppDelegate::buildMenu()
     addModelMenu(*menu);
     addHotkeyMenu(*menu);
     addLanguageMenu(*menu);
-    whenChosen(addChoice(*menu, QStringLiteral("Preferir transcrição local (offline)"), settings.preferOnDevice()), [this] { toggleOnDevice(); });
+    whenChosen(
+        addChoice(*menu, QStringLiteral("Preferir transcrição local (offline)"), settings.preferOnDevice()), [this] { toggleOnDevice(); });
     whenChosen(addChoice(*menu, QStringLiteral("Sons de feedback"), settings.playSounds()), [this] { toggleSounds(); });
     menu->addSeparator();
     whenChosen(addChoice(*menu, kLaunchAtLoginTitle, m_services.loginItem->status() == LoginItem::Status::enabled),
-             [this] { toggleLaunchAtLogin(); });
+        [this] { toggleLaunchAtLogin(); });
     whenChosen(menu->addAction(QStringLiteral("Verificar permissões…")), [this] { openPermissions(); });
     whenChosen(menu->addAction(QStringLiteral("Verificar atualizações… (v") + UpdaterManager::version() + QStringLiteral(")")),
-             [this] { checkForUpdates(); });
+        [this] { checkForUpdates(); });
     menu->addSeparator();
     // Not one of ours: it goes straight to the application.
     QAction* quit = menu->addAction(QStringLiteral("Sair do Voxaria"));
@@ -362,8 +366,8 @@ void AppDelegate::selectEngine(const QString& rawValue)
     const Model& model = Model::recommended();
     const Alerts::Alert offer{
         QStringLiteral("Baixar o modelo Whisper?"),
-        QStringLiteral("O motor Whisper precisa de um modelo. Recomendado: ") + model.displayName + QStringLiteral(" (")
-            + sizeText(model) + QStringLiteral(" MB, download único, roda offline)."),
+        QStringLiteral("O motor Whisper precisa de um modelo. Recomendado: ") + model.displayName + QStringLiteral(" (") + sizeText(model)
+            + QStringLiteral(" MB, download único, roda offline)."),
         {downloadNowButton(model), cancelButton()},
     };
     if (m_services.alerts->runModal(offer) == 0)
@@ -386,7 +390,8 @@ void AppDelegate::selectModel(const QString& fileName)
     const QString size = sizeText(*model);
     const Alerts::Alert offer{
         QStringLiteral("Baixar \"") + model->displayName + QStringLiteral("\"?"),
-        QStringLiteral("Download único de ") + size + QStringLiteral(" MB (") + model->note + QStringLiteral("). O modelo roda 100% offline."),
+        QStringLiteral("Download único de ") + size + QStringLiteral(" MB (") + model->note
+            + QStringLiteral("). O modelo roda 100% offline."),
         {{QStringLiteral("Baixar (") + size + QStringLiteral(" MB)")}, cancelButton()},
     };
     if (m_services.alerts->runModal(offer) == 0)
@@ -440,8 +445,7 @@ void AppDelegate::toggleLaunchAtLogin()
 {
     LoginItem& item = *m_services.loginItem;
     // A registration waiting for the user's approval counts as off: registering again is the way on.
-    const std::optional<QString> failure =
-        item.status() == LoginItem::Status::enabled ? item.unregisterItem() : item.registerItem();
+    const std::optional<QString> failure = item.status() == LoginItem::Status::enabled ? item.unregisterItem() : item.registerItem();
     if (failure)
         qCWarning(lcApp).noquote() << kLaunchAtLoginFailure + *failure;
     refreshMenu();
@@ -451,11 +455,16 @@ void AppDelegate::openPermissions()
 {
     const QString language = Settings::shared().localeIdentifier();
     // The sound server is asked off the main thread; the alert comes when it has answered.
-    Permissions::check(language, [weakSelf = QPointer<AppDelegate>(this), language](Permissions::Needs needs) {
-        if (weakSelf
-            && weakSelf->m_services.alerts->runModal(Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::of(weakSelf->m_platform))) == 0)
-            weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
-    }, m_checks);
+    Permissions::check(
+        language,
+        [weakSelf = QPointer<AppDelegate>(this), language](Permissions::Needs needs) {
+            if (weakSelf
+                && weakSelf->m_services.alerts->runModal(
+                       Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::of(weakSelf->m_platform)))
+                    == 0)
+                weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
+        },
+        m_checks);
 }
 
 void AppDelegate::checkForUpdates()

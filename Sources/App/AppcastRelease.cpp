@@ -60,7 +60,8 @@ std::variant<AppcastRelease, QString> AppcastRelease::parse(const QByteArray& fe
         reader.readNext();
         if (reader.isStartElement()) {
             if (!sawRoot && reader.name() != QLatin1String("rss"))
-                return QStringLiteral("o endereço não contém um feed de atualizações (RSS), e sim <") + reader.name().toString() + QLatin1Char('>');
+                return QStringLiteral("o endereço não contém um feed de atualizações (RSS), e sim <") + reader.name().toString()
+                    + QLatin1Char('>');
             sawRoot = true;
             if (reader.name() == QLatin1String("item"))
                 item.emplace();

@@ -1,10 +1,10 @@
 #include "Permissions.h"
 
-#include "Shared/Preferences/Settings.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/InputDevices.h"
 #include "Platform/SpeechRecognizer.h"
 #include "Shared/Logging.h"
+#include "Shared/Preferences/Settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -26,7 +26,8 @@ void answerOnMainThread(std::function<bool()> lookUp, std::function<void(bool)> 
     QThreadPool::globalInstance()->start([lookUp = std::move(lookUp), completion = std::move(completion), application] {
         const bool granted = lookUp();
         if (application)
-            QMetaObject::invokeMethod(application, [completion, granted] { completion(granted); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                application, [completion, granted] { completion(granted); }, Qt::QueuedConnection);
     });
 }
 
@@ -58,7 +59,7 @@ void Permissions::requestSpeechRecognition(std::function<void(bool)> completion,
     // Read now, on the main thread: the language the user had chosen when asking is the one answered.
     const QString localeIdentifier = Settings::shared().localeIdentifier();
     answerOnMainThread([nativeModelFound = checks.nativeModelFound, localeIdentifier] { return nativeModelFound(localeIdentifier); },
-                       std::move(completion));
+        std::move(completion));
 }
 
 void Permissions::requestAtLaunch(const Checks& checks)
@@ -76,7 +77,8 @@ void Permissions::requestAtLaunch(const Checks& checks)
         },
         checks);
     if (!checks.keyboardAccess())
-        qCWarning(lcApp).noquote() << "Acesso ao teclado pendente: a tecla de ditado e a colagem precisam de uma sessão X11 com XInput2 e XTEST";
+        qCWarning(lcApp).noquote()
+            << "Acesso ao teclado pendente: a tecla de ditado e a colagem precisam de uma sessão X11 com XInput2 e XTEST";
 }
 
 std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const SessionPlatform& platform)
@@ -107,10 +109,9 @@ QString keyboardLine(const std::optional<Permissions::WaylandUse>& wayland)
 
 Alerts::Alert Permissions::permissionsAlert(const Needs& needs, const QString& localeIdentifier, const std::optional<WaylandUse>& wayland)
 {
-    const QString text = QStringLiteral("O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz ") + mark(needs.microphone)
-        + QStringLiteral("\n2. Reconhecimento de fala — modelo do motor nativo para o idioma ") + localeIdentifier + QLatin1Char(' ')
-        + mark(needs.speechRecognition)
-        + QLatin1Char('\n') + keyboardLine(wayland) + mark(needs.keyboardAccess)
+    const QString text = QStringLiteral("O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz ")
+        + mark(needs.microphone) + QStringLiteral("\n2. Reconhecimento de fala — modelo do motor nativo para o idioma ") + localeIdentifier
+        + QLatin1Char(' ') + mark(needs.speechRecognition) + QLatin1Char('\n') + keyboardLine(wayland) + mark(needs.keyboardAccess)
         + QStringLiteral("\n\nSe algo não funcionar, veja a ajuda.");
     return {QStringLiteral("Permissões do Voxaria"), text, {{QStringLiteral("Abrir ajuda")}, {QStringLiteral("OK")}}};
 }
@@ -124,8 +125,7 @@ QUrl Permissions::helpPageURL(const QString& executableFolder)
 {
     // Installed, the program lives in <prefix>/libexec/voxaria beside its whisper-cli; in the build tree,
     // in build/bin. The page is under <prefix>/share (build/share) either way.
-    const QString prefix = executableFolder.endsWith(QStringLiteral("/libexec/voxaria")) ? QStringLiteral("/../..")
-                                                                                          : QStringLiteral("/..");
+    const QString prefix = executableFolder.endsWith(QStringLiteral("/libexec/voxaria")) ? QStringLiteral("/../..") : QStringLiteral("/..");
     return QUrl::fromLocalFile(QDir::cleanPath(executableFolder + prefix + QStringLiteral("/share/voxaria/help/ajuda.html")));
 }
 
@@ -135,7 +135,8 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
         return std::nullopt;
     return Alerts::Alert{
         QStringLiteral("Instale o Whisper para ditar"),
-        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ") + localeIdentifier
+        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ")
+            + localeIdentifier
             + QStringLiteral(".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com "
                              "modelo nativo instalado."),
         {{QStringLiteral("OK")}},

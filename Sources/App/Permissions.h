@@ -13,16 +13,16 @@
 namespace Permissions {
 
 struct Needs {
-    bool microphone = false;        // an input device exists
+    bool microphone = false; // an input device exists
     bool speechRecognition = false; // the native engine has a model for the language
-    bool keyboardAccess = false;    // keys can be watched and posted (X11 with XInput2 and XTEST; on Wayland, the key seen)
+    bool keyboardAccess = false; // keys can be watched and posted (X11 with XInput2 and XTEST; on Wayland, the key seen)
 };
 
 // Where each need is looked up. `system()` asks the machine; tests put their own answers in.
 struct Checks {
-    std::function<bool()> inputDeviceListed;                               // may block briefly
+    std::function<bool()> inputDeviceListed; // may block briefly
     std::function<bool(const QString& localeIdentifier)> nativeModelFound;
-    std::function<bool()> keyboardAccess;                                  // main thread only
+    std::function<bool()> keyboardAccess; // main thread only
 
     // The machine's answers, the keyboard asked of the session's backends.
     static Checks system(const SessionPlatform& platform);
@@ -56,8 +56,8 @@ struct WaylandUse {
 
 // "Permissões do Voxaria": the three needs with their marks; buttons "Abrir ajuda" and "OK". On
 // Wayland the third line names the key source and how the text arrives.
-Alerts::Alert permissionsAlert(const Needs& needs, const QString& localeIdentifier,
-                               const std::optional<WaylandUse>& wayland = std::nullopt);
+Alerts::Alert permissionsAlert(
+    const Needs& needs, const QString& localeIdentifier, const std::optional<WaylandUse>& wayland = std::nullopt);
 // At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
 std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource);
 // The help page installed with the program: <prefix>/share/voxaria/help/ajuda.html, the program being in

@@ -37,8 +37,8 @@ QPixmap waveform(int size, const QColor& colour)
     const double barWidth = slot * 0.75;
     for (int i = 0; i < 5; ++i) {
         const double height = (size - 2 * rim) * 0.9 * heights[i];
-        painter.drawRoundedRect(QRectF(rim / 2 + i * slot + (slot - barWidth) / 2, (size - height) / 2, barWidth, height),
-                                barWidth / 2, barWidth / 2);
+        painter.drawRoundedRect(
+            QRectF(rim / 2 + i * slot + (slot - barWidth) / 2, (size - height) / 2, barWidth, height), barWidth / 2, barWidth / 2);
     }
     return pixmap;
 }

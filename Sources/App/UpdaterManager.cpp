@@ -33,15 +33,11 @@ QString networkFailure(QNetworkReply* reply)
     if (httpStatus >= 300)
         return QStringLiteral("o servidor %1 respondeu HTTP %2").arg(host).arg(httpStatus);
     switch (reply->error()) {
-    case QNetworkReply::HostNotFoundError:
-        return QStringLiteral("o servidor %1 não foi encontrado").arg(host);
-    case QNetworkReply::ConnectionRefusedError:
-        return QStringLiteral("o servidor %1 recusou a conexão").arg(host);
+    case QNetworkReply::HostNotFoundError: return QStringLiteral("o servidor %1 não foi encontrado").arg(host);
+    case QNetworkReply::ConnectionRefusedError: return QStringLiteral("o servidor %1 recusou a conexão").arg(host);
     case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError:
-        return QStringLiteral("o servidor %1 não respondeu a tempo").arg(host);
-    default:
-        return QStringLiteral("a conexão com %1 falhou (%2)").arg(host, reply->errorString());
+    case QNetworkReply::OperationCanceledError: return QStringLiteral("o servidor %1 não respondeu a tempo").arg(host);
+    default: return QStringLiteral("a conexão com %1 falhou (%2)").arg(host, reply->errorString());
     }
 }
 
@@ -153,7 +149,7 @@ void UpdaterManager::handleReply(QNetworkReply* reply)
     } else if (const auto& release = std::get<AppcastRelease>(outcome); compareVersions(release.version, m_channel.runningVersion) > 0) {
         qCInfo(lcApp) << "update available:" << release.version;
         const Alerts::Alert alert{kTitle, QStringLiteral("Nova versão disponível: v") + release.version + QLatin1Char('.'),
-                                  {{QStringLiteral("Abrir página de download")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}}};
+            {{QStringLiteral("Abrir página de download")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}}};
         if (m_alerts->runModal(alert) == 0)
             m_urlOpener->open(release.downloadPage);
     } else {

@@ -32,7 +32,7 @@ public:
     };
 
     explicit UpdaterManager(Channel channel = Channel::fromBuild(), std::unique_ptr<Alerts> alerts = Alerts::makeDefault(),
-                            std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault(), QObject* parent = nullptr);
+        std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault(), QObject* parent = nullptr);
 
     // Created at start-up; creating it starts the daily check where the build has a feed. Lives as
     // long as the application object.

@@ -37,7 +37,7 @@ void quitOnTerminationSignals(QApplication& app)
         qCInfo(lcApp) << "asked to end";
         QApplication::quit();
     });
-    struct sigaction action {};
+    struct sigaction action { };
     action.sa_handler = onTerminationSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;

@@ -1,11 +1,11 @@
 #include "DictationController.h"
 
+#include "Engines/SpeechTranscriber.h"
+#include "Engines/WhisperTranscriber.h"
 #include "History/HistoryStore.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
-#include "Engines/SpeechTranscriber.h"
 #include "TextInserter.h"
-#include "Engines/WhisperTranscriber.h"
 
 #include <QDebug>
 #include <QPointer>
@@ -31,7 +31,8 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     Collaborators collaborators;
     collaborators.accessibility = platform.makeAccessibilityTrust();
     collaborators.frontApplication = platform.makeFrontApplication();
-    collaborators.insertText = [target = TextInserter::Target::of(platform)](const QString& text) { return TextInserter::insert(text, target); };
+    collaborators.insertText
+        = [target = TextInserter::Target::of(platform)](const QString& text) { return TextInserter::insert(text, target); };
     return collaborators;
 }
 
@@ -125,8 +126,8 @@ void DictationController::stopRecordingAndInsert(std::optional<KeyEventTime> rel
         return;
     const auto held = m_keyPressedAt.until(KeyMoment{releasedAt});
     if (held < m_timing.shortPress) {
-        qCInfo(lcDictation) << "short press; dictation dropped after"
-                            << std::chrono::duration_cast<std::chrono::milliseconds>(held).count() << "ms";
+        qCInfo(lcDictation) << "short press; dictation dropped after" << std::chrono::duration_cast<std::chrono::milliseconds>(held).count()
+                            << "ms";
         if (m_transcriber)
             m_transcriber->cancel();
         m_transcriber.reset();

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "Shared/Error.h"
+#include "Engines/TranscriptionEngine.h"
 #include "HUDPanel.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/FrontApplication.h"
 #include "Platform/KeyMonitor.h"
 #include "Platform/Sounds.h"
+#include "Shared/Error.h"
 #include "TextInserter.h"
-#include "Engines/TranscriptionEngine.h"
 
 #include <QObject>
 #include <QString>

@@ -8,8 +8,8 @@
 #include <QFontMetrics>
 #include <QLabel>
 #include <QPainterPath>
-#include <QRegularExpression>
 #include <QRegion>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QTextBoundaryFinder>
 #include <QVBoxLayout>
@@ -115,8 +115,8 @@ HUDPanel::ScreenArea areaOf(const QScreen* screen)
 
 HUDPanel::HUDPanel()
     : m_panel(std::make_unique<QWidget>(nullptr,
-          Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus
-              | Qt::WindowTransparentForInput | Qt::X11BypassWindowManagerHint))
+        Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus | Qt::WindowTransparentForInput
+            | Qt::X11BypassWindowManagerHint))
 {
     m_panel->setObjectName(QStringLiteral("hudPanel"));
     // Where the panel is an ordinary Wayland window, the compositor's rules pick it out by this title.
@@ -134,15 +134,14 @@ HUDPanel::HUDPanel()
     // The dark tint of a HUD material under a black veil at 40 %; blurring what lies behind is
     // left to the compositor, where there is one.
     background->setStyleSheet(
-        QStringLiteral("#hudBackground { background-color: rgba(16, 16, 18, 212); border-radius: %1px; }")
-            .arg(cornerRadius));
+        QStringLiteral("#hudBackground { background-color: rgba(16, 16, 18, 212); border-radius: %1px; }").arg(cornerRadius));
 
-    m_statusLabel = makeLabel(background, QStringLiteral("statusLabel"), systemFont(12, QFont::DemiBold),
-        QStringLiteral("rgb(255, 255, 255)"));
+    m_statusLabel
+        = makeLabel(background, QStringLiteral("statusLabel"), systemFont(12, QFont::DemiBold), QStringLiteral("rgb(255, 255, 255)"));
     // A status wider than the panel, such as an engine's error, goes on over further lines.
     m_statusLabel->setWordWrap(true);
-    m_textLabel = makeLabel(background, QStringLiteral("textLabel"), systemFont(13, QFont::Normal),
-        QStringLiteral("rgba(255, 255, 255, 217)"));
+    m_textLabel
+        = makeLabel(background, QStringLiteral("textLabel"), systemFont(13, QFont::Normal), QStringLiteral("rgba(255, 255, 255, 217)"));
     m_textLabel->setWordWrap(true);
     m_textLabel->hide();
 
@@ -205,8 +204,7 @@ int HUDPanel::fittingHeight() const
     // Measured on the stack itself: the window's own layout answers from a cache that a label's
     // new text does not clear until the next event-loop pass.
     m_stack->invalidate();
-    const int height = m_stack->hasHeightForWidth() ? m_stack->totalHeightForWidth(width)
-                                                    : m_stack->totalSizeHint().height();
+    const int height = m_stack->hasHeightForWidth() ? m_stack->totalHeightForWidth(width) : m_stack->totalSizeHint().height();
     return std::max(height, minimumHeight);
 }
 

@@ -24,8 +24,7 @@ void putText(Pasteboard& pasteboard, const QString& text)
 void postCommandV(KeyPoster& keyPoster, quint64 flags)
 {
     std::optional<KeyPoster::KeyEvent> keyDown = keyPoster.makeKeyEvent(KeyPoster::virtualKeyV, true);
-    std::optional<KeyPoster::KeyEvent> keyUp =
-        keyDown ? keyPoster.makeKeyEvent(KeyPoster::virtualKeyV, false) : std::nullopt;
+    std::optional<KeyPoster::KeyEvent> keyUp = keyDown ? keyPoster.makeKeyEvent(KeyPoster::virtualKeyV, false) : std::nullopt;
     if (!keyDown || !keyUp) {
         qCWarning(lcInsert) << "Could not synthesise the paste keys; the text stays unpasted";
         return;
@@ -53,7 +52,9 @@ class Insertion final : public QObject {
 public:
     // `earlier`: the insertion before this one, whose saved contents this one may take over.
     Insertion(const Target& target, const QString& text, Insertion* earlier)
-        : QObject(QCoreApplication::instance()), m_target(target), m_text(text)
+        : QObject(QCoreApplication::instance())
+        , m_target(target)
+        , m_text(text)
     {
         connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Insertion::restore);
         // Until the earlier one has pasted, the clipboard is yet to hold its text: this one waits,
@@ -65,10 +66,7 @@ public:
     }
 
 private:
-    bool restoresInto(const std::shared_ptr<Pasteboard>& pasteboard) const
-    {
-        return m_saved && m_target.pasteboard == pasteboard;
-    }
+    bool restoresInto(const std::shared_ptr<Pasteboard>& pasteboard) const { return m_saved && m_target.pasteboard == pasteboard; }
 
     // What the restoration puts back: while an earlier dictation still waits to restore and the
     // clipboard holds its text, that earlier restoration's contents, so the last restoration brings
@@ -145,7 +143,7 @@ QPointer<Insertion> latest;
 Target Target::of(const SessionPlatform& platform)
 {
     return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, platform.onlyCopies() ? Mode::copyOnly : Mode::paste,
-                  platform.makeFrontApplication()};
+        platform.makeFrontApplication()};
 }
 
 Mode insert(const QString& text, const Target& target)

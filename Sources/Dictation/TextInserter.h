@@ -45,7 +45,8 @@ struct Target {
 // Returns at once; the paste and the restoration run later on the main thread, once the clipboard's
 // contents are saved (a restoration still ahead runs when the application quits). Nothing is
 // reported: a failed paste leaves the clipboard restored all the same. Dictations in quick
-// succession end with the clipboard the user had before the first. Answers the target's mode, so the caller can tell the user when the text was only copied.
+// succession end with the clipboard the user had before the first. Answers the target's mode, so the caller can tell the user when the text
+// was only copied.
 Mode insert(const QString& text, const Target& target);
 
 }

@@ -40,8 +40,8 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB,
     auto* stack = new QVBoxLayout(this);
     stack->setContentsMargins(20, 20, 20, 16);
     stack->setSpacing(8);
-    for (QWidget* element : {static_cast<QWidget*>(title), static_cast<QWidget*>(m_progressBar),
-                             static_cast<QWidget*>(m_statusLabel), static_cast<QWidget*>(cancel)})
+    for (QWidget* element : {static_cast<QWidget*>(title), static_cast<QWidget*>(m_progressBar), static_cast<QWidget*>(m_statusLabel),
+             static_cast<QWidget*>(cancel)})
         stack->addWidget(element, 0, Qt::AlignLeft);
 
     if (QScreen* screen = QGuiApplication::primaryScreen())

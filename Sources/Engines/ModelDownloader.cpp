@@ -1,10 +1,10 @@
 #include "ModelDownloader.h"
 
-#include "Shared/Preferences/Settings.h"
 #include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
+#include "Shared/Preferences/Settings.h"
 
 #include <QApplication>
 #include <QDir>
@@ -74,9 +74,9 @@ const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
 {
     static const QList<Model> models = {
         {QStringLiteral("ggml-large-v3-turbo-q5_0.bin"), QStringLiteral("Máxima qualidade — large-v3-turbo"), 547,
-         platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon")},
+            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon")},
         {QStringLiteral("ggml-small-q5_1.bin"), QStringLiteral("Equilibrado — small"), 190,
-         platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel")},
+            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel")},
         {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor")},
     };
     return models;
@@ -151,7 +151,8 @@ void ModelDownloader::startTransfer()
     if (!m_part.open(QIODevice::ReadWrite)) {
         const QString reason = saveFailure(m_part.errorString());
         // Reported from the event loop, so the caller's completion never runs inside download().
-        QMetaObject::invokeMethod(this, [this, reason] { fail(reason, true); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, reason] { fail(reason, true); }, Qt::QueuedConnection);
         return;
     }
     m_resumedFrom = m_part.size();

@@ -14,7 +14,6 @@
 #include <memory>
 #include <optional>
 
-
 class QNetworkAccessManager;
 class QNetworkReply;
 
@@ -47,8 +46,8 @@ public:
     static ModelDownloader& shared();
 
     // The base address is the folder the files are fetched from; only tests pass another one.
-    explicit ModelDownloader(std::unique_ptr<Alerts> alerts = Alerts::makeDefault(),
-                             QUrl baseAddress = kDefaultBaseAddress, QObject* parent = nullptr);
+    explicit ModelDownloader(
+        std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), QUrl baseAddress = kDefaultBaseAddress, QObject* parent = nullptr);
     ~ModelDownloader() override;
 
     // Called once on the main thread with true when the model was installed and selected, false

@@ -14,8 +14,7 @@ namespace {
 
 // Runs on the capture thread. It owns the converter and the request itself, so it never touches the
 // engine, which may be gone by the time a last buffer arrives.
-AudioInput::BufferHandler makeTap(std::shared_ptr<SpeechRecognizer::Request> request,
-                                  std::shared_ptr<AudioConverter> converter)
+AudioInput::BufferHandler makeTap(std::shared_ptr<SpeechRecognizer::Request> request, std::shared_ptr<AudioConverter> converter)
 {
     return [request = std::move(request), converter = std::move(converter)](QByteArrayView frames) {
         std::vector<qint16> samples;
@@ -31,7 +30,7 @@ AudioInput::BufferHandler makeTap(std::shared_ptr<SpeechRecognizer::Request> req
 }
 
 SpeechTranscriber::SpeechTranscriber(std::unique_ptr<AudioInput> audioEngine, RecognizerFactory makeRecognizer,
-                                     ConverterFactory makeConverter, std::chrono::milliseconds finalDelay, QObject* parent)
+    ConverterFactory makeConverter, std::chrono::milliseconds finalDelay, QObject* parent)
     : TranscriptionEngine(parent)
     , m_audioEngine(std::move(audioEngine))
     , m_makeRecognizer(std::move(makeRecognizer))
@@ -70,8 +69,7 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
     ++m_recognition;
 
     try {
-        m_audioEngine->start(makeTap(request, makeConverterForMicrophone()),
-                             [this, onError](const Error& error) { fail(error, onError); });
+        m_audioEngine->start(makeTap(request, makeConverterForMicrophone()), [this, onError](const Error& error) { fail(error, onError); });
     } catch (const Error& error) {
         qCWarning(lcSpeech) << "microphone did not start:" << error.description();
         cancel();
@@ -97,20 +95,22 @@ std::unique_ptr<AudioConverter> SpeechTranscriber::makeConverterForMicrophone()
 SpeechRecognizer::ResultHandler SpeechTranscriber::makeResultHandler(PartialCallback onPartial, ErrorCallback onError)
 {
     return [self = QPointer<SpeechTranscriber>(this), recognition = m_recognition, onPartial = std::move(onPartial),
-            onError = std::move(onError)](std::optional<Result> result, std::shared_ptr<const Error> error) {
+               onError = std::move(onError)](std::optional<Result> result, std::shared_ptr<const Error> error) {
         QCoreApplication* app = QCoreApplication::instance();
         if (!app)
             return;
-        QMetaObject::invokeMethod(app, [=] {
-            if (self)
-                self->handleResult(recognition, result, error, onPartial, onError);
-        }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            app,
+            [=] {
+                if (self)
+                    self->handleResult(recognition, result, error, onPartial, onError);
+            },
+            Qt::QueuedConnection);
     };
 }
 
-void SpeechTranscriber::handleResult(quint64 recognition, const std::optional<Result>& result,
-                                     const std::shared_ptr<const Error>& error, const PartialCallback& onPartial,
-                                     const ErrorCallback& onError)
+void SpeechTranscriber::handleResult(quint64 recognition, const std::optional<Result>& result, const std::shared_ptr<const Error>& error,
+    const PartialCallback& onPartial, const ErrorCallback& onError)
 {
     // Once answered or cancelled, whatever was still on its way is dropped, partial texts included.
     if (recognition != m_recognition || m_finished)

@@ -22,9 +22,8 @@ public:
     static constexpr std::chrono::milliseconds defaultFinalDelay{2000};
 
     explicit SpeechTranscriber(std::unique_ptr<AudioInput> audioEngine = AudioInput::makeDefault(),
-                               RecognizerFactory makeRecognizer = &SpeechRecognizer::make,
-                               ConverterFactory makeConverter = &AudioConverter::makeDefault,
-                               std::chrono::milliseconds finalDelay = defaultFinalDelay, QObject* parent = nullptr);
+        RecognizerFactory makeRecognizer = &SpeechRecognizer::make, ConverterFactory makeConverter = &AudioConverter::makeDefault,
+        std::chrono::milliseconds finalDelay = defaultFinalDelay, QObject* parent = nullptr);
     ~SpeechTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;
@@ -38,7 +37,7 @@ private:
     std::unique_ptr<AudioConverter> makeConverterForMicrophone();
     SpeechRecognizer::ResultHandler makeResultHandler(PartialCallback onPartial, ErrorCallback onError);
     void handleResult(quint64 recognition, const std::optional<Result>& result, const std::shared_ptr<const Error>& error,
-                      const PartialCallback& onPartial, const ErrorCallback& onError);
+        const PartialCallback& onPartial, const ErrorCallback& onError);
     void handleError(const Error& error, const ErrorCallback& onError);
     void fail(const Error& error, const ErrorCallback& onError);
     void deliverFinal();

@@ -3,8 +3,7 @@
 QString WhisperError::description() const
 {
     switch (errorCase()) {
-    case Case::transcriptionFailed:
-        return QStringLiteral("Falha na transcrição Whisper: ") + detail();
+    case Case::transcriptionFailed: return QStringLiteral("Falha na transcrição Whisper: ") + detail();
     case Case::notInstalled:
 #ifdef Q_OS_MACOS
         return QStringLiteral("whisper-cli não encontrado. Instale com: brew install whisper-cpp");

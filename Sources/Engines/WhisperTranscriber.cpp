@@ -2,8 +2,8 @@
 
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
-#include "Shared/StrictUtf8.h"
 #include "Shared/Preferences/Settings.h"
+#include "Shared/StrictUtf8.h"
 #include "Shared/WavWriter.h"
 #include "WhisperError.h"
 
@@ -98,9 +98,10 @@ struct WhisperTranscriber::Recording {
     }
 };
 
-WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter,
-                                       QObject* parent)
-    : TranscriptionEngine(parent), m_audioEngine(std::move(audioEngine)), m_makeConverter(std::move(makeConverter))
+WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, QObject* parent)
+    : TranscriptionEngine(parent)
+    , m_audioEngine(std::move(audioEngine))
+    , m_makeConverter(std::move(makeConverter))
 {
 }
 
@@ -112,11 +113,11 @@ WhisperTranscriber::~WhisperTranscriber()
 QStringList WhisperTranscriber::binaryCandidates()
 {
 #ifdef Q_OS_MACOS
-    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"),
-            QStringLiteral("/opt/homebrew/bin/whisper-cli"), QStringLiteral("/usr/local/bin/whisper-cli")};
+    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"), QStringLiteral("/opt/homebrew/bin/whisper-cli"),
+        QStringLiteral("/usr/local/bin/whisper-cli")};
 #else
-    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"),
-            QStringLiteral("/usr/local/bin/whisper-cli"), QStringLiteral("/usr/bin/whisper-cli")};
+    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"), QStringLiteral("/usr/local/bin/whisper-cli"),
+        QStringLiteral("/usr/bin/whisper-cli")};
 #endif
 }
 
@@ -203,8 +204,8 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     m_audioFile = recording;
     try {
         // The capture thread holds the recording itself, never the engine.
-        m_audioEngine->start([recording](QByteArrayView buffer) { recording->append(buffer); },
-                             [this](const Error& error) { abandonRecording(error); });
+        m_audioEngine->start(
+            [recording](QByteArrayView buffer) { recording->append(buffer); }, [this](const Error& error) { abandonRecording(error); });
     } catch (const Error&) {
         m_audioFile.reset();
         cleanup();
@@ -257,13 +258,9 @@ QStringList WhisperTranscriber::arguments(const QString& model, const QString& o
     const QString language = Settings::shared().localeIdentifier().left(2).toLower();
     // whisper-cli refuses an empty language (it prints its usage and exits with status 0); with no
     // language set, it should recognise whichever one is spoken.
-    return {QStringLiteral("-m"), model,
-            QStringLiteral("-f"), *m_wavURL,
-            QStringLiteral("-l"), language.isEmpty() ? QStringLiteral("auto") : language,
-            QStringLiteral("--no-timestamps"),
-            QStringLiteral("--no-prints"),
-            QStringLiteral("-otxt"),
-            QStringLiteral("-of"), outputBase};
+    return {QStringLiteral("-m"), model, QStringLiteral("-f"), *m_wavURL, QStringLiteral("-l"),
+        language.isEmpty() ? QStringLiteral("auto") : language, QStringLiteral("--no-timestamps"), QStringLiteral("--no-prints"),
+        QStringLiteral("-otxt"), QStringLiteral("-of"), outputBase};
 }
 
 void WhisperTranscriber::launch(const QString& binary, const QString& model)
@@ -278,25 +275,27 @@ void WhisperTranscriber::launch(const QString& binary, const QString& model)
 
     auto errorOutput = std::make_shared<QByteArray>();
     connect(process, &QProcess::readyReadStandardError, this,
-            [process, errorOutput] { appendToTail(*errorOutput, process->readAllStandardError()); });
-    connect(process, &QProcess::finished, this,
-            [this, process, outputBase, errorOutput](int exitCode, QProcess::ExitStatus exitStatus) {
-                appendToTail(*errorOutput, process->readAllStandardError());
-                process->deleteLater();
-                // A crash counts as a failure even when the signal number reads as 0.
-                const int status = exitStatus == QProcess::CrashExit && exitCode == 0 ? -1 : exitCode;
-                complete(status, outputBase, *errorOutput);
-            });
-    // Queued: a launch failure is answered later, never from inside finish().
-    connect(process, &QProcess::errorOccurred, this, [this, process](QProcess::ProcessError error) {
-        if (error != QProcess::FailedToStart)
-            return;
-        qCWarning(lcWhisper) << "cannot launch whisper-cli:" << process->errorString();
+        [process, errorOutput] { appendToTail(*errorOutput, process->readAllStandardError()); });
+    connect(process, &QProcess::finished, this, [this, process, outputBase, errorOutput](int exitCode, QProcess::ExitStatus exitStatus) {
+        appendToTail(*errorOutput, process->readAllStandardError());
         process->deleteLater();
-        m_process.clear();
-        cleanup();
-        answerWithError(PlatformError(process->errorString()));
-    }, Qt::QueuedConnection);
+        // A crash counts as a failure even when the signal number reads as 0.
+        const int status = exitStatus == QProcess::CrashExit && exitCode == 0 ? -1 : exitCode;
+        complete(status, outputBase, *errorOutput);
+    });
+    // Queued: a launch failure is answered later, never from inside finish().
+    connect(
+        process, &QProcess::errorOccurred, this,
+        [this, process](QProcess::ProcessError error) {
+            if (error != QProcess::FailedToStart)
+                return;
+            qCWarning(lcWhisper) << "cannot launch whisper-cli:" << process->errorString();
+            process->deleteLater();
+            m_process.clear();
+            cleanup();
+            answerWithError(PlatformError(process->errorString()));
+        },
+        Qt::QueuedConnection);
     qCDebug(lcWhisper) << "running" << binary << process->arguments();
     process->start(QIODevice::ReadOnly);
 }

@@ -24,8 +24,7 @@ public:
     static constexpr int kSampleRate = 16000;
 
     explicit WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine = AudioInput::makeDefault(),
-                                ConverterFactory makeConverter = &AudioConverter::makeDefault,
-                                QObject* parent = nullptr);
+        ConverterFactory makeConverter = &AudioConverter::makeDefault, QObject* parent = nullptr);
     ~WhisperTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;

@@ -255,8 +255,7 @@ void HistoryStore::save()
         QSaveFile file(m_fileLocation);
         // Unbuffered: QSaveFile commits a temporary file whose buffered flush failed, which would
         // put a torn history in place when the disk fills up.
-        const bool written = file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && writeAll(file, *bytes)
-            && file.commit();
+        const bool written = file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && writeAll(file, *bytes) && file.commit();
         if (!written)
             qCWarning(lcHistory) << "Could not save the history to" << m_fileLocation << ":" << file.errorString();
     } else {

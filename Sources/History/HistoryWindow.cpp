@@ -97,10 +97,7 @@ public:
         endResetModel();
     }
 
-    int rowCount(const QModelIndex& parent = {}) const override
-    {
-        return parent.isValid() ? 0 : static_cast<int>(m_rows.size());
-    }
+    int rowCount(const QModelIndex& parent = {}) const override { return parent.isValid() ? 0 : static_cast<int>(m_rows.size()); }
 
     int columnCount(const QModelIndex& parent = {}) const override { return parent.isValid() ? 0 : Column::columnCount; }
 
@@ -324,8 +321,7 @@ void HistoryWindow::clearAll()
         QStringLiteral("Limpar todo o histórico?"),
         QStringLiteral("Todos os ") + QString::number(count)
             + QStringLiteral(" ditados salvos serão apagados. Esta ação não pode ser desfeita."),
-        {{QStringLiteral("Limpar tudo"), Alerts::Button::Role::destructive},
-         {QStringLiteral("Cancelar"), Alerts::Button::Role::cancel}},
+        {{QStringLiteral("Limpar tudo"), Alerts::Button::Role::destructive}, {QStringLiteral("Cancelar"), Alerts::Button::Role::cancel}},
     };
     if (m_alerts.runModal(alert) == 0)
         m_store.clear();

@@ -26,8 +26,8 @@ void AudioExtractor::extractWAV(const QString& source, const QString& destinatio
     extractWAV(*reader, source, destination, shouldStop);
 }
 
-void AudioExtractor::extractWAV(MediaReader& reader, const QString& source, const QString& destination,
-                                const std::function<bool()>& shouldStop, quint64 dataLimit)
+void AudioExtractor::extractWAV(
+    MediaReader& reader, const QString& source, const QString& destination, const std::function<bool()>& shouldStop, quint64 dataLimit)
 {
     if (!reader.openFirstAudioTrack(source))
         throw AudioExtractorError::noAudioTrack();

@@ -21,7 +21,7 @@ constexpr quint64 maxDataBytes = 0xFFFFFFFFull - 36;
 void extractWAV(const QString& source, const QString& destination, const std::function<bool()>& shouldStop = {});
 
 // The same through a given reader, refusing audio longer than `dataLimit` bytes of PCM.
-void extractWAV(MediaReader& reader, const QString& source, const QString& destination,
-                const std::function<bool()>& shouldStop, quint64 dataLimit = maxDataBytes);
+void extractWAV(MediaReader& reader, const QString& source, const QString& destination, const std::function<bool()>& shouldStop,
+    quint64 dataLimit = maxDataBytes);
 
 }

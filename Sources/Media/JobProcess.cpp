@@ -18,7 +18,10 @@ constexpr qsizetype kLongestLine = qsizetype{1024} * 1024;
 // lines are skipped.
 class LineSplitter {
 public:
-    explicit LineSplitter(const JobProcess::LineHandler& handler) : m_handler(handler) {}
+    explicit LineSplitter(const JobProcess::LineHandler& handler)
+        : m_handler(handler)
+    {
+    }
 
     void feed(const QByteArray& bytes)
     {
@@ -56,7 +59,9 @@ private:
 }
 
 JobProcess::JobProcess(QString program, QStringList arguments, QString workingDirectory)
-    : m_program(std::move(program)), m_arguments(std::move(arguments)), m_workingDirectory(std::move(workingDirectory))
+    : m_program(std::move(program))
+    , m_arguments(std::move(arguments))
+    , m_workingDirectory(std::move(workingDirectory))
 {
 }
 

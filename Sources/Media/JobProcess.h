@@ -15,7 +15,7 @@ public:
     JobProcess(QString program, QStringList arguments, QString workingDirectory = {});
 
     LineHandler onOutputLine; // absent: standard output is thrown away
-    LineHandler onErrorLine;  // absent: standard error is thrown away
+    LineHandler onErrorLine; // absent: standard error is thrown away
 
     // Blocks until the child has exited and answers its exit status (a crash that leaves no status
     // counts as -1). `shouldStop` is asked every 50 ms: once it answers true the child is asked to

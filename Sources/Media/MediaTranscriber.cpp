@@ -53,9 +53,8 @@ QStringList fetchArguments(const QString& link)
 {
     // --print implies --quiet, which hides the [download] lines; --progress brings them back.
     return {QStringLiteral("-f"), QStringLiteral("bestaudio[ext=m4a]/bestaudio[ext=mp4]/best[ext=mp4]/best"),
-            QStringLiteral("--no-playlist"), QStringLiteral("--newline"), QStringLiteral("--progress"),
-            QStringLiteral("--no-simulate"), QStringLiteral("--print"), QStringLiteral("after_move:filepath"),
-            QStringLiteral("-o"), QStringLiteral("media.%(ext)s"), link};
+        QStringLiteral("--no-playlist"), QStringLiteral("--newline"), QStringLiteral("--progress"), QStringLiteral("--no-simulate"),
+        QStringLiteral("--print"), QStringLiteral("after_move:filepath"), QStringLiteral("-o"), QStringLiteral("media.%(ext)s"), link};
 }
 
 }
@@ -64,7 +63,11 @@ QStringList fetchArguments(const QString& link)
 // everything else a thread touches is either fixed before the worker starts or used by one thread.
 class MediaTranscriber::Job : public std::enable_shared_from_this<Job> {
 public:
-    Job(MediaTranscriber* transcriber, QString folder) : owner(transcriber), directory(std::move(folder)) {}
+    Job(MediaTranscriber* transcriber, QString folder)
+        : owner(transcriber)
+        , directory(std::move(folder))
+    {
+    }
 
     // Worker thread.
     void run(const Source& source);
@@ -75,8 +78,8 @@ public:
     const QPointer<MediaTranscriber> owner; // read on the main thread only
     const QString directory;
     std::atomic<bool> cancelled = false;
-    bool delivered = false;      // main thread: an answer reached the main thread
-    bool directoryKept = true;   // main thread: the folder has not been removed yet
+    bool delivered = false; // main thread: an answer reached the main thread
+    bool directoryKept = true; // main thread: the folder has not been removed yet
 
 private:
     QString downloadMedia(const QString& link);
@@ -154,7 +157,8 @@ private:
     bool m_quitHooked = false;
 };
 
-MediaTranscriber::MediaTranscriber(QObject* parent) : QObject(parent)
+MediaTranscriber::MediaTranscriber(QObject* parent)
+    : QObject(parent)
 {
 }
 
@@ -220,10 +224,12 @@ void MediaTranscriber::Job::run(const Source& source)
         AudioExtractor::extractWAV(media, wavURL, [this] { return cancelled.load(); });
         throwIfCancelled();
         const Output output = runWhisper(wavURL);
-        deliver([output](MediaTranscriber& transcriber) {
-            if (transcriber.onFinished)
-                transcriber.onFinished(output);
-        }, output.srtURL);
+        deliver(
+            [output](MediaTranscriber& transcriber) {
+                if (transcriber.onFinished)
+                    transcriber.onFinished(output);
+            },
+            output.srtURL);
         return;
     } catch (const Error& error) {
         failure = error.clone();
@@ -233,10 +239,12 @@ void MediaTranscriber::Job::run(const Source& source)
     if (cancelled)
         failure = MediaTranscriberError::cancelled().clone();
     qCInfo(lcMedia) << "job failed:" << failure->description();
-    deliver([failure](MediaTranscriber& transcriber) {
-        if (transcriber.onError)
-            transcriber.onError(*failure);
-    }, std::nullopt);
+    deliver(
+        [failure](MediaTranscriber& transcriber) {
+            if (transcriber.onError)
+                transcriber.onError(*failure);
+        },
+        std::nullopt);
 }
 
 // One fetch; when it fails, one self-update of yt-dlp and one more fetch, whose outcome stands.
@@ -309,10 +317,10 @@ MediaTranscriber::Output MediaTranscriber::Job::runWhisper(const QString& wavURL
 
     const QString base = directory + QStringLiteral("/transcricao");
     // Media files come in any language: whisper-cli detects it, whatever dictation is set to.
-    JobProcess child(*binary, {QStringLiteral("-m"), *model, QStringLiteral("-f"), wavURL,
-                               QStringLiteral("-l"), QStringLiteral("auto"), QStringLiteral("--no-prints"),
-                               QStringLiteral("--print-progress"), QStringLiteral("-otxt"), QStringLiteral("-osrt"),
-                               QStringLiteral("-of"), base});
+    JobProcess child(*binary,
+        {QStringLiteral("-m"), *model, QStringLiteral("-f"), wavURL, QStringLiteral("-l"), QStringLiteral("auto"),
+            QStringLiteral("--no-prints"), QStringLiteral("--print-progress"), QStringLiteral("-otxt"), QStringLiteral("-osrt"),
+            QStringLiteral("-of"), base});
     child.onErrorLine = [this](const QString& line) { reportWhisperProgress(line); };
     const int exitStatus = runChild(child);
 
@@ -373,8 +381,7 @@ void MediaTranscriber::Job::status(const QString& text, std::optional<double> pr
 
 // The answer reaches the owner if it is still there; the folder is cleaned either way, because a
 // job nobody listens to anymore leaves nothing for anyone.
-void MediaTranscriber::Job::deliver(const std::function<void(MediaTranscriber& transcriber)>& answer,
-                                    const std::optional<QString>& srtURL)
+void MediaTranscriber::Job::deliver(const std::function<void(MediaTranscriber& transcriber)>& answer, const std::optional<QString>& srtURL)
 {
     post([job = shared_from_this(), answer, srtURL] {
         if (std::exchange(job->delivered, true))

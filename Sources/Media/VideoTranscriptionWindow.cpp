@@ -1,12 +1,12 @@
 #include "VideoTranscriptionWindow.h"
 
-#include "Shared/Preferences/Settings.h"
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Alerts.h"
 #include "Platform/FileDialogs.h"
 #include "Platform/Pasteboard.h"
 #include "Platform/Sounds.h"
 #include "Shared/Logging.h"
+#include "Shared/Preferences/Settings.h"
 #include "Shared/SystemFont.h"
 #include "Shared/WindowPlacement.h"
 #include "YtDlpManager.h"
@@ -415,8 +415,8 @@ void VideoTranscriptionWindow::copyResult()
 
 void VideoTranscriptionWindow::saveTxt()
 {
-    const auto path = m_services.fileDialogs->saveFile(m_window.get(), QStringLiteral("Salvar texto"), kTextFilter,
-                                                       QStringLiteral("transcricao.txt"));
+    const auto path
+        = m_services.fileDialogs->saveFile(m_window.get(), QStringLiteral("Salvar texto"), kTextFilter, QStringLiteral("transcricao.txt"));
     if (path)
         writeAtomically(*path, m_resultView->toPlainText().toUtf8());
 }
@@ -425,8 +425,8 @@ void VideoTranscriptionWindow::saveSrt()
 {
     if (!m_lastSrt)
         return;
-    const auto path = m_services.fileDialogs->saveFile(m_window.get(), QStringLiteral("Salvar legenda"), kSubtitleFilter,
-                                                       QStringLiteral("legenda.srt"));
+    const auto path = m_services.fileDialogs->saveFile(
+        m_window.get(), QStringLiteral("Salvar legenda"), kSubtitleFilter, QStringLiteral("legenda.srt"));
     if (!path || !m_lastSrt)
         return;
     QFile subtitles(*m_lastSrt);
@@ -461,8 +461,7 @@ bool VideoTranscriptionWindow::eventFilter(QObject* watched, QEvent* event)
         if (watched == m_window.get())
             windowWillClose();
         break;
-    default:
-        break;
+    default: break;
     }
     return QObject::eventFilter(watched, event);
 }

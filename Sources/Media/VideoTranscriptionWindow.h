@@ -38,7 +38,7 @@ public:
         std::unique_ptr<Sounds> sounds;
         std::shared_ptr<Pasteboard> pasteboard;
         std::function<bool()> ytDlpAvailable; // default: YtDlpManager::isAvailable
-        QUrl ytDlpSource;                     // default: YtDlpManager::downloadURL()
+        QUrl ytDlpSource; // default: YtDlpManager::downloadURL()
     };
 
     explicit VideoTranscriptionWindow(Services services, QObject* parent = nullptr);

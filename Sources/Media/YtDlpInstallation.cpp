@@ -20,8 +20,8 @@ constexpr int kStallTimeoutMs = 60 * 1000;
 // taken yet; the program is about 35 MB.
 constexpr qint64 kReadBufferBytes = 1 << 20;
 // rwxr-xr-x: the user runs it, and so may anyone who can read the folder, like the system's copy.
-constexpr auto kExecutable = std::filesystem::perms::owner_all | std::filesystem::perms::group_read
-    | std::filesystem::perms::group_exec | std::filesystem::perms::others_read | std::filesystem::perms::others_exec;
+constexpr auto kExecutable = std::filesystem::perms::owner_all | std::filesystem::perms::group_read | std::filesystem::perms::group_exec
+    | std::filesystem::perms::others_read | std::filesystem::perms::others_exec;
 
 // Puts `from` at `to` in one rename, so whoever looks there finds the earlier program or the new
 // one, never half of one and never nothing. The temporary folder is often another file system
@@ -76,7 +76,8 @@ void YtDlpInstallation::start(const QUrl& source)
         failure = QStringLiteral("não foi possível gravar %1 (%2).").arg(m_download.fileName(), m_download.errorString());
     if (!failure.isEmpty()) {
         // Reported from the event loop, so the caller's completion never runs inside install().
-        QMetaObject::invokeMethod(this, [this, failure] { fail(failure); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, failure] { fail(failure); }, Qt::QueuedConnection);
         return;
     }
 

@@ -34,11 +34,11 @@ QString YtDlpManager::installedPath()
     return AppPaths::dataFolder() + QStringLiteral("/bin/yt-dlp");
 }
 
-YtDlpInstallation* YtDlpManager::install(YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion,
-                                         QObject* context, const QUrl& source)
+YtDlpInstallation* YtDlpManager::install(
+    YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion, QObject* context, const QUrl& source)
 {
     // Without a context the application holds it, so quitting mid-download still removes the
     // temporary file.
-    return new YtDlpInstallation(source, installedPath(), std::move(progress), std::move(completion),
-                                 context ? context : QCoreApplication::instance());
+    return new YtDlpInstallation(
+        source, installedPath(), std::move(progress), std::move(completion), context ? context : QCoreApplication::instance());
 }

@@ -30,7 +30,7 @@ QUrl downloadURL();
 // then `completion` once. The installation ends with `context` when that goes first (nothing is
 // installed and no callback runs), so pass the object the callbacks use. Keep the answer in a
 // QPointer: it deletes itself once finished or cancelled.
-YtDlpInstallation* install(YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion,
-                           QObject* context = nullptr, const QUrl& source = downloadURL());
+YtDlpInstallation* install(YtDlpInstallation::Progress progress, YtDlpInstallation::Completion completion, QObject* context = nullptr,
+    const QUrl& source = downloadURL());
 
 }

@@ -13,7 +13,7 @@ public:
         enum class Role {
             standard,
             destructive, // the action cannot be undone; drawn as such where the platform can
-            cancel,      // also chosen by Escape
+            cancel, // also chosen by Escape
         };
         QString title;
         Role role = Role::standard;

@@ -23,8 +23,7 @@ public:
     virtual std::optional<QString> openFile(QWidget* parent, const QString& title, const Filter& filter) = 0;
     // Where the user chose to save, starting at `suggestedName`; nothing when cancelled. An existing
     // file there has already been confirmed for replacing.
-    virtual std::optional<QString> saveFile(QWidget* parent, const QString& title, const Filter& filter,
-                                            const QString& suggestedName) = 0;
+    virtual std::optional<QString> saveFile(QWidget* parent, const QString& title, const Filter& filter, const QString& suggestedName) = 0;
 
     // The real dialogs of this platform.
     static std::unique_ptr<FileDialogs> makeDefault();

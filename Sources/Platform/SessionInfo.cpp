@@ -17,8 +17,8 @@ bool desktopIs(const QProcessEnvironment& environment, QLatin1String name)
 SessionInfo::Compositor compositorOf(const QProcessEnvironment& environment)
 {
     // The compositors set these for their own IPC; they are the surest sign of sway and Hyprland.
-    if (isSet(environment, "SWAYSOCK") || isSet(environment, "HYPRLAND_INSTANCE_SIGNATURE")
-        || desktopIs(environment, QLatin1String("sway")) || desktopIs(environment, QLatin1String("Hyprland")))
+    if (isSet(environment, "SWAYSOCK") || isSet(environment, "HYPRLAND_INSTANCE_SIGNATURE") || desktopIs(environment, QLatin1String("sway"))
+        || desktopIs(environment, QLatin1String("Hyprland")))
         return SessionInfo::Compositor::wlroots;
     if (desktopIs(environment, QLatin1String("KDE")))
         return SessionInfo::Compositor::kde;
@@ -35,8 +35,8 @@ SessionInfo SessionInfo::fromEnvironment(const QProcessEnvironment& environment)
     session.hasXDisplay = isSet(environment, "DISPLAY");
     // A session that calls itself X11 is X11 even when a stray WAYLAND_DISPLAY was inherited; a
     // Wayland session type without a Wayland display to reach leaves only the X display, if any.
-    const bool wayland = isSet(environment, "WAYLAND_DISPLAY")
-        && environment.value(QStringLiteral("XDG_SESSION_TYPE")) != QLatin1String("x11");
+    const bool wayland
+        = isSet(environment, "WAYLAND_DISPLAY") && environment.value(QStringLiteral("XDG_SESSION_TYPE")) != QLatin1String("x11");
     if (wayland) {
         session.kind = Kind::wayland;
         session.compositor = compositorOf(environment);

@@ -4,7 +4,8 @@
 
 #include <memory>
 
-// The short feedback sounds shipped with the app, by name: "Tink", "Pop", "Basso", "Glass". Playing returns at once; the sound runs on its own. Main thread only.
+// The short feedback sounds shipped with the app, by name: "Tink", "Pop", "Basso", "Glass". Playing returns at once; the sound runs on its
+// own. Main thread only.
 class Sounds {
 public:
     virtual ~Sounds() = default;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QString>
 #include <QByteArray>
+#include <QString>
 
 #include <exception>
 #include <memory>
@@ -23,7 +23,10 @@ private:
 // platform's own wording.
 class PlatformError final : public Error {
 public:
-    explicit PlatformError(QString description) : m_description(std::move(description)) {}
+    explicit PlatformError(QString description)
+        : m_description(std::move(description))
+    {
+    }
     QString description() const override { return m_description; }
     std::shared_ptr<const Error> clone() const override { return std::make_shared<PlatformError>(*this); }
 

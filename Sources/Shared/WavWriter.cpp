@@ -5,7 +5,9 @@
 #include <array>
 
 WavWriter::WavWriter(const QString& path, int sampleRate, int channelCount)
-    : m_file(path), m_sampleRate(sampleRate), m_channelCount(channelCount)
+    : m_file(path)
+    , m_sampleRate(sampleRate)
+    , m_channelCount(channelCount)
 {
 }
 

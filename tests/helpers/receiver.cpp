@@ -44,8 +44,7 @@ int main(int argc, char** argv)
     field.setWindowTitle(QStringLiteral("receiver"));
     field.resize(480, 240);
     field.move(40, 40);
-    QObject::connect(&field, &QPlainTextEdit::textChanged, &field,
-        [&] { writeAtomically(output, field.toPlainText()); });
+    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&] { writeAtomically(output, field.toPlainText()); });
 
     bool announced = false;
     const auto announceWhenFocused = [&] {

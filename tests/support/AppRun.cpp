@@ -84,8 +84,8 @@ void AppRun::installWhisper(const QString& program)
 {
     copyExecutable(program, whisperFolder() + QStringLiteral("/whisper-cli"));
 
-    TestSupport::writeFile(dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"),
-                           "not a real model; the fake does not read it");
+    TestSupport::writeFile(
+        dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"), "not a real model; the fake does not read it");
 }
 
 QString AppRun::whisperFolder() const
@@ -185,8 +185,8 @@ bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
     if (kind == OnSway::terminal) {
         m_process.setProcessEnvironment(environment);
         // Raw and silent: every byte typed or pasted reaches the file as it comes, and only once.
-        m_process.start(QStringLiteral("foot"), {QStringLiteral("sh"), QStringLiteral("-c"),
-                                                 QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
+        m_process.start(QStringLiteral("foot"),
+            {QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
         return sway.waitForFocus(QStringLiteral("foot"));
     }
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));

@@ -40,16 +40,15 @@ public:
         // xterm pastes the CLIPBOARD on Control-Shift-V once told to, as terminal users configure it;
         // raw mode hands `cat` every byte at once, without waiting for a newline.
         const QString idFile = outputPath() + QStringLiteral(".id");
-        const QString script =
-            QStringLiteral("stty raw -echo; echo $WINDOWID > '%1'; exec cat > '%2'").arg(idFile, outputPath());
+        const QString script = QStringLiteral("stty raw -echo; echo $WINDOWID > '%1'; exec cat > '%2'").arg(idFile, outputPath());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(QStringLiteral("xterm"),
             {QStringLiteral("-u8"), QStringLiteral("-geometry"), QStringLiteral("80x10+600+40"), QStringLiteral("-xrm"),
-                QStringLiteral("XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)"),
-                QStringLiteral("-e"), QStringLiteral("sh"), QStringLiteral("-c"), script});
+                QStringLiteral("XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)"), QStringLiteral("-e"),
+                QStringLiteral("sh"), QStringLiteral("-c"), script});
         TestSupport::waitUntil([&] { return (m_windowId = readAll(idFile).trimmed().toULong()) != 0; }, 15s);
     }
     // 0 when xterm did not come up.

@@ -73,7 +73,8 @@ bool handOver(const QString& folder, uid_t uid, gid_t gid)
     std::error_code error;
     const fs::path top = fs::absolute(QFile::encodeName(folder).toStdString());
     bool handed = ::lchown(top.c_str(), uid, gid) == 0;
-    for (auto entry = fs::recursive_directory_iterator(top, error); !error && entry != fs::recursive_directory_iterator(); entry.increment(error))
+    for (auto entry = fs::recursive_directory_iterator(top, error); !error && entry != fs::recursive_directory_iterator();
+         entry.increment(error))
         handed = ::lchown(entry->path().c_str(), uid, gid) == 0 && handed;
     for (fs::path above = top.parent_path(); above != above.root_path(); above = above.parent_path())
         fs::permissions(above, fs::perms::others_exec, fs::perm_options::add, error);
@@ -184,8 +185,8 @@ bool HeadlessSway::start()
         },
         60s);
     if (!up)
-        return fail(QStringLiteral("sway (state %1) did not offer its Wayland socket, IPC socket and X display within 60 s")
-                        .arg(m_sway.state()));
+        return fail(
+            QStringLiteral("sway (state %1) did not offer its Wayland socket, IPC socket and X display within 60 s").arg(m_sway.state()));
     QFile file(displayFile);
     file.open(QIODevice::ReadOnly);
     m_xDisplay = QString::fromUtf8(file.readAll()).trimmed();

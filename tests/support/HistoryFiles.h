@@ -15,8 +15,8 @@ inline QByteArray json(const QList<HistoryStore::Entry>& entries)
 {
     QJsonArray array;
     for (const HistoryStore::Entry& entry : entries) {
-        array.append(QJsonObject{{"text", entry.text}, {"appName", entry.appName},
-                                 {"id", entry.id.toString(QUuid::WithoutBraces)}, {"date", entry.date}});
+        array.append(QJsonObject{
+            {"text", entry.text}, {"appName", entry.appName}, {"id", entry.id.toString(QUuid::WithoutBraces)}, {"date", entry.date}});
     }
     return QJsonDocument(array).toJson(QJsonDocument::Indented);
 }

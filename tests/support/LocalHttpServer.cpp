@@ -27,8 +27,7 @@ void LocalHttpServer::answer(QTcpSocket* socket)
     static const QRegularExpression rangePattern("\r\n(Range: bytes=(\\d+)-)", QRegularExpression::CaseInsensitiveOption);
     const QRegularExpressionMatch range = rangePattern.match(QString::fromLatin1(request));
     ranges.append(range.captured(1).toLatin1());
-    const Route route = m_routes.value(QString::fromLatin1(request.split(' ').value(1)),
-                                       Route{"<html><body>Not Found</body></html>", 404});
+    const Route route = m_routes.value(QString::fromLatin1(request.split(' ').value(1)), Route{"<html><body>Not Found</body></html>", 404});
 
     const qint64 from = route.status == 200 && route.sendLength ? range.captured(2).toLongLong() : 0;
     QByteArray body = route.body.mid(from);
@@ -37,8 +36,8 @@ void LocalHttpServer::answer(QTcpSocket* socket)
         head = "HTTP/1.1 302 Found\r\nLocation: " + baseUrl().resolved(route.redirectTo).toEncoded() + "\r\n";
         body.clear();
     } else if (from > 0) {
-        head = "HTTP/1.1 206 Partial\r\nContent-Range: bytes " + QByteArray::number(from) + '-'
-            + QByteArray::number(route.body.size() - 1) + '/' + QByteArray::number(route.body.size()) + "\r\n";
+        head = "HTTP/1.1 206 Partial\r\nContent-Range: bytes " + QByteArray::number(from) + '-' + QByteArray::number(route.body.size() - 1)
+            + '/' + QByteArray::number(route.body.size()) + "\r\n";
     }
     if (route.sendLength)
         head += "Content-Length: " + QByteArray::number(route.announcedLength >= 0 ? route.announcedLength : body.size()) + "\r\n";

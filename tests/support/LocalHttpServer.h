@@ -14,11 +14,11 @@ public:
     struct Route {
         QByteArray body;
         int status = 200;
-        bool sendLength = true;      // false: the end of the body is the connection's close
+        bool sendLength = true; // false: the end of the body is the connection's close
         qint64 announcedLength = -1; // a Content-Length other than the body's (a lying server)
-        qint64 cutAt = -1;           // close the connection after this many bytes of the body
-        qint64 holdAt = -1;          // stop after this many bytes of the body until release()
-        QString redirectTo;          // answer 302 to this file name
+        qint64 cutAt = -1; // close the connection after this many bytes of the body
+        qint64 holdAt = -1; // stop after this many bytes of the body until release()
+        QString redirectTo; // answer 302 to this file name
     };
 
     LocalHttpServer();

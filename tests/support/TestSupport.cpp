@@ -2,8 +2,8 @@
 
 #include "Platform/InputDevices.h"
 
-#include <QCoreApplication>
 #include <QAudioDevice>
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -118,8 +118,9 @@ bool playIntoMicrophone(const QString& path)
 double audioDuration(const QString& path)
 {
     QProcess probe;
-    probe.start(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
-                                            QStringLiteral("format=duration"), QStringLiteral("-of"), QStringLiteral("csv=p=0"), path});
+    probe.start(QStringLiteral("ffprobe"),
+        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"), QStringLiteral("format=duration"),
+            QStringLiteral("-of"), QStringLiteral("csv=p=0"), path});
     probe.waitForFinished();
     return probe.readAllStandardOutput().trimmed().toDouble();
 }
@@ -150,9 +151,19 @@ QStringList dictationFiles(const QString& folder)
 void EngineAnswers::start(TranscriptionEngine& engine)
 {
     const auto note = [this] { onMainThread = onMainThread && QThread::currentThread() == qApp->thread(); };
-    engine.start([this, note](const QString& text) { note(); partials << text; },
-                 [this, note](const QString& text) { note(); finals << text; },
-                 [this, note](const Error& error) { note(); errors << error.description(); });
+    engine.start(
+        [this, note](const QString& text) {
+            note();
+            partials << text;
+        },
+        [this, note](const QString& text) {
+            note();
+            finals << text;
+        },
+        [this, note](const Error& error) {
+            note();
+            errors << error.description();
+        });
 }
 
 QString EngineAnswers::startFailure(TranscriptionEngine& engine)
@@ -168,8 +179,9 @@ QString EngineAnswers::startFailure(TranscriptionEngine& engine)
 Headset::Headset()
     : m_source(QStringLiteral("voxaria_headset_%1").arg(QCoreApplication::applicationPid()))
 {
-    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
-           QStringLiteral("master=voxaria_speaker.monitor"), QStringLiteral("source_name=") + m_source}, &m_module);
+    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), QStringLiteral("master=voxaria_speaker.monitor"),
+              QStringLiteral("source_name=") + m_source},
+        &m_module);
     pactl({QStringLiteral("set-default-source"), m_source});
     // Qt learns of new sources a moment later; the microphone is picked from its list.
     waitUntil([this] { return isPlugged(); }, std::chrono::seconds(10));
@@ -201,7 +213,8 @@ bool Headset::fallSilent()
 NoMicrophone::NoMicrophone()
 {
     for (const QString& line : pulseListing({QStringLiteral("modules"), QStringLiteral("short")}).split(QLatin1Char('\n'))) {
-        if (line.contains(QLatin1String("source_name=voxaria_mic")) && pactl({QStringLiteral("unload-module"), line.section(QLatin1Char('\t'), 0, 0)}))
+        if (line.contains(QLatin1String("source_name=voxaria_mic"))
+            && pactl({QStringLiteral("unload-module"), line.section(QLatin1Char('\t'), 0, 0)}))
             m_arguments = line.section(QLatin1Char('\t'), 2);
     }
     waitUntil([] { return !InputDevices::anyListed(); });

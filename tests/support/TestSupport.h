@@ -28,7 +28,7 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 void spin(std::chrono::milliseconds duration);
 
 QString testDataPath(const QString& relative); // e.g. "speech/jfk.wav"
-QString fakesPath(const QString& name);          // a fake program under tests/fakes
+QString fakesPath(const QString& name); // a fake program under tests/fakes
 // Writes a file, making its folder first.
 bool writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 

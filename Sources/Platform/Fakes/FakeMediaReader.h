@@ -9,9 +9,9 @@
 class FakeMediaReader final : public MediaReader {
 public:
     bool hasAudioTrack = true;
-    std::optional<QString> startFailure;    // reading cannot start, for this reason ("" = none given)
+    std::optional<QString> startFailure; // reading cannot start, for this reason ("" = none given)
     std::vector<std::vector<qint16>> chunks; // delivered in order
-    std::optional<QString> failureAtEnd;    // after the last chunk reading ends failed, for this reason
+    std::optional<QString> failureAtEnd; // after the last chunk reading ends failed, for this reason
 
     size_t chunksDelivered = 0;
 

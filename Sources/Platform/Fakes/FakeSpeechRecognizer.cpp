@@ -12,7 +12,10 @@ struct FakeSpeechRecognizer::Recognition {
 
 class FakeSpeechRecognizer::FakeRequest final : public Request {
 public:
-    explicit FakeRequest(std::shared_ptr<Recognition> recognition) : m_recognition(std::move(recognition)) {}
+    explicit FakeRequest(std::shared_ptr<Recognition> recognition)
+        : m_recognition(std::move(recognition))
+    {
+    }
 
     void append(std::span<const qint16> samples) override
     {
@@ -32,7 +35,10 @@ private:
 
 class FakeSpeechRecognizer::FakeTask final : public Task {
 public:
-    explicit FakeTask(std::shared_ptr<Recognition> recognition) : m_recognition(std::move(recognition)) {}
+    explicit FakeTask(std::shared_ptr<Recognition> recognition)
+        : m_recognition(std::move(recognition))
+    {
+    }
 
     void cancel() override
     {
@@ -73,8 +79,7 @@ int FakeSpeechRecognizer::taskCount() const
     return m_taskCount;
 }
 
-template <typename T>
-T FakeSpeechRecognizer::ofCurrent(T Recognition::*field, T none) const
+template <typename T> T FakeSpeechRecognizer::ofCurrent(T Recognition::*field, T none) const
 {
     std::lock_guard lock(m_mutex);
     if (!m_current)

@@ -36,8 +36,7 @@ private:
 
     void send(std::optional<Result> result, std::shared_ptr<const Error> error);
     // One field of the latest recognition, read under both locks; `none` before any recognition.
-    template <typename T>
-    T ofCurrent(T Recognition::*field, T none) const;
+    template <typename T> T ofCurrent(T Recognition::*field, T none) const;
 
     mutable std::mutex m_mutex;
     std::shared_ptr<Recognition> m_current;

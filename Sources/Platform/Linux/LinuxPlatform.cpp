@@ -47,13 +47,10 @@ private:
 const char* routeDescription(SessionPlatform::PasteRoute route)
 {
     switch (route) {
-    case SessionPlatform::PasteRoute::copyOnly:
-        return "only copied to the clipboard";
-    case SessionPlatform::PasteRoute::compositor:
-        return "pasted through wlr data-control and a virtual keyboard";
+    case SessionPlatform::PasteRoute::copyOnly: return "only copied to the clipboard";
+    case SessionPlatform::PasteRoute::compositor: return "pasted through wlr data-control and a virtual keyboard";
     case SessionPlatform::PasteRoute::x11:
-    case SessionPlatform::PasteRoute::xwayland:
-        break;
+    case SessionPlatform::PasteRoute::xwayland: break;
     }
     return "pasted through the X11 clipboard";
 }
@@ -161,6 +158,6 @@ std::unique_ptr<AccessibilityTrust> LinuxPlatform::makeAccessibilityTrust() cons
 
 bool LinuxPlatform::sendToRunningProgram(bool pressed, QString* error)
 {
-    return BindingKeyMonitor::send(bindingSocketPath(),
-                                   pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
+    return BindingKeyMonitor::send(
+        bindingSocketPath(), pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
 }

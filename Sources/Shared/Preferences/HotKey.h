@@ -10,7 +10,10 @@ class HotKey {
 public:
     enum Value { rightOption, rightCommand, fn };
 
-    constexpr HotKey(Value value) : m_value(value) {}
+    constexpr HotKey(Value value)
+        : m_value(value)
+    {
+    }
     constexpr operator Value() const { return m_value; }
 
     // Exact, case-sensitive match of a raw value.

@@ -41,7 +41,7 @@ struct FileVersion {
 
 FileVersion versionOf(const QByteArray& path)
 {
-    struct stat info {};
+    struct stat info { };
     if (::stat(path.constData(), &info) != 0)
         return {};
     return {info.st_dev, info.st_ino, info.st_size, qint64(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};

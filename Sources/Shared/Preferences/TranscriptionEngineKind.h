@@ -10,7 +10,10 @@ class TranscriptionEngineKind {
 public:
     enum Value { whisper, apple };
 
-    constexpr TranscriptionEngineKind(Value value) : m_value(value) {}
+    constexpr TranscriptionEngineKind(Value value)
+        : m_value(value)
+    {
+    }
     constexpr operator Value() const { return m_value; }
 
     // Exact, case-sensitive match of a raw value.

@@ -1,8 +1,8 @@
 #include "PulseAudioInput.h"
 
+#include "PulseDefaultSource.h"
 #include "Shared/Error.h"
 #include "Shared/Logging.h"
-#include "PulseDefaultSource.h"
 
 #include <QAudioSource>
 #include <QElapsedTimer>
@@ -182,8 +182,8 @@ void PulseAudioInput::start(BufferHandler handler, FailureHandler onFailure)
     m_onFailure = std::move(onFailure);
     const auto onLost = [this, capture = ++m_capture] { reportLoss(capture); };
     QString failure;
-    QMetaObject::invokeMethod(m_worker, [&] { failure = m_worker->start(m_device, handler, onLost); },
-                              Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        m_worker, [&] { failure = m_worker->start(m_device, handler, onLost); }, Qt::BlockingQueuedConnection);
     if (!failure.isEmpty()) {
         m_thread.quit();
         m_thread.wait();
@@ -196,7 +196,8 @@ void PulseAudioInput::stop()
 {
     if (!m_running)
         return;
-    QMetaObject::invokeMethod(m_worker, [this] { m_worker->stop(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        m_worker, [this] { m_worker->stop(); }, Qt::BlockingQueuedConnection);
     m_thread.quit();
     m_thread.wait();
     m_running = false;
@@ -207,12 +208,15 @@ void PulseAudioInput::stop()
 // stopped (or this input destroyed, taking m_mainThread and the queued call with it) meanwhile.
 void PulseAudioInput::reportLoss(quint64 capture)
 {
-    QMetaObject::invokeMethod(m_mainThread.get(), [this, capture] {
-        if (capture != m_capture || !m_running)
-            return;
-        if (FailureHandler onFailure = std::exchange(m_onFailure, nullptr))
-            onFailure(disconnected());
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        m_mainThread.get(),
+        [this, capture] {
+            if (capture != m_capture || !m_running)
+                return;
+            if (FailureHandler onFailure = std::exchange(m_onFailure, nullptr))
+                onFailure(disconnected());
+        },
+        Qt::QueuedConnection);
 }
 
 bool PulseAudioInput::isRunning() const

@@ -27,18 +27,15 @@ struct PulseDefaultSource::Callbacks {
         auto* self = static_cast<PulseDefaultSource*>(userdata);
         switch (pa_context_get_state(context)) {
         case PA_CONTEXT_READY:
-            release(pa_context_subscribe(context, pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE),
-                                         nullptr, nullptr));
+            release(pa_context_subscribe(
+                context, pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE), nullptr, nullptr));
             askServer(context, self);
             askSources(context, self);
             self->reached();
             break;
         case PA_CONTEXT_FAILED:
-        case PA_CONTEXT_TERMINATED:
-            self->lost(pa_context_errno(context));
-            break;
-        default:
-            break;
+        case PA_CONTEXT_TERMINATED: self->lost(pa_context_errno(context)); break;
+        default: break;
         }
     }
 

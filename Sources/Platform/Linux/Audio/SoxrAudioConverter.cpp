@@ -25,12 +25,13 @@ std::unique_ptr<SoxrAudioConverter> SoxrAudioConverter::make(const AudioFormat& 
         qCWarning(lcAudio) << "cannot create a resampler from" << from.sampleRate << "Hz:" << error;
         return nullptr;
     }
-    return std::unique_ptr<SoxrAudioConverter>(
-        new SoxrAudioConverter(resampler, from, double(targetSampleRate) / from.sampleRate));
+    return std::unique_ptr<SoxrAudioConverter>(new SoxrAudioConverter(resampler, from, double(targetSampleRate) / from.sampleRate));
 }
 
 SoxrAudioConverter::SoxrAudioConverter(soxr* resampler, AudioFormat from, double ratio)
-    : m_resampler(resampler), m_from(from), m_ratio(ratio)
+    : m_resampler(resampler)
+    , m_from(from)
+    , m_ratio(ratio)
 {
 }
 
@@ -41,8 +42,7 @@ SoxrAudioConverter::~SoxrAudioConverter()
 
 namespace {
 
-template <typename Sample>
-float sampleAt(const char* data, qsizetype index)
+template <typename Sample> float sampleAt(const char* data, qsizetype index)
 {
     Sample value;
     std::memcpy(&value, data + index * qsizetype(sizeof(Sample)), sizeof(Sample));
@@ -54,8 +54,7 @@ float sampleAt(const char* data, qsizetype index)
         return float(value) / float(std::numeric_limits<Sample>::max());
 }
 
-template <typename Sample>
-void averageChannels(const char* data, qsizetype frames, int channels, std::vector<float>& mono)
+template <typename Sample> void averageChannels(const char* data, qsizetype frames, int channels, std::vector<float>& mono)
 {
     mono.resize(size_t(frames));
     for (qsizetype frame = 0; frame < frames; ++frame) {

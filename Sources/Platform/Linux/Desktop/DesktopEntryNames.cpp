@@ -90,8 +90,8 @@ void DesktopEntryNames::reload()
     const QStringList locations = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
     m_folders = locations;
     for (const QString& folder : locations) {
-        QDirIterator found(folder, {QStringLiteral("*.desktop")}, QDir::Files | QDir::AllDirs | QDir::NoDotAndDotDot,
-            QDirIterator::Subdirectories);
+        QDirIterator found(
+            folder, {QStringLiteral("*.desktop")}, QDir::Files | QDir::AllDirs | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
         while (found.hasNext()) {
             const QString path = found.next();
             if (found.fileInfo().isDir())

@@ -65,8 +65,7 @@ std::optional<QString> QtFileDialogs::openFile(QWidget* parent, const QString& t
     return run(dialog);
 }
 
-std::optional<QString> QtFileDialogs::saveFile(QWidget* parent, const QString& title, const Filter& filter,
-                                               const QString& suggestedName)
+std::optional<QString> QtFileDialogs::saveFile(QWidget* parent, const QString& title, const Filter& filter, const QString& suggestedName)
 {
     QFileDialog dialog(parent, title, QDir::homePath());
     dialog.setAcceptMode(QFileDialog::AcceptSave);

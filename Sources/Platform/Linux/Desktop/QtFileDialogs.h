@@ -6,6 +6,5 @@
 class QtFileDialogs final : public FileDialogs {
 public:
     std::optional<QString> openFile(QWidget* parent, const QString& title, const Filter& filter) override;
-    std::optional<QString> saveFile(QWidget* parent, const QString& title, const Filter& filter,
-                                    const QString& suggestedName) override;
+    std::optional<QString> saveFile(QWidget* parent, const QString& title, const Filter& filter, const QString& suggestedName) override;
 };

@@ -64,8 +64,7 @@ bool BindingKeyMonitor::listen()
     }
     connect(server.get(), &QLocalServer::newConnection, this, &BindingKeyMonitor::acceptConnections);
     m_server = std::move(server);
-    qCInfo(lcHotkey).noquote() << "watching modifier keys through compositor bindings (voxaria --press / --release) on"
-                               << m_socketPath;
+    qCInfo(lcHotkey).noquote() << "watching modifier keys through compositor bindings (voxaria --press / --release) on" << m_socketPath;
     return true;
 }
 

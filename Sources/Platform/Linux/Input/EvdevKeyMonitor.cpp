@@ -64,8 +64,8 @@ EvdevKeyMonitor::~EvdevKeyMonitor()
 bool EvdevKeyMonitor::canRead(const QString& folder)
 {
     const QStringList devices = eventDevices(folder);
-    return std::any_of(devices.begin(), devices.end(),
-                       [](const QString& path) { return ::access(QFile::encodeName(path).constData(), R_OK) == 0; });
+    return std::any_of(
+        devices.begin(), devices.end(), [](const QString& path) { return ::access(QFile::encodeName(path).constData(), R_OK) == 0; });
 }
 
 KeyMonitor::Token EvdevKeyMonitor::addMonitor(Handler handler)
@@ -89,8 +89,7 @@ bool EvdevKeyMonitor::startWatching()
     m_watcher = std::make_unique<QFileSystemWatcher>(QStringList{m_folder});
     connect(m_watcher.get(), &QFileSystemWatcher::directoryChanged, this, &EvdevKeyMonitor::openNewDevices);
     openNewDevices();
-    qCInfo(lcHotkey).noquote() << QStringLiteral("watching modifier keys through %1 (%2 keyboards)")
-                                      .arg(m_folder).arg(m_devices.size());
+    qCInfo(lcHotkey).noquote() << QStringLiteral("watching modifier keys through %1 (%2 keyboards)").arg(m_folder).arg(m_devices.size());
     return true;
 }
 

@@ -17,8 +17,7 @@ struct ModifierKey {
 std::optional<ModifierKey> modifierForX11Keycode(int keycode);
 
 // The device-independent flags of a set of held X keycodes.
-template <typename Keycodes>
-quint64 flagsOfHeldKeycodes(const Keycodes& keycodes)
+template <typename Keycodes> quint64 flagsOfHeldKeycodes(const Keycodes& keycodes)
 {
     quint64 flags = 0;
     for (int keycode : keycodes) {

@@ -32,8 +32,8 @@ bool isOurs(int keycode, bool pressed)
 {
     std::vector<Change>& changes = announced();
     std::erase_if(changes, [](const Change& change) { return change.forgotten.hasExpired(); });
-    const auto match = std::find_if(changes.begin(), changes.end(),
-        [&](const Change& change) { return change.keycode == keycode && change.pressed == pressed; });
+    const auto match = std::find_if(
+        changes.begin(), changes.end(), [&](const Change& change) { return change.keycode == keycode && change.pressed == pressed; });
     if (match == changes.end())
         return false;
     changes.erase(match);

@@ -40,14 +40,10 @@ QString reasonFor(int error)
 {
     switch (error) {
     case AVERROR_INVALIDDATA:
-    case AVERROR_EOF:
-        return QStringLiteral("o arquivo está incompleto ou corrompido");
-    case AVERROR_DECODER_NOT_FOUND:
-        return QStringLiteral("formato de áudio não suportado");
-    case AVERROR(ENOMEM):
-        return QStringLiteral("memória insuficiente");
-    default:
-        break;
+    case AVERROR_EOF: return QStringLiteral("o arquivo está incompleto ou corrompido");
+    case AVERROR_DECODER_NOT_FOUND: return QStringLiteral("formato de áudio não suportado");
+    case AVERROR(ENOMEM): return QStringLiteral("memória insuficiente");
+    default: break;
     }
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(error, text, sizeof text);
@@ -263,7 +259,7 @@ bool FFmpegMediaReader::resample(const quint8* const* input, int frames, int cap
 bool FFmpegMediaReader::configureResampler(const AVFrame* frame)
 {
     const InputShape shape{frame->format, frame->sample_rate, frame->ch_layout.nb_channels,
-                           frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE ? frame->ch_layout.u.mask : 0};
+        frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE ? frame->ch_layout.u.mask : 0};
     if (m_resampler && shape == m_inputShape)
         return true;
     if (m_resampler && !drainResampler())
@@ -279,8 +275,8 @@ bool FFmpegMediaReader::configureResampler(const AVFrame* frame)
     else
         av_channel_layout_copy(&input, &frame->ch_layout);
     AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
-    int status = swr_alloc_set_opts2(&m_resampler, &mono, AV_SAMPLE_FMT_S16, sampleRate, &input,
-                                     AVSampleFormat(shape.format), shape.rate, 0, nullptr);
+    int status = swr_alloc_set_opts2(
+        &m_resampler, &mono, AV_SAMPLE_FMT_S16, sampleRate, &input, AVSampleFormat(shape.format), shape.rate, 0, nullptr);
     av_channel_layout_uninit(&input);
     if (status >= 0)
         status = swr_init(m_resampler);

@@ -7,6 +7,6 @@
 inline cmd_ln_t* makePocketSphinxConfig(const char* acousticModel, const char* languageModel, const char* dictionary)
 {
     // PocketSphinx writes hundreds of lines to standard error unless told otherwise.
-    return cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", acousticModel, "-lm", languageModel, "-dict", dictionary,
-                       "-logfn", "/dev/null", nullptr);
+    return cmd_ln_init(
+        nullptr, ps_args(), TRUE, "-hmm", acousticModel, "-lm", languageModel, "-dict", dictionary, "-logfn", "/dev/null", nullptr);
 }

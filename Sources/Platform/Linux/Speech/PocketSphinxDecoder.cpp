@@ -35,10 +35,7 @@ struct ModelPaths {
     {
     }
 
-    cmd_ln_t* makeConfig() const
-    {
-        return makePocketSphinxConfig(acoustic.constData(), language.constData(), dictionary.constData());
-    }
+    cmd_ln_t* makeConfig() const { return makePocketSphinxConfig(acoustic.constData(), language.constData(), dictionary.constData()); }
 };
 
 // The system's models come with its package; a model the user installed may be malformed, and
@@ -49,13 +46,11 @@ bool mayLoad(const PocketSphinxModel& model, const std::function<bool()>& stopRe
         return true;
     switch (PocketSphinxModelCheck::of(model, stopRequested)) {
     case PocketSphinxModelCheck::Verdict::loads:
-    case PocketSphinxModelCheck::Verdict::unchecked:
-        return true;
+    case PocketSphinxModelCheck::Verdict::unchecked: return true;
     case PocketSphinxModelCheck::Verdict::refused:
         qCWarning(lcSpeech) << "the speech model in" << model.acousticModel << "does not load";
         return false;
-    case PocketSphinxModelCheck::Verdict::stopped:
-        return false;
+    case PocketSphinxModelCheck::Verdict::stopped: return false;
     }
     return false;
 }
@@ -63,7 +58,9 @@ bool mayLoad(const PocketSphinxModel& model, const std::function<bool()>& stopRe
 }
 
 PocketSphinxDecoder::PocketSphinxDecoder(PocketSphinxModel model, ps_decoder_s* decoder, cmd_ln_s* config)
-    : m_model(std::move(model)), m_decoder(decoder), m_config(config)
+    : m_model(std::move(model))
+    , m_decoder(decoder)
+    , m_config(config)
 {
 }
 
@@ -87,8 +84,7 @@ std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphin
     }
     ps_decoder_t* decoder = ps_init(config);
     if (!decoder) {
-        qCWarning(lcSpeech) << "PocketSphinx could not load the model" << model.acousticModel << model.languageModel
-                            << model.dictionary;
+        qCWarning(lcSpeech) << "PocketSphinx could not load the model" << model.acousticModel << model.languageModel << model.dictionary;
         cmd_ln_free_r(config);
         return nullptr;
     }
@@ -96,7 +92,8 @@ std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::load(const PocketSphin
     return std::unique_ptr<PocketSphinxDecoder>(new PocketSphinxDecoder(model, decoder, config));
 }
 
-std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::acquire(const PocketSphinxModel& model, const std::function<bool()>& stopRequested)
+std::unique_ptr<PocketSphinxDecoder> PocketSphinxDecoder::acquire(
+    const PocketSphinxModel& model, const std::function<bool()>& stopRequested)
 {
     {
         std::lock_guard lock(kept().mutex);

@@ -56,11 +56,12 @@ std::optional<PocketSphinxModel> PocketSphinxModel::inFolder(const QString& fold
 {
     const QDir dir(folder);
     const auto acoustic = acousticModelIn(dir);
-    const auto language = firstFileIn(dir, {QStringLiteral("*.lm.bin"), QStringLiteral("*.lm"), QStringLiteral("*.lm.dmp"), QStringLiteral("*.lm.DMP")});
+    const auto language
+        = firstFileIn(dir, {QStringLiteral("*.lm.bin"), QStringLiteral("*.lm"), QStringLiteral("*.lm.dmp"), QStringLiteral("*.lm.DMP")});
     const auto dictionary = firstFileIn(dir, {QStringLiteral("*.dict"), QStringLiteral("*.dic")});
     if (!acoustic || !language || !dictionary) {
-        qCDebug(lcSpeech) << "incomplete speech model in" << folder << "acoustic" << acoustic.has_value()
-                          << "language" << language.has_value() << "dictionary" << dictionary.has_value();
+        qCDebug(lcSpeech) << "incomplete speech model in" << folder << "acoustic" << acoustic.has_value() << "language"
+                          << language.has_value() << "dictionary" << dictionary.has_value();
         return std::nullopt;
     }
     return PocketSphinxModel{*acoustic, *language, *dictionary};

@@ -62,8 +62,8 @@ PocketSphinxModelCheck::Verdict PocketSphinxModelCheck::of(const PocketSphinxMod
         return Verdict::refused;
     }
     if (helper.exitCode() != 0) {
-        qCWarning(lcSpeech) << "the model check refused" << model.acousticModel << model.languageModel << model.dictionary
-                            << "with status" << helper.exitCode();
+        qCWarning(lcSpeech) << "the model check refused" << model.acousticModel << model.languageModel << model.dictionary << "with status"
+                            << helper.exitCode();
         return Verdict::refused;
     }
     return Verdict::loads;

@@ -14,9 +14,9 @@ class PocketSphinxModelCheck {
 public:
     enum class Verdict {
         loads,
-        refused,   // the helper refused the model, crashed on it or ran out of time
+        refused, // the helper refused the model, crashed on it or ran out of time
         unchecked, // the helper is missing or does not start: the model is loaded without the check
-        stopped,   // the recognition ended meanwhile
+        stopped, // the recognition ended meanwhile
     };
 
     // The en-US model loads in the helper in 0.8 s on a busy machine, and in 3 s when four loads

@@ -1,7 +1,7 @@
 #include "PocketSphinxRecognizer.h"
 
-#include "Shared/Logging.h"
 #include "PocketSphinxDecoder.h"
+#include "Shared/Logging.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -81,7 +81,10 @@ private:
 
 class DecodingTask final : public SpeechRecognizer::Task {
 public:
-    explicit DecodingTask(std::shared_ptr<SampleQueue> queue) : m_queue(std::move(queue)) {}
+    explicit DecodingTask(std::shared_ptr<SampleQueue> queue)
+        : m_queue(std::move(queue))
+    {
+    }
     void cancel() override { m_queue->abandon(); }
 
 private:
@@ -92,7 +95,9 @@ private:
 class Decoding {
 public:
     Decoding(PocketSphinxModel model, std::shared_ptr<SampleQueue> queue, SpeechRecognizer::ResultHandler handler)
-        : m_model(std::move(model)), m_queue(std::move(queue)), m_handler(std::move(handler))
+        : m_model(std::move(model))
+        , m_queue(std::move(queue))
+        , m_handler(std::move(handler))
     {
     }
 
@@ -185,7 +190,10 @@ private:
     std::thread m_thread;
 };
 
-PocketSphinxRecognizer::PocketSphinxRecognizer(PocketSphinxModel model) : m_model(std::move(model)) {}
+PocketSphinxRecognizer::PocketSphinxRecognizer(PocketSphinxModel model)
+    : m_model(std::move(model))
+{
+}
 
 PocketSphinxRecognizer::~PocketSphinxRecognizer() = default;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PocketSphinxModel.h"
 #include "Platform/SpeechRecognizer.h"
+#include "PocketSphinxModel.h"
 
 #include <memory>
 #include <vector>

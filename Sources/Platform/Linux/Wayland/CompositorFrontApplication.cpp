@@ -48,7 +48,8 @@ std::optional<QJsonObject> focusedNode(const QJsonObject& node)
 }
 
 CompositorFrontApplication::CompositorFrontApplication(Protocol protocol, QString socketPath)
-    : m_protocol(protocol), m_socketPath(std::move(socketPath))
+    : m_protocol(protocol)
+    , m_socketPath(std::move(socketPath))
 {
 }
 
@@ -64,8 +65,8 @@ std::unique_ptr<CompositorFrontApplication> CompositorFrontApplication::forSessi
     const QString runtime = environment.value(QStringLiteral("XDG_RUNTIME_DIR"));
     const QString current = runtime + QStringLiteral("/hypr/") + signature + QStringLiteral("/.socket.sock");
     const QString older = QStringLiteral("/tmp/hypr/") + signature + QStringLiteral("/.socket.sock");
-    return std::make_unique<CompositorFrontApplication>(Protocol::hyprland,
-                                                        !runtime.isEmpty() && QFileInfo::exists(current) ? current : older);
+    return std::make_unique<CompositorFrontApplication>(
+        Protocol::hyprland, !runtime.isEmpty() && QFileInfo::exists(current) ? current : older);
 }
 
 std::optional<QJsonObject> CompositorFrontApplication::askSway()
@@ -127,7 +128,7 @@ std::optional<CompositorFrontApplication::Window> CompositorFrontApplication::fo
         return std::nullopt;
     }
     return Window{{window->value(QLatin1String("instance")).toString(), window->value(QLatin1String("class")).toString()},
-                  window->value(QLatin1String("pid")).toInteger()};
+        window->value(QLatin1String("pid")).toInteger()};
 }
 
 std::optional<QString> CompositorFrontApplication::localizedName()

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 #include "Platform/FrontApplication.h"
+#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 
 #include <QJsonObject>
 #include <QProcessEnvironment>

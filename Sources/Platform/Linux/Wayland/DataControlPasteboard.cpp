@@ -33,8 +33,8 @@ constexpr int writerStopCheckMs = 100;
 constexpr int writersGraceMs = 500;
 
 // The names under which programs ask for plain text on Wayland (and through XWayland).
-const QStringList textTypes = {QStringLiteral("text/plain;charset=utf-8"), QStringLiteral("text/plain"),
-    QStringLiteral("UTF8_STRING"), QStringLiteral("STRING"), QStringLiteral("TEXT")};
+const QStringList textTypes = {QStringLiteral("text/plain;charset=utf-8"), QStringLiteral("text/plain"), QStringLiteral("UTF8_STRING"),
+    QStringLiteral("STRING"), QStringLiteral("TEXT")};
 
 // Reads a pipe to its end, waiting at most the timeout for each further piece.
 std::optional<QByteArray> readToEnd(int fd)
@@ -75,7 +75,8 @@ public:
     using Results = std::vector<std::pair<QString, std::optional<QByteArray>>>;
 
     SnapshotRead(QObject* context, std::function<void(Results)> done)
-        : QObject(context), m_done(std::move(done))
+        : QObject(context)
+        , m_done(std::move(done))
     {
         m_clock.start();
     }
@@ -247,7 +248,8 @@ private:
 };
 
 DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> client)
-    : m_client(std::move(client)), m_writers(std::make_unique<Writers>())
+    : m_client(std::move(client))
+    , m_writers(std::make_unique<Writers>())
 {
     if (!m_client || !m_client->dataControl() || !m_client->seat())
         return;

@@ -31,8 +31,8 @@ quint32 milliseconds()
 }
 
 struct VirtualKeyboardKeyPoster::Keymap {
-    QByteArray text;          // the keymap itself, with its terminating NUL
-    quint32 keyV = 0;         // evdev code of the key that types "v"
+    QByteArray text; // the keymap itself, with its terminating NUL
+    quint32 keyV = 0; // evdev code of the key that types "v"
     quint32 controlMask = 0;
     quint32 shiftMask = 0;
     quint32 altMask = 0;
@@ -139,8 +139,8 @@ void VirtualKeyboardKeyPoster::post(const KeyEvent& event)
     // The modifiers are state, not keys: set before the key goes down, cleared after it comes up.
     if (event.keyDown)
         zwp_virtual_keyboard_v1_modifiers(m_keyboard, modifierMaskFor(event.flags), 0, 0, 0);
-    zwp_virtual_keyboard_v1_key(m_keyboard, milliseconds(), m_keymap->keyV,
-                                event.keyDown ? WL_KEYBOARD_KEY_STATE_PRESSED : WL_KEYBOARD_KEY_STATE_RELEASED);
+    zwp_virtual_keyboard_v1_key(
+        m_keyboard, milliseconds(), m_keymap->keyV, event.keyDown ? WL_KEYBOARD_KEY_STATE_PRESSED : WL_KEYBOARD_KEY_STATE_RELEASED);
     if (!event.keyDown)
         zwp_virtual_keyboard_v1_modifiers(m_keyboard, 0, 0, 0, 0);
     m_client->flush();

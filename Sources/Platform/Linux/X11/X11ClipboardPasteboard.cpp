@@ -28,8 +28,8 @@ void bringServerTimeToQt()
     if (!onX11())
         return;
     using SetAppTime = void (*)(QScreen*, xcb_timestamp_t);
-    static const auto setAppTime = reinterpret_cast<SetAppTime>(reinterpret_cast<void*>(
-        QGuiApplication::platformNativeInterface()->nativeResourceFunctionForScreen("setapptime")));
+    static const auto setAppTime = reinterpret_cast<SetAppTime>(
+        reinterpret_cast<void*>(QGuiApplication::platformNativeInterface()->nativeResourceFunctionForScreen("setapptime")));
     const std::optional<Time> now = X11Display::serverTime(X11Display::shared());
     if (setAppTime && now)
         setAppTime(QGuiApplication::primaryScreen(), xcb_timestamp_t(*now));
@@ -55,8 +55,8 @@ bool qtOwnsSelection()
 // of image formats that are saved anyway.
 bool isBookkeepingFormat(const QString& format)
 {
-    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"),
-        QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
+    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"),
+        QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
     return bookkeeping.contains(format);
 }
 

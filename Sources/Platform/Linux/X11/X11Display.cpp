@@ -75,8 +75,8 @@ bool readProperty(Display* display, Window window, Atom property, Atom type, lon
     Atom actualType = None;
     unsigned long remaining = 0;
     return withErrorsTrapped(display, [&] {
-        XGetWindowProperty(display, window, property, 0, length, False, type, &actualType, &value.format,
-            &value.count, &remaining, &value.data);
+        XGetWindowProperty(
+            display, window, property, 0, length, False, type, &actualType, &value.format, &value.count, &remaining, &value.data);
     }) && value.data;
 }
 
@@ -98,8 +98,8 @@ std::optional<Time> serverTime(Display* display)
     static const Window stamp = [display] {
         XSetWindowAttributes attributes{};
         attributes.event_mask = PropertyChangeMask;
-        return XCreateWindow(display, DefaultRootWindow(display), -10, -10, 1, 1, 0, CopyFromParent, InputOnly,
-            CopyFromParent, CWEventMask, &attributes);
+        return XCreateWindow(
+            display, DefaultRootWindow(display), -10, -10, 1, 1, 0, CopyFromParent, InputOnly, CopyFromParent, CWEventMask, &attributes);
     }();
     static const Atom property = XInternAtom(display, "_VOXARIA_TIME", False);
     XChangeProperty(display, stamp, property, XA_STRING, 8, PropModeAppend, reinterpret_cast<const unsigned char*>(""), 0);

@@ -20,8 +20,7 @@ bool endTrap(Display* display);
 
 // Runs Xlib requests that may name windows that vanished meanwhile; such errors are swallowed
 // instead of ending the process. Answers whether the requests went without error.
-template <typename Requests>
-bool withErrorsTrapped(Display* display, Requests&& requests)
+template <typename Requests> bool withErrorsTrapped(Display* display, Requests&& requests)
 {
     beginTrap(display);
     requests();

@@ -1,6 +1,5 @@
 #include "Shared/Logging.h"
 
-
 #include "X11Display.h"
 #include "X11FrontApplication.h"
 
@@ -30,9 +29,8 @@ std::optional<Window> focusedTopLevel(Display* display)
         Window parent = None;
         Window* children = nullptr;
         unsigned int count = 0;
-        const bool ok = X11Display::withErrorsTrapped(display, [&] {
-            XQueryTree(display, window, &rootReturn, &parent, &children, &count);
-        });
+        const bool ok
+            = X11Display::withErrorsTrapped(display, [&] { XQueryTree(display, window, &rootReturn, &parent, &children, &count); });
         if (children)
             XFree(children);
         if (!ok)
@@ -46,8 +44,7 @@ std::optional<Window> focusedTopLevel(Display* display)
 
 std::optional<FrontApplication::WindowClass> classOf(Display* display, Window window)
 {
-    const std::optional<QByteArray> raw =
-        X11Display::stringProperty(display, window, XInternAtom(display, "WM_CLASS", False));
+    const std::optional<QByteArray> raw = X11Display::stringProperty(display, window, XInternAtom(display, "WM_CLASS", False));
     if (!raw)
         return std::nullopt;
     // Two NUL-terminated strings: the instance name, then the class.
@@ -60,8 +57,7 @@ std::optional<FrontApplication::WindowClass> classOf(Display* display, Window wi
 
 std::optional<qint64> processId(Display* display, Window window)
 {
-    const auto pid =
-        X11Display::cardinalProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), XA_CARDINAL);
+    const auto pid = X11Display::cardinalProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), XA_CARDINAL);
     return pid ? std::optional<qint64>(qint64(*pid)) : std::nullopt;
 }
 
@@ -98,4 +94,3 @@ std::optional<FrontApplication::WindowClass> X11FrontApplication::windowClass()
     const std::optional<Window> window = focusedTopLevel(display);
     return window ? classOf(display, *window) : std::nullopt;
 }
-

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 #include "Platform/FrontApplication.h"
+#include "Platform/Linux/Desktop/DesktopEntryNames.h"
 
 // The front application on X11: the window named by the window manager's _NET_ACTIVE_WINDOW, or,
 // with no window manager, the top-level window above the one holding the input focus.

@@ -1,14 +1,13 @@
 #include "XInputKeyMonitor.h"
 
-#include "Shared/Logging.h"
 #include "Platform/Linux/Input/ModifierKeys.h"
 #include "Platform/Linux/Input/SyntheticKeys.h"
+#include "Shared/Logging.h"
 
 #include <QSocketNotifier>
 
 #include <X11/Xlib.h>
 #include <X11/extensions/XInput2.h>
-
 
 XInputKeyMonitor::XInputKeyMonitor()
     : m_handlers([this] { return openConnection(); }, [this] { closeConnection(); })
@@ -34,8 +33,7 @@ bool XInputKeyMonitor::openConnection()
 {
     Display* display = XOpenDisplay(nullptr);
     if (!display) {
-        qCWarning(lcHotkey) << "cannot watch the dictation key: no X display (DISPLAY is"
-                            << qEnvironmentVariable("DISPLAY") << ")";
+        qCWarning(lcHotkey) << "cannot watch the dictation key: no X display (DISPLAY is" << qEnvironmentVariable("DISPLAY") << ")";
         return false;
     }
     int event = 0;

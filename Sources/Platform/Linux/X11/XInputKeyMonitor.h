@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Platform/Linux/Input/ModifierKeys.h"
 #include "Platform/KeyMonitor.h"
+#include "Platform/Linux/Input/ModifierKeys.h"
 
 #include <QObject>
 

@@ -1,6 +1,5 @@
 #include "Shared/Logging.h"
 
-
 #include "Platform/Linux/Input/SyntheticKeys.h"
 #include "X11Display.h"
 #include "XTestKeyPoster.h"
