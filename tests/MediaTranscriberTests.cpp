@@ -1,3 +1,4 @@
+#include "Engines/WhisperCliFeatures.h"
 #include "LocalHttpServer.h"
 #include "Media/MediaTranscriber.h"
 #include "Shared/AppPaths.h"
@@ -137,6 +138,8 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
             {}},
         {file, "text=\\n   \\n\\n", "", transcribed + QStringList{"=  + srt"}, {}},
         {file, "nosrt=1\ntext=sem legenda", "", transcribed + QStringList{"= sem legenda"}, {}},
+        // A whole job that reads as one phrase Whisper makes up on silence has nothing to show.
+        {file, "text= [Música] ", "", transcribed + QStringList{"= "}, {}},
         {file, "exit=3", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 3"}, {}},
         {file, "notxt=1", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
         {file, "text_hex=4f6cff61", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
@@ -168,6 +171,38 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         QDir(folder).removeRecursively(); // as the window does when it closes
     }
     EXPECT_TRUE(QFile::exists(awkward));
+}
+
+// The real whisper-cli and Silero model, through the options a job adds: silence and noise never
+// reach Whisper; speech does.
+TEST(WhisperCliVad, OnlyWhatTheVoiceDetectionCallsSpeechIsTranscribed)
+{
+    const QString binary = VOXARIA_BUILT_WHISPER_CLI, models = VOXARIA_WHISPER_TEST_MODELS;
+    if (!QFileInfo::exists(binary) || !QFileInfo::exists(models + "/for-tests-silero-v6.2.0-ggml.bin"))
+        GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF), nor its test models";
+    QDir(AppPaths::modelsFolder()).removeRecursively();
+    EXPECT_TRUE(WhisperCliFeatures::vadArguments(binary).isEmpty()) << "VAD without its model";
+    QDir().mkpath(AppPaths::modelsFolder());
+    QDir().mkpath(scratch({}));
+    QFile::copy(models + "/for-tests-silero-v6.2.0-ggml.bin", WhisperCliFeatures::vadModelPath());
+    const QStringList vad = WhisperCliFeatures::vadArguments(binary);
+    EXPECT_TRUE(vad.contains("--vad-speech-pad-ms"));
+    const QString silence = scratch("silence.wav"), noise = scratch("noise.wav");
+    for (const auto& [wav, source] : {std::pair{silence, "anullsrc=r=16000:cl=mono"}, {noise, "anoisesrc=r=16000:a=0.05:c=pink"}})
+        QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i", source, "-t", "3", "-c:a", "pcm_s16le", wav});
+    for (const auto& [wav, speech] : {std::pair{silence, false}, {noise, false}, {testDataPath("speech/jfk.wav"), true}}) {
+        QProcess whisperCli;
+        // The smallest audio context and one beam: the vocabulary-only model gives no words anyway.
+        whisperCli.start(binary,
+            QStringList{"-m", models + "/for-tests-ggml-tiny.bin", "-f", wav, "-l", "en", "-ac", "64", "-bs", "1", "-bo", "1", "-nf",
+                "-otxt", "-of", scratch("out")}
+                + vad);
+        ASSERT_TRUE(whisperCli.waitForFinished(120000));
+        const QByteArray log = whisperCli.readAllStandardError();
+        EXPECT_EQ(whisperCli.exitCode(), 0) << log.toStdString();
+        EXPECT_EQ(log.contains("Final speech segments after filtering: 0"), !speech) << wav.toStdString();
+        EXPECT_EQ(log.contains("encode time =     0.00 ms"), !speech) << log.toStdString();
+    }
 }
 
 // The system's own yt-dlp, fetching a direct link from a server on this machine.

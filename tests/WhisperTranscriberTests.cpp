@@ -1,4 +1,7 @@
+#include "Engines/PhantomPhrases.h"
+#include "Engines/SpeechGate.h"
 #include "Engines/WhisperTranscriber.h"
+#include "Media/AudioExtractor.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
@@ -14,6 +17,10 @@
 #include <QSettings>
 
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <random>
 
 using namespace std::chrono_literals;
 using namespace TestSupport;
@@ -50,21 +57,28 @@ protected:
         return std::make_unique<WhisperTranscriber>(std::move(input));
     }
 
-    // A dictation that has recorded eleven buffers of 4096 frames.
-    std::unique_ptr<WhisperTranscriber> record()
+    // A dictation that has recorded eleven buffers of 4096 frames: silence, and a tone in every
+    // other one, which the speech gate lets through.
+    std::unique_ptr<WhisperTranscriber> record(bool voiced = true)
     {
         auto engine = makeEngine();
         answers = {};
         answers.start(*engine);
-        for (int i = 0; i < 11; ++i)
-            microphone->deliver(QByteArray(4096 * 2 * sizeof(float), 0));
+        std::vector<float> tone(size_t{4096} * 2);
+        for (size_t i = 0; i < tone.size(); ++i)
+            tone[i] = 0.3F * float(std::sin(double(i / 2) * 2 * std::numbers::pi * 220 / 48000));
+        for (int i = 0; i < 11; ++i) {
+            const bool loud = voiced && i % 2 == 1;
+            microphone->deliver(loud ? QByteArray(reinterpret_cast<const char*>(tone.data()), qsizetype(tone.size() * sizeof(float)))
+                                     : QByteArray(4096 * 2 * sizeof(float), 0));
+        }
         return engine;
     }
 
     // The same, released, and its answer, which must come later on the event loop.
-    void dictate()
+    void dictate(bool voiced = true)
     {
-        auto engine = record();
+        auto engine = record(voiced);
         engine->finish();
         EXPECT_FALSE(answers.answered()) << "answered from inside finish()";
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
@@ -88,6 +102,7 @@ TEST_F(WhisperTranscriberTest, ModelIsTheSelectedFileElseTheFirstLargeElseTheFir
     installModel("ggml-small-q5_1.bin");
     installModel("LEIA-ME.txt");
     installModel("ggml-LARGE.bin.part");
+    installModel("ggml-silero-v6.2.0.bin"); // the voice activity model
     EXPECT_EQ(WhisperTranscriber::modelURL(), modelPath("ggml-small-q5_1.bin"));
 
     QFile::remove(modelPath("ggml-small-q5_1.bin"));
@@ -190,6 +205,8 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
     } cases[] = {
         {"text=  Hola, ¿qué tal?\\nSegunda línea \\n\\n", {"Hola, ¿qué tal?\nSegunda línea"}, {}},
         {"text=\n", {""}, {}},
+        {"text= Obrigado por assistir!\n", {""}, {}},
+        {"text=Obrigado por assistir à aula de ontem.", {"Obrigado por assistir à aula de ontem."}, {}},
         {"flood_stdout=32\ntext=ainda chega", {"ainda chega"}, {}},
         {"exit=3\nquiet=1\nstderr=primeira linha\nstderr=segunda linha\nstderr=\\n", {}, {failed + "segunda linha"}},
         {"notxt=1\nquiet=1", {}, {failed + "código 0"}},
@@ -207,6 +224,67 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         EXPECT_TRUE(answers.onMainThread);
         EXPECT_TRUE(dictationFiles().isEmpty());
     }
+}
+
+TEST_F(WhisperTranscriberTest, ASilentRecordingIsAnsweredEmptyWithoutRunningWhisper)
+{
+    dictate(false);
+    EXPECT_EQ(answers.finals, QStringList({""}));
+    EXPECT_TRUE(whisper.lastArguments().isEmpty()) << "whisper-cli ran on silence";
+    EXPECT_TRUE(dictationFiles().isEmpty());
+}
+
+// Real speech against three seconds of what a held key records without it.
+TEST(SpeechGate, HearsSpeechButNotSilenceHissOrHum)
+{
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> white(-0.1, 0.1);
+    double low = 0, middle = 0, high = 0;
+    const std::pair<const char*, std::function<double(int)>> sounds[] = {
+        {"digital silence", [](int) { return 0.0; }},
+        {"white noise", [&](int) { return white(random); }},
+        {"pink noise",
+            [&](int) {
+                const double w = white(random);
+                low = 0.99765 * low + w * 0.0990460;
+                middle = 0.963 * middle + w * 0.2965164;
+                high = 0.57 * high + w * 1.0526913;
+                return low + middle + high + w * 0.1848;
+            }},
+        {"mains hum",
+            [](int i) {
+                return 0.2 * std::sin(i * 2 * std::numbers::pi * 50 / 16000) + 0.05 * std::sin(i * 2 * std::numbers::pi * 150 / 16000);
+            }},
+    };
+    for (const auto& [name, sound] : sounds) {
+        std::vector<qint16> samples(size_t{3} * SpeechGate::kSampleRate);
+        for (size_t i = 0; i < samples.size(); ++i)
+            samples[i] = qint16(std::lround(std::clamp(sound(int(i)), -1.0, 1.0) * 32767));
+        SpeechGate gate;
+        gate.add(samples);
+        EXPECT_FALSE(gate.heardSpeech()) << name;
+    }
+    for (const QString clip : {"speech/jfk.wav", "speech/fleurs-pt-000.ogg", "speech/fleurs-pt-004.ogg", "speech/fleurs-en-002.ogg"}) {
+        const QString wav = AppPaths::dataFolder() + "/clip.wav";
+        AudioExtractor::extractWAV(testDataPath(clip), wav);
+        QFile file(wav);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        const QByteArray pcm = file.readAll().mid(44);
+        SpeechGate gate;
+        gate.add({reinterpret_cast<const qint16*>(pcm.constData()), size_t(pcm.size()) / 2});
+        EXPECT_TRUE(gate.heardSpeech()) << clip.toStdString();
+    }
+}
+
+// Whole transcripts only, whatever their case, accents, punctuation and spacing.
+TEST(PhantomPhrases, AWholeTranscriptThatIsAPhantomPhraseIsDroppedAndRealTextKept)
+{
+    const PhantomPhrases& phrases = PhantomPhrases::bundled();
+    for (const QString phantom : {"Legendas pela comunidade Amara.org", "  obrigada.", "OBRIGADO POR ASSISTIR!!", "Tchau tchau.",
+             "até a PROXIMA...", "[Música]", "(musica)", "[BLANK_AUDIO]", "Inscreva-se no canal!", "Thank you.", "you"})
+        EXPECT_EQ(phrases.withoutPhantom(phantom), QString()) << phantom.toStdString();
+    for (const QString real : {"Obrigado por assistir à aula de ontem.", "Obrigado, Maria.", "Você", "thank you all", "Música alta", ""})
+        EXPECT_EQ(phrases.withoutPhantom(real), real) << real.toStdString();
 }
 
 TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)

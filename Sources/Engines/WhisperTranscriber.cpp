@@ -1,10 +1,13 @@
 #include "WhisperTranscriber.h"
 
+#include "PhantomPhrases.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
 #include "Shared/StrictUtf8.h"
 #include "Shared/WavWriter.h"
+#include "SpeechGate.h"
+#include "WhisperCliFeatures.h"
 #include "WhisperError.h"
 
 #include <QCoreApplication>
@@ -65,12 +68,13 @@ void appendToTail(QByteArray& tail, const QByteArray& chunk)
 
 }
 
-// What the capture thread touches while recording: the converter and the open WAV. The main thread
-// reaches it only after the capture has stopped.
+// What the capture thread touches while recording: the converter, the open WAV and the speech gate.
+// The main thread reaches it only after the capture has stopped.
 struct WhisperTranscriber::Recording {
     std::unique_ptr<AudioConverter> converter;
     std::unique_ptr<WavWriter> file;
     std::vector<qint16> converted;
+    SpeechGate gate;
 
     void append(QByteArrayView buffer)
     {
@@ -93,6 +97,7 @@ struct WhisperTranscriber::Recording {
 
     void write()
     {
+        gate.add(converted);
         if (!file->append(converted.data(), converted.size()))
             qCDebug(lcWhisper) << "dropped a buffer:" << file->errorString();
     }
@@ -156,8 +161,10 @@ std::optional<QString> WhisperTranscriber::modelURL()
     // Listed by name, so "the first" is the same on every machine.
     const QStringList entries = models.entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
     QStringList bins;
+    // The voice activity model sits beside the Whisper models but is none.
+    const QString vadModel = QFileInfo(WhisperCliFeatures::vadModelPath()).fileName();
     for (const QString& entry : entries) {
-        if (QFileInfo(entry).suffix() == QLatin1String("bin"))
+        if (QFileInfo(entry).suffix() == QLatin1String("bin") && entry != vadModel)
             bins << entry;
     }
     for (const QString& bin : bins) {
@@ -214,14 +221,17 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     qCDebug(lcWhisper) << "recording to" << *m_wavURL;
 }
 
-void WhisperTranscriber::stopRecording()
+bool WhisperTranscriber::stopRecording()
 {
     if (m_audioEngine->isRunning())
         m_audioEngine->stop();
     // The capture thread is done with the recording now; closing writes the WAV's final sizes.
-    if (m_audioFile)
-        m_audioFile->finalise();
+    if (!m_audioFile)
+        return false;
+    m_audioFile->finalise();
+    const bool heardSpeech = m_audioFile->gate.heardSpeech();
     m_audioFile.reset();
+    return heardSpeech;
 }
 
 // The microphone went away mid-dictation: half a recording is not worth transcribing.
@@ -235,7 +245,7 @@ void WhisperTranscriber::abandonRecording(const Error& error)
 
 void WhisperTranscriber::finish()
 {
-    stopRecording();
+    const bool heardSpeech = stopRecording();
     if (m_cancelled || !m_wavURL) {
         cleanup();
         return;
@@ -248,6 +258,13 @@ void WhisperTranscriber::finish()
         cleanup();
         const WhisperError error = binary ? WhisperError::modelMissing() : WhisperError::notInstalled();
         QTimer::singleShot(0, this, [this, error] { answerWithError(error); });
+        return;
+    }
+    if (!heardSpeech) {
+        // Whisper would make up a sentence out of the silence or the hum; nothing heard is the answer.
+        qCInfo(lcWhisper) << "nothing speech-like was recorded: whisper-cli is not run";
+        cleanup();
+        QTimer::singleShot(0, this, [this] { answerWithText(QString()); });
         return;
     }
     launch(*binary, *model);
@@ -312,14 +329,19 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
         text = decodeStrictUtf8(transcript.readAll());
     if (text) {
-        if (FinalCallback onFinal = std::exchange(m_onFinal, nullptr))
-            onFinal(text->trimmed());
-        m_onError = nullptr;
+        answerWithText(PhantomPhrases::bundled().withoutPhantom(text->trimmed()));
     } else {
         qCWarning(lcWhisper) << "whisper-cli failed with status" << exitStatus;
         answerWithError(WhisperError::transcriptionFailed(failureDetail(errorOutput, exitStatus)));
     }
     cleanup();
+}
+
+void WhisperTranscriber::answerWithText(const QString& text)
+{
+    m_onError = nullptr;
+    if (FinalCallback onFinal = std::exchange(m_onFinal, nullptr))
+        onFinal(text);
 }
 
 void WhisperTranscriber::answerWithError(const Error& error)

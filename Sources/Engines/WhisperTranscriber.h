@@ -45,10 +45,12 @@ public:
 private:
     struct Recording;
 
-    void stopRecording();
+    // Whether what was recorded sounds like speech at all.
+    bool stopRecording();
     void abandonRecording(const Error& error);
     void launch(const QString& binary, const QString& model);
     void complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput);
+    void answerWithText(const QString& text);
     void answerWithError(const Error& error);
     void retireProcess();
     void cleanup();

@@ -1,6 +1,8 @@
 #include "MediaTranscriber.h"
 
 #include "AudioExtractor.h"
+#include "Engines/PhantomPhrases.h"
+#include "Engines/WhisperCliFeatures.h"
 #include "Engines/WhisperError.h"
 #include "Engines/WhisperTranscriber.h"
 #include "JobProcess.h"
@@ -316,17 +318,24 @@ MediaTranscriber::Output MediaTranscriber::Job::runWhisper(const QString& wavURL
     status(QStringLiteral("Transcrevendo… (vídeos longos podem levar alguns minutos)"), std::nullopt);
 
     const QString base = directory + QStringLiteral("/transcricao");
-    // Media files come in any language: whisper-cli detects it, whatever dictation is set to.
+    // Media files come in any language: whisper-cli detects it, whatever dictation is set to. Music,
+    // applause and long pauses are left out when it can tell them from speech, so Whisper makes
+    // nothing up there.
     JobProcess child(*binary,
-        {QStringLiteral("-m"), *model, QStringLiteral("-f"), wavURL, QStringLiteral("-l"), QStringLiteral("auto"),
+        QStringList{QStringLiteral("-m"), *model, QStringLiteral("-f"), wavURL, QStringLiteral("-l"), QStringLiteral("auto"),
             QStringLiteral("--no-prints"), QStringLiteral("--print-progress"), QStringLiteral("-otxt"), QStringLiteral("-osrt"),
-            QStringLiteral("-of"), base});
+            QStringLiteral("-of"), base}
+            + WhisperCliFeatures::vadArguments(*binary));
     child.onErrorLine = [this](const QString& line) { reportWhisperProgress(line); };
     const int exitStatus = runChild(child);
 
     const std::optional<QString> text = exitStatus == 0 ? readUtf8File(base + QStringLiteral(".txt")) : std::nullopt;
     if (!text)
         throw WhisperError::transcriptionFailed(QStringLiteral("código ") + QString::number(exitStatus));
+    // A whole job that reads as one phrase Whisper makes up on silence was silence: neither text nor
+    // subtitles.
+    if (PhantomPhrases::bundled().isPhantom(*text))
+        return {PhantomPhrases::bundled().withoutPhantom(*text), std::nullopt};
     const QString srt = base + QStringLiteral(".srt");
     return {text->trimmed(), QFileInfo(srt).isFile() ? std::optional<QString>(srt) : std::nullopt};
 }
