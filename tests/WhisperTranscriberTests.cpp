@@ -50,27 +50,47 @@ protected:
         return std::make_unique<WhisperTranscriber>(std::move(input));
     }
 
-    // A dictation that has recorded eleven buffers of 4096 frames.
-    std::unique_ptr<WhisperTranscriber> record()
+    // The command line of the whisper-cli started for a dictation, while it runs.
+    QString runningChild() const
+    {
+        QProcess pgrep;
+        pgrep.start("pgrep", {"-a", "-f", whisper.binaryPath() + " -m"});
+        return pgrep.waitForFinished() ? QString::fromUtf8(pgrep.readAll()) : QString();
+    }
+
+    // A dictation that has recorded `buffers` buffers of 4096 frames; a whisper-cli that reads
+    // standard input is running by the first of them.
+    std::unique_ptr<WhisperTranscriber> record(int buffers = 11)
     {
         auto engine = makeEngine();
         answers = {};
         answers.start(*engine);
-        for (int i = 0; i < 11; ++i)
-            microphone->deliver(QByteArray(4096 * 2 * sizeof(float), 0));
+        if (!olderWhisper) {
+            EXPECT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); })) << "whisper-cli did not start at key down";
+        }
+        for (int i = 0; i < buffers; ++i)
+            microphone->deliver(QByteArray(sizeof(float) * 4096 * 2, 0));
         return engine;
     }
 
     // The same, released, and its answer, which must come later on the event loop.
-    void dictate()
+    void dictate(int buffers = 11)
     {
-        auto engine = record();
+        auto engine = record(buffers);
         engine->finish();
         EXPECT_FALSE(answers.answered()) << "answered from inside finish()";
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
     }
 
+    // A whisper-cli older than 1.9.3: it cannot read standard input, so it starts at release.
+    void useOlderWhisper()
+    {
+        whisper.script("novad=1");
+        olderWhisper = true;
+    }
+
     FakeWhisper whisper;
+    bool olderWhisper = false;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
 };
@@ -162,12 +182,13 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     // No language at all lets whisper-cli recognise whichever is spoken; it refuses an empty one. A
     // set language ("pt-BR" as "pt") is met by the end-to-end run, which the fake would refuse otherwise.
     Settings::shared().setLocaleIdentifier(QString());
+    useOlderWhisper();
     dictate();
     EXPECT_EQ(answers.finals, QStringList({"texto de teste"})) << answers.errors.join(' ').toStdString();
 
     const QStringList args = whisper.lastArguments();
     ASSERT_EQ(args.size(), 11);
-    const QString wav = args[3];
+    const QString& wav = args[3];
     EXPECT_EQ(args,
         QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto", "--no-timestamps", "--no-prints", "-otxt",
             "-of", wav.chopped(4)}));
@@ -177,6 +198,20 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     EXPECT_TRUE(recorded.valid);
     EXPECT_NEAR(recorded.seconds(), 11 * 4096 / 48000.0, 0.01);
     EXPECT_TRUE(dictationFiles().isEmpty());
+
+    // Past 25 s, timestamps stay on so whisper.cpp drops no sentence; its lines come back joined.
+    whisper.script("novad=1\ntext=Primeira frase.\\n Segunda frase. \\n");
+    dictate(470);
+    EXPECT_FALSE(whisper.lastArguments().contains("--no-timestamps"));
+    EXPECT_EQ(answers.finals.value(0), "Primeira frase. Segunda frase.");
+}
+
+// A whisper-cli started at key down reads the completed WAV from standard input, always with timestamps.
+TEST_F(WhisperTranscriberTest, WhisperStartedAtKeyDownGetsTheWholeRecordingOnStandardInput)
+{
+    dictate();
+    EXPECT_EQ(whisper.lastArguments().mid(2, 5), QStringList({"-f", "-", "-l", "pt", "--no-prints"}));
+    EXPECT_NEAR(readWav(whisper.lastInputCopy()).seconds(), 11 * 4096 / 48000.0, 0.01) << "the header went out before its sizes were known";
 }
 
 // The transcript, trimmed; or the last line of the error output, else the exit status.
@@ -188,7 +223,7 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         QStringList finals;
         QStringList errors;
     } cases[] = {
-        {"text=  Hola, ¿qué tal?\\nSegunda línea \\n\\n", {"Hola, ¿qué tal?\nSegunda línea"}, {}},
+        {"text=  Hola, ¿qué tal?\\nSegunda línea \\n\\n", {"Hola, ¿qué tal? Segunda línea"}, {}},
         {"text=\n", {""}, {}},
         {"flood_stdout=32\ntext=ainda chega", {"ainda chega"}, {}},
         {"exit=3\nquiet=1\nstderr=primeira linha\nstderr=segunda linha\nstderr=\\n", {}, {failed + "segunda linha"}},
@@ -211,6 +246,7 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
 
 TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)
 {
+    useOlderWhisper();
     auto vanished = record();
     QFile::remove(whisper.binaryPath());
     vanished->finish();
@@ -261,6 +297,35 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
     }
     // The held fake was terminated, not waited for.
     EXPECT_TRUE(waitUntil([&] { return QProcess::execute("pgrep", {"-f", whisper.binaryPath()}) == 1; }));
+}
+
+// The real whisper-cli 1.9.3 on real speech, with a model of vocabulary only: it loads and hears nothing.
+TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWithTheDictation)
+{
+#ifndef VOXARIA_WHISPER_TEST_MODEL
+    GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)";
+#else
+    ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(VOXARIA_WHISPER_CLI, whisper.binaryPath()));
+    QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
+    ASSERT_TRUE(QFile::link(VOXARIA_WHISPER_TEST_MODEL, modelPath("ggml-large-v3-turbo-q5_0.bin")));
+    QFile speech(testDataPath("speech/jfk.wav"));
+    ASSERT_TRUE(speech.open(QIODevice::ReadOnly));
+    const QByteArray samples = speech.readAll().mid(44);
+    for (const bool cancelled : {false, true}) {
+        SCOPED_TRACE(cancelled ? "cancelled" : "finished");
+        auto engine = makeEngine();
+        microphone->deviceFormat = AudioFormat{16000, 1, AudioFormat::SampleType::int16};
+        answers = {};
+        answers.start(*engine);
+        ASSERT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); }, 20s)) << "whisper-cli did not start at key down";
+        for (qsizetype at = 0; at < samples.size(); at += 8192)
+            microphone->deliver(samples.mid(at, 8192));
+        cancelled ? engine->cancel() : engine->finish();
+        EXPECT_TRUE(waitUntil([&] { return runningChild().isEmpty() && (cancelled || answers.answered()); }, 120s));
+        EXPECT_EQ(answers.finals + answers.errors, cancelled ? QStringList() : QStringList({""}));
+        EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); })) << dictationFiles().join(' ').toStdString();
+    }
+#endif
 }
 
 // The other engine meets the same through the fake microphone (SpeechTranscriberTests).
