@@ -206,14 +206,6 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     EXPECT_EQ(answers.finals.value(0), "Primeira frase. Segunda frase.");
 }
 
-// A whisper-cli started at key down reads the completed WAV from standard input, always with timestamps.
-TEST_F(WhisperTranscriberTest, WhisperStartedAtKeyDownGetsTheWholeRecordingOnStandardInput)
-{
-    dictate();
-    EXPECT_EQ(whisper.lastArguments().mid(2, 5), QStringList({"-f", "-", "-l", "pt", "--no-prints"}));
-    EXPECT_NEAR(readWav(whisper.lastInputCopy()).seconds(), 11 * 4096 / 48000.0, 0.01) << "the header went out before its sizes were known";
-}
-
 // The transcript, trimmed; or the last line of the error output, else the exit status.
 TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
 {
@@ -242,6 +234,9 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         EXPECT_TRUE(answers.onMainThread);
         EXPECT_TRUE(dictationFiles().isEmpty());
     }
+    // Each whisper-cli started at key down, with timestamps, and read the completed WAV on standard input.
+    EXPECT_EQ(whisper.lastArguments().mid(2, 5), QStringList({"-f", "-", "-l", "pt", "--no-prints"}));
+    EXPECT_NEAR(readWav(whisper.lastInputCopy()).seconds(), 11 * 4096 / 48000.0, 0.01) << "the header went out before its sizes were known";
 }
 
 TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)
