@@ -57,17 +57,29 @@ protected:
         return std::make_unique<WhisperTranscriber>(std::move(input));
     }
 
-    // A dictation that has recorded eleven buffers of 4096 frames: silence, and a tone in every
-    // other one, which the speech gate lets through.
-    std::unique_ptr<WhisperTranscriber> record(bool voiced = true)
+    // The command line of the whisper-cli started for a dictation, while it runs.
+    QString runningChild() const
+    {
+        QProcess pgrep;
+        pgrep.start("pgrep", {"-a", "-f", whisper.binaryPath() + " -m"});
+        return pgrep.waitForFinished() ? QString::fromUtf8(pgrep.readAll()) : QString();
+    }
+
+    // A dictation that has recorded `buffers` buffers of 4096 frames: silence, and a tone in every
+    // other one, which the speech gate lets through; a whisper-cli that reads standard input is
+    // running by the first of them.
+    std::unique_ptr<WhisperTranscriber> record(int buffers = 11, bool voiced = true)
     {
         auto engine = makeEngine();
         answers = {};
         answers.start(*engine);
+        if (!olderWhisper) {
+            EXPECT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); })) << "whisper-cli did not start at key down";
+        }
         std::vector<float> tone(size_t{4096} * 2);
         for (size_t i = 0; i < tone.size(); ++i)
             tone[i] = 0.3F * float(std::sin(double(i / 2) * 2 * std::numbers::pi * 220 / 48000));
-        for (int i = 0; i < 11; ++i) {
+        for (int i = 0; i < buffers; ++i) {
             const bool loud = voiced && i % 2 == 1;
             microphone->deliver(loud ? QByteArray(reinterpret_cast<const char*>(tone.data()), qsizetype(tone.size() * sizeof(float)))
                                      : QByteArray(4096 * 2 * sizeof(float), 0));
@@ -76,15 +88,23 @@ protected:
     }
 
     // The same, released, and its answer, which must come later on the event loop.
-    void dictate(bool voiced = true)
+    void dictate(int buffers = 11, bool voiced = true)
     {
-        auto engine = record(voiced);
+        auto engine = record(buffers, voiced);
         engine->finish();
         EXPECT_FALSE(answers.answered()) << "answered from inside finish()";
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
     }
 
+    // A whisper-cli older than 1.9.3: it cannot read standard input, so it starts at release.
+    void useOlderWhisper()
+    {
+        whisper.script("novad=1");
+        olderWhisper = true;
+    }
+
     FakeWhisper whisper;
+    bool olderWhisper = false;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
 };
@@ -177,12 +197,13 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     // No language at all lets whisper-cli recognise whichever is spoken; it refuses an empty one. A
     // set language ("pt-BR" as "pt") is met by the end-to-end run, which the fake would refuse otherwise.
     Settings::shared().setLocaleIdentifier(QString());
+    useOlderWhisper();
     dictate();
     EXPECT_EQ(answers.finals, QStringList({"texto de teste"})) << answers.errors.join(' ').toStdString();
 
     const QStringList args = whisper.lastArguments();
     ASSERT_EQ(args.size(), 11);
-    const QString wav = args[3];
+    const QString& wav = args[3];
     EXPECT_EQ(args,
         QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto", "--no-timestamps", "--no-prints", "-otxt",
             "-of", wav.chopped(4)}));
@@ -192,6 +213,12 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     EXPECT_TRUE(recorded.valid);
     EXPECT_NEAR(recorded.seconds(), 11 * 4096 / 48000.0, 0.01);
     EXPECT_TRUE(dictationFiles().isEmpty());
+
+    // Past 25 s, timestamps stay on so whisper.cpp drops no sentence; its lines come back joined.
+    whisper.script("novad=1\ntext=Primeira frase.\\n Segunda frase. \\n");
+    dictate(470);
+    EXPECT_FALSE(whisper.lastArguments().contains("--no-timestamps"));
+    EXPECT_EQ(answers.finals.value(0), "Primeira frase. Segunda frase.");
 }
 
 // The transcript, trimmed; or the last line of the error output, else the exit status.
@@ -203,7 +230,7 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         QStringList finals;
         QStringList errors;
     } cases[] = {
-        {"text=  Hola, ¿qué tal?\\nSegunda línea \\n\\n", {"Hola, ¿qué tal?\nSegunda línea"}, {}},
+        {"text=  Hola, ¿qué tal?\\nSegunda línea \\n\\n", {"Hola, ¿qué tal? Segunda línea"}, {}},
         {"text=\n", {""}, {}},
         {"text= Obrigado por assistir!\n", {""}, {}},
         {"text=Obrigado por assistir à aula de ontem.", {"Obrigado por assistir à aula de ontem."}, {}},
@@ -224,11 +251,14 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         EXPECT_TRUE(answers.onMainThread);
         EXPECT_TRUE(dictationFiles().isEmpty());
     }
+    // Each whisper-cli started at key down, with timestamps, and read the completed WAV on standard input.
+    EXPECT_EQ(whisper.lastArguments().mid(2, 5), QStringList({"-f", "-", "-l", "pt", "--no-prints"}));
+    EXPECT_NEAR(readWav(whisper.lastInputCopy()).seconds(), 11 * 4096 / 48000.0, 0.01) << "the header went out before its sizes were known";
 }
 
 TEST_F(WhisperTranscriberTest, ASilentRecordingIsAnsweredEmptyWithoutRunningWhisper)
 {
-    dictate(false);
+    dictate(11, false);
     EXPECT_EQ(answers.finals, QStringList({""}));
     EXPECT_TRUE(whisper.lastArguments().isEmpty()) << "whisper-cli ran on silence";
     EXPECT_TRUE(dictationFiles().isEmpty());
@@ -289,6 +319,7 @@ TEST(PhantomPhrases, AWholeTranscriptThatIsAPhantomPhraseIsDroppedAndRealTextKep
 
 TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)
 {
+    useOlderWhisper();
     auto vanished = record();
     QFile::remove(whisper.binaryPath());
     vanished->finish();
@@ -339,6 +370,34 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
     }
     // The held fake was terminated, not waited for.
     EXPECT_TRUE(waitUntil([&] { return QProcess::execute("pgrep", {"-f", whisper.binaryPath()}) == 1; }));
+}
+
+// The real whisper-cli 1.9.3 on real speech, with a model of vocabulary only: it loads and hears nothing.
+TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWithTheDictation)
+{
+    const QString realWhisper = VOXARIA_BUILT_WHISPER_CLI, testModel = VOXARIA_WHISPER_TEST_MODELS "/for-tests-ggml-tiny.bin";
+    if (!QFileInfo::exists(realWhisper) || !QFileInfo::exists(testModel))
+        GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)";
+    ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(realWhisper, whisper.binaryPath()));
+    QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
+    ASSERT_TRUE(QFile::link(testModel, modelPath("ggml-large-v3-turbo-q5_0.bin")));
+    QFile speech(testDataPath("speech/jfk.wav"));
+    ASSERT_TRUE(speech.open(QIODevice::ReadOnly));
+    const QByteArray samples = speech.readAll().mid(44);
+    for (const bool cancelled : {false, true}) {
+        SCOPED_TRACE(cancelled ? "cancelled" : "finished");
+        auto engine = makeEngine();
+        microphone->deviceFormat = AudioFormat{16000, 1, AudioFormat::SampleType::int16};
+        answers = {};
+        answers.start(*engine);
+        ASSERT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); }, 20s)) << "whisper-cli did not start at key down";
+        for (qsizetype at = 0; at < samples.size(); at += 8192)
+            microphone->deliver(samples.mid(at, 8192));
+        cancelled ? engine->cancel() : engine->finish();
+        EXPECT_TRUE(waitUntil([&] { return runningChild().isEmpty() && (cancelled || answers.answered()); }, 120s));
+        EXPECT_EQ(answers.finals + answers.errors, cancelled ? QStringList() : QStringList({""}));
+        EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); })) << dictationFiles().join(' ').toStdString();
+    }
 }
 
 // The other engine meets the same through the fake microphone (SpeechTranscriberTests).

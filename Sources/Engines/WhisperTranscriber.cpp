@@ -17,6 +17,7 @@
 #include <QStandardPaths>
 #include <QTimer>
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -27,6 +28,9 @@ namespace {
 constexpr qsizetype kErrorTailLimit = qsizetype{64} * 1024;
 // A cancelled whisper-cli gets this long to leave after the polite signal before it is killed.
 constexpr int kTerminateGraceMs = 2000;
+// With --no-timestamps whisper.cpp drops the rest of a 30-second window when its decoder stops
+// early; recordings longer than this run with timestamps, which make it go on to the next segment.
+constexpr qint64 kSegmentedAfterBytes = qint64{25} * WhisperTranscriber::kSampleRate * 2;
 
 QString newRecordingPath()
 {
@@ -55,6 +59,17 @@ QString failureDetail(const QByteArray& errorOutput, int exitStatus)
     return QStringLiteral("código ") + QString::number(exitStatus);
 }
 
+// With timestamps on, the .txt holds one line per segment.
+QString joinedSegments(const QString& text)
+{
+    QStringList segments;
+    for (const QString& line : text.split(QLatin1Char('\n'))) {
+        if (!line.trimmed().isEmpty())
+            segments << line.trimmed();
+    }
+    return segments.join(QLatin1Char(' '));
+}
+
 void appendToTail(QByteArray& tail, const QByteArray& chunk)
 {
     tail += chunk;
@@ -75,9 +90,13 @@ struct WhisperTranscriber::Recording {
     std::unique_ptr<WavWriter> file;
     std::vector<qint16> converted;
     SpeechGate gate;
+    QElapsedTimer sinceKeyDown;
+    std::atomic<qint64> capturing{-1};
 
     void append(QByteArrayView buffer)
     {
+        if (capturing.load(std::memory_order_relaxed) < 0)
+            capturing.store(sinceKeyDown.elapsed(), std::memory_order_relaxed);
         converted.clear();
         // A buffer that fails to convert or to be written is dropped; the recording goes on.
         if (!converter->convert(buffer, converted) || converted.empty())
@@ -183,11 +202,15 @@ bool WhisperTranscriber::isAvailable()
 
 void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCallback onError)
 {
-    if (!binaryURL())
+    const std::optional<QString> binary = binaryURL();
+    if (!binary)
         throw WhisperError::notInstalled();
-    if (!modelURL())
+    const std::optional<QString> model = modelURL();
+    if (!model)
         throw WhisperError::modelMissing();
 
+    m_sinceKeyDown.start();
+    m_timeline = {};
     m_onFinal = std::move(onFinal);
     m_onError = std::move(onError);
     m_cancelled = false;
@@ -201,6 +224,7 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     if (!recording->converter)
         throw unsupported();
 
+    recording->sinceKeyDown = m_sinceKeyDown;
     m_wavURL = newRecordingPath();
     recording->file = std::make_unique<WavWriter>(*m_wavURL, kSampleRate, 1);
     if (!recording->file->open()) {
@@ -219,19 +243,36 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
         throw;
     }
     qCDebug(lcWhisper) << "recording to" << *m_wavURL;
+    launchWhenStdinIsRead(*binary, *model);
 }
 
-bool WhisperTranscriber::stopRecording()
+WhisperTranscriber::Recorded WhisperTranscriber::stopRecording()
 {
     if (m_audioEngine->isRunning())
         m_audioEngine->stop();
+    const std::shared_ptr<Recording> recording = std::exchange(m_audioFile, nullptr);
+    if (!recording)
+        return {};
     // The capture thread is done with the recording now; closing writes the WAV's final sizes.
-    if (!m_audioFile)
-        return false;
-    m_audioFile->finalise();
-    const bool heardSpeech = m_audioFile->gate.heardSpeech();
-    m_audioFile.reset();
-    return heardSpeech;
+    recording->finalise();
+    m_timeline.capturing = recording->capturing.load(std::memory_order_relaxed);
+    return {recording->file->dataBytes(), recording->gate.heardSpeech()};
+}
+
+// Starts whisper-cli now, reading the recording from standard input at release, if it can; the
+// program's --help is asked once per program file, without waiting for it.
+void WhisperTranscriber::launchWhenStdinIsRead(const QString& binary, const QString& model)
+{
+    // 1.9.3, the first to read standard input, is also the first to list --vad.
+    if (const std::optional<bool> known = WhisperCliFeatures::knownVadSupport(binary)) {
+        if (*known)
+            launch(binary, model, QStringLiteral("-"), true);
+        return;
+    }
+    WhisperCliFeatures::probeVadSupport(binary, [binary, model, engine = QPointer<WhisperTranscriber>(this)](bool readsStdin) {
+        if (readsStdin && engine && engine->m_audioFile && !engine->m_process)
+            engine->launch(binary, model, QStringLiteral("-"), true);
+    });
 }
 
 // The microphone went away mid-dictation: half a recording is not worth transcribing.
@@ -239,15 +280,35 @@ void WhisperTranscriber::abandonRecording(const Error& error)
 {
     qCWarning(lcWhisper) << "recording abandoned:" << error.description();
     stopRecording();
+    retireProcess();
     cleanup();
     answerWithError(error);
 }
 
 void WhisperTranscriber::finish()
 {
-    const bool heardSpeech = stopRecording();
+    m_timeline.released = m_sinceKeyDown.elapsed();
+    const Recorded recorded = stopRecording();
     if (m_cancelled || !m_wavURL) {
         cleanup();
+        return;
+    }
+    if (!recorded.heardSpeech) {
+        // Whisper would make up a sentence out of the silence or the hum; nothing heard is the
+        // answer, and a whisper-cli started at key down never gets the recording.
+        qCInfo(lcWhisper) << "nothing speech-like was recorded: whisper-cli is not run";
+        m_exitedEarly = nullptr;
+        retireProcess();
+        cleanup();
+        QTimer::singleShot(0, this, [this] { answerWithText(QString()); });
+        return;
+    }
+    if (m_exitedEarly) {
+        QTimer::singleShot(0, this, std::exchange(m_exitedEarly, nullptr));
+        return;
+    }
+    if (m_process) {
+        sendRecording();
         return;
     }
     const std::optional<QString> binary = binaryURL();
@@ -260,33 +321,33 @@ void WhisperTranscriber::finish()
         QTimer::singleShot(0, this, [this, error] { answerWithError(error); });
         return;
     }
-    if (!heardSpeech) {
-        // Whisper would make up a sentence out of the silence or the hum; nothing heard is the answer.
-        qCInfo(lcWhisper) << "nothing speech-like was recorded: whisper-cli is not run";
-        cleanup();
-        QTimer::singleShot(0, this, [this] { answerWithText(QString()); });
-        return;
-    }
-    launch(*binary, *model);
+    m_timeline.inputClosed = m_sinceKeyDown.elapsed();
+    launch(*binary, *model, *m_wavURL, recorded.bytes > kSegmentedAfterBytes);
 }
 
-QStringList WhisperTranscriber::arguments(const QString& model, const QString& outputBase) const
+// `segmented` leaves out --no-timestamps, so no sentence is dropped. A child started at key down
+// cannot know how long the dictation will be, so it always runs segmented.
+QStringList WhisperTranscriber::arguments(const QString& model, const QString& input, bool segmented) const
 {
     const QString language = Settings::shared().localeIdentifier().left(2).toLower();
     // whisper-cli refuses an empty language (it prints its usage and exits with status 0); with no
     // language set, it should recognise whichever one is spoken.
-    return {QStringLiteral("-m"), model, QStringLiteral("-f"), *m_wavURL, QStringLiteral("-l"),
-        language.isEmpty() ? QStringLiteral("auto") : language, QStringLiteral("--no-timestamps"), QStringLiteral("--no-prints"),
-        QStringLiteral("-otxt"), QStringLiteral("-of"), outputBase};
+    QStringList args{QStringLiteral("-m"), model, QStringLiteral("-f"), input, QStringLiteral("-l"),
+        language.isEmpty() ? QStringLiteral("auto") : language};
+    if (!segmented)
+        args << QStringLiteral("--no-timestamps");
+    return args << QStringLiteral("--no-prints") << QStringLiteral("-otxt") << QStringLiteral("-of") << withoutExtension(*m_wavURL);
 }
 
-void WhisperTranscriber::launch(const QString& binary, const QString& model)
+void WhisperTranscriber::launch(const QString& binary, const QString& model, const QString& input, bool segmented)
 {
     const QString outputBase = withoutExtension(*m_wavURL);
     auto* process = new QProcess(this);
     m_process = process;
+    m_readsStdin = input == QLatin1String("-");
+    m_segmented = segmented;
     process->setProgram(binary);
-    process->setArguments(arguments(model, outputBase));
+    process->setArguments(arguments(model, input, segmented));
     // Nothing on standard output is used; the null device can never fill up and stall the child.
     process->setStandardOutputFile(QProcess::nullDevice());
 
@@ -298,7 +359,11 @@ void WhisperTranscriber::launch(const QString& binary, const QString& model)
         process->deleteLater();
         // A crash counts as a failure even when the signal number reads as 0.
         const int status = exitStatus == QProcess::CrashExit && exitCode == 0 ? -1 : exitCode;
-        complete(status, outputBase, *errorOutput);
+        // A child that ends before the release is answered for after it, as any failure is.
+        if (m_audioFile)
+            m_exitedEarly = [this, status, outputBase, errorOutput] { complete(status, outputBase, *errorOutput); };
+        else
+            complete(status, outputBase, *errorOutput);
     });
     // Queued: a launch failure is answered later, never from inside finish().
     connect(
@@ -309,17 +374,37 @@ void WhisperTranscriber::launch(const QString& binary, const QString& model)
             qCWarning(lcWhisper) << "cannot launch whisper-cli:" << process->errorString();
             process->deleteLater();
             m_process.clear();
+            // Started at key down: the release tries again on the file and answers for both.
+            if (m_audioFile)
+                return;
             cleanup();
             answerWithError(PlatformError(process->errorString()));
         },
         Qt::QueuedConnection);
     qCDebug(lcWhisper) << "running" << binary << process->arguments();
-    process->start(QIODevice::ReadOnly);
+    process->start(m_readsStdin ? QIODevice::ReadWrite : QIODevice::ReadOnly);
+}
+
+// The finished WAV goes to the waiting child through the event loop; the end of its standard input
+// tells it the recording is complete.
+void WhisperTranscriber::sendRecording()
+{
+    QFile wav(*m_wavURL);
+    const QByteArray bytes = wav.open(QIODevice::ReadOnly) ? wav.readAll() : QByteArray();
+    auto unsent = std::make_shared<qint64>(bytes.size());
+    connect(m_process, &QProcess::bytesWritten, this, [this, unsent](qint64 written) {
+        *unsent -= written;
+        if (*unsent <= 0)
+            m_timeline.inputClosed = m_sinceKeyDown.elapsed();
+    });
+    m_process->write(bytes);
+    m_process->closeWriteChannel();
 }
 
 void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput)
 {
     m_process.clear();
+    m_timeline.done = m_sinceKeyDown.elapsed();
     if (m_cancelled) {
         cleanup();
         return;
@@ -329,7 +414,8 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
         text = decodeStrictUtf8(transcript.readAll());
     if (text) {
-        answerWithText(PhantomPhrases::bundled().withoutPhantom(text->trimmed()));
+        logTimeline();
+        answerWithText(PhantomPhrases::bundled().withoutPhantom(m_segmented ? joinedSegments(*text) : text->trimmed()));
     } else {
         qCWarning(lcWhisper) << "whisper-cli failed with status" << exitStatus;
         answerWithError(WhisperError::transcriptionFailed(failureDetail(errorOutput, exitStatus)));
@@ -344,6 +430,17 @@ void WhisperTranscriber::answerWithText(const QString& text)
         onFinal(text);
 }
 
+void WhisperTranscriber::logTimeline() const
+{
+    const qint64 handedOver = m_sinceKeyDown.elapsed();
+    const auto span = [](qint64 from, qint64 to) { return from < 0 || to < 0 ? QStringLiteral("?") : QString::number(to - from); };
+    qCInfo(lcWhisper).noquote().nospace() << "dictation timing (ms): key down → capturing " << span(0, m_timeline.capturing)
+                                          << ", release → input closed " << span(m_timeline.released, m_timeline.inputClosed)
+                                          << ", input closed → whisper-cli done " << span(m_timeline.inputClosed, m_timeline.done)
+                                          << ", done → text handed over " << span(m_timeline.done, handedOver) << "; model "
+                                          << (m_readsStdin ? "loaded while recording" : "loaded after release");
+}
+
 void WhisperTranscriber::answerWithError(const Error& error)
 {
     m_onFinal = nullptr;
@@ -354,6 +451,7 @@ void WhisperTranscriber::answerWithError(const Error& error)
 void WhisperTranscriber::cancel()
 {
     m_cancelled = true;
+    m_exitedEarly = nullptr;
     stopRecording();
     retireProcess();
     cleanup();

@@ -4,6 +4,7 @@
 #include "Platform/AudioInput.h"
 #include "TranscriptionEngine.h"
 
+#include <QElapsedTimer>
 #include <QPointer>
 #include <QProcess>
 #include <QStringList>
@@ -14,8 +15,10 @@
 
 class WavWriter;
 
-// Records the microphone into a 16 kHz mono 16-bit WAV while the key is held, then runs
-// whisper.cpp's `whisper-cli` on it and hands back the trimmed transcript. No partial text.
+// Records the microphone into a 16 kHz mono 16-bit WAV while the key is held and hands back the
+// trimmed transcript of whisper.cpp's `whisper-cli`. A whisper-cli that reads standard input starts
+// at key down, so its model loads while the user speaks, and gets the finished WAV at release;
+// an older one starts at release on the file. No partial text.
 class WhisperTranscriber final : public TranscriptionEngine {
     Q_OBJECT
 public:
@@ -45,16 +48,31 @@ public:
 private:
     struct Recording;
 
-    // Whether what was recorded sounds like speech at all.
-    bool stopRecording();
+    // Where the time of one dictation went, in milliseconds since key down; -1 for "never".
+    struct Timeline {
+        qint64 capturing = -1;
+        qint64 released = -1;
+        qint64 inputClosed = -1;
+        qint64 done = -1;
+    };
+    // What the key's release leaves: the audio recorded, and whether any of it sounds like speech.
+    struct Recorded {
+        qint64 bytes = 0;
+        bool heardSpeech = false;
+    };
+
+    Recorded stopRecording();
     void abandonRecording(const Error& error);
-    void launch(const QString& binary, const QString& model);
+    void launchWhenStdinIsRead(const QString& binary, const QString& model);
+    void launch(const QString& binary, const QString& model, const QString& input, bool segmented);
+    void sendRecording();
     void complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput);
     void answerWithText(const QString& text);
+    void logTimeline() const;
     void answerWithError(const Error& error);
     void retireProcess();
     void cleanup();
-    QStringList arguments(const QString& model, const QString& outputBase) const;
+    QStringList arguments(const QString& model, const QString& input, bool segmented) const;
 
     std::unique_ptr<AudioInput> m_audioEngine;
     ConverterFactory m_makeConverter;
@@ -63,5 +81,11 @@ private:
     FinalCallback m_onFinal;
     ErrorCallback m_onError;
     QPointer<QProcess> m_process;
+    // The child's end, kept when it came before the release: it is answered after finish().
+    std::function<void()> m_exitedEarly;
+    bool m_readsStdin = false;
+    bool m_segmented = false;
     bool m_cancelled = false;
+    QElapsedTimer m_sinceKeyDown;
+    Timeline m_timeline;
 };
