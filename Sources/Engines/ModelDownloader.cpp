@@ -119,7 +119,23 @@ const ModelDownloader::Model& ModelDownloader::Model::recommended()
 
 bool ModelDownloader::Model::isDownloaded() const
 {
-    return QFileInfo::exists(QDir(AppPaths::modelsFolder()).filePath(fileName));
+    return QFileInfo::exists(filePath());
+}
+
+QString ModelDownloader::Model::filePath() const
+{
+    return QDir(AppPaths::modelsFolder()).filePath(fileName);
+}
+
+QString ModelDownloader::Model::partPath() const
+{
+    return filePath() + QStringLiteral(".part");
+}
+
+void ModelDownloader::Model::removePart() const
+{
+    QFile::remove(partPath());
+    QFile::remove(partPath() + QStringLiteral(".etag"));
 }
 
 ModelDownloader& ModelDownloader::shared()
@@ -401,10 +417,8 @@ void ModelDownloader::fail(const QString& reason, bool keepPart)
 {
     qCWarning(lcWhisper) << "model download failed:" << reason;
     m_part.close();
-    if (!keepPart) {
-        QFile::remove(partPath());
-        QFile::remove(validatorPath());
-    }
+    if (!keepPart)
+        m_currentModel.removePart();
     finish(false, reason);
 }
 
@@ -454,17 +468,7 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
         completion(success);
 }
 
-QString ModelDownloader::partPath() const
-{
-    return destinationPath() + QStringLiteral(".part");
-}
-
 QString ModelDownloader::validatorPath() const
 {
     return partPath() + QStringLiteral(".etag");
-}
-
-QString ModelDownloader::destinationPath() const
-{
-    return QDir(AppPaths::modelsFolder()).filePath(m_currentModel.fileName);
 }

@@ -41,6 +41,11 @@ public:
         static const Model& recommended();
         // Asked afresh at every call: the user may add or remove files at any time.
         bool isDownloaded() const;
+        QString filePath() const;
+        // Where an unfinished download waits to be continued.
+        QString partPath() const;
+        // The unfinished download and what it would be continued with.
+        void removePart() const;
     };
     using Completion = std::function<void(bool success)>;
 
@@ -80,9 +85,9 @@ private:
     void moveIntoPlace();
     void fail(const QString& reason, bool keepPart);
     void finish(bool success, const std::optional<QString>& message);
-    QString partPath() const;
+    QString partPath() const { return m_currentModel.partPath(); }
     QString validatorPath() const;
-    QString destinationPath() const;
+    QString destinationPath() const { return m_currentModel.filePath(); }
 
     std::unique_ptr<Alerts> m_alerts;
     QUrl m_baseAddress;
