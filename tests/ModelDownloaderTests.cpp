@@ -8,14 +8,12 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QProcess>
 #include <QPushButton>
 
 #include <gtest/gtest.h>
-
-#include <csignal>
-#include <sys/resource.h>
 
 using namespace std::chrono_literals;
 using TestSupport::waitUntil;
@@ -26,6 +24,13 @@ namespace {
 const ModelDownloader::Model& small = ModelDownloader::Model::recommended();
 const QString kInstalled = "Modelo \"Equilibrado — small\" instalado e selecionado. Segure a tecla de ditado e fale.";
 const QByteArray kModel = QByteArray("lmgg").leftJustified(3 << 20, 'w'); // starts like a whisper.cpp model
+
+ModelDownloader::Model withHash(const QByteArray& sha256)
+{
+    ModelDownloader::Model model = small;
+    model.sha256 = sha256.size() == 64 ? sha256 : QCryptographicHash::hash(sha256, QCryptographicHash::Sha256).toHex();
+    return model;
+}
 
 QByteArray contents(const QString& name)
 {
@@ -51,9 +56,9 @@ protected:
         Settings::shared().setEngine(TranscriptionEngineKind::apple);
         completions.clear();
     }
-    void start()
+    void start(const ModelDownloader::Model& model = small)
     {
-        downloader.download(small, [this](bool success) { completions.append(success); });
+        downloader.download(model, [this](bool success) { completions.append(success); });
     }
     // The alert that ended the download ("" when none).
     QString waitForEnd()
@@ -95,28 +100,41 @@ TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
     }
 }
 
+// Cancelled by its button, or by closing the window and confirming (after a first "Continuar").
 TEST_F(ModelDownloaderTest, CancelClosesAtOnceAndTheNextTryResumes)
 {
-    server.setRoute(small.fileName, Route{.body = kModel, .holdAt = 1 << 20});
-    start();
-    EXPECT_TRUE(waitUntil([&] { return status() == "1 MB de 3 MB (33%)"; })) << status().toStdString();
-    const QPointer<ModelDownloadWindow> window = downloader.window();
-    bool secondCalled = false;
-    downloader.download(ModelDownloader::Model::catalog().at(2), [&](bool) { secondCalled = true; });
-    EXPECT_EQ(downloader.window(), window);
+    for (const bool byClosing : {false, true}) {
+        SetUp();
+        server.setRoute(small.fileName, Route{.body = kModel, .holdAt = 1 << 20, .etag = "\"v1\""});
+        start();
+        EXPECT_TRUE(waitUntil([&] { return status() == "1 MB de 3 MB (33%)"; })) << status().toStdString();
+        const QPointer<ModelDownloadWindow> window = downloader.window();
+        bool secondCalled = false;
+        downloader.download(ModelDownloader::Model::catalog().at(2), [&](bool) { secondCalled = true; });
+        EXPECT_EQ(downloader.window(), window);
 
-    window->findChild<QPushButton*>()->click();
-    EXPECT_FALSE(window && window->isVisible());
-    EXPECT_EQ(waitForEnd(), "");
-    EXPECT_EQ(completions, QList<bool>{false});
-    EXPECT_FALSE(small.isDownloaded());
+        alerts->answers = QStringList{"Continuar", "Cancelar download"};
+        for (int ask = 1; byClosing && ask <= 2; ++ask) {
+            const qsizetype asked = alerts->shown.size() + 1;
+            window->close();
+            EXPECT_TRUE(waitUntil([&] { return alerts->shown.size() == asked; }));
+            EXPECT_EQ(alerts->shown.last().messageText, "Cancelar o download?");
+            EXPECT_EQ(window && window->isVisible(), ask == 1);
+        }
+        if (!byClosing)
+            window->findChild<QPushButton*>()->click();
+        EXPECT_FALSE(window && window->isVisible());
+        EXPECT_EQ(waitForEnd(), "");
+        EXPECT_EQ(completions, QList<bool>{false});
+        EXPECT_FALSE(small.isDownloaded());
 
-    server.setRoute(small.fileName, Route{.body = kModel});
-    start();
-    EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
-    EXPECT_EQ(server.ranges.last(), "Range: bytes=1048576-");
-    EXPECT_EQ(contents(small.fileName), kModel);
-    EXPECT_FALSE(secondCalled);
+        server.setRoute(small.fileName, Route{.body = kModel, .etag = "\"v1\""});
+        start(withHash(kModel));
+        EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+        EXPECT_EQ(server.ranges.last(), "Range: bytes=1048576-");
+        EXPECT_EQ(contents(small.fileName), kModel);
+        EXPECT_FALSE(secondCalled);
+    }
 }
 
 // Each failure says why, installs nothing, keeps the earlier model and setting, and the next
@@ -130,9 +148,18 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         QString reason;
         bool resumes = false; // the next try asks only for what is missing
         QUrl base = {};
-        rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk, as the write meets it
         bool readOnlyFolder = false;
+        QByteArray part = {}, sha256 = {}; // left by an earlier try; the catalogue's
+        QString diskSize = {}; // the models folder on a file system this small
     } cases[] = {
+        {{.status = 304}, "O servidor respondeu com o status HTTP 304.", true, {}, false, kModel.left(1 << 20)},
+        {{.body = kModel, .status = 416}, "O servidor respondeu com o status HTTP 416.", false, {}, false, kModel.left(1 << 20)},
+        {{.body = kModel}, "O arquivo recebido não confere com o modelo publicado (SHA-256). O arquivo foi descartado.", false, {}, false,
+            {}, QByteArray(64, '0')},
+        {{.body = kModel}, "Espaço insuficiente em disco: faltam 2 MB.", false, {}, false, {}, {}, "2m"},
+        {{.body = kModel, .sendLength = false},
+            "Falha ao gravar o modelo no disco: não há espaço livre no disco em " + AppPaths::modelsFolder() + ".", false, {}, false, {},
+            {}, "2m"},
         {{.body = page, .status = 404}, "O servidor respondeu com o status HTTP 404."},
         {{.body = page, .status = 500}, "O servidor respondeu com o status HTTP 500."},
         {{.body = page}, "O arquivo recebido não é um modelo Whisper. Nada foi instalado."},
@@ -141,15 +168,13 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         {{}, "O servidor recusou a conexão.", false, QUrl("http://127.0.0.1:1/")},
         {{}, "Servidor não encontrado (models.invalid). Verifique a conexão com a internet.", false, QUrl("http://models.invalid/")},
         {{.body = kModel}, "Falha ao salvar o modelo: " + AppPaths::modelsFolder() + " existe, mas não é uma pasta."},
-        {{.body = kModel}, "Falha ao salvar o modelo: ", false, {}, 1 << 20},
-        {{.body = kModel}, "Falha ao salvar o modelo: sem permissão para gravar em " + AppPaths::modelsFolder() + ".", false, {},
-            RLIM_INFINITY, true},
+        {{.body = kModel}, "Falha ao salvar o modelo: sem permissão para gravar em " + AppPaths::modelsFolder() + ".", false, {}, true},
     };
     // Immutable, so that even root (as in CI) cannot write into it.
     const auto setReadOnly = [](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", AppPaths::modelsFolder()}) == 0; };
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit normal{};
-    getrlimit(RLIMIT_FSIZE, &normal);
+    const auto mountDisk = [](const QString& size) {
+        return QProcess::execute("mount", {"-t", "tmpfs", "-o", "size=" + size, "tmpfs", AppPaths::modelsFolder()}) == 0;
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason.toStdString());
         SetUp();
@@ -163,11 +188,17 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
             std::printf("read-only folder case skipped: this file system cannot make a folder immutable\n");
             continue;
         }
-        const rlimit limited{std::min(c.fileSizeLimit, normal.rlim_cur), normal.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limited);
-        failing.download(small, [this](bool success) { completions.append(success); });
+        if (!c.diskSize.isEmpty() && !mountDisk(c.diskSize)) {
+            std::printf("full disk case skipped: a tmpfs cannot be mounted here\n");
+            continue;
+        }
+        TestSupport::writeFile(AppPaths::modelsFolder() + '/' + small.fileName + ".part", c.part);
+        ModelDownloader::Model model = small;
+        model.sha256 = c.sha256;
+        failing.download(model, [this](bool success) { completions.append(success); });
         EXPECT_TRUE(waitUntil([&] { return !failing.isDownloading(); }, 30s));
-        setrlimit(RLIMIT_FSIZE, &normal);
+        if (!c.diskSize.isEmpty())
+            QProcess::execute("umount", {AppPaths::modelsFolder()});
         if (c.readOnlyFolder)
             setReadOnly(false);
         ASSERT_EQ(failingAlerts->shown.size(), 1);
@@ -184,6 +215,34 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
         EXPECT_EQ(contents(small.fileName), kModel);
         EXPECT_EQ(server.ranges.last().startsWith("Range: bytes="), c.resumes) << server.ranges.last().toStdString();
+    }
+}
+
+// A resume gets only what is still the same file: a changed one is fetched again from its start,
+// and a ".part" that is already whole is installed as it is.
+TEST_F(ModelDownloaderTest, ResumeContinuesOnlyTheSameFile)
+{
+    const QByteArray changed = QByteArray("lmgg").leftJustified(kModel.size(), 'v');
+    const struct {
+        Route before, after; // before: a first try that stops early; none: the ".part" is already whole
+    } cases[] = {
+        {{.body = kModel, .cutAt = 1 << 20, .etag = "\"a\""}, {.body = changed, .etag = "\"b\""}},
+        {{}, {.body = kModel}},
+    };
+    for (const auto& c : cases) {
+        SetUp();
+        server.setRoute(small.fileName, c.before);
+        if (c.before.body.isEmpty())
+            TestSupport::writeFile(AppPaths::modelsFolder() + '/' + small.fileName + ".part", kModel);
+        else {
+            start();
+            waitForEnd();
+        }
+        server.setRoute(small.fileName, c.after);
+        start(withHash(c.after.body));
+        EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+        EXPECT_EQ(contents(small.fileName), c.after.body);
+        EXPECT_TRUE(server.ranges.last().startsWith("Range: bytes=")) << server.ranges.last().toStdString();
     }
 }
 

@@ -152,6 +152,30 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
         << "the menu was rebuilt when the model arrived: " << marks().join('\n').toStdString();
 }
 
+TEST_F(StatusMenuTest, ModelsAndUnfinishedDownloadsAreRemovedOnlyAfterConfirming)
+{
+    const QString folder = AppPaths::modelsFolder() + '/';
+    TestSupport::writeFile(folder + kSmall, QByteArray(1 << 20, 'w'));
+    TestSupport::writeFile(folder + kBase + ".part", QByteArray(3 << 19, 'w'));
+    TestSupport::writeFile(folder + kBase + ".part.etag", "\"a\"");
+    const auto choose = [&](const QString& title, const QString& answer) {
+        alerts->answers = QStringList{answer};
+        const qsizetype asked = alerts->shown.size() + 1;
+        for (QAction* item : app->menu()->findChildren<QAction*>())
+            if (item->text() == title)
+                item->trigger();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == asked; }, std::chrono::seconds(10))) << title.toStdString();
+        return describe(*app->menu()).split('\n').filter("  Remover");
+    };
+    EXPECT_EQ(choose("Remover small (1 MB)", "Cancelar"),
+        (QStringList{"  Remover small (1 MB)", "  Remover download incompleto de base (2 MB)"}));
+    EXPECT_EQ(
+        lastAlert(), "Remover small (1 MB)?\nO arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.\n[Remover | Cancelar]");
+    EXPECT_EQ(choose("Remover small (1 MB)", "Remover"), QStringList{"  Remover download incompleto de base (2 MB)"});
+    EXPECT_EQ(choose("Remover download incompleto de base (2 MB)", "Remover"), QStringList{});
+    EXPECT_EQ(QDir(folder).entryList(QDir::Files), QStringList{});
+}
+
 TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
 {
     loginItem->failure = "sem permissão de escrita";

@@ -15,11 +15,14 @@
 #include <QApplication>
 #include <QCursor>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QMenu>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -295,6 +298,46 @@ void AppDelegate::addModelMenu(QMenu& menu)
         item->setToolTip(model.note);
         whenChosen(item, [this, file = model.fileName] { selectModel(file); });
     }
+    addRemovalItems(*models);
+}
+
+// What the models take on disk can be taken back: an installed model, and an unfinished download
+// other than the one running.
+void AppDelegate::addRemovalItems(QMenu& models)
+{
+    bool separated = false;
+    for (const Model& model : Model::catalog()) {
+        const QString name = model.displayName.section(QStringLiteral(" — "), -1);
+        const bool running = m_services.downloader->isDownloading() && m_services.downloader->currentModel().fileName == model.fileName;
+        const struct {
+            QString path, label;
+            std::function<void()> remove;
+        } files[] = {
+            {model.filePath(), QStringLiteral("Remover %1 (%2 MB)"), [path = model.filePath()] { QFile::remove(path); }},
+            {running ? QString() : model.partPath(), QStringLiteral("Remover download incompleto de %1 (%2 MB)"),
+                [model] { model.removePart(); }},
+        };
+        for (const auto& file : files) {
+            const QFileInfo info(file.path);
+            if (file.path.isEmpty() || !info.exists())
+                continue;
+            if (!std::exchange(separated, true))
+                models.addSeparator();
+            const QString title = file.label.arg(name).arg((info.size() + (1 << 19)) >> 20);
+            whenChosen(models.addAction(title), [this, title, remove = file.remove] { confirmRemoval(title, remove); });
+        }
+    }
+}
+
+void AppDelegate::confirmRemoval(const QString& title, const std::function<void()>& remove)
+{
+    const Alerts::Alert question{title + QStringLiteral("?"),
+        QStringLiteral("O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo."),
+        {{QStringLiteral("Remover"), Alerts::Button::Role::destructive}, cancelButton()}};
+    if (m_services.alerts->runModal(question) != 0)
+        return;
+    remove();
+    refreshMenu();
 }
 
 void AppDelegate::addHotkeyMenu(QMenu& menu)

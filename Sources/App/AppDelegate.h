@@ -79,6 +79,8 @@ private:
     std::unique_ptr<QMenu> buildMenu();
     void addEngineMenu(QMenu& menu);
     void addModelMenu(QMenu& menu);
+    void addRemovalItems(QMenu& models);
+    void confirmRemoval(const QString& title, const std::function<void()>& remove);
     void addHotkeyMenu(QMenu& menu);
     void addLanguageMenu(QMenu& menu);
     void whenChosen(QAction* item, std::function<void()> action);

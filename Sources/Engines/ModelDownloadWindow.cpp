@@ -2,6 +2,7 @@
 
 #include "Shared/SystemFont.h"
 
+#include <QCloseEvent>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QProgressBar>
@@ -14,8 +15,10 @@ namespace {
 constexpr int kBarSteps = 1000;
 }
 
-ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel)
+ModelDownloadWindow::ModelDownloadWindow(
+    const QString& displayName, int sizeMB, std::function<void()> onCancel, std::function<void()> onClose)
     : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint)
+    , m_onClose(std::move(onClose))
     , m_progressBar(new QProgressBar(this))
     , m_statusLabel(new QLabel(this))
 {
@@ -46,6 +49,12 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, int sizeMB,
 
     if (QScreen* screen = QGuiApplication::primaryScreen())
         move(screen->availableGeometry().center() - rect().center());
+}
+
+void ModelDownloadWindow::closeEvent(QCloseEvent* event)
+{
+    event->ignore();
+    m_onClose();
 }
 
 void ModelDownloadWindow::setProgress(double fraction, const QString& status)

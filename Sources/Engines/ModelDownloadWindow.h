@@ -8,11 +8,11 @@ class QLabel;
 class QProgressBar;
 
 // The small window shown while a model downloads: what is coming, a bar, how far it got, and a
-// way out. It has a title bar only, so "Cancelar" is the one way to stop from here.
+// way out. Closing it from the title bar (Alt+F4) keeps it open and asks `onClose` what to do.
 class ModelDownloadWindow final : public QWidget {
     Q_OBJECT
 public:
-    ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel);
+    ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel, std::function<void()> onClose);
 
     // fraction in 0…1
     void setProgress(double fraction, const QString& status);
@@ -20,7 +20,11 @@ public:
     QString statusText() const;
     double fraction() const;
 
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
 private:
+    std::function<void()> m_onClose;
     QProgressBar* m_progressBar;
     QLabel* m_statusLabel;
 };

@@ -7,6 +7,7 @@
 #include "Shared/Preferences/Settings.h"
 
 #include <QApplication>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
@@ -14,6 +15,7 @@
 #include <QNetworkRequest>
 #include <QRegularExpression>
 #include <QStorageInfo>
+#include <QThreadPool>
 
 #include <filesystem>
 
@@ -23,6 +25,7 @@ const QByteArray kGgmlMagic("lmgg", 4);
 // A server that sends nothing for this long is given up on; the ".part" stays for the next try.
 constexpr int kStallTimeoutMs = 60 * 1000;
 constexpr qint64 kReadBufferBytes = 1 << 20;
+constexpr qint64 kMiB = 1048576;
 
 QString platformNote(const char* onLinux, const char* onMac)
 {
@@ -36,7 +39,7 @@ QString platformNote(const char* onLinux, const char* onMac)
 }
 
 // The system's own description is English; the usual causes are said in words the user can act on.
-QString saveFailure(const QString& systemDescription)
+QString saveFailureReason(const QString& systemDescription)
 {
     const QString folder = AppPaths::modelsFolder();
     const QFileInfo info(folder);
@@ -47,7 +50,32 @@ QString saveFailure(const QString& systemDescription)
         reason = QStringLiteral("sem permissão para gravar em %1.").arg(folder);
     else if (info.isDir() && QStorageInfo(folder).bytesAvailable() < kReadBufferBytes)
         reason = QStringLiteral("não há espaço livre no disco em %1.").arg(folder);
-    return QStringLiteral("Falha ao salvar o modelo: ") + reason;
+    return reason;
+}
+
+QString saveFailure(const QString& systemDescription)
+{
+    return QStringLiteral("Falha ao salvar o modelo: ") + saveFailureReason(systemDescription);
+}
+
+QString statusFailure(int status)
+{
+    return QStringLiteral("O servidor respondeu com o status HTTP %1.").arg(status);
+}
+
+// What tells a later Range request whether the server's file is still the one the ".part" began
+// with. If-Range takes only a strong ETag; without one, the date of the file serves.
+QByteArray validator(const QNetworkReply& reply)
+{
+    const QByteArray etag = reply.rawHeader("ETag");
+    return !etag.isEmpty() && !etag.startsWith("W/") ? etag : reply.rawHeader("Last-Modified");
+}
+
+QByteArray fileSha256(const QString& path)
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result().toHex() : QByteArray();
 }
 
 // A reason that stands alone in the download window: it starts with a capital.
@@ -58,26 +86,28 @@ QString networkReason(const QNetworkReply& reply)
     return reason;
 }
 
-// "bytes 100-199/200" → 100 and 200 (-1 when the total is "*").
+// "bytes 100-199/200" → 100 and 200 (-1 when the total is "*"); a 416's "bytes */200" → -1 and 200.
 std::optional<std::pair<qint64, qint64>> parseContentRange(const QByteArray& header)
 {
-    static const QRegularExpression pattern(QStringLiteral("^bytes (\\d+)-\\d+/(\\d+|\\*)$"));
+    static const QRegularExpression pattern(QStringLiteral("^bytes (?:(\\d+)-\\d+|\\*)/(\\d+|\\*)$"));
     const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(header.trimmed()));
     if (!match.hasMatch())
         return std::nullopt;
+    const QString start = match.captured(1);
     const QString total = match.captured(2);
-    return std::make_pair(match.captured(1).toLongLong(), total == QLatin1String("*") ? -1 : total.toLongLong());
+    return std::make_pair(start.isEmpty() ? -1 : start.toLongLong(), total == QLatin1String("*") ? -1 : total.toLongLong());
 }
 }
 
 const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
 {
+    // No SHA-256 yet: none is known from a source to trust, so these are checked by length and magic.
     static const QList<Model> models = {
         {QStringLiteral("ggml-large-v3-turbo-q5_0.bin"), QStringLiteral("Máxima qualidade — large-v3-turbo"), 547,
-            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon")},
+            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon"), {}},
         {QStringLiteral("ggml-small-q5_1.bin"), QStringLiteral("Equilibrado — small"), 190,
-            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel")},
-        {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor")},
+            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel"), {}},
+        {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor"), {}},
     };
     return models;
 }
@@ -89,7 +119,23 @@ const ModelDownloader::Model& ModelDownloader::Model::recommended()
 
 bool ModelDownloader::Model::isDownloaded() const
 {
-    return QFileInfo::exists(QDir(AppPaths::modelsFolder()).filePath(fileName));
+    return QFileInfo::exists(filePath());
+}
+
+QString ModelDownloader::Model::filePath() const
+{
+    return QDir(AppPaths::modelsFolder()).filePath(fileName);
+}
+
+QString ModelDownloader::Model::partPath() const
+{
+    return filePath() + QStringLiteral(".part");
+}
+
+void ModelDownloader::Model::removePart() const
+{
+    QFile::remove(partPath());
+    QFile::remove(partPath() + QStringLiteral(".etag"));
 }
 
 ModelDownloader& ModelDownloader::shared()
@@ -116,7 +162,6 @@ ModelDownloader::~ModelDownloader()
 
 QString ModelDownloader::progressText(qint64 written, qint64 expected)
 {
-    constexpr qint64 kMiB = 1048576;
     const int percent = int(double(written) / double(expected) * 100);
     return QStringLiteral("%1 MB de %2 MB (%3%)").arg(written / kMiB).arg(expected / kMiB).arg(percent);
 }
@@ -126,6 +171,7 @@ void ModelDownloader::download(const Model& model, Completion completion)
     if (m_isDownloading)
         return;
     m_isDownloading = true;
+    ++m_attempt;
     m_currentModel = model;
     m_completion = std::move(completion);
     // A failure shows up when the ".part" cannot be opened.
@@ -137,7 +183,10 @@ void ModelDownloader::download(const Model& model, Completion completion)
 
 void ModelDownloader::showWindow(const Model& model)
 {
-    m_window = new ModelDownloadWindow(model.displayName, model.sizeMB, [this] { cancelTapped(); });
+    // The question waits for the event loop: the window may be gone by the time it is answered.
+    m_window = new ModelDownloadWindow(
+        model.displayName, model.sizeMB, [this] { cancelTapped(); },
+        [this] { QMetaObject::invokeMethod(this, &ModelDownloader::askToCancel, Qt::QueuedConnection); });
     m_window->show();
     m_window->raise();
     m_window->activateWindow();
@@ -148,7 +197,8 @@ void ModelDownloader::startTransfer()
     m_part.setFileName(partPath());
     m_responseChecked = false;
     m_expected = -1;
-    if (!m_part.open(QIODevice::ReadWrite)) {
+    // Unbuffered, so that a full disk fails the write that meets it rather than a silent flush.
+    if (!m_part.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
         const QString reason = saveFailure(m_part.errorString());
         // Reported from the event loop, so the caller's completion never runs inside download().
         QMetaObject::invokeMethod(
@@ -162,8 +212,13 @@ void ModelDownloader::startTransfer()
     request.setTransferTimeout(kStallTimeoutMs);
     // Byte counts must be the file's own, never those of a compressed transfer.
     request.setRawHeader("Accept-Encoding", "identity");
-    if (m_resumedFrom > 0)
+    if (m_resumedFrom > 0) {
         request.setRawHeader("Range", "bytes=" + QByteArray::number(m_resumedFrom) + '-');
+        QFile validatorFile(validatorPath());
+        const QByteArray known = validatorFile.open(QIODevice::ReadOnly) ? validatorFile.readAll().trimmed() : QByteArray();
+        if (!known.isEmpty())
+            request.setRawHeader("If-Range", known);
+    }
     qCInfo(lcWhisper) << "downloading" << request.url().toString() << "from byte" << m_resumedFrom;
 
     QNetworkReply* reply = m_session->get(request);
@@ -195,26 +250,70 @@ void ModelDownloader::onResponse(QNetworkReply* reply)
     if (status >= 300 && status < 400)
         return; // a redirect on its way to the real answer
     m_responseChecked = true;
+    if (status == 416 && installCompletePart(reply))
+        return;
     if (status < 200 || status >= 300) {
         // 416: what was kept cannot be continued, so the next try starts over.
-        fail(QStringLiteral("O servidor respondeu com o status HTTP %1.").arg(status), status != 416);
+        fail(statusFailure(status), status != 416);
         return;
     }
-    const auto range = status == 206 ? parseContentRange(reply->rawHeader("Content-Range")) : std::nullopt;
-    if (range && range->first == m_resumedFrom) {
+    if (status == 206) {
+        const auto range = parseContentRange(reply->rawHeader("Content-Range"));
+        if (m_resumedFrom == 0 || !range || range->first != m_resumedFrom) {
+            fail(QStringLiteral("O servidor enviou um trecho do arquivo diferente do pedido. O arquivo foi descartado."), false);
+            return;
+        }
         m_expected = range->second;
     } else {
-        // The server sends the whole file: start over.
+        // The whole file, also what a server whose file changed since the ".part" began sends: start over.
         m_resumedFrom = 0;
         // Only when needed: truncating makes the file system write the whole file out at close.
         if (m_part.size() > 0)
             m_part.resize(0);
         const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
         m_expected = length.isValid() ? length.toLongLong() : -1;
+        rememberValidator(*reply);
     }
+    if (!hasRoomFor(m_expected - m_resumedFrom))
+        return;
     m_part.seek(m_resumedFrom);
     if (m_expected >= 1 && m_window)
         m_window->setProgress(double(m_resumedFrom) / m_expected, progressText(m_resumedFrom, m_expected));
+}
+
+// A ".part" that already holds every byte gets "416, bytes */<its size>": it is checked and installed
+// as it is, without the answer's body.
+bool ModelDownloader::installCompletePart(QNetworkReply* reply)
+{
+    const auto range = parseContentRange(reply->rawHeader("Content-Range"));
+    if (m_resumedFrom == 0 || !range || range->first >= 0 || range->second != m_resumedFrom)
+        return false;
+    m_expected = m_resumedFrom;
+    // The answer's body is of no use; the session's end takes the transfer with it.
+    m_task->disconnect(this);
+    m_task = nullptr;
+    install();
+    return true;
+}
+
+// The disk is asked before the first byte, so a model that cannot fit fails at once and says how
+// much is missing. A small margin leaves room for the file system's own bookkeeping.
+bool ModelDownloader::hasRoomFor(qint64 bytes)
+{
+    const qint64 available = QStorageInfo(AppPaths::modelsFolder()).bytesAvailable();
+    const qint64 missing = bytes + kReadBufferBytes - available;
+    if (bytes <= 0 || available < 0 || missing <= 0)
+        return true;
+    fail(QStringLiteral("Espaço insuficiente em disco: faltam %1 MB.").arg((missing + kMiB - 1) / kMiB), true);
+    return false;
+}
+
+void ModelDownloader::rememberValidator(const QNetworkReply& reply)
+{
+    const QByteArray value = validator(reply);
+    QFile file(validatorPath());
+    if (value.isEmpty() || !file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(value) != value.size())
+        QFile::remove(validatorPath());
 }
 
 void ModelDownloader::onData(QNetworkReply* reply)
@@ -225,7 +324,7 @@ void ModelDownloader::onData(QNetworkReply* reply)
         return;
     const QByteArray bytes = reply->readAll();
     if (m_part.write(bytes) != bytes.size()) {
-        fail(saveFailure(m_part.errorString()), false);
+        fail(QStringLiteral("Falha ao gravar o modelo no disco: ") + saveFailureReason(m_part.errorString()), false);
         return;
     }
     const qint64 written = m_part.pos();
@@ -244,6 +343,12 @@ void ModelDownloader::onFinished(QNetworkReply* reply)
     onData(reply);
     if (reply != m_task)
         return;
+    // The final answer was never a 2xx: a 304, or a redirect that was not followed.
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (!m_responseChecked && status >= 300 && status < 400) {
+        fail(statusFailure(status), true);
+        return;
+    }
     if (reply->error() != QNetworkReply::NoError) {
         fail(networkReason(*reply), true);
         return;
@@ -264,6 +369,37 @@ void ModelDownloader::install()
         return;
     }
     m_part.close();
+    checkHashThenMoveIntoPlace();
+}
+
+// Hashing hundreds of megabytes takes seconds, so it runs on a pooled thread; a cancel meanwhile,
+// or a newer download, makes its answer moot.
+void ModelDownloader::checkHashThenMoveIntoPlace()
+{
+    if (m_currentModel.sha256.isEmpty()) {
+        moveIntoPlace();
+        return;
+    }
+    const QPointer<ModelDownloader> self(this);
+    QThreadPool::globalInstance()->start([self, attempt = m_attempt, path = partPath(), expected = m_currentModel.sha256] {
+        const bool matches = fileSha256(path) == expected;
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [self, attempt, matches] {
+                if (!self || !self->m_isDownloading || self->m_attempt != attempt)
+                    return;
+                if (matches)
+                    self->moveIntoPlace();
+                else
+                    self->fail(QStringLiteral("O arquivo recebido não confere com o modelo publicado (SHA-256). O arquivo foi descartado."),
+                        false);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void ModelDownloader::moveIntoPlace()
+{
     // A rename within the models folder: no copy, and an earlier model stays if it fails.
     std::error_code error;
     std::filesystem::rename(partPath().toStdString(), destinationPath().toStdString(), error);
@@ -271,6 +407,7 @@ void ModelDownloader::install()
         fail(saveFailure(QString::fromStdString(error.message())), false);
         return;
     }
+    QFile::remove(validatorPath());
     Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
     qCInfo(lcWhisper) << "installed model" << m_currentModel.fileName;
     finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
@@ -281,7 +418,7 @@ void ModelDownloader::fail(const QString& reason, bool keepPart)
     qCWarning(lcWhisper) << "model download failed:" << reason;
     m_part.close();
     if (!keepPart)
-        QFile::remove(partPath());
+        m_currentModel.removePart();
     finish(false, reason);
 }
 
@@ -289,6 +426,20 @@ void ModelDownloader::cancelTapped()
 {
     // The ".part" stays, so the next try continues where this one stopped.
     finish(false, std::nullopt);
+}
+
+// Closing the window would otherwise hide a download that nothing could stop any more.
+void ModelDownloader::askToCancel()
+{
+    if (!m_isDownloading)
+        return;
+    const quint64 attempt = m_attempt;
+    const int answer = m_alerts->runModal({QStringLiteral("Cancelar o download?"),
+        QStringLiteral("O que já chegou fica guardado, e o próximo download continua de onde parou."),
+        {{QStringLiteral("Cancelar download"), Alerts::Button::Role::destructive},
+            {QStringLiteral("Continuar"), Alerts::Button::Role::cancel}}});
+    if (answer == 0 && m_attempt == attempt)
+        cancelTapped();
 }
 
 void ModelDownloader::finish(bool success, const std::optional<QString>& message)
@@ -304,7 +455,7 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
         m_session.release()->deleteLater();
     m_part.close();
     if (m_window) {
-        m_window->close();
+        m_window->hide();
         m_window->deleteLater();
     }
     m_window = nullptr;
@@ -317,12 +468,7 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
         completion(success);
 }
 
-QString ModelDownloader::partPath() const
+QString ModelDownloader::validatorPath() const
 {
-    return destinationPath() + QStringLiteral(".part");
-}
-
-QString ModelDownloader::destinationPath() const
-{
-    return QDir(AppPaths::modelsFolder()).filePath(m_currentModel.fileName);
+    return partPath() + QStringLiteral(".etag");
 }

@@ -21,9 +21,11 @@ class QNetworkReply;
 // whole, and tells the user the outcome. One download at a time.
 //
 // Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
-// server answered 2xx, the length is the announced one and the file starts with the ggml magic, so
-// a half-written file or an error page never looks installed. A ".part" left by an interrupted
-// download is continued with an HTTP Range request when the server allows it.
+// final answer was 2xx, the length is the announced one, the file starts with the ggml magic and,
+// when the catalogue knows it, the SHA-256 matches, so a half-written file or an error page never
+// looks installed. A ".part" left by an interrupted download is continued with an HTTP Range
+// request, guarded by the ETag (or Last-Modified) of its first answer kept in "<fileName>.part.etag":
+// a file that changed on the server since then is fetched again from its start.
 class ModelDownloader final : public QObject {
     Q_OBJECT
 public:
@@ -32,12 +34,18 @@ public:
         QString displayName;
         int sizeMB = 0;
         QString note;
+        QByteArray sha256; // lowercase hex; empty when no published hash is known (the length check stays)
 
         static const QList<Model>& catalog();
         // What the start-up offer proposes: "small" runs well on most computers without a GPU.
         static const Model& recommended();
         // Asked afresh at every call: the user may add or remove files at any time.
         bool isDownloaded() const;
+        QString filePath() const;
+        // Where an unfinished download waits to be continued.
+        QString partPath() const;
+        // The unfinished download and what it would be continued with.
+        void removePart() const;
     };
     using Completion = std::function<void(bool success)>;
 
@@ -58,6 +66,7 @@ public:
     const Model& currentModel() const { return m_currentModel; }
     ModelDownloadWindow* window() const { return m_window; }
     void cancelTapped();
+    void askToCancel();
 
     // "273 MB de 547 MB (50%)"
     static QString progressText(qint64 written, qint64 expected);
@@ -68,11 +77,17 @@ private:
     void onResponse(QNetworkReply* reply);
     void onData(QNetworkReply* reply);
     void onFinished(QNetworkReply* reply);
+    bool installCompletePart(QNetworkReply* reply);
+    bool hasRoomFor(qint64 bytes);
+    void rememberValidator(const QNetworkReply& reply);
     void install();
+    void checkHashThenMoveIntoPlace();
+    void moveIntoPlace();
     void fail(const QString& reason, bool keepPart);
     void finish(bool success, const std::optional<QString>& message);
-    QString partPath() const;
-    QString destinationPath() const;
+    QString partPath() const { return m_currentModel.partPath(); }
+    QString validatorPath() const;
+    QString destinationPath() const { return m_currentModel.filePath(); }
 
     std::unique_ptr<Alerts> m_alerts;
     QUrl m_baseAddress;
@@ -82,6 +97,7 @@ private:
     Completion m_completion;
     Model m_currentModel;
     bool m_isDownloading = false;
+    quint64 m_attempt = 0; // tells a hash finished for an earlier download from the current one's
 
     QFile m_part;
     bool m_responseChecked = false;

@@ -29,16 +29,24 @@ void LocalHttpServer::answer(QTcpSocket* socket)
     ranges.append(range.captured(1).toLatin1());
     const Route route = m_routes.value(QString::fromLatin1(request.split(' ').value(1)), Route{"<html><body>Not Found</body></html>", 404});
 
-    const qint64 from = route.status == 200 && route.sendLength ? range.captured(2).toLongLong() : 0;
+    static const QRegularExpression ifRangePattern("\r\nIf-Range: ([^\r]*)", QRegularExpression::CaseInsensitiveOption);
+    const QString ifRange = ifRangePattern.match(QString::fromLatin1(request)).captured(1);
+    const bool sameFile = ifRange.isEmpty() || ifRange == route.etag;
+    const qint64 from = route.status == 200 && route.sendLength && sameFile ? range.captured(2).toLongLong() : 0;
     QByteArray body = route.body.mid(from);
     QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status) + " Answer\r\n";
     if (!route.redirectTo.isEmpty()) {
         head = "HTTP/1.1 302 Found\r\nLocation: " + baseUrl().resolved(route.redirectTo).toEncoded() + "\r\n";
         body.clear();
+    } else if (route.status == 416 || (from > 0 && body.isEmpty())) {
+        head = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" + QByteArray::number(route.body.size()) + "\r\n";
+        body.clear();
     } else if (from > 0) {
         head = "HTTP/1.1 206 Partial\r\nContent-Range: bytes " + QByteArray::number(from) + '-' + QByteArray::number(route.body.size() - 1)
             + '/' + QByteArray::number(route.body.size()) + "\r\n";
     }
+    if (!route.etag.isEmpty())
+        head += "ETag: " + route.etag + "\r\n";
     if (route.sendLength)
         head += "Content-Length: " + QByteArray::number(route.announcedLength >= 0 ? route.announcedLength : body.size()) + "\r\n";
     socket->write(head + "Connection: close\r\n\r\n");

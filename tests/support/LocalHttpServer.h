@@ -19,6 +19,7 @@ public:
         qint64 cutAt = -1; // close the connection after this many bytes of the body
         qint64 holdAt = -1; // stop after this many bytes of the body until release()
         QString redirectTo; // answer 302 to this file name
+        QByteArray etag; // sent as ETag; a Range whose If-Range differs gets the whole file
     };
 
     LocalHttpServer();
