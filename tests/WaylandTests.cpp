@@ -105,10 +105,13 @@ TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
     ASSERT_TRUE(app.waitForLog(QStringLiteral("dictated text only copied to the clipboard"), 10s));
 
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
+    QProcess speech;
+    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
     EXPECT_EQ(runToEnd({"--press"}, environment).first, 0);
     EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << app.log().join('\n').toStdString();
     EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << app.log().join('\n').toStdString();
-    TestSupport::spin(500ms); // held long enough to count as a dictation
+    TestSupport::spin(3s); // held long enough to count as a dictation, and to hear the speech
     const int before = app.lineCount();
     EXPECT_EQ(runToEnd({"--release"}, environment).first, 0);
     EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s, before)) << app.log().join('\n').toStdString();
@@ -117,6 +120,8 @@ TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
     // The second processes neither dictated nor took the program's place.
     EXPECT_EQ(app.log().filter(QStringLiteral("\"rightOption\" pressed")).size(), 1);
     EXPECT_EQ(app.process().state(), QProcess::Running);
+    speech.kill();
+    speech.waitForFinished();
 }
 
 // A PNG of noise, so its size stays about three bytes a pixel.
