@@ -1,6 +1,7 @@
 #include "Engines/WhisperCliFeatures.h"
 #include "LocalHttpServer.h"
 #include "Media/MediaTranscriber.h"
+#include "Media/MediaTranscriberError.h"
 #include "Shared/AppPaths.h"
 #include "TestSupport.h"
 
@@ -12,6 +13,8 @@
 #include <QTimer>
 
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 using namespace std::chrono_literals;
 using namespace TestSupport;
@@ -33,6 +36,21 @@ QString fakeYtDlp(const QString& suffix = {})
 QStringList mediaFolders()
 {
     return QDir(AppPaths::temporaryFolder()).entryList({"voxaria-media-*"}, QDir::Dirs);
+}
+
+// "700 audio.wav:600": the job folder's permission bits and each of its files'.
+QString permissions()
+{
+    const auto bits
+        = [](const QString& path) { return QString::number(int(std::filesystem::status(path.toStdString()).permissions()), 8); };
+    QString answer;
+    for (const QString& folder : mediaFolders()) {
+        const QString path = AppPaths::temporaryFolder() + '/' + folder;
+        answer += bits(path);
+        for (const QString& file : QDir(path).entryList(QDir::Files))
+            answer += ' ' + file + ':' + bits(path + '/' + file);
+    }
+    return answer;
 }
 
 QStringList readLines(const QString& path)
@@ -142,7 +160,7 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         {file, "text= [Música] ", "", transcribed + QStringList{"= "}, {}},
         {file, "exit=3", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 3"}, {}},
         {file, "notxt=1", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
-        {file, "text_hex=4f6cff61", "", transcribed + QStringList{"! Falha na transcrição Whisper: código 0"}, {}},
+        {file, "text_hex=4f6cff61", "", transcribed + QStringList{"= Ol\uFFFDa + srt"}, {}},
         {link, "", fetch, fetched + transcribed + success, once},
         {link, "", fetch + "nopath=1", fetched + transcribed + success, once},
         // The retry starts clean: the first run's partial file is gone before the second starts.
@@ -150,6 +168,14 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         {link, "", "fail=2\nstderr=ERROR: primeira\nstderr=ERROR: última linha",
             retried + started + QStringList{failed + "ERROR: última linha"}, twice},
         {link, "", "fail=2", retried + started + QStringList{failed + "erro desconhecido"}, twice},
+        {link, "",
+            "fail=2\nstderr=ERROR: [generic] None: Unable to download webpage: HTTP Error 404: Not Found (caused by <HTTPError 404>)",
+            retried + started + QStringList{"! O vídeo não foi encontrado (erro 404). Confira o link."}, twice},
+        {link, "", "fail=2\nstderr=ERROR: [youtube] abc: Private video. Sign in if you've been granted access to this video",
+            retried + started + QStringList{"! Este vídeo é privado."}, twice},
+        {link, "",
+            "fail=2\nstderr=ERROR: [generic] Unable to download webpage: <urlopen error [Errno -3] Temporary failure in name resolution>",
+            retried + started + QStringList{"! Sem conexão com a internet."}, twice},
         {link, "", "nopath=1", fetched + update + fetched + QStringList{failed + "arquivo baixado não encontrado"}, twice},
     };
     for (const auto& c : cases) {
@@ -163,6 +189,7 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         if (!run.output || !run.output->srtURL)
             continue;
         const QString folder = QFileInfo(*run.output->srtURL).path();
+        EXPECT_EQ(permissions(), "700 transcricao.srt:600");
         EXPECT_EQ(mediaFolders(), QStringList{QFileInfo(folder).fileName()});
         EXPECT_EQ(QDir(folder).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList{"transcricao.srt"});
         EXPECT_EQ(whisper.lastArguments(),
@@ -251,6 +278,9 @@ TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
         script(c.whisper, c.ytdlp);
         MediaJob run(c.media.isEmpty() ? Source::url("https://example.com/v") : Source::file(c.media));
         ASSERT_TRUE(run.reached(c.stopAt)) << run.events.join(" | ").toStdString();
+        if (c.stopAt == at45) {
+            EXPECT_EQ(permissions(), "700 audio.wav:600");
+        }
         c.stop(run);
         EXPECT_TRUE(waitUntil([&] { return mediaFolders().isEmpty(); }, 30s));
         spin(200ms);
@@ -259,6 +289,37 @@ TEST_F(MediaTranscriberTest, CancelDropOrQuitEndsEveryPhase)
             EXPECT_EQ(readLines(c.terminated).last(), "terminated");
         }
         EXPECT_EQ(whisper.lastArguments().isEmpty(), c.whisper.isEmpty()) << "whisper-cli ran after the stop";
+    }
+}
+
+// yt-dlp's complaints as users read them; the line itself stays behind the reworded ones.
+TEST(MediaTranscriberErrorTest, YtDlpLinesReadAsTheFailureTheyReport)
+{
+    const QString outdated = "O site mudou e o yt-dlp precisa ser atualizado.", offline = "Sem conexão com a internet.";
+    const QString gone = "Este vídeo foi removido ou não está disponível.", login = "Este vídeo exige login ou cookies.";
+    const QString unsupported = "Este endereço não é de um vídeo suportado.";
+    const std::pair<QString, QString> cases[] = {
+        {"ERROR: [youtube] abc: Video unavailable", gone},
+        {"ERROR: [youtube] abc: This video has been removed by the uploader", gone},
+        {"ERROR: [youtube] abc: This video is no longer available because the YouTube account has been terminated.", gone},
+        {"ERROR: [youtube] abc: Sign in to confirm you're not a bot. Use --cookies-from-browser", login},
+        {"ERROR: [instagram] abc: Requested content is not available, rate-limit reached or login required", login},
+        {"ERROR: Unsupported URL: https://exemplo.com/", unsupported},
+        {"ERROR: 'abc' is not a valid URL", unsupported},
+        {"ERROR: Unable to download webpage: <urlopen error [Errno -2] Name or service not known>", offline},
+        {"ERROR: Unable to download webpage: <urlopen error [Errno 101] Network is unreachable>", offline},
+        {"ERROR: Unable to download webpage: <urlopen error [Errno 111] Connection refused>", offline},
+        {"ERROR: Unable to download webpage: The read operation timed out", offline},
+        {"ERROR: Failed to resolve 'www.youtube.com'", offline},
+        {"ERROR: [youtube] abc: Unable to extract uploader id; please report this issue on https://github.com/yt-dlp/yt-dlp/issues",
+            outdated},
+        {"WARNING: [youtube] abc: nsig extraction failed: You may experience throttling", outdated},
+        {"ERROR: Postprocessing: audio conversion failed", "Falha ao baixar o vídeo: ERROR: Postprocessing: audio conversion failed"},
+    };
+    for (const auto& [line, description] : cases) {
+        const MediaTranscriberError error = MediaTranscriberError::fromYtDlpLine(line);
+        EXPECT_EQ(error.description(), description);
+        EXPECT_EQ(error.toolOutput(), description.contains(line) ? QString() : line);
     }
 }
 

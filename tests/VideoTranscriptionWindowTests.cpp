@@ -26,6 +26,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTest>
+#include <QToolButton>
 
 #include <gtest/gtest.h>
 
@@ -67,6 +68,7 @@ protected:
     FakeFileDialogs* dialogs = new FakeFileDialogs;
     FakeSounds* sounds = new FakeSounds;
     std::unique_ptr<VideoTranscriptionWindow> view;
+    QString systemYtDlp; // the system's copy, when a test gives one
 
     void SetUp() override
     {
@@ -76,8 +78,12 @@ protected:
         Settings::shared().setPlaySounds(true);
         view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{std::unique_ptr<Alerts>(alerts),
             std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds), std::make_shared<X11ClipboardPasteboard>(),
-            // Debian's yt-dlp does not count here: only the copy the window installs.
-            [] { return QFileInfo(YtDlpManager::installedPath()).isExecutable(); }, server.baseUrl().resolved(QUrl("yt-dlp"))});
+            // Debian's yt-dlp does not count here: only the copy the window installs, or the test's.
+            [this] {
+                const QString installed = YtDlpManager::installedPath();
+                return QFileInfo(installed).isExecutable() ? installed : systemYtDlp.isEmpty() ? std::optional<QString>() : systemYtDlp;
+            },
+            server.baseUrl().resolved(QUrl("yt-dlp"))});
         view->show();
         ASSERT_TRUE(QTest::qWaitForWindowActive(view->window()));
     }
@@ -245,6 +251,43 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLink
     EXPECT_EQ(result(), "baixado pelo yt-dlp novo");
     EXPECT_EQ(state(), "Transcrever+ - no bar | Copiar+ Salvar texto+ Salvar legenda-") << "no subtitles came";
     EXPECT_TRUE(sounds->played.isEmpty());
+
+    // A failure yt-dlp explains is told in a few words, its own kept behind "Detalhes".
+    const QString line = "ERROR: [youtube] abc: Private video. Sign in if you've been granted access to this video";
+    writeFile(YtDlpManager::installedPath() + ".control", ("fail=2\nstderr=" + line).toUtf8());
+    QFile::remove(YtDlpManager::installedPath() + ".runlog"); // its count of failures starts afresh
+    enter(link);
+    ASSERT_TRUE(statusBecomes("⚠️ Este vídeo é privado.")) << status().toStdString();
+    EXPECT_FALSE(find<QPlainTextEdit>("detailsView")->isVisible());
+    QTest::mouseClick(find<QToolButton>("detailsButton"), Qt::LeftButton);
+    EXPECT_TRUE(find<QPlainTextEdit>("detailsView")->isVisible());
+    EXPECT_EQ(find<QPlainTextEdit>("detailsView")->toPlainText(), line);
+}
+
+// A system yt-dlp over a year old brings the offer of a current copy, once; declined, the job runs.
+TEST_F(VideoTranscriptionWindowTest, AnOutdatedSystemYtDlpBringsOneOfferOfACurrentCopy)
+{
+    Settings::shared().setYtDlpUpdateOffered(false);
+    QFile::remove(YtDlpManager::installedPath());
+    systemYtDlp = scratch("sistema/yt-dlp");
+    QDir().mkpath(scratch("sistema"));
+    QFile::copy(fakesPath("yt-dlp"), systemYtDlp);
+    int run = 0;
+    for (const QDate version : {QDate::currentDate().addMonths(-11), QDate(2023, 3, 4), QDate(2023, 3, 4)}) {
+        { // As a package upgrade would, a new version comes with a new file.
+            QFile binary(systemYtDlp);
+            ASSERT_TRUE(binary.open(QIODevice::ReadWrite)
+                && binary.setFileTime(QDateTime::currentDateTime().addSecs(++run), QFile::FileModificationTime));
+        }
+        writeFile(systemYtDlp + ".control", ("version=" + version.toString("yyyy.MM.dd")).toUtf8());
+        find<QLabel>("statusLabel")->clear();
+        enter("https://videos.exemplo/v/2");
+        // The job looks yt-dlp up itself (Debian's, here): whatever it answers, it ran.
+        EXPECT_TRUE(statusBecomes("⚠️", 120s)) << status().toStdString();
+        EXPECT_EQ(alerts->shown.size(), run == 1 ? 0 : 1);
+    }
+    EXPECT_EQ(alerts->shown.value(0).informativeText,
+        "O yt-dlp do sistema é de 04/03/2023 e pode não funcionar com os sites de hoje. Baixar uma versão atual para o Voxaria?");
 }
 
 // The real program: the window opened from the tray menu, a file and a link transcribed, the
@@ -260,6 +303,7 @@ TEST(VideoTranscriptionWindowEndToEnd, FromTheTrayMenuToSavedSubtitlesLeavingNot
     server.setRoute("fala.mp4", {DesktopApps::readAll(speechVideo())});
     AppRun app(VOXARIA_HELPER_voxaria_localmodels);
     app.useFakeWhisper("text=legenda de ponta a ponta\nprogress=50,100");
+    app.setSetting("ytDlpUpdateOffered", true); // Debian's old yt-dlp: the offer of a current one was declined
     ASSERT_TRUE(app.start());
     ASSERT_TRUE(Desktop::clickTrayIcon());
     ASSERT_TRUE(app.waitForLog("menu shown", 10s)) << app.log().join('\n').toStdString();

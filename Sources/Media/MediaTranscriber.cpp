@@ -29,12 +29,29 @@ namespace {
 
 const QString kFolderPrefix = QStringLiteral("voxaria-media-");
 
+// Only the user may read what a job fetches and hears: the folder is theirs alone, and so is every
+// file in it once we know of it.
+constexpr QFile::Permissions kPrivateFolder = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+constexpr QFile::Permissions kPrivateFile = QFile::ReadOwner | QFile::WriteOwner;
+
+// What the children wrote there follows their umask until then.
+void makeFilesPrivate(const QString& folder)
+{
+    for (const QFileInfo& entry : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden | QDir::NoSymLinks))
+        QFile::setPermissions(entry.filePath(), kPrivateFile);
+}
+
+// A character whisper-cli cut in two at a segment's edge costs that character, not the transcript.
 std::optional<QString> readUtf8File(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    return decodeStrictUtf8(file.readAll());
+    const QByteArray bytes = file.readAll();
+    if (std::optional<QString> text = decodeStrictUtf8(bytes))
+        return text;
+    qCWarning(lcMedia) << "the transcript holds invalid UTF-8; those bytes were replaced";
+    return QString::fromUtf8(bytes);
 }
 
 // Files or folders (never what a link points at) inside `folder` whose names pass `matches`.
@@ -54,9 +71,12 @@ void removeEntries(const QString& folder, const std::function<bool(const QString
 QStringList fetchArguments(const QString& link)
 {
     // --print implies --quiet, which hides the [download] lines; --progress brings them back.
-    return {QStringLiteral("-f"), QStringLiteral("bestaudio[ext=m4a]/bestaudio[ext=mp4]/best[ext=mp4]/best"),
-        QStringLiteral("--no-playlist"), QStringLiteral("--newline"), QStringLiteral("--progress"), QStringLiteral("--no-simulate"),
-        QStringLiteral("--print"), QStringLiteral("after_move:filepath"), QStringLiteral("-o"), QStringLiteral("media.%(ext)s"), link};
+    // --ignore-config: the user's own configuration could send the file elsewhere or skip it as
+    // already in a download archive.
+    return {QStringLiteral("--ignore-config"), QStringLiteral("-f"),
+        QStringLiteral("bestaudio[ext=m4a]/bestaudio[ext=mp4]/best[ext=mp4]/best"), QStringLiteral("--no-playlist"),
+        QStringLiteral("--newline"), QStringLiteral("--progress"), QStringLiteral("--no-simulate"), QStringLiteral("--print"),
+        QStringLiteral("after_move:filepath"), QStringLiteral("-o"), QStringLiteral("media.%(ext)s"), link};
 }
 
 }
@@ -182,7 +202,8 @@ void MediaTranscriber::transcribe(const Source& source)
     }
     const QString directory = AppPaths::scratchPath(kFolderPrefix);
     // A folder that cannot be made shows up as the failure of the first file written into it.
-    QDir().mkpath(directory);
+    QDir().mkpath(AppPaths::temporaryFolder());
+    QDir().mkdir(directory, kPrivateFolder);
     m_job = std::make_shared<Job>(this, directory);
     Workers::shared().start(m_job, source);
 }
@@ -224,8 +245,10 @@ void MediaTranscriber::Job::run(const Source& source)
         const QString wavURL = directory + QStringLiteral("/audio.wav");
         // Stopping the extraction on cancel spares decoding the rest of a long video.
         AudioExtractor::extractWAV(media, wavURL, [this] { return cancelled.load(); });
+        makeFilesPrivate(directory);
         throwIfCancelled();
         const Output output = runWhisper(wavURL);
+        makeFilesPrivate(directory);
         deliver(
             [output](MediaTranscriber& transcriber) {
                 if (transcriber.onFinished)
@@ -286,8 +309,10 @@ QString MediaTranscriber::Job::attemptDownload(const QString& ytdlp, const QStri
     child.onErrorLine = [&](const QString& line) { lastErrorLine = line; };
     const int exitStatus = runChild(child);
     if (exitStatus != 0) {
-        qCInfo(lcMedia) << "yt-dlp exited with status" << exitStatus;
-        throw MediaTranscriberError::downloadFailed(lastErrorLine.isEmpty() ? QStringLiteral("erro desconhecido") : lastErrorLine);
+        qCWarning(lcMedia) << "yt-dlp exited with status" << exitStatus << ":" << lastErrorLine;
+        if (lastErrorLine.isEmpty())
+            throw MediaTranscriberError::downloadFailed(QStringLiteral("erro desconhecido"));
+        throw MediaTranscriberError::fromYtDlpLine(lastErrorLine);
     }
     if (!printedPath.isEmpty() && QFileInfo(printedPath).isFile())
         return printedPath;

@@ -1,6 +1,7 @@
 #include "VideoTranscriptionWindow.h"
 
 #include "Engines/WhisperTranscriber.h"
+#include "MediaTranscriberError.h"
 #include "Platform/Alerts.h"
 #include "Platform/FileDialogs.h"
 #include "Platform/Pasteboard.h"
@@ -26,6 +27,7 @@
 #include <QSaveFile>
 #include <QShortcut>
 #include <QTextBoundaryFinder>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 namespace {
@@ -104,8 +106,8 @@ VideoTranscriptionWindow::VideoTranscriptionWindow(Services services, QObject* p
         m_services.fileDialogs = FileDialogs::makeDefault();
     if (!m_services.sounds)
         m_services.sounds = Sounds::makeDefault();
-    if (!m_services.ytDlpAvailable)
-        m_services.ytDlpAvailable = &YtDlpManager::isAvailable;
+    if (!m_services.ytDlpPath)
+        m_services.ytDlpPath = &YtDlpManager::binaryURL;
     if (m_services.ytDlpSource.isEmpty())
         m_services.ytDlpSource = YtDlpManager::downloadURL();
     // Quitting with the window open leaves no subtitle file behind.
@@ -172,7 +174,8 @@ void VideoTranscriptionWindow::build()
     column->setSpacing(10);
     column->addWidget(buildInputRow());
     column->addWidget(m_progressBar);
-    column->addWidget(m_statusLabel);
+    column->addWidget(buildStatusRow());
+    column->addWidget(m_detailsView);
     column->addWidget(m_resultView, 1);
     column->addWidget(buildResultRow());
 
@@ -220,6 +223,28 @@ QWidget* VideoTranscriptionWindow::buildInputRow()
     connect(chooseButton, &QPushButton::clicked, this, &VideoTranscriptionWindow::chooseFile);
     connect(m_transcribeButton, &QPushButton::clicked, this, &VideoTranscriptionWindow::startTranscription);
     connect(m_cancelButton, &QPushButton::clicked, this, &VideoTranscriptionWindow::cancelTranscription);
+    return row;
+}
+
+// The status line, with "Detalhes" beside it when a failure has more to tell than its summary.
+QWidget* VideoTranscriptionWindow::buildStatusRow()
+{
+    auto* row = new QWidget;
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_detailsButton = new QToolButton;
+    m_detailsButton->setObjectName(QStringLiteral("detailsButton"));
+    m_detailsButton->setText(QStringLiteral("Detalhes"));
+    m_detailsButton->setCheckable(true);
+    m_detailsButton->hide();
+    m_detailsView = new QPlainTextEdit;
+    m_detailsView->setObjectName(QStringLiteral("detailsView"));
+    m_detailsView->setReadOnly(true);
+    m_detailsView->setMaximumHeight(QFontMetrics(m_detailsView->font()).lineSpacing() * 4);
+    m_detailsView->hide();
+    connect(m_detailsButton, &QToolButton::toggled, m_detailsView, &QWidget::setVisible);
+    layout->addWidget(m_statusLabel, 1);
+    layout->addWidget(m_detailsButton, 0, Qt::AlignTop);
     return row;
 }
 
@@ -279,11 +304,8 @@ void VideoTranscriptionWindow::startTranscription()
         m_statusLabel->setText(QStringLiteral("⚠️ Baixe um modelo primeiro (menu → Modelo Whisper)."));
         return;
     }
-    if (isLink(text)) {
-        if (!m_services.ytDlpAvailable())
-            return offerYtDlpInstall();
-        return transcribe(MediaTranscriber::Source::url(text));
-    }
+    if (isLink(text))
+        return transcribeLink(text);
     const QString path = localPath(text);
     if (!QFileInfo::exists(path)) {
         m_statusLabel->setText(QStringLiteral("⚠️ Arquivo não encontrado: ") + text);
@@ -296,6 +318,7 @@ void VideoTranscriptionWindow::transcribe(const MediaTranscriber::Source& source
 {
     showBusy(true);
     m_resultView->clear();
+    showDetails({});
     discardLastSrt();
     enableResultButtons(false, false);
 
@@ -311,8 +334,9 @@ void VideoTranscriptionWindow::transcribe(const MediaTranscriber::Source& source
             weakSelf->finish(output);
     };
     m_transcriber->onError = [weakSelf](const Error& error) {
+        const auto* mediaError = dynamic_cast<const MediaTranscriberError*>(&error);
         if (weakSelf)
-            weakSelf->fail(QStringLiteral("⚠️ ") + error.description());
+            weakSelf->fail(QStringLiteral("⚠️ ") + error.description(), mediaError ? mediaError->toolOutput() : QString());
     };
     qCInfo(lcMedia) << "window starts a job on" << source.value;
     m_transcriber->transcribe(source);
@@ -340,10 +364,18 @@ void VideoTranscriptionWindow::finish(const MediaTranscriber::Output& output)
         m_services.sounds->play(QStringLiteral("Glass"));
 }
 
-void VideoTranscriptionWindow::fail(const QString& message)
+void VideoTranscriptionWindow::fail(const QString& message, const QString& details)
 {
     showBusy(false);
     showOutcome(message);
+    showDetails(details);
+}
+
+void VideoTranscriptionWindow::showDetails(const QString& details)
+{
+    m_detailsView->setPlainText(details);
+    m_detailsButton->setChecked(false);
+    m_detailsButton->setVisible(!details.isEmpty());
 }
 
 void VideoTranscriptionWindow::showOutcome(const QString& message)
@@ -364,16 +396,45 @@ void VideoTranscriptionWindow::cancelTranscription()
         m_transcriber->cancel();
 }
 
-void VideoTranscriptionWindow::offerYtDlpInstall()
+// A system yt-dlp a year old fails on many of today's sites, and Debian's own refuses to update
+// itself: a current copy of our own is offered, once; declined, the system's copy does the job.
+void VideoTranscriptionWindow::transcribeLink(const QString& link)
 {
-    const Alerts::Alert offer{
-        QStringLiteral("Instalar suporte a links de vídeo?"),
-        QStringLiteral("Para baixar o áudio de links (YouTube e outros), o Voxaria usa o componente aberto yt-dlp "
-                       "(~35 MB, download único)."),
-        {{QStringLiteral("Instalar")}, {QStringLiteral("Cancelar"), Alerts::Button::Role::cancel}},
-    };
-    if (m_services.alerts->runModal(offer) != 0)
+    const std::optional<QString> ytdlp = m_services.ytDlpPath();
+    if (!ytdlp) {
+        offerYtDlpInstall({
+            QStringLiteral("Instalar suporte a links de vídeo?"),
+            QStringLiteral("Para baixar o áudio de links (YouTube e outros), o Voxaria usa o componente aberto yt-dlp "
+                           "(~35 MB, download único)."),
+            {{QStringLiteral("Instalar")}, {QStringLiteral("Cancelar"), Alerts::Button::Role::cancel}},
+        });
         return;
+    }
+    if (*ytdlp == YtDlpManager::installedPath() || Settings::shared().ytDlpUpdateOffered())
+        return transcribe(MediaTranscriber::Source::url(link));
+    m_transcribeButton->setEnabled(false);
+    YtDlpManager::readVersion(*ytdlp, this, [this, link](std::optional<QDate> version) {
+        m_transcribeButton->setEnabled(true);
+        if (version && YtDlpManager::isOutdated(*version)) {
+            Settings::shared().setYtDlpUpdateOffered(true);
+            const Alerts::Alert offer{
+                QStringLiteral("Atualizar o yt-dlp?"),
+                QStringLiteral("O yt-dlp do sistema é de %1 e pode não funcionar com os sites de hoje. "
+                               "Baixar uma versão atual para o Voxaria?")
+                    .arg(version->toString(QStringLiteral("dd/MM/yyyy"))),
+                {{QStringLiteral("Baixar")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
+            };
+            if (offerYtDlpInstall(offer))
+                return;
+        }
+        transcribe(MediaTranscriber::Source::url(link));
+    });
+}
+
+bool VideoTranscriptionWindow::offerYtDlpInstall(const Alerts::Alert& offer)
+{
+    if (m_services.alerts->runModal(offer) != 0)
+        return false;
     showBusy(true);
     QPointer<VideoTranscriptionWindow> weakSelf(this);
     m_installation = YtDlpManager::install(
@@ -386,6 +447,7 @@ void VideoTranscriptionWindow::offerYtDlpInstall()
                 weakSelf->installFinished(error);
         },
         this, m_services.ytDlpSource);
+    return true;
 }
 
 void VideoTranscriptionWindow::installProgress(double fraction)

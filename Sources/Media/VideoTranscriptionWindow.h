@@ -19,12 +19,14 @@ class QLineEdit;
 class QPlainTextEdit;
 class QProgressBar;
 class QPushButton;
+class QToolButton;
 class QWidget;
 class YtDlpInstallation;
 
 // "Transcrever vídeo ou link": the user pastes a link or a path (or picks or drops a file), starts
 // a MediaTranscriber job, follows its status and progress, and copies the transcript or saves it as
-// text or SRT subtitles. A link while yt-dlp is missing first offers to install it. The window is
+// text or SRT subtitles. A link while yt-dlp is missing first offers to install it, and so does the
+// first link met with a system yt-dlp over a year old. The window is
 // built on the first show() and only hidden when closed; closing stops a running job or
 // installation and removes the last job's subtitle file. Main thread only.
 class VideoTranscriptionWindow : public QObject {
@@ -37,7 +39,7 @@ public:
         std::unique_ptr<FileDialogs> fileDialogs;
         std::unique_ptr<Sounds> sounds;
         std::shared_ptr<Pasteboard> pasteboard;
-        std::function<bool()> ytDlpAvailable; // default: YtDlpManager::isAvailable
+        std::function<std::optional<QString>()> ytDlpPath; // default: YtDlpManager::binaryURL
         QUrl ytDlpSource; // default: YtDlpManager::downloadURL()
     };
 
@@ -64,17 +66,22 @@ private:
     void build();
     QWidget* buildInputRow();
     QWidget* buildResultRow();
+    QWidget* buildStatusRow();
     void showBusy(bool busy);
     void enableResultButtons(bool text, bool subtitles);
 
     void transcribe(const MediaTranscriber::Source& source);
     void showStatus(const QString& text, std::optional<double> progress);
     void finish(const MediaTranscriber::Output& output);
-    void fail(const QString& message);
+    // `details`: the program's own words, kept behind "Detalhes" (none: the control stays hidden).
+    void fail(const QString& message, const QString& details = {});
+    void showDetails(const QString& details);
     // The status line at the end of a job or an installation, also written to the log.
     void showOutcome(const QString& message);
 
-    void offerYtDlpInstall();
+    void transcribeLink(const QString& link);
+    // Answers whether the user took the offer.
+    bool offerYtDlpInstall(const Alerts::Alert& offer);
     void installProgress(double fraction);
     void installFinished(const Error* error);
 
@@ -87,6 +94,8 @@ private:
     std::unique_ptr<QWidget> m_window;
     QLineEdit* m_urlField = nullptr;
     QLabel* m_statusLabel = nullptr;
+    QToolButton* m_detailsButton = nullptr;
+    QPlainTextEdit* m_detailsView = nullptr;
     QProgressBar* m_progressBar = nullptr;
     QPlainTextEdit* m_resultView = nullptr;
     QPushButton* m_transcribeButton = nullptr;

@@ -2,10 +2,12 @@
 
 #include "YtDlpInstallation.h"
 
+#include <QDate>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
 
+#include <functional>
 #include <optional>
 
 class QObject;
@@ -17,7 +19,14 @@ namespace YtDlpManager {
 QStringList candidates();
 // The first candidate that is an executable file; looked up afresh at every call.
 std::optional<QString> binaryURL();
-bool isAvailable();
+
+// The release date the program at `path` reports (`yt-dlp --version` prints "2023.03.04"), absent
+// when it does not say within 10 s. Asked once per file version: a changed file is asked again.
+// Called on the main thread; `done` comes on it too, at once when the answer is known, and never
+// after `context` is gone.
+void readVersion(const QString& path, QObject* context, std::function<void(std::optional<QDate> version)> done);
+// Released more than a year before `today`: sites have most likely changed under it.
+bool isOutdated(QDate version, QDate today = QDate::currentDate());
 
 // Where install() puts our own copy: ~/.local/share/Voxaria/bin/yt-dlp (the first candidate).
 QString installedPath();

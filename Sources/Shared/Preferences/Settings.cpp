@@ -16,6 +16,7 @@ constexpr auto kHotKey = "hotKey";
 constexpr auto kLocaleIdentifier = "localeIdentifier";
 constexpr auto kPreferOnDevice = "preferOnDevice";
 constexpr auto kPlaySounds = "playSounds";
+constexpr auto kYtDlpUpdateOffered = "ytDlpUpdateOffered";
 
 // A store of its own for every access, rather than one shared object: QSettings objects are
 // reentrant, not thread-safe, and Qt lets distinct objects on the same file be used from several
@@ -166,4 +167,14 @@ bool Settings::playSounds() const
 void Settings::setPlaySounds(bool on)
 {
     setValue(kPlaySounds, on);
+}
+
+bool Settings::ytDlpUpdateOffered() const
+{
+    return storedValue(kYtDlpUpdateOffered).toBool(); // false until it happened
+}
+
+void Settings::setYtDlpUpdateOffered(bool offered)
+{
+    setValue(kYtDlpUpdateOffered, offered);
 }

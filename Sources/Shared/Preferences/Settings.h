@@ -9,9 +9,9 @@
 
 #include <memory>
 
-// The six user preferences. The store is read again only when its file changed (by this program, by
-// another, or by hand), so a choice made in the menu takes effect at the very next read while a
-// read per key event costs one stat(). Safe to read and write from any thread.
+// The six user preferences, and what the program remembers having asked. The store is read again only when its file changed (by this
+// program, by another, or by hand), so a choice made in the menu takes effect at the very next read while a read per key event costs one
+// stat(). Safe to read and write from any thread.
 class Settings {
 public:
     static Settings& shared();
@@ -33,6 +33,10 @@ public:
 
     bool playSounds() const;
     void setPlaySounds(bool on);
+
+    // Whether the user was offered a current yt-dlp in place of the system's outdated one.
+    bool ytDlpUpdateOffered() const;
+    void setYtDlpUpdateOffered(bool offered);
 
 private:
     Settings();
