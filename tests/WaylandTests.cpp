@@ -105,12 +105,12 @@ TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
     ASSERT_TRUE(app.waitForLog(QStringLiteral("dictated text only copied to the clipboard"), 10s));
 
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
-    QProcess speech;
-    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
     EXPECT_EQ(runToEnd({"--press"}, environment).first, 0);
     EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << app.log().join('\n').toStdString();
     EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << app.log().join('\n').toStdString();
+    // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
+    QProcess speech;
+    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
     TestSupport::spin(3s); // held long enough to count as a dictation, and to hear the speech
     const int before = app.lineCount();
     EXPECT_EQ(runToEnd({"--release"}, environment).first, 0);
