@@ -363,7 +363,21 @@ void AppDelegate::whenChosen(QAction* item, std::function<void()> action)
 {
     // The action runs once the menu has closed and the click is over, so an alert it shows, or the
     // menu it replaces, never runs inside the menu's own event handling.
-    connect(item, &QAction::triggered, this, std::move(action), Qt::QueuedConnection);
+    if (!item->isCheckable()) {
+        connect(item, &QAction::triggered, this, std::move(action), Qt::QueuedConnection);
+        return;
+    }
+    // The click has already moved the mark. A choice refused, cancelled or ignored leaves the
+    // setting as it was, so the menu is rebuilt from the settings unless the action already did.
+    connect(
+        item, &QAction::triggered, this,
+        [this, action = std::move(action)] {
+            const QMenu* shown = m_menu.get();
+            action();
+            if (m_menu.get() == shown)
+                refreshMenu();
+        },
+        Qt::QueuedConnection);
 }
 
 void AppDelegate::refreshMenu()
