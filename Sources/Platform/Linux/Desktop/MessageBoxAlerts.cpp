@@ -33,6 +33,9 @@ int MessageBoxAlerts::runModal(const Alert& alert)
     box.setWindowTitle(QGuiApplication::applicationDisplayName());
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
+    // Our texts are never markup: one that merely contains "<html" (a server's error page quoted in
+    // a failure) must not be taken for rich text and cut. Set after both texts, so both labels take it.
+    box.setTextFormat(Qt::PlainText);
     // A tray program has no window in front; without this the alert can open behind the user's
     // current application and the modal loop would look like a hang.
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
