@@ -20,6 +20,7 @@
 #include <QMenu>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
+#include <QTimer>
 
 #include <algorithm>
 #include <utility>
@@ -125,10 +126,14 @@ bool AppDelegate::applicationDidFinishLaunching()
     if (const std::optional<QString> whisper = WhisperTranscriber::binaryURL())
         qCInfo(lcWhisper) << "whisper-cli:" << *whisper;
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
-    // The questions come last: the key already works while they wait for an answer.
-    maybeOfferModelDownload();
-    maybeWarnNoEngine();
-    maybeWarnNoKeySource();
+    // The questions come last, once the event loop runs: the key already works while they wait for
+    // an answer, and "Sair do Voxaria" chosen meanwhile ends the program, as a quit asked before the
+    // application's loop has started would be dropped.
+    QTimer::singleShot(0, this, [this] {
+        maybeOfferModelDownload();
+        maybeWarnNoEngine();
+        maybeWarnNoKeySource();
+    });
     return true;
 }
 
