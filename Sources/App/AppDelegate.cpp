@@ -208,7 +208,10 @@ void AppDelegate::setupStatusItem()
 {
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
-    m_statusItem = std::make_unique<QSystemTrayIcon>(StatusIcon::make(StatusIcon::Tint::normal));
+    const QIcon icon = StatusIcon::make(StatusIcon::Tint::normal);
+    // Every window of the program (history, video, downloads, alerts) carries the tray's waveform.
+    QApplication::setWindowIcon(icon);
+    m_statusItem = std::make_unique<QSystemTrayIcon>(icon);
     m_statusItem->setToolTip(QStringLiteral("Voxaria"));
     // A click opens the same menu as a right click, as a click on a menu-bar item does.
     connect(m_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
