@@ -80,6 +80,17 @@ protected:
             store.setValue(key, value);
     }
     QStringList marks() { return describe(*app->menu()).split('\n').filter("✓"); }
+    // Clicks the item of the real menu titled so, answers the alert it leads to, and reads the menu.
+    QStringList click(const QString& title, const QString& answer)
+    {
+        alerts->answers = QStringList{answer};
+        const qsizetype asked = alerts->shown.size() + 1;
+        for (QAction* item : app->menu()->findChildren<QAction*>())
+            if (item->text() == title)
+                item->trigger();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == asked; }, std::chrono::seconds(10))) << title.toStdString();
+        return describe(*app->menu()).split('\n');
+    }
     QString lastAlert() const
     {
         const Alerts::Alert alert = alerts->shown.value(alerts->shown.size() - 1);
@@ -152,21 +163,23 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
         << "the menu was rebuilt when the model arrived: " << marks().join('\n').toStdString();
 }
 
+TEST_F(StatusMenuTest, ARefusedOrCancelledChoiceLeavesTheMarksAsTheyWere)
+{
+    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    const QStringList before = marks();
+    EXPECT_EQ(before.first(), "  ✓ PocketSphinx (nativo, tempo real)");
+    for (const auto& [title, answer] :
+        {std::pair{"Whisper (melhor qualidade) — indisponível", "OK"}, std::pair{"Leve — base (60 MB) — baixar", "Cancelar"}})
+        EXPECT_EQ(click(title, answer).filter("✓"), before) << title;
+}
+
 TEST_F(StatusMenuTest, ModelsAndUnfinishedDownloadsAreRemovedOnlyAfterConfirming)
 {
     const QString folder = AppPaths::modelsFolder() + '/';
     TestSupport::writeFile(folder + kSmall, QByteArray(1 << 20, 'w'));
     TestSupport::writeFile(folder + kBase + ".part", QByteArray(3 << 19, 'w'));
     TestSupport::writeFile(folder + kBase + ".part.etag", "\"a\"");
-    const auto choose = [&](const QString& title, const QString& answer) {
-        alerts->answers = QStringList{answer};
-        const qsizetype asked = alerts->shown.size() + 1;
-        for (QAction* item : app->menu()->findChildren<QAction*>())
-            if (item->text() == title)
-                item->trigger();
-        EXPECT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == asked; }, std::chrono::seconds(10))) << title.toStdString();
-        return describe(*app->menu()).split('\n').filter("  Remover");
-    };
+    const auto choose = [&](const QString& title, const QString& answer) { return click(title, answer).filter("  Remover"); };
     EXPECT_EQ(choose("Remover small (1 MB)", "Cancelar"),
         (QStringList{"  Remover small (1 MB)", "  Remover download incompleto de base (2 MB)"}));
     EXPECT_EQ(
@@ -187,7 +200,7 @@ TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
     EXPECT_EQ(marks().last(), "✓ Iniciar com o sistema");
 }
 
-TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
+TEST_F(StatusMenuTest, PermissionsAlertAndTheNoTrayWindowOpenTheHelpPageOnlyWhenAsked)
 {
     alerts->answers = QStringList{"OK", "Abrir ajuda"};
     app->openPermissions();
@@ -197,6 +210,10 @@ TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
     ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 2; }, std::chrono::seconds(10)));
     EXPECT_EQ(alerts->shown.last().messageText, "Permissões do Voxaria");
     EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+    alerts->answers = QStringList{"Ajuda"};
+    app->explainMissingTray();
+    EXPECT_EQ(lastAlert().section('\n', -1), "[Histórico de ditados… | Transcrever vídeo ou link… | Ajuda | Sair do Voxaria | Fechar]");
+    EXPECT_EQ(urlOpener->opened.size(), 2) << "the window without a tray opens the same help";
 }
 
 }

@@ -20,6 +20,7 @@
 #include <QMenu>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
+#include <QTimer>
 
 #include <algorithm>
 #include <utility>
@@ -125,10 +126,16 @@ bool AppDelegate::applicationDidFinishLaunching()
     if (const std::optional<QString> whisper = WhisperTranscriber::binaryURL())
         qCInfo(lcWhisper) << "whisper-cli:" << *whisper;
     qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
-    // The questions come last: the key already works while they wait for an answer.
-    maybeOfferModelDownload();
-    maybeWarnNoEngine();
-    maybeWarnNoKeySource();
+    // The questions come last, once the event loop runs: the key already works while they wait for
+    // an answer, and "Sair do Voxaria" chosen meanwhile ends the program, as a quit asked before the
+    // application's loop has started would be dropped.
+    QTimer::singleShot(0, this, [this] {
+        if (!QSystemTrayIcon::isSystemTrayAvailable())
+            explainMissingTray();
+        maybeOfferModelDownload();
+        maybeWarnNoEngine();
+        maybeWarnNoKeySource();
+    });
     return true;
 }
 
@@ -203,7 +210,10 @@ void AppDelegate::setupStatusItem()
 {
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
-    m_statusItem = std::make_unique<QSystemTrayIcon>(StatusIcon::make(StatusIcon::Tint::normal));
+    const QIcon icon = StatusIcon::make(StatusIcon::Tint::normal);
+    // Every window of the program (history, video, downloads, alerts) carries the tray's waveform.
+    QApplication::setWindowIcon(icon);
+    m_statusItem = std::make_unique<QSystemTrayIcon>(icon);
     m_statusItem->setToolTip(QStringLiteral("Voxaria"));
     // A click opens the same menu as a right click, as a click on a menu-bar item does.
     connect(m_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
@@ -363,7 +373,21 @@ void AppDelegate::whenChosen(QAction* item, std::function<void()> action)
 {
     // The action runs once the menu has closed and the click is over, so an alert it shows, or the
     // menu it replaces, never runs inside the menu's own event handling.
-    connect(item, &QAction::triggered, this, std::move(action), Qt::QueuedConnection);
+    if (!item->isCheckable()) {
+        connect(item, &QAction::triggered, this, std::move(action), Qt::QueuedConnection);
+        return;
+    }
+    // The click has already moved the mark. A choice refused, cancelled or ignored leaves the
+    // setting as it was, so the menu is rebuilt from the settings unless the action already did.
+    connect(
+        item, &QAction::triggered, this,
+        [this, action = std::move(action)] {
+            const QMenu* shown = m_menu.get();
+            action();
+            if (m_menu.get() == shown)
+                refreshMenu();
+        },
+        Qt::QueuedConnection);
 }
 
 void AppDelegate::refreshMenu()
@@ -513,4 +537,22 @@ void AppDelegate::openPermissions()
 void AppDelegate::checkForUpdates()
 {
     UpdaterManager::shared().checkForUpdates();
+}
+
+void AppDelegate::explainMissingTray()
+{
+    const Alerts::Alert notice{QStringLiteral("O Voxaria está em execução"),
+        QStringLiteral("Esta área de trabalho não mostra a bandeja do sistema, onde ficam o ícone e o menu do Voxaria; "
+                       "a tecla de ditado funciona mesmo assim. No GNOME, instale e ative a extensão AppIndicator "
+                       "(por exemplo: sudo apt install gnome-shell-extension-appindicator) e entre de novo na sessão."),
+        {{QStringLiteral("Histórico de ditados…")}, {QStringLiteral("Transcrever vídeo ou link…")}, {QStringLiteral("Ajuda")},
+            {QStringLiteral("Sair do Voxaria"), Alerts::Button::Role::destructive},
+            {QStringLiteral("Fechar"), Alerts::Button::Role::cancel}}};
+    switch (m_services.alerts->runModal(notice)) {
+    case 0: openHistory(); break;
+    case 1: openVideoTranscription(); break;
+    case 2: m_services.urlOpener->open(Permissions::helpPageURL()); break;
+    case 3: QApplication::quit(); break;
+    default: break;
+    }
 }

@@ -6,6 +6,14 @@
 
 namespace {
 
+// Some feeds and tags write "v1.0"; the texts shown put their own "v" before the number.
+QString withoutLeadingV(QString version)
+{
+    if (version.startsWith(QLatin1Char('v'), Qt::CaseInsensitive))
+        version.remove(0, 1);
+    return version;
+}
+
 const QString kSparkleNamespace = QStringLiteral("http://www.andymatuschak.org/xml-namespaces/sparkle");
 
 // What one <item> says, gathered while it is read.
@@ -17,7 +25,7 @@ struct Item {
     {
         for (const QString* candidate : {&shortVersion, &enclosureShortVersion, &buildVersion, &enclosureBuildVersion}) {
             if (!candidate->isEmpty())
-                return *candidate;
+                return withoutLeadingV(*candidate);
         }
         return {};
     }
@@ -89,11 +97,9 @@ namespace {
 
 QList<int> versionNumbers(const QString& version)
 {
-    QString digits = version.trimmed();
-    if (digits.startsWith(QLatin1Char('v'), Qt::CaseInsensitive))
-        digits.remove(0, 1);
     QList<int> numbers;
-    for (const QString& part : digits.section(QLatin1Char('-'), 0, 0).section(QLatin1Char('+'), 0, 0).split(QLatin1Char('.'))) {
+    for (const QString& part :
+        withoutLeadingV(version.trimmed()).section(QLatin1Char('-'), 0, 0).section(QLatin1Char('+'), 0, 0).split(QLatin1Char('.'))) {
         bool ok = false;
         const int number = part.toInt(&ok);
         if (!ok)

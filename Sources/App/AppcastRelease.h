@@ -9,7 +9,7 @@
 // The newest release an appcast announces (Sparkle's RSS: one <item> per release, its version in
 // sparkle:shortVersionString or sparkle:version, on the item or on its <enclosure>).
 struct AppcastRelease {
-    QString version; // as the feed writes it for people ("0.3.0")
+    QString version; // as the feed writes it for people, without a leading "v" ("0.3.0")
     QUrl downloadPage; // the item's <link>, else its enclosure, else the channel's <link>
 
     // The newest release in the feed, or why the feed offers none (in Portuguese, for the user).

@@ -8,6 +8,8 @@
 #include <QPushButton>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace {
 
 QMessageBox::ButtonRole messageBoxRole(Alerts::Button::Role role)
@@ -33,6 +35,9 @@ int MessageBoxAlerts::runModal(const Alert& alert)
     box.setWindowTitle(QGuiApplication::applicationDisplayName());
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
+    // Our texts are never markup: one that merely contains "<html" (a server's error page quoted in
+    // a failure) must not be taken for rich text and cut. Set after both texts, so both labels take it.
+    box.setTextFormat(Qt::PlainText);
     // A tray program has no window in front; without this the alert can open behind the user's
     // current application and the modal loop would look like a hang.
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
@@ -44,6 +49,12 @@ int MessageBoxAlerts::runModal(const Alert& alert)
         buttons.append(box.addButton(QMessageBox::Ok));
     if (auto* first = qobject_cast<QPushButton*>(buttons.first()))
         box.setDefaultButton(first);
+    // Closing the box (the window manager's close, Esc, or the program quitting, which Qt refuses
+    // while a box cannot be closed) answers the cancelling button, else the last one.
+    const auto cancel = std::find_if(
+        alert.buttons.begin(), alert.buttons.end(), [](const Button& button) { return button.role == Button::Role::cancel; });
+    const int escape = static_cast<int>(cancel != alert.buttons.end() ? cancel - alert.buttons.begin() : buttons.size() - 1);
+    box.setEscapeButton(buttons[escape]);
 
     QTimer::singleShot(0, &box, [&box] {
         box.raise();
@@ -51,14 +62,8 @@ int MessageBoxAlerts::runModal(const Alert& alert)
     });
     box.exec();
 
-    const int chosen = buttons.indexOf(box.clickedButton());
-    if (chosen >= 0)
-        return chosen;
-    // Closed without a button (window manager close): the cancelling button, else the last one.
-    for (qsizetype i = 0; i < alert.buttons.size(); ++i) {
-        if (alert.buttons[i].role == Button::Role::cancel)
-            return static_cast<int>(i);
-    }
-    qCDebug(lcApp) << "Alert closed without a button:" << alert.messageText;
-    return static_cast<int>(buttons.size() - 1);
+    const int chosen = static_cast<int>(buttons.indexOf(box.clickedButton()));
+    if (chosen < 0)
+        qCDebug(lcApp) << "Alert closed without a button:" << alert.messageText;
+    return chosen >= 0 ? chosen : escape;
 }
