@@ -130,8 +130,6 @@ bool AppDelegate::applicationDidFinishLaunching()
     // an answer, and "Sair do Voxaria" chosen meanwhile ends the program, as a quit asked before the
     // application's loop has started would be dropped.
     QTimer::singleShot(0, this, [this] {
-        if (!QSystemTrayIcon::isSystemTrayAvailable())
-            explainMissingTray();
         maybeOfferModelDownload();
         maybeWarnNoEngine();
         maybeWarnNoKeySource();
@@ -537,22 +535,4 @@ void AppDelegate::openPermissions()
 void AppDelegate::checkForUpdates()
 {
     UpdaterManager::shared().checkForUpdates();
-}
-
-void AppDelegate::explainMissingTray()
-{
-    const Alerts::Alert notice{QStringLiteral("O Voxaria está em execução"),
-        QStringLiteral("Esta área de trabalho não mostra a bandeja do sistema, onde ficam o ícone e o menu do Voxaria; "
-                       "a tecla de ditado funciona mesmo assim. No GNOME, instale e ative a extensão AppIndicator "
-                       "(por exemplo: sudo apt install gnome-shell-extension-appindicator) e entre de novo na sessão."),
-        {{QStringLiteral("Histórico de ditados…")}, {QStringLiteral("Transcrever vídeo ou link…")}, {QStringLiteral("Ajuda")},
-            {QStringLiteral("Sair do Voxaria"), Alerts::Button::Role::destructive},
-            {QStringLiteral("Fechar"), Alerts::Button::Role::cancel}}};
-    switch (m_services.alerts->runModal(notice)) {
-    case 0: openHistory(); break;
-    case 1: openVideoTranscription(); break;
-    case 2: m_services.urlOpener->open(Permissions::helpPageURL()); break;
-    case 3: QApplication::quit(); break;
-    default: break;
-    }
 }

@@ -66,9 +66,6 @@ public:
     void toggleLaunchAtLogin();
     void openPermissions();
     void checkForUpdates();
-    // Without a system tray the menu cannot be shown: says so once at start-up, with its main
-    // commands as buttons.
-    void explainMissingTray();
 
 private:
     bool ensureSingleInstance();
