@@ -7,7 +7,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test
 scripts/check-format.sh
+echo "build with warnings as errors (-Wall -Wextra -Wshadow -Werror)"
 scripts/build.sh -DBUILD_TESTING=ON -DVOXARIA_BUILD_BENCHMARKS=ON -DVOXARIA_WERROR=ON
+echo "build clean: no warnings"
 # One at a time: several tests share the virtual microphone and the X keyboard focus.
 scripts/with-harness.sh ctest --test-dir build --output-on-failure --timeout 300 "$@"
 echo "sanitizer build of the unit tests (address, undefined behaviour)"
