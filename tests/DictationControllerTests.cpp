@@ -96,10 +96,10 @@ public:
         controller = std::make_unique<DictationController>(
             DictationController::Collaborators{[script = script] { return std::make_unique<ScriptedEngine>(script); },
                 std::move(fakeSounds), std::move(fakeTrust), std::move(fakeFront),
-                [this](const QString& text) {
+                [this](const QString& text, std::function<void()> onPasted) {
                     inserted << text;
                     frontQueriesAtInsertion = front->queryCount;
-                    return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode});
+                    return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode}, std::move(onPasted));
                 },
                 timing});
         controller->onStateChange = [this](State state) { states << state; };

@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
@@ -186,6 +187,8 @@ TEST_F(EndToEnd, AShortPressInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
     EXPECT_GE(recorded.seconds(), 0.9 * TestSupport::audioDuration(speech));
     EXPECT_LE(recorded.seconds(), heldSeconds + 0.2);
     EXPECT_TRUE(app.log().filter(QStringLiteral("cannot be played")).isEmpty()) << app.log().join('\n').toStdString();
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("input closed → whisper-cli done"), 5s, from)) << "no timing line";
+    EXPECT_FALSE(app.log().filter(QRegularExpression(QStringLiteral("done → paste done \\d+; model loaded"))).isEmpty());
 }
 
 TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndEndingTheFirstMidDictationLeavesNoRecording)

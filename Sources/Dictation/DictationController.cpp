@@ -19,6 +19,15 @@ const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
 const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V");
 const QString noApplicationName = QStringLiteral("—");
 
+// One line per measured dictation, written when the text is in: where the engine's time went, and
+// how long from the end of its work to the paste (or to the moment nothing was left to paste).
+void logTiming(const std::optional<TranscriptionEngine::Timing>& timing, const QString& end)
+{
+    if (timing)
+        qCInfo(lcDictation).noquote().nospace() << "dictation timing (ms): " << timing->spans << ", done → " << end << " "
+                                                << timing->clock.elapsed() - timing->doneAt << "; " << timing->note;
+}
+
 }
 
 void DictationController::ReleaseLater::operator()(TranscriptionEngine* engine) const
@@ -31,8 +40,9 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     Collaborators collaborators;
     collaborators.accessibility = platform.makeAccessibilityTrust();
     collaborators.frontApplication = platform.makeFrontApplication();
-    collaborators.insertText
-        = [target = TextInserter::Target::of(platform)](const QString& text) { return TextInserter::insert(text, target); };
+    collaborators.insertText = [target = TextInserter::Target::of(platform)](const QString& text, std::function<void()> onPasted) {
+        return TextInserter::insert(text, target, std::move(onPasted));
+    };
     return collaborators;
 }
 
@@ -146,25 +156,27 @@ void DictationController::handleFinal(const QString& text)
     if (m_state == State::idle)
         return;
     setState(State::idle);
+    const std::optional<TranscriptionEngine::Timing> timing = m_transcriber ? m_transcriber->timing() : std::nullopt;
     m_transcriber.reset();
     m_hud.hide();
     const QString trimmed = text.trimmed();
     if (trimmed.isEmpty()) {
         qCInfo(lcDictation) << "nothing was heard";
+        logTiming(timing, QStringLiteral("nothing to paste"));
         play("Basso");
         return;
     }
     play("Pop");
-    insert(trimmed);
+    insert(trimmed, timing);
 }
 
-void DictationController::insert(const QString& text)
+void DictationController::insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing)
 {
     // Asked before pasting, so the name is that of the application receiving the text.
     const QString appName = m_frontApplication->localizedName().value_or(QString());
     const QString shownName = appName.isEmpty() ? noApplicationName : appName;
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
-    const TextInserter::Mode mode = m_insertText(text);
+    const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
     if (mode == TextInserter::Mode::copyOnly) {
         m_hud.show(copiedMessage, QString());

@@ -25,8 +25,9 @@ public:
     enum class State { idle, recording, finishing };
 
     using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
-    // Answers how the text went: pasted, or only copied for the user to paste.
-    using TextInsertion = std::function<TextInserter::Mode(const QString& text)>;
+    // Answers how the text went: pasted, or only copied for the user to paste; `onPasted` follows
+    // once it was.
+    using TextInsertion = std::function<TextInserter::Mode(const QString& text, std::function<void()> onPasted)>;
 
     struct Timing {
         // A press shorter than this was a slip, not a dictation (key down to key up).
@@ -90,7 +91,7 @@ private:
     bool startEngine();
     void handleFinal(const QString& text);
     void handleError(const Error& error);
-    void insert(const QString& text);
+    void insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing);
     void setState(State state);
     void play(const char* sound);
     void hideLaterIfStillIdle(std::chrono::milliseconds delay);

@@ -51,10 +51,11 @@ quint64 pasteFlags(FrontApplication* frontApplication)
 class Insertion final : public QObject {
 public:
     // `earlier`: the insertion before this one, whose saved contents this one may take over.
-    Insertion(const Target& target, const QString& text, Insertion* earlier)
+    Insertion(const Target& target, const QString& text, std::function<void()> onPasted, Insertion* earlier)
         : QObject(QCoreApplication::instance())
         , m_target(target)
         , m_text(text)
+        , m_onPasted(std::move(onPasted))
     {
         connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Insertion::restore);
         // Until the earlier one has pasted, the clipboard is yet to hold its text: this one waits,
@@ -101,6 +102,8 @@ private:
             return;
         postCommandV(*m_target.keyPoster, pasteFlags(m_target.frontApplication.get()));
         m_pasted = true;
+        if (m_onPasted)
+            m_onPasted();
         QTimer::singleShot(m_target.delays.beforeRestore, Qt::PreciseTimer, this, &Insertion::restore);
         if (Insertion* follower = m_follower)
             follower->save(this);
@@ -128,6 +131,7 @@ private:
 
     Target m_target;
     QString m_text;
+    std::function<void()> m_onPasted;
     std::optional<Contents> m_saved;
     bool m_pasted = false;
     bool m_finished = false;
@@ -146,7 +150,7 @@ Target Target::of(const SessionPlatform& platform)
         platform.makeFrontApplication()};
 }
 
-Mode insert(const QString& text, const Target& target)
+Mode insert(const QString& text, const Target& target, std::function<void()> onPasted)
 {
     if (text.isEmpty())
         return target.mode;
@@ -154,9 +158,11 @@ Mode insert(const QString& text, const Target& target)
         // Left for the user to paste: nothing is synthesised and nothing put back.
         putText(*target.pasteboard, text);
         qCDebug(lcInsert) << "Copied" << text.size() << "characters for the user to paste";
+        if (onPasted)
+            onPasted();
         return target.mode;
     }
-    latest = new Insertion(target, text, latest);
+    latest = new Insertion(target, text, std::move(onPasted), latest);
     return target.mode;
 }
 

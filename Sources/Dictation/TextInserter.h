@@ -43,10 +43,10 @@ struct Target {
 };
 
 // Returns at once; the paste and the restoration run later on the main thread, once the clipboard's
-// contents are saved (a restoration still ahead runs when the application quits). Nothing is
-// reported: a failed paste leaves the clipboard restored all the same. Dictations in quick
-// succession end with the clipboard the user had before the first. Answers the target's mode, so the caller can tell the user when the text
-// was only copied.
-Mode insert(const QString& text, const Target& target);
+// contents are saved (a restoration still ahead runs when the application quits). A failed paste
+// leaves the clipboard restored all the same. Dictations in quick succession end with the clipboard
+// the user had before the first. `onPasted` follows once the paste keys were posted, or the text
+// copied. Answers the target's mode, so the caller can tell the user when the text was only copied.
+Mode insert(const QString& text, const Target& target, std::function<void()> onPasted = {});
 
 }

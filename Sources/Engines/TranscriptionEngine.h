@@ -2,10 +2,12 @@
 
 #include "Shared/Error.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 // The contract both dictation engines fulfil. The controller makes one engine per dictation and
 // drives it only through these calls, all on the main thread; every callback also arrives on the
@@ -27,4 +29,16 @@ public:
     // Stops everything and discards the dictation: neither onFinal nor onError follows.
     virtual void cancel() = 0;
     virtual bool providesPartials() const = 0;
+
+    // Where a finished dictation's time went inside the engine, for the one timing line the
+    // controller logs once the text is pasted: the engine's spans and a note, and the moment its
+    // own work ended on a clock it started at key down.
+    struct Timing {
+        QString spans;
+        QString note;
+        QElapsedTimer clock;
+        qint64 doneAt = 0;
+    };
+    // Valid once onFinal was made; engines that do not measure answer nothing.
+    virtual std::optional<Timing> timing() const { return std::nullopt; }
 };

@@ -414,7 +414,6 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
         text = decodeStrictUtf8(transcript.readAll());
     if (text) {
-        logTimeline();
         answerWithText(PhantomPhrases::bundled().withoutPhantom(m_segmented ? joinedSegments(*text) : text->trimmed()));
     } else {
         qCWarning(lcWhisper) << "whisper-cli failed with status" << exitStatus;
@@ -430,15 +429,16 @@ void WhisperTranscriber::answerWithText(const QString& text)
         onFinal(text);
 }
 
-void WhisperTranscriber::logTimeline() const
+std::optional<TranscriptionEngine::Timing> WhisperTranscriber::timing() const
 {
-    const qint64 handedOver = m_sinceKeyDown.elapsed();
+    if (m_timeline.done < 0)
+        return std::nullopt;
     const auto span = [](qint64 from, qint64 to) { return from < 0 || to < 0 ? QStringLiteral("?") : QString::number(to - from); };
-    qCInfo(lcWhisper).noquote().nospace() << "dictation timing (ms): key down → capturing " << span(0, m_timeline.capturing)
-                                          << ", release → input closed " << span(m_timeline.released, m_timeline.inputClosed)
-                                          << ", input closed → whisper-cli done " << span(m_timeline.inputClosed, m_timeline.done)
-                                          << ", done → text handed over " << span(m_timeline.done, handedOver) << "; model "
-                                          << (m_readsStdin ? "loaded while recording" : "loaded after release");
+    return Timing{QStringLiteral("key down → capturing %1, release → input closed %2, input closed → whisper-cli done %3")
+                      .arg(span(0, m_timeline.capturing), span(m_timeline.released, m_timeline.inputClosed),
+                          span(m_timeline.inputClosed, m_timeline.done)),
+        m_readsStdin ? QStringLiteral("model loaded while recording") : QStringLiteral("model loaded after release"), m_sinceKeyDown,
+        m_timeline.done};
 }
 
 void WhisperTranscriber::answerWithError(const Error& error)

@@ -34,6 +34,7 @@ public:
     void finish() override;
     void cancel() override;
     bool providesPartials() const override { return false; }
+    std::optional<Timing> timing() const override;
 
     // Looked up afresh at every call: the user may install or remove things at any time.
     static std::optional<QString> binaryURL();
@@ -68,7 +69,6 @@ private:
     void sendRecording();
     void complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput);
     void answerWithText(const QString& text);
-    void logTimeline() const;
     void answerWithError(const Error& error);
     void retireProcess();
     void cleanup();
