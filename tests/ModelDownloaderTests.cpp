@@ -22,6 +22,7 @@ using Route = LocalHttpServer::Route;
 namespace {
 
 const ModelDownloader::Model& small = ModelDownloader::Model::recommended();
+const ModelDownloader::Model& vad = ModelDownloader::Model::voiceActivity();
 const QString kInstalled = "Modelo \"Equilibrado — small\" instalado e selecionado. Segure a tecla de ditado e fale.";
 const QByteArray kModel = QByteArray("lmgg").leftJustified(3 << 20, 'w'); // starts like a whisper.cpp model
 
@@ -38,13 +39,13 @@ QByteArray contents(const QString& name)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(none)");
 }
 
-// The downloader against a server of the test's own; each test starts with an earlier model
-// installed and selected, and the native engine chosen.
+// The downloader against a server of the test's own (the voice activity model in vad/); each test
+// starts with an earlier model installed and selected, the voice activity model, and the native engine.
 class ModelDownloaderTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
     FakeAlerts* alerts = new FakeAlerts;
-    ModelDownloader downloader{std::unique_ptr<Alerts>(alerts), server.baseUrl()};
+    ModelDownloader downloader{std::unique_ptr<Alerts>(alerts), {server.baseUrl(), server.baseUrl().resolved(QUrl("vad/"))}};
     QList<bool> completions;
 
     void SetUp() override
@@ -52,6 +53,7 @@ protected:
         QDir(AppPaths::modelsFolder()).removeRecursively();
         QFile::remove(AppPaths::modelsFolder());
         TestSupport::writeFile(AppPaths::modelsFolder() + "/ggml-base-q5_1.bin", "earlier model");
+        TestSupport::writeFile(vad.filePath(), "voice model");
         Settings::shared().setWhisperModelFileName("ggml-base-q5_1.bin");
         Settings::shared().setEngine(TranscriptionEngineKind::apple);
         completions.clear();
@@ -183,7 +185,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
             TestSupport::writeFile(AppPaths::modelsFolder(), "not a folder");
         server.setRoute(small.fileName, c.route);
         auto* failingAlerts = new FakeAlerts;
-        ModelDownloader failing{std::unique_ptr<Alerts>(failingAlerts), c.base.isEmpty() ? server.baseUrl() : c.base};
+        ModelDownloader failing{std::unique_ptr<Alerts>(failingAlerts), {c.base.isEmpty() ? server.baseUrl() : c.base, server.baseUrl()}};
         if (c.readOnlyFolder && !setReadOnly(true)) {
             std::printf("read-only folder case skipped: this file system cannot make a folder immutable\n");
             continue;
@@ -244,6 +246,40 @@ TEST_F(ModelDownloaderTest, ResumeContinuesOnlyTheSameFile)
         EXPECT_EQ(contents(small.fileName), c.after.body);
         EXPECT_TRUE(server.ranges.last().startsWith("Range: bytes=")) << server.ranges.last().toStdString();
     }
+}
+
+// A Whisper model download brings the voice activity model first when it is missing, checked like
+// any model; its failure is only logged, one already there is not fetched again, and a cancel while
+// it comes stops both.
+TEST_F(ModelDownloaderTest, TheVoiceActivityModelComesAlongAndNeverBlocks)
+{
+    QFile published(VOXARIA_WHISPER_TEST_MODELS "/for-tests-silero-v6.2.0-ggml.bin");
+    const QByteArray real = published.open(QIODevice::ReadOnly) ? published.readAll() : ""; // with whisper-cli built
+    const struct {
+        Route route;
+        QByteArray installed; // "": already there
+    } cases[] = {{{.status = 404}, "(none)"}, {{.body = kModel}, "(none)"} /* not the published file */, {{.body = real}, real}, {{}, ""}};
+    server.setRoute(small.fileName, Route{.body = kModel});
+    for (const auto& c : cases) {
+        SetUp();
+        if (!c.installed.isEmpty())
+            QFile::remove(vad.filePath());
+        server.setRoute("vad/" + vad.fileName, c.route);
+        server.ranges.clear();
+        alerts->shown.clear();
+        start();
+        EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+        EXPECT_EQ(alerts->shown.size(), 1);
+        EXPECT_EQ(contents(vad.fileName), c.installed.isEmpty() ? "voice model" : c.installed);
+        EXPECT_EQ(server.ranges.size(), c.installed.isEmpty() ? 1 : 2);
+    }
+    QFile::remove(vad.filePath());
+    server.setRoute("vad/" + vad.fileName, Route{.body = kModel, .holdAt = 1 << 20});
+    start();
+    EXPECT_TRUE(waitUntil([&] { return status() == "Baixando o modelo de detecção de voz…" && downloader.window()->fraction() > 0; }));
+    downloader.cancelTapped();
+    EXPECT_EQ(completions, (QList<bool>{true, false}));
+    EXPECT_FALSE(QFile::exists(small.partPath())) << "the Whisper model was started";
 }
 
 TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)

@@ -53,7 +53,7 @@ protected:
     FakeAlerts* alerts = new FakeAlerts;
     FakeLoginItem* loginItem = new FakeLoginItem;
     FakeUrlOpener* urlOpener = new FakeUrlOpener;
-    ModelDownloader downloader{std::make_unique<FakeAlerts>(), server.baseUrl()};
+    ModelDownloader downloader{std::make_unique<FakeAlerts>(), {server.baseUrl(), server.baseUrl()}};
     FakeSessionPlatform platform;
     std::unique_ptr<AppDelegate> app;
     const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";

@@ -15,8 +15,7 @@ namespace {
 constexpr int kBarSteps = 1000;
 }
 
-ModelDownloadWindow::ModelDownloadWindow(
-    const QString& displayName, int sizeMB, std::function<void()> onCancel, std::function<void()> onClose)
+ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, std::function<void()> onCancel, std::function<void()> onClose)
     : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint)
     , m_onClose(std::move(onClose))
     , m_progressBar(new QProgressBar(this))
@@ -33,7 +32,6 @@ ModelDownloadWindow::ModelDownloadWindow(
     m_progressBar->setTextVisible(false);
     m_progressBar->setFixedWidth(360);
 
-    m_statusLabel->setText(QStringLiteral("Conectando… (%1 MB no total)").arg(sizeMB));
     m_statusLabel->setFont(systemFont(11, QFont::Normal));
     m_statusLabel->setForegroundRole(QPalette::PlaceholderText);
 

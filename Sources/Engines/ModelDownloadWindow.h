@@ -12,7 +12,7 @@ class QProgressBar;
 class ModelDownloadWindow final : public QWidget {
     Q_OBJECT
 public:
-    ModelDownloadWindow(const QString& displayName, int sizeMB, std::function<void()> onCancel, std::function<void()> onClose);
+    ModelDownloadWindow(const QString& displayName, std::function<void()> onCancel, std::function<void()> onClose);
 
     // fraction in 0…1
     void setProgress(double fraction, const QString& status);

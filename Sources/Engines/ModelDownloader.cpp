@@ -5,6 +5,7 @@
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
 #include "Shared/Preferences/Settings.h"
+#include "WhisperCliFeatures.h"
 
 #include <QApplication>
 #include <QCryptographicHash>
@@ -26,6 +27,8 @@ const QByteArray kGgmlMagic("lmgg", 4);
 constexpr int kStallTimeoutMs = 60 * 1000;
 constexpr qint64 kReadBufferBytes = 1 << 20;
 constexpr qint64 kMiB = 1048576;
+// Under a megabyte: the bar alone says how far it got.
+const QString kVoiceActivityStatus = QStringLiteral("Baixando o modelo de detecção de voz…");
 
 QString platformNote(const char* onLinux, const char* onMac)
 {
@@ -117,6 +120,16 @@ const ModelDownloader::Model& ModelDownloader::Model::recommended()
     return catalog().at(1);
 }
 
+const ModelDownloader::Model& ModelDownloader::Model::voiceActivity()
+{
+    // The hash is that of whisper.cpp 1.9.3's own copy of this model (models/for-tests-silero-v6.2.0-ggml.bin,
+    // 885098 bytes: the 864.35 KB its README shows downloaded from ggml-org/whisper-vad).
+    static const Model model{QFileInfo(WhisperCliFeatures::vadModelPath()).fileName(), QStringLiteral("Detecção de voz — Silero v6.2.0"), 1,
+        QStringLiteral("usado nas transcrições de arquivos e links"),
+        QByteArrayLiteral("2aa269b785eeb53a82983a20501ddf7c1d9c48e33ab63a41391ac6c9f7fb6987")};
+    return model;
+}
+
 bool ModelDownloader::Model::isDownloaded() const
 {
     return QFileInfo::exists(filePath());
@@ -144,10 +157,10 @@ ModelDownloader& ModelDownloader::shared()
     return *instance;
 }
 
-ModelDownloader::ModelDownloader(std::unique_ptr<Alerts> alerts, QUrl baseAddress, QObject* parent)
+ModelDownloader::ModelDownloader(std::unique_ptr<Alerts> alerts, Addresses addresses, QObject* parent)
     : QObject(parent)
     , m_alerts(std::move(alerts))
-    , m_baseAddress(std::move(baseAddress))
+    , m_addresses(std::move(addresses))
     , m_currentModel(Model::recommended())
 {
 }
@@ -178,6 +191,10 @@ void ModelDownloader::download(const Model& model, Completion completion)
     QDir().mkpath(AppPaths::modelsFolder());
     showWindow(model);
     m_session = std::make_unique<QNetworkAccessManager>();
+    m_queue.clear();
+    if (!Model::voiceActivity().isDownloaded())
+        m_queue.append({Model::voiceActivity(), m_addresses.voiceActivityModel, false});
+    m_queue.append({model, m_addresses.whisperModels, true});
     startTransfer();
 }
 
@@ -185,7 +202,7 @@ void ModelDownloader::showWindow(const Model& model)
 {
     // The question waits for the event loop: the window may be gone by the time it is answered.
     m_window = new ModelDownloadWindow(
-        model.displayName, model.sizeMB, [this] { cancelTapped(); },
+        model.displayName, [this] { cancelTapped(); },
         [this] { QMetaObject::invokeMethod(this, &ModelDownloader::askToCancel, Qt::QueuedConnection); });
     m_window->show();
     m_window->raise();
@@ -197,17 +214,26 @@ void ModelDownloader::startTransfer()
     m_part.setFileName(partPath());
     m_responseChecked = false;
     m_expected = -1;
+    if (m_window)
+        m_window->setProgress(0,
+            current().isWhisperModel ? QStringLiteral("Conectando… (%1 MB no total)").arg(current().model.sizeMB) : kVoiceActivityStatus);
     // Unbuffered, so that a full disk fails the write that meets it rather than a silent flush.
     if (!m_part.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
         const QString reason = saveFailure(m_part.errorString());
-        // Reported from the event loop, so the caller's completion never runs inside download().
+        // Reported from the event loop, so the caller's completion never runs inside download(); a
+        // cancel meanwhile makes it moot.
         QMetaObject::invokeMethod(
-            this, [this, reason] { fail(reason, true); }, Qt::QueuedConnection);
+            this,
+            [this, reason, attempt = m_attempt] {
+                if (m_isDownloading && m_attempt == attempt)
+                    fail(reason, true);
+            },
+            Qt::QueuedConnection);
         return;
     }
     m_resumedFrom = m_part.size();
 
-    QNetworkRequest request(m_baseAddress.resolved(QUrl(m_currentModel.fileName)));
+    QNetworkRequest request(current().folder.resolved(QUrl(current().model.fileName)));
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
     request.setTransferTimeout(kStallTimeoutMs);
     // Byte counts must be the file's own, never those of a compressed transfer.
@@ -277,8 +303,7 @@ void ModelDownloader::onResponse(QNetworkReply* reply)
     if (!hasRoomFor(m_expected - m_resumedFrom))
         return;
     m_part.seek(m_resumedFrom);
-    if (m_expected >= 1 && m_window)
-        m_window->setProgress(double(m_resumedFrom) / m_expected, progressText(m_resumedFrom, m_expected));
+    showProgress(m_resumedFrom);
 }
 
 // A ".part" that already holds every byte gets "416, bytes */<its size>": it is checked and installed
@@ -328,14 +353,19 @@ void ModelDownloader::onData(QNetworkReply* reply)
         return;
     }
     const qint64 written = m_part.pos();
-    if (m_expected < 1)
-        return;
-    if (written > m_expected) {
+    if (m_expected >= 1 && written > m_expected) {
         fail(QStringLiteral("O servidor enviou mais dados do que anunciou (%1 bytes). O arquivo foi descartado.").arg(m_expected), false);
         return;
     }
-    if (m_window)
-        m_window->setProgress(double(written) / m_expected, progressText(written, m_expected));
+    showProgress(written);
+}
+
+void ModelDownloader::showProgress(qint64 written)
+{
+    if (m_expected < 1 || !m_window)
+        return;
+    m_window->setProgress(
+        double(written) / m_expected, current().isWhisperModel ? progressText(written, m_expected) : kVoiceActivityStatus);
 }
 
 void ModelDownloader::onFinished(QNetworkReply* reply)
@@ -376,12 +406,12 @@ void ModelDownloader::install()
 // or a newer download, makes its answer moot.
 void ModelDownloader::checkHashThenMoveIntoPlace()
 {
-    if (m_currentModel.sha256.isEmpty()) {
+    if (current().model.sha256.isEmpty()) {
         moveIntoPlace();
         return;
     }
     const QPointer<ModelDownloader> self(this);
-    QThreadPool::globalInstance()->start([self, attempt = m_attempt, path = partPath(), expected = m_currentModel.sha256] {
+    QThreadPool::globalInstance()->start([self, attempt = m_attempt, path = partPath(), expected = current().model.sha256] {
         const bool matches = fileSha256(path) == expected;
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
@@ -408,18 +438,40 @@ void ModelDownloader::moveIntoPlace()
         return;
     }
     QFile::remove(validatorPath());
+    qCInfo(lcWhisper) << "installed model" << current().model.fileName;
+    if (!current().isWhisperModel) {
+        startNextTransfer();
+        return;
+    }
     Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
-    qCInfo(lcWhisper) << "installed model" << m_currentModel.fileName;
     finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
 }
 
 void ModelDownloader::fail(const QString& reason, bool keepPart)
 {
-    qCWarning(lcWhisper) << "model download failed:" << reason;
+    qCWarning(lcWhisper) << "download of" << current().model.fileName << "failed:" << reason;
     m_part.close();
     if (!keepPart)
-        m_currentModel.removePart();
-    finish(false, reason);
+        current().model.removePart();
+    if (current().isWhisperModel) {
+        finish(false, reason);
+        return;
+    }
+    qCWarning(lcWhisper) << "file and link transcriptions run without voice activity detection until a later model download brings it";
+    startNextTransfer();
+}
+
+// The transfer that ended reports nothing more, and one given up mid-way stops as it goes (not
+// aborted: this may run inside its own signal); the next file comes through the same session.
+void ModelDownloader::startNextTransfer()
+{
+    if (m_task) {
+        m_task->disconnect(this);
+        m_task->deleteLater();
+    }
+    m_task = nullptr;
+    m_queue.removeFirst();
+    startTransfer();
 }
 
 void ModelDownloader::cancelTapped()

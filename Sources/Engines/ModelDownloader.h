@@ -18,7 +18,9 @@ class QNetworkAccessManager;
 class QNetworkReply;
 
 // Fetches a Whisper model into the models folder, shows how far it got, selects it when it is
-// whole, and tells the user the outcome. One download at a time.
+// whole, and tells the user the outcome. One download at a time; each one also brings the voice
+// activity model when it is missing, in the same window, before the Whisper model: it is small,
+// and its failure is only logged, so the outcome the user hears of is the Whisper model's.
 //
 // Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
 // final answer was 2xx, the length is the announced one, the file starts with the ggml magic and,
@@ -39,6 +41,9 @@ public:
         static const QList<Model>& catalog();
         // What the start-up offer proposes: "small" runs well on most computers without a GPU.
         static const Model& recommended();
+        // Silero's voice activity model, which whisper-cli uses for file and link jobs: never one
+        // of the Whisper models to choose.
+        static const Model& voiceActivity();
         // Asked afresh at every call: the user may add or remove files at any time.
         bool isDownloaded() const;
         QString filePath() const;
@@ -49,20 +54,26 @@ public:
     };
     using Completion = std::function<void(bool success)>;
 
-    static const QUrl kDefaultBaseAddress;
+    // The folders the files are fetched from (two repositories of the same host); only tests pass others.
+    struct Addresses {
+        QUrl whisperModels;
+        QUrl voiceActivityModel;
+    };
+    static const Addresses kPublishedAddresses;
 
     static ModelDownloader& shared();
 
-    // The base address is the folder the files are fetched from; only tests pass another one.
     explicit ModelDownloader(
-        std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), QUrl baseAddress = kDefaultBaseAddress, QObject* parent = nullptr);
+        std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), Addresses addresses = kPublishedAddresses, QObject* parent = nullptr);
     ~ModelDownloader() override;
 
     // Called once on the main thread with true when the model was installed and selected, false
-    // when the download failed or was cancelled. Ignored entirely while a download runs.
+    // when the download failed or was cancelled (a cancel stops the voice activity model too).
+    // Ignored entirely while a download runs.
     void download(const Model& model, Completion completion = {});
 
     bool isDownloading() const { return m_isDownloading; }
+    // The Whisper model asked for, also while the voice activity model comes first.
     const Model& currentModel() const { return m_currentModel; }
     ModelDownloadWindow* window() const { return m_window; }
     void cancelTapped();
@@ -72,8 +83,17 @@ public:
     static QString progressText(qint64 written, qint64 expected);
 
 private:
+    // One file of a download: the voice activity model when missing, then the Whisper model.
+    struct Transfer {
+        Model model;
+        QUrl folder;
+        bool isWhisperModel = true; // installed and selected, or the download failed; else only logged
+    };
+
     void showWindow(const Model& model);
     void startTransfer();
+    void startNextTransfer();
+    void showProgress(qint64 written);
     void onResponse(QNetworkReply* reply);
     void onData(QNetworkReply* reply);
     void onFinished(QNetworkReply* reply);
@@ -85,17 +105,19 @@ private:
     void moveIntoPlace();
     void fail(const QString& reason, bool keepPart);
     void finish(bool success, const std::optional<QString>& message);
-    QString partPath() const { return m_currentModel.partPath(); }
+    const Transfer& current() const { return m_queue.first(); }
+    QString partPath() const { return current().model.partPath(); }
     QString validatorPath() const;
-    QString destinationPath() const { return m_currentModel.filePath(); }
+    QString destinationPath() const { return current().model.filePath(); }
 
     std::unique_ptr<Alerts> m_alerts;
-    QUrl m_baseAddress;
+    Addresses m_addresses;
     QPointer<ModelDownloadWindow> m_window;
     QPointer<QNetworkReply> m_task;
     std::unique_ptr<QNetworkAccessManager> m_session;
     Completion m_completion;
     Model m_currentModel;
+    QList<Transfer> m_queue; // the file being fetched first
     bool m_isDownloading = false;
     quint64 m_attempt = 0; // tells a hash finished for an earlier download from the current one's
 

@@ -4,7 +4,8 @@
 #include "Engines/ModelDownloader.h"
 #include "Media/YtDlpManager.h"
 
-const QUrl ModelDownloader::kDefaultBaseAddress(qEnvironmentVariable("VOXARIA_MODELS_URL"));
+const ModelDownloader::Addresses ModelDownloader::kPublishedAddresses{
+    QUrl(qEnvironmentVariable("VOXARIA_MODELS_URL")), QUrl(qEnvironmentVariable("VOXARIA_MODELS_URL"))};
 
 QUrl YtDlpManager::downloadURL()
 {
