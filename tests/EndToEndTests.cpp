@@ -164,9 +164,11 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingLanguageThenTypesTheSpeechAndKeepsT
         << "clipboard holds: " << clipboard().toStdString();
 }
 
-TEST_F(EndToEnd, AShortPressInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
+TEST_F(EndToEnd, AShortPressOrASilentHoldInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
 {
     app.useFakeWhisper(QStringLiteral("text=o texto que o whisper ouviu\n"));
+    DesktopApps::ClipboardOwner previous({{QStringLiteral("text/plain"), QByteArray("conteúdo anterior")}});
+    ASSERT_TRUE(previous.isReady());
     ASSERT_TRUE(app.start());
     // Pressed and released at once: a short press however slowly the machine runs.
     const int from = app.lineCount();
@@ -177,6 +179,13 @@ TEST_F(EndToEnd, AShortPressInsertsNothingAndAHeldOnePastesWhatWhisperHeard)
     const QStringList hud = app.log().filter(QStringLiteral("voxaria.hud:"));
     ASSERT_FALSE(hud.isEmpty());
     EXPECT_TRUE(hud.last().contains(QStringLiteral("Hidden"))) << hud.join('\n').toStdString();
+
+    // Three seconds held in a silent room: whisper-cli's made-up text reaches neither the window,
+    // nor the history, nor the clipboard.
+    ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 3000ms));
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("nothing speech-like was recorded"), 10s, from)) << app.log().join('\n').toStdString();
+    expectNothingInserted();
+    EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")), "conteúdo anterior");
 
     const QString speech = TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg"));
     holdAndSpeak(speech);
