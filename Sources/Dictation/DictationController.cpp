@@ -31,8 +31,12 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     Collaborators collaborators;
     collaborators.accessibility = platform.makeAccessibilityTrust();
     collaborators.frontApplication = platform.makeFrontApplication();
-    collaborators.insertText
-        = [target = TextInserter::Target::of(platform)](const QString& text) { return TextInserter::insert(text, target); };
+    // The platform outlives the controller. Its mode is asked at each dictation: GNOME's is known
+    // only once the shell has answered.
+    collaborators.insertText = [&platform, target = TextInserter::Target::of(platform)](const QString& text) mutable {
+        target.mode = TextInserter::modeOf(platform);
+        return TextInserter::insert(text, target);
+    };
     return collaborators;
 }
 
