@@ -1,5 +1,6 @@
 #include "App/Permissions.h"
 #include "HistoryFiles.h"
+#include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Shared/Preferences/Settings.h"
@@ -112,6 +113,16 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
     EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
         "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
         "(cole com Ctrl+V) ✅ concedida");
+    // On GNOME a paragraph says what its one-time question is for, or why the text is only copied.
+    FakeSessionPlatform gnome;
+    gnome.sessionInfo = {SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome, true};
+    for (const auto route : {SessionPlatform::PasteRoute::xwayland, SessionPlatform::PasteRoute::copyOnly}) {
+        gnome.route = route;
+        const QString text = Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(gnome)).informativeText;
+        EXPECT_TRUE(text.section("\n\n", 2, 2)
+                        .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45" : "pergunta uma vez se permite"))
+            << text.toStdString();
+    }
 }
 
 // Only a Wayland session where no source sees the key warns at start-up.

@@ -3,17 +3,23 @@
 #include "App/AppDelegate.h"
 #include "App/Permissions.h"
 #include "App/UpdaterManager.h"
+#include "AppRun.h"
 #include "LocalHttpServer.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeSessionPlatform.h"
+#include "Platform/Fakes/FakeSystemTray.h"
 #include "Platform/Fakes/FakeUrlOpener.h"
 #include "Shared/AppPaths.h"
 #include "TestSupport.h"
+#include "XTestKeyboard.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QDir>
 #include <QMenu>
+#include <QProcess>
+#include <QPushButton>
 #include <QSettings>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -53,6 +59,7 @@ protected:
     FakeAlerts* alerts = new FakeAlerts;
     FakeLoginItem* loginItem = new FakeLoginItem;
     FakeUrlOpener* urlOpener = new FakeUrlOpener;
+    FakeSystemTray* tray = new FakeSystemTray;
     ModelDownloader downloader{std::make_unique<FakeAlerts>(), {server.baseUrl(), server.baseUrl()}};
     FakeSessionPlatform platform;
     std::unique_ptr<AppDelegate> app;
@@ -66,7 +73,7 @@ protected:
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
         app = std::make_unique<AppDelegate>(platform,
             AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
-                std::unique_ptr<UrlOpener>(urlOpener), &downloader});
+                std::unique_ptr<UrlOpener>(urlOpener), &downloader, std::unique_ptr<SystemTray>(tray)});
     }
     void TearDown() override { qInstallMessageHandler(nullptr); }
 
@@ -210,6 +217,59 @@ TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
     ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 2; }, std::chrono::seconds(10)));
     EXPECT_EQ(alerts->shown.last().messageText, "Permissões do Voxaria");
     EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+}
+
+// Last: it ends the application's loop. Without a tray, at start-up or when it goes away later, a
+// window offers the menu's main commands, and on X11 leaves the keyboard focus where it was.
+TEST_F(StatusMenuTest, WithoutATrayAWindowOffersTheMainCommandsAndLeavesTheFocusAlone)
+{
+    const auto shown = [](const QString& title) -> QWidget* {
+        for (QWidget* window : QApplication::topLevelWidgets())
+            if (window->isVisible() && window->windowTitle() == title)
+                return window;
+        return nullptr;
+    };
+    const QString title = "O Voxaria está em execução";
+    app->checkSystemTray();
+    EXPECT_FALSE(shown(title)) << "a tray is there";
+    std::optional<ReceivingWindow> receiver;
+    if (TestSupport::hasX11()) {
+        ASSERT_TRUE(receiver.emplace().start());
+    }
+    tray->available = false;
+    app->checkSystemTray();
+    QWidget* window = shown(title);
+    ASSERT_TRUE(window);
+    if (receiver) {
+        TestSupport::spin(std::chrono::milliseconds(400));
+        EXPECT_EQ(XTestKeyboard::focusedWindow(), receiver->windowId());
+        QProcess xprop;
+        xprop.start("xprop", {"-id", QString::number(window->winId()), "WM_PROTOCOLS", "WM_HINTS"});
+        ASSERT_TRUE(xprop.waitForFinished());
+        const QString protocols = xprop.readAllStandardOutput();
+        EXPECT_TRUE(!protocols.contains("WM_TAKE_FOCUS") && protocols.contains("input focus: False")) << protocols.toStdString();
+    }
+    const auto click = [&](const QString& button) {
+        for (QPushButton* candidate : window->findChildren<QPushButton*>())
+            if (candidate->text() == button)
+                candidate->click();
+    };
+    click("Histórico de ditados…");
+    click("Transcrever vídeo ou link…");
+    click("Ajuda");
+    EXPECT_TRUE(shown("Histórico de ditados") && shown("Transcrever vídeo ou link"));
+    EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+    click("Fechar");
+    app->checkSystemTray();
+    EXPECT_FALSE(shown(title)) << "not again while the tray stays away";
+    tray->available = true;
+    app->checkSystemTray();
+    tray->available = false;
+    app->checkSystemTray();
+    EXPECT_TRUE(shown(title)) << "again when the tray went away once more";
+    QTimer::singleShot(0, [&] { click("Sair do Voxaria"); });
+    QTimer::singleShot(std::chrono::seconds(10), [] { QCoreApplication::exit(1); });
+    EXPECT_EQ(QCoreApplication::exec(), 0) << "the loop ends";
 }
 
 }

@@ -6,6 +6,7 @@
 
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
+#include "Platform/Linux/Desktop/GnomeShellVersion.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 #include "Platform/Linux/X11/X11FrontApplication.h"
@@ -33,21 +34,34 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage
     = QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
-// X11, wlroots' virtual keyboard and GNOME's XWayland get a synthetic paste to the focused window;
-// elsewhere the text is only copied, and the paste is never probed.
+// X11, wlroots' virtual keyboard and the XWayland of GNOME 45 and later get a synthetic paste to the
+// focused window; elsewhere (older or unknown GNOME included) the text is only copied, and the
+// paste is never probed.
 TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
 {
     using Kind = SessionInfo::Kind;
     using enum SessionInfo::Compositor;
     using enum SessionPlatform::PasteRoute;
-    const auto route = [](SessionInfo session, bool canPaste) { return LinuxPlatform::pasteRouteFor(session, [=] { return canPaste; }); };
+    const auto route = [](SessionInfo session, bool canPaste, std::optional<int> gnome = std::nullopt) {
+        return LinuxPlatform::pasteRouteFor(session, gnome, [=] { return canPaste; });
+    };
     EXPECT_EQ(route({Kind::x11, none, true}, false), x11);
-    EXPECT_EQ(route({Kind::wayland, gnome, true}, true), xwayland);
-    EXPECT_EQ(route({Kind::wayland, gnome, true}, false), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true, 45), xwayland);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true, 48), xwayland);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, false, 46), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true, 44), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true, 3), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, gnome, true}, true), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, gnome, false}, true, 46), copyOnly);
     EXPECT_EQ(route({Kind::wayland, kde, true}, true), copyOnly);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, true), compositor);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, false), copyOnly);
     EXPECT_EQ(route({Kind::wayland, other, false}, true), copyOnly);
+    EXPECT_EQ(GnomeShellVersion::majorOf("46.2"), 46);
+    EXPECT_EQ(GnomeShellVersion::majorOf("3.38.4"), 3);
+    EXPECT_EQ(GnomeShellVersion::majorOf("45.rc"), 45);
+    EXPECT_EQ(GnomeShellVersion::majorOf(""), std::nullopt);
+    EXPECT_EQ(GnomeShellVersion::majorOf("abc"), std::nullopt);
 }
 
 TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithWhatTheUserLastHad)

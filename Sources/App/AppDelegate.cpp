@@ -130,6 +130,11 @@ bool AppDelegate::applicationDidFinishLaunching()
     // an answer, and "Sair do Voxaria" chosen meanwhile ends the program, as a quit asked before the
     // application's loop has started would be dropped.
     QTimer::singleShot(0, this, [this] {
+        checkSystemTray();
+        m_services.systemTray->onChange = [weakSelf = QPointer<AppDelegate>(this)] {
+            if (weakSelf)
+                weakSelf->checkSystemTray();
+        };
         maybeOfferModelDownload();
         maybeWarnNoEngine();
         maybeWarnNoKeySource();
@@ -206,8 +211,6 @@ void AppDelegate::maybeWarnNoEngine()
 
 void AppDelegate::setupStatusItem()
 {
-    if (!QSystemTrayIcon::isSystemTrayAvailable())
-        qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
     const QIcon icon = StatusIcon::make(StatusIcon::Tint::normal);
     // Every window of the program (history, video, downloads, alerts) carries the tray's waveform.
     QApplication::setWindowIcon(icon);
@@ -527,7 +530,7 @@ void AppDelegate::openPermissions()
                 && weakSelf->m_services.alerts->runModal(
                        Permissions::permissionsAlert(needs, language, Permissions::WaylandUse::of(weakSelf->m_platform)))
                     == 0)
-                weakSelf->m_services.urlOpener->open(Permissions::helpPageURL());
+                weakSelf->openHelp();
         },
         m_checks);
 }
@@ -535,4 +538,31 @@ void AppDelegate::openPermissions()
 void AppDelegate::checkForUpdates()
 {
     UpdaterManager::shared().checkForUpdates();
+}
+
+void AppDelegate::checkSystemTray()
+{
+    const bool available = m_services.systemTray->isAvailable();
+    if (!std::exchange(m_trayAvailable, available) || available)
+        return;
+    qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works;"
+                     << "showing \"O Voxaria está em execução\"";
+    if (!m_trayMissingWindow) {
+        // The window goes with the delegate, and its buttons with it.
+        m_trayMissingWindow = std::make_unique<TrayMissingWindow>(
+            TrayMissingWindow::Actions{
+                .openHistory = [this] { openHistory(); },
+                .openVideoTranscription = [this] { openVideoTranscription(); },
+                .openHelp = [this] { openHelp(); },
+                // Queued, as the menu's: the click is over before the loop ends.
+                .quit = [] { QMetaObject::invokeMethod(qApp, &QApplication::quit, Qt::QueuedConnection); },
+            },
+            *m_services.windowFocus);
+    }
+    m_trayMissingWindow->show();
+}
+
+void AppDelegate::openHelp()
+{
+    m_services.urlOpener->open(Permissions::helpPageURL());
 }

@@ -9,8 +9,11 @@
 #include "Platform/Alerts.h"
 #include "Platform/LoginItem.h"
 #include "Platform/SessionPlatform.h"
+#include "Platform/SystemTray.h"
 #include "Platform/UrlOpener.h"
+#include "Platform/WindowFocus.h"
 #include "Shared/Preferences/Settings.h"
+#include "TrayMissingWindow.h"
 
 #include <QLockFile>
 #include <QObject>
@@ -35,6 +38,8 @@ public:
         std::unique_ptr<LoginItem> loginItem = LoginItem::makeDefault();
         std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault();
         ModelDownloader* downloader = &ModelDownloader::shared();
+        std::unique_ptr<SystemTray> systemTray = SystemTray::makeDefault();
+        std::unique_ptr<WindowFocus> windowFocus = WindowFocus::makeDefault();
     };
 
     // `platform` is the session's, chosen at start-up; it outlives the delegate.
@@ -66,6 +71,14 @@ public:
     void toggleLaunchAtLogin();
     void openPermissions();
     void checkForUpdates();
+    // The help page, in the user's browser.
+    void openHelp();
+
+    // Without a system tray the menu cannot be shown: "O Voxaria está em execução" says so, with
+    // the menu's main commands. Shown when the tray is missing at start-up and each time it goes
+    // away later, not again while it stays away. Runs at start-up and whenever the tray may have
+    // changed.
+    void checkSystemTray();
 
 private:
     bool ensureSingleInstance();
@@ -101,4 +114,7 @@ private:
     // Built at their first opening, gone with the delegate (before the application).
     std::unique_ptr<HistoryWindow> m_history;
     std::unique_ptr<VideoTranscriptionWindow> m_videoWindow;
+    std::unique_ptr<TrayMissingWindow> m_trayMissingWindow;
+    // As last seen by checkSystemTray(); a tray is taken for there until then.
+    bool m_trayAvailable = true;
 };

@@ -91,7 +91,14 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const Session
         pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
     else if (platform.pasteRoute() == SessionPlatform::PasteRoute::compositor)
         pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
-    return WaylandUse{session.description(), platform.keySource().description, pasteRoute};
+    QString note;
+    if (session.compositor == SessionInfo::Compositor::gnome)
+        note = platform.onlyCopies()
+            ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
+                             "colar com Ctrl+V.")
+            : QStringLiteral("Na primeira colagem, o GNOME pergunta uma vez se permite o controle remoto do teclado: permita, pois é "
+                             "assim que o Voxaria cola o texto ditado no aplicativo em uso.");
+    return WaylandUse{session.description(), platform.keySource().description, pasteRoute, note};
 }
 
 namespace {
@@ -112,6 +119,7 @@ Alerts::Alert Permissions::permissionsAlert(const Needs& needs, const QString& l
     const QString text = QStringLiteral("O Voxaria precisa de três coisas:\n\n1. Microfone — para capturar sua voz ")
         + mark(needs.microphone) + QStringLiteral("\n2. Reconhecimento de fala — modelo do motor nativo para o idioma ") + localeIdentifier
         + QLatin1Char(' ') + mark(needs.speechRecognition) + QLatin1Char('\n') + keyboardLine(wayland) + mark(needs.keyboardAccess)
+        + (wayland && !wayland->note.isEmpty() ? QStringLiteral("\n\n") + wayland->note : QString())
         + QStringLiteral("\n\nSe algo não funcionar, veja a ajuda.");
     return {QStringLiteral("Permissões do Voxaria"), text, {{QStringLiteral("Abrir ajuda")}, {QStringLiteral("OK")}}};
 }
@@ -151,7 +159,8 @@ std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& se
         QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
         QStringLiteral("Nesta sessão ") + session.description()
             + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
-                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo, ou use uma sessão X11."),
+                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo, ou use uma sessão X11. "
+                             "No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
         {{QStringLiteral("OK")}},
     };
 }

@@ -49,6 +49,8 @@ struct WaylandUse {
     QString keySource;
     // How dictated text arrives, e.g. "wlr data-control + teclado virtual".
     QString pasteRoute;
+    // A paragraph of its own about that route, or empty (GNOME: the one-time question, or why copy only).
+    QString note = {};
 
     // Nothing on an X11 session.
     static std::optional<WaylandUse> of(const SessionPlatform& platform);

@@ -40,9 +40,13 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     Collaborators collaborators;
     collaborators.accessibility = platform.makeAccessibilityTrust();
     collaborators.frontApplication = platform.makeFrontApplication();
-    collaborators.insertText = [target = TextInserter::Target::of(platform)](const QString& text, std::function<void()> onPasted) {
-        return TextInserter::insert(text, target, std::move(onPasted));
-    };
+    // The platform outlives the controller. Its mode is asked at each dictation: GNOME's is known
+    // only once the shell has answered.
+    collaborators.insertText
+        = [&platform, target = TextInserter::Target::of(platform)](const QString& text, std::function<void()> onPasted) mutable {
+              target.mode = TextInserter::modeOf(platform);
+              return TextInserter::insert(text, target, std::move(onPasted));
+          };
     return collaborators;
 }
 

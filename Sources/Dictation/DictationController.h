@@ -50,7 +50,8 @@ public:
         TextInsertion insertText;
         Timing timing;
 
-        // The real engines and sounds, with the session's trust test, front application and paste.
+        // The real engines and sounds, with the session's trust test, front application and paste;
+        // `platform` must outlive the controller.
         static Collaborators forSession(const SessionPlatform& platform);
     };
 

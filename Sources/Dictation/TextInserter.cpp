@@ -144,10 +144,14 @@ QPointer<Insertion> latest;
 
 }
 
+Mode modeOf(const SessionPlatform& platform)
+{
+    return platform.onlyCopies() ? Mode::copyOnly : Mode::paste;
+}
+
 Target Target::of(const SessionPlatform& platform)
 {
-    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, platform.onlyCopies() ? Mode::copyOnly : Mode::paste,
-        platform.makeFrontApplication()};
+    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, modeOf(platform), platform.makeFrontApplication()};
 }
 
 Mode insert(const QString& text, const Target& target, std::function<void()> onPasted)

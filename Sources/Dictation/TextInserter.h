@@ -29,6 +29,9 @@ struct Delays {
 // put back.
 enum class Mode { paste, copyOnly };
 
+// The session's mode as of now (on GNOME it is known a moment after start-up).
+Mode modeOf(const SessionPlatform& platform);
+
 // Where the text goes: the session's clipboard and key poster, or a test's.
 struct Target {
     std::shared_ptr<Pasteboard> pasteboard;

@@ -33,6 +33,7 @@ public:
 
     virtual SessionInfo session() const = 0;
     virtual KeySource keySource() const = 0;
+    // Known at start-up, except on GNOME: copy only until the shell has said its version, a moment later.
     virtual PasteRoute pasteRoute() const = 0;
 
     // The key source, handed over once (later calls answer nothing).

@@ -1,6 +1,7 @@
 #include "LinuxPlatform.h"
 
 #include "Platform/CombinedKeyMonitor.h"
+#include "Platform/Linux/Desktop/GnomeShellVersion.h"
 #include "Platform/Linux/Input/BindingKeyMonitor.h"
 #include "Platform/Linux/Input/EvdevKeyMonitor.h"
 #include "Platform/Linux/Wayland/CompositorFrontApplication.h"
@@ -18,6 +19,11 @@
 namespace {
 
 using Compositor = SessionInfo::Compositor;
+
+// From this version on, GNOME hands a paste XWayland synthesises (XTEST) to every window, its own
+// Wayland windows included, once the user has allowed it when GNOME asks the first time; before,
+// such a paste reaches X11 windows only.
+constexpr int firstGnomeForwardingXTest = 45;
 
 QString bindingSocketPath()
 {
@@ -49,8 +55,8 @@ const char* routeDescription(SessionPlatform::PasteRoute route)
     switch (route) {
     case SessionPlatform::PasteRoute::copyOnly: return "only copied to the clipboard";
     case SessionPlatform::PasteRoute::compositor: return "pasted through wlr data-control and a virtual keyboard";
-    case SessionPlatform::PasteRoute::x11:
-    case SessionPlatform::PasteRoute::xwayland: break;
+    case SessionPlatform::PasteRoute::xwayland: return "pasted through the X11 clipboard and XTEST (GNOME asks once to allow it)";
+    case SessionPlatform::PasteRoute::x11: break;
     }
     return "pasted through the X11 clipboard";
 }
@@ -120,17 +126,33 @@ void LinuxPlatform::chooseClipboardAndKeys()
         m_keyPoster = std::make_shared<XTestKeyPoster>();
     }
 
-    m_pasteRoute = pasteRouteFor(m_session, [this] { return m_keyPoster->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value(); });
+    if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor == Compositor::gnome && m_session.hasXDisplay) {
+        // Whether GNOME takes the paste depends on its version, which the shell tells a moment after
+        // start-up; until then the text is only copied, never pasted into nowhere.
+        m_pasteRoute = PasteRoute::copyOnly;
+        qCInfo(lcInsert).noquote() << "session:" << m_session.description()
+                                   << "- dictated text only copied until GNOME Shell says its version";
+        GnomeShellVersion::ask(&m_replies, [this](std::optional<int> major) { choosePasteRoute(major); });
+        return;
+    }
+    choosePasteRoute(std::nullopt);
+}
+
+void LinuxPlatform::choosePasteRoute(std::optional<int> gnomeShellMajor)
+{
+    m_pasteRoute
+        = pasteRouteFor(m_session, gnomeShellMajor, [this] { return m_keyPoster->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value(); });
     qCInfo(lcInsert).noquote() << "session:" << m_session.description() << "- dictated text" << routeDescription(m_pasteRoute);
 }
 
-SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste)
+SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(
+    const SessionInfo& session, std::optional<int> gnomeShellMajor, const std::function<bool()>& canSynthesisePaste)
 {
     if (session.kind == SessionInfo::Kind::x11)
         return PasteRoute::x11;
     if (session.compositor == Compositor::wlroots)
         return canSynthesisePaste() ? PasteRoute::compositor : PasteRoute::copyOnly;
-    if (session.compositor == Compositor::gnome && session.hasXDisplay)
+    if (session.compositor == Compositor::gnome && session.hasXDisplay && gnomeShellMajor.value_or(0) >= firstGnomeForwardingXTest)
         return canSynthesisePaste() ? PasteRoute::xwayland : PasteRoute::copyOnly;
     return PasteRoute::copyOnly;
 }

@@ -3,8 +3,11 @@
 #include "Platform/SessionPlatform.h"
 #include "Shared/Preferences/HotKey.h"
 
+#include <QObject>
+
 #include <functional>
 #include <memory>
+#include <optional>
 
 class WaylandClient;
 
@@ -27,9 +30,11 @@ public:
     std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const override;
 
     // How a session's text arrives: X11 pastes; on Wayland, wlroots compositors take a paste from a
-    // virtual keyboard and GNOME forwards the X11 clipboard and an XTEST paste to its own windows,
-    // so these paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
-    static PasteRoute pasteRouteFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
+    // virtual keyboard and GNOME from version 45 (`gnomeShellMajor`, nothing when unknown) forwards
+    // the X11 clipboard and an XTEST paste to its own windows, so these paste when
+    // `canSynthesisePaste` (asked only there) says so; the others only copy.
+    static PasteRoute pasteRouteFor(
+        const SessionInfo& session, std::optional<int> gnomeShellMajor, const std::function<bool()>& canSynthesisePaste);
 
     // From a short-lived copy of the program started by a compositor key binding: hands a press or
     // release of the dictation key to the running program. False, with the reason, when none takes it.
@@ -38,6 +43,7 @@ public:
 private:
     void chooseKeySource(std::function<HotKey()> dictationKey);
     void chooseClipboardAndKeys();
+    void choosePasteRoute(std::optional<int> gnomeShellMajor);
 
     SessionInfo m_session;
     std::shared_ptr<WaylandClient> m_wayland;
@@ -46,4 +52,6 @@ private:
     std::shared_ptr<Pasteboard> m_pasteboard;
     std::shared_ptr<KeyPoster> m_keyPoster;
     PasteRoute m_pasteRoute = PasteRoute::x11;
+    // Owns the question to GNOME Shell: its answer is dropped with the platform.
+    QObject m_replies;
 };
