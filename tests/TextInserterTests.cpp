@@ -33,8 +33,8 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage
     = QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
-// X11, wlroots' virtual keyboard and GNOME's XWayland get a synthetic paste to the focused window;
-// elsewhere the text is only copied, and the paste is never probed.
+// X11, wlroots' virtual keyboard, KWin's fake input and GNOME's XWayland get a synthetic paste to
+// the focused window; elsewhere the text is only copied, and the paste is never probed.
 TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
 {
     using Kind = SessionInfo::Kind;
@@ -44,7 +44,8 @@ TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
     EXPECT_EQ(route({Kind::x11, none, true}, false), x11);
     EXPECT_EQ(route({Kind::wayland, gnome, true}, true), xwayland);
     EXPECT_EQ(route({Kind::wayland, gnome, true}, false), copyOnly);
-    EXPECT_EQ(route({Kind::wayland, kde, true}, true), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, kde, true}, true), compositor);
+    EXPECT_EQ(route({Kind::wayland, kde, false}, false), copyOnly);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, true), compositor);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, false), copyOnly);
     EXPECT_EQ(route({Kind::wayland, other, false}, true), copyOnly);

@@ -27,8 +27,8 @@ public:
     std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const override;
 
     // How a session's text arrives: X11 pastes; on Wayland, wlroots compositors take a paste from a
-    // virtual keyboard and GNOME forwards the X11 clipboard and an XTEST paste to its own windows,
-    // so these paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
+    // virtual keyboard, KWin from its fake input (for an authorised program), and GNOME forwards the X11 clipboard and an XTEST paste to
+    // its own windows, so these paste when `canSynthesisePaste` (asked only there) says so; the others only copy.
     static PasteRoute pasteRouteFor(const SessionInfo& session, const std::function<bool()>& canSynthesisePaste);
 
     // From a short-lived copy of the program started by a compositor key binding: hands a press or
@@ -38,6 +38,7 @@ public:
 private:
     void chooseKeySource(std::function<HotKey()> dictationKey);
     void chooseClipboardAndKeys();
+    static void logMissingFakeInput();
 
     SessionInfo m_session;
     std::shared_ptr<WaylandClient> m_wayland;
