@@ -48,7 +48,15 @@ if(TARGET whisper_cli)
     set(CPACK_PROJECT_CONFIG_FILE ${staged}/CPackProjectConfig.cmake)
   endif()
 endif()
-install(FILES resources/${VOXARIA_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+# KWin lets a program type the paste keys (X-KDE-Wayland-Interfaces) when the first word of Exec= of
+# its installed desktop file is, once links are followed, the program's real path: an absolute one,
+# under the prefix the installation (or CPack's) uses.
+set(desktop_entry ${staged}/${VOXARIA_APP_ID}.desktop)
+install(CODE "
+  file(READ \"${PROJECT_SOURCE_DIR}/resources/${VOXARIA_APP_ID}.desktop\" entry)
+  string(REPLACE \"\nExec=voxaria\n\" \"\nExec=\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/voxaria\n\" entry \"\${entry}\")
+  file(WRITE \"${desktop_entry}\" \"\${entry}\")")
+install(FILES ${desktop_entry} DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES resources/icons/${VOXARIA_APP_ID}.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${staged}/${VOXARIA_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 install(FILES resources/help/ajuda.html DESTINATION ${CMAKE_INSTALL_DATADIR}/voxaria/help)

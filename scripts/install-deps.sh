@@ -4,7 +4,7 @@
 #   build  what compiling Voxaria needs (no tests, no benchmarks)
 #   run    build, plus what the running program uses: the English PocketSphinx model, yt-dlp for
 #          links, the Wayland platform plugin, emoji for the HUD
-#   test   run, plus the test stack: GoogleTest, the headless desktop (Xvfb, a tray, sway), the
+#   test   run, plus the test stack: GoogleTest, the headless desktop (Xvfb, a tray, sway, KWin), the
 #          PulseAudio daemon of the test harness, speech and media tools, the package checkers
 set -euo pipefail
 
@@ -24,7 +24,7 @@ run_packages=(
 test_packages=(
   libgtest-dev libgmock-dev python3 e2fsprogs clang-format
   xvfb xauth x11-utils x11-xserver-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core
-  sway xwayland wtype wl-clipboard foot
+  sway xwayland wtype wl-clipboard foot kwin-wayland dbus-daemon dbus-bin
   pulseaudio-utils espeak-ng sox ffmpeg pocketsphinx-testdata
   dpkg-dev file lintian desktop-file-utils appstream
 )

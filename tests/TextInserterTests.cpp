@@ -34,9 +34,9 @@ const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
 const QByteArray pngImage
     = QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAACCAYAAABytg0kAAAAFUlEQVR4nGM4oRHVAMIMAgoG/0EYADqABlPR2n9fAAAAAElFTkSuQmCC");
 
-// X11, wlroots' virtual keyboard and the XWayland of GNOME 45 and later get a synthetic paste to the
-// focused window; elsewhere (older or unknown GNOME included) the text is only copied, and the
-// paste is never probed.
+// X11, wlroots' virtual keyboard, KWin's fake input and the XWayland of GNOME 45 and later get a
+// synthetic paste to the focused window; elsewhere (older or unknown GNOME included) the text is
+// only copied, and the paste is never probed.
 TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
 {
     using Kind = SessionInfo::Kind;
@@ -53,7 +53,8 @@ TEST(TextInserterTest, ThePasteIsUsedOnlyWhereItReachesTheFocusedWindow)
     EXPECT_EQ(route({Kind::wayland, gnome, true}, true, 3), copyOnly);
     EXPECT_EQ(route({Kind::wayland, gnome, true}, true), copyOnly);
     EXPECT_EQ(route({Kind::wayland, gnome, false}, true, 46), copyOnly);
-    EXPECT_EQ(route({Kind::wayland, kde, true}, true), copyOnly);
+    EXPECT_EQ(route({Kind::wayland, kde, true}, true), compositor);
+    EXPECT_EQ(route({Kind::wayland, kde, false}, false), copyOnly);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, true), compositor);
     EXPECT_EQ(route({Kind::wayland, wlroots, false}, false), copyOnly);
     EXPECT_EQ(route({Kind::wayland, other, false}, true), copyOnly);

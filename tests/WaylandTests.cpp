@@ -3,6 +3,7 @@
 // read from event devices (fed here through pipes, since test machines have no keyboards).
 #include "AppRun.h"
 #include "Dictation/TextInserter.h"
+#include "HeadlessKWin.h"
 #include "HeadlessSway.h"
 #include "HistoryFiles.h"
 #include "Platform/Fakes/FakeKeyPoster.h"
@@ -199,6 +200,72 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         EXPECT_TRUE(sway.clipboardTypes().contains(row.type));
         speech.waitForFinished(10000);
         shift.waitForFinished(15000);
+    }
+}
+
+// A real KWin session without a screen: its global shortcuts, its fake input and its clipboard. Its
+// keyboard types Brazilian: Right Alt, the default dictation key, is AltGr there, which KDE binds alone.
+class KWin : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!HeadlessKWin::available())
+            GTEST_SKIP() << HeadlessKWin::unavailableReason().toStdString();
+        if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
+            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+    }
+
+    HeadlessKWin kwin{QStringLiteral("br")};
+};
+
+// What a user of Plasma sees: the key held through KDE's global shortcuts, and the words pasted into
+// the focused native window, the clipboard put back, when an installed desktop file lets the program
+// type the paste keys; a copy of the program no desktop file names (a build folder's) only copies.
+TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewhere)
+{
+    AppRun apps[2];
+    // Our desktop file names the second copy; KWin reads it as it starts.
+    QFile entry(QStringLiteral(VOXARIA_TESTDATA_DIR "/../../resources/app.voxaria.Voxaria.desktop"));
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    const QByteArray installed = entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + apps[1].program().toUtf8() + '\n');
+    ASSERT_TRUE(kwin.installApplication(QStringLiteral("app.voxaria.Voxaria.desktop"), installed));
+    if (!kwin.start())
+        GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
+    const QByteArray before = "antes do ditado";
+    for (const bool allowed : {false, true}) {
+        AppRun& app = apps[allowed];
+        const auto log = [&] { return app.log().join('\n').toStdString(); };
+        app.useFakeWhisper(QStringLiteral("text=ditado pelo kwin\n"));
+        app.setEnvironment(kwin.sessionVariables());
+        app.runAs(kwin.uid(), kwin.gid());
+        ASSERT_TRUE(app.start()) << log();
+        ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through kglobalaccel"), 10s)) << log();
+        const QString route = allowed ? QStringLiteral("pasted through wlr data-control and KWin's fake input")
+                                      : QStringLiteral("KWin does not offer org_kde_kwin_fake_input to ") + app.program();
+        ASSERT_TRUE(app.waitForLog(route, 10s)) << log();
+
+        ReceivingWindow window;
+        ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
+        ASSERT_TRUE(kwin.copy(before, QStringLiteral("text/plain;charset=utf-8")));
+        ASSERT_TRUE(kwin.pressKeys({"+100"}));
+        EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << log();
+        // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
+        QProcess speech;
+        speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
+        TestSupport::spin(3s);
+        ASSERT_TRUE(kwin.pressKeys({"-100"}));
+        EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s)) << log();
+        if (allowed) {
+            EXPECT_TRUE(window.waitForText(QStringLiteral("ditado pelo kwin"), 30s)) << window.text().toStdString() << log();
+            EXPECT_TRUE(TestSupport::waitUntil([&] { return kwin.paste(QStringLiteral("text/plain")) == before; }, 10s));
+        } else {
+            EXPECT_TRUE(app.waitForLog(QStringLiteral("Texto copiado"), 30s)) << log();
+            EXPECT_EQ(kwin.paste(QStringLiteral("text/plain")), QByteArray("ditado pelo kwin"));
+            EXPECT_EQ(window.text(), QString());
+        }
+        speech.kill();
+        speech.waitForFinished();
+        app.stop(); // one Voxaria per session
     }
 }
 

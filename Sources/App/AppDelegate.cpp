@@ -119,7 +119,8 @@ bool AppDelegate::applicationDidFinishLaunching()
         if (weakSelf)
             weakSelf->m_dictation.stopRecordingAndInsert(time);
     };
-    // Started once and never stopped: the key is watched for as long as the program runs.
+    // Never stopped: the key is watched for as long as the program runs (started again, not stopped,
+    // when the menu chooses another key).
     m_hotkeyManager.start();
     UpdaterManager::shared();
     // Which of the possible whisper-cli programs a dictation will run, when there is one at all.
@@ -470,6 +471,8 @@ void AppDelegate::selectHotkey(const QString& rawValue)
 {
     if (const std::optional<HotKey> key = HotKey::fromRawValue(rawValue)) {
         Settings::shared().setHotKey(*key);
+        // A key source that binds the key itself (KDE's global shortcuts) binds the new one.
+        m_hotkeyManager.start();
         refreshMenu();
     }
 }

@@ -59,8 +59,11 @@ dpkg-deb -x "$deb" "$root" || fail "dpkg-deb could not unpack the package"
 desktop=$root/usr/share/applications/$app.desktop
 desktop-file-validate "$desktop" || fail "desktop-file-validate"
 appstreamcli validate --no-net --explain "$root/usr/share/metainfo/$app.metainfo.xml" || fail "appstreamcli validate"
-# The entry must start the installed program with the icon installed beside it.
-[ -x "$root/usr/bin/$(sed -n 's/^Exec=//p' "$desktop")" ] || fail "Exec names no installed program"
+# The entry must start the installed program by an absolute path (KWin lets only the program it
+# names type the paste keys), with the icon installed beside it.
+exec_path=$(sed -n 's/^Exec=//p' "$desktop")
+[ "$(readlink -f "$root$exec_path")" = "$root/usr/libexec/voxaria/voxaria" ] || fail "Exec does not name the installed program"
+grep -qx 'X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input' "$desktop" || fail "the desktop file asks KWin for no fake input"
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
 # The model check, where the installed program looks for it, loads the system's model once stripped.
 model=/usr/share/pocketsphinx/model/en-us

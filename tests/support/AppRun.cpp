@@ -181,15 +181,20 @@ bool ReceivingWindow::start()
 
 bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
 {
-    QProcessEnvironment environment = sway.clientEnvironment();
     if (kind == OnSway::terminal) {
-        m_process.setProcessEnvironment(environment);
+        m_process.setProcessEnvironment(sway.clientEnvironment());
         // Raw and silent: every byte typed or pasted reaches the file as it comes, and only once.
         m_process.start(QStringLiteral("foot"),
             {QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
         return sway.waitForFocus(QStringLiteral("foot"));
     }
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+    return start(sway, kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+}
+
+bool ReceivingWindow::start(const HeadlessCompositor& compositor, const QString& platform)
+{
+    QProcessEnvironment environment = compositor.clientEnvironment();
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), platform);
     m_process.setProcessEnvironment(environment);
     return start();
 }

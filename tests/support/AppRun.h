@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+class HeadlessCompositor;
 class HeadlessSway;
 
 // One run of the real voxaria program with folders of its own (HOME, XDG data/config/cache and
@@ -23,6 +24,8 @@ public:
     ~AppRun();
 
     QString root() const { return m_root.path(); }
+    // The program's own copy, which this run starts.
+    QString program() const { return m_binary; }
     // ~/.local/share/Voxaria of this run.
     QString dataFolder() const;
     QString temporaryFolder() const;
@@ -86,6 +89,8 @@ public:
     // terminal whose command writes down whatever is typed or pasted into it.
     enum class OnSway { wayland, xwayland, terminal };
     bool start(HeadlessSway& sway, OnSway kind);
+    // A Qt window of this compositor's session, through this Qt platform ("wayland": native).
+    bool start(const HeadlessCompositor& compositor, const QString& platform = QStringLiteral("wayland"));
     quint64 windowId() const { return m_windowId; }
     // The file the window rewrites with its whole text after every change.
     QString outputPath() const { return m_folder.filePath(QStringLiteral("received.txt")); }

@@ -4,8 +4,10 @@
 #include "Platform/Linux/Desktop/GnomeShellVersion.h"
 #include "Platform/Linux/Input/BindingKeyMonitor.h"
 #include "Platform/Linux/Input/EvdevKeyMonitor.h"
+#include "Platform/Linux/KDE/KGlobalAccelKeyMonitor.h"
 #include "Platform/Linux/Wayland/CompositorFrontApplication.h"
 #include "Platform/Linux/Wayland/DataControlPasteboard.h"
+#include "Platform/Linux/Wayland/FakeInputKeyPoster.h"
 #include "Platform/Linux/Wayland/VirtualKeyboardKeyPoster.h"
 #include "Platform/Linux/Wayland/WaylandClient.h"
 #include "Platform/Linux/X11/X11AccessibilityTrust.h"
@@ -15,6 +17,8 @@
 #include "Platform/Linux/X11/XTestKeyPoster.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
+
+#include <QCoreApplication>
 
 namespace {
 
@@ -50,11 +54,13 @@ private:
     SessionPlatform::KeySource m_source;
 };
 
-const char* routeDescription(SessionPlatform::PasteRoute route)
+const char* routeDescription(SessionPlatform::PasteRoute route, Compositor compositor)
 {
     switch (route) {
     case SessionPlatform::PasteRoute::copyOnly: return "only copied to the clipboard";
-    case SessionPlatform::PasteRoute::compositor: return "pasted through wlr data-control and a virtual keyboard";
+    case SessionPlatform::PasteRoute::compositor:
+        return compositor == Compositor::kde ? "pasted through wlr data-control and KWin's fake input"
+                                             : "pasted through wlr data-control and a virtual keyboard";
     case SessionPlatform::PasteRoute::xwayland: return "pasted through the X11 clipboard and XTEST (GNOME asks once to allow it)";
     case SessionPlatform::PasteRoute::x11: break;
     }
@@ -75,39 +81,48 @@ LinuxPlatform::~LinuxPlatform() = default;
 
 void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
 {
-    QString chosen;
+    std::vector<std::unique_ptr<KeyMonitor>> sources;
+    QStringList chosen;
     bool works = true;
+    const bool kdeWayland = m_session.kind == SessionInfo::Kind::wayland && m_session.compositor == Compositor::kde;
+    // KDE binds most dictation keys as global shortcuts; a key it cannot tell alone (Right Alt in a
+    // US layout, Fn) still comes through the sources below.
+    const bool kdeShortcuts = kdeWayland && KGlobalAccelKeyMonitor::isAvailable();
+    if (kdeShortcuts) {
+        chosen << QStringLiteral("kglobalaccel");
+        sources.push_back(std::make_unique<KGlobalAccelKeyMonitor>(dictationKey));
+    }
     if (m_session.kind == SessionInfo::Kind::x11 || (m_session.compositor == Compositor::kde && m_session.hasXDisplay)) {
         // KWin hands modifier changes to XWayland clients even while a Wayland window has the focus.
-        chosen = QStringLiteral("XInput2");
-        m_keyMonitor = std::make_unique<XInputKeyMonitor>();
+        chosen << QStringLiteral("XInput2");
+        sources.push_back(std::make_unique<XInputKeyMonitor>());
     } else if (m_session.compositor == Compositor::wlroots) {
-        std::vector<std::unique_ptr<KeyMonitor>> sources;
         sources.push_back(std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey = std::move(dictationKey)] {
             const HotKey key = dictationKey();
             return ModifierKey{key.keyCode(), key.modifierFlag()};
         }));
-        chosen = QStringLiteral("compositor bindings");
+        chosen << QStringLiteral("compositor bindings");
         if (EvdevKeyMonitor::canRead()) {
             sources.push_back(std::make_unique<EvdevKeyMonitor>());
-            chosen += QStringLiteral(" + /dev/input");
+            chosen << QStringLiteral("/dev/input");
         }
-        m_keyMonitor = std::make_unique<CombinedKeyMonitor>(std::move(sources));
-    } else {
+    } else if (!kdeShortcuts || EvdevKeyMonitor::canRead()) {
         // The keyboards themselves, where this user may read them; otherwise the monitor explains,
         // when it is asked to watch, how to be allowed.
-        chosen = QStringLiteral("/dev/input");
-        works = EvdevKeyMonitor::canRead();
-        m_keyMonitor = std::make_unique<EvdevKeyMonitor>();
+        chosen << QStringLiteral("/dev/input");
+        works = kdeShortcuts || EvdevKeyMonitor::canRead();
+        sources.push_back(std::make_unique<EvdevKeyMonitor>());
     }
-    qCInfo(lcHotkey).noquote() << "session:" << m_session.description() << "- dictation key through" << chosen;
-    m_keySource = {chosen, works};
+    const QString description = chosen.join(QStringLiteral(" + "));
+    qCInfo(lcHotkey).noquote() << "session:" << m_session.description() << "- dictation key through" << description;
+    m_keyMonitor = sources.size() == 1 ? std::move(sources.front()) : std::make_unique<CombinedKeyMonitor>(std::move(sources));
+    m_keySource = {description, works};
 }
 
 void LinuxPlatform::chooseClipboardAndKeys()
 {
-    // KWin offers the data-control clipboard without the virtual keyboard: the text is then copied
-    // there, where native windows see it.
+    // The compositor's own clipboard wherever it offers data-control (sway, Hyprland, KWin): native
+    // windows see it, also while an X11 window has the focus.
     if (m_wayland && m_wayland->dataControl()) {
         auto dataControl = std::make_shared<DataControlPasteboard>(m_wayland);
         if (dataControl->isAvailable())
@@ -116,10 +131,15 @@ void LinuxPlatform::chooseClipboardAndKeys()
     if (!m_pasteboard)
         m_pasteboard = std::make_shared<X11ClipboardPasteboard>();
 
-    // One virtual keyboard for the program's life: each new one is announced to every client. Only
+    // KWin takes the paste keys from its fake input, for a program a desktop file allows. Elsewhere
+    // one virtual keyboard for the program's life: each new one is announced to every client. Only
     // GNOME takes a paste through XWayland; on other Wayland sessions an XTEST paste would reach
     // only X11 windows, so without the compositor's protocols nothing is synthesised at all.
-    if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor != Compositor::gnome) {
+    if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor == Compositor::kde) {
+        m_keyPoster = std::make_shared<FakeInputKeyPoster>(m_wayland && m_wayland->dataControl() ? m_wayland : nullptr);
+        if (m_wayland && !m_wayland->fakeInput())
+            logMissingFakeInput();
+    } else if (m_session.kind == SessionInfo::Kind::wayland && m_session.compositor != Compositor::gnome) {
         const bool pastes = m_wayland && m_wayland->dataControl() && m_wayland->virtualKeyboards();
         m_keyPoster = std::make_shared<VirtualKeyboardKeyPoster>(pastes ? m_wayland : nullptr);
     } else {
@@ -142,7 +162,18 @@ void LinuxPlatform::choosePasteRoute(std::optional<int> gnomeShellMajor)
 {
     m_pasteRoute
         = pasteRouteFor(m_session, gnomeShellMajor, [this] { return m_keyPoster->makeKeyEvent(KeyPoster::virtualKeyV, true).has_value(); });
-    qCInfo(lcInsert).noquote() << "session:" << m_session.description() << "- dictated text" << routeDescription(m_pasteRoute);
+    qCInfo(lcInsert).noquote() << "session:" << m_session.description() << "- dictated text"
+                               << routeDescription(m_pasteRoute, m_session.compositor);
+}
+
+// KWin decides by the program's real path, which a build-folder run or a copy elsewhere does not
+// share with the installed desktop file.
+void LinuxPlatform::logMissingFakeInput()
+{
+    qCWarning(lcInsert).noquote()
+        << "KWin does not offer org_kde_kwin_fake_input to" << QCoreApplication::applicationFilePath()
+        << "- it needs an installed desktop file (the package's" << AppPaths::applicationId() + QStringLiteral(".desktop)")
+        << "with X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input whose Exec= names that path; dictated text is only copied";
 }
 
 SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(
@@ -150,7 +181,7 @@ SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(
 {
     if (session.kind == SessionInfo::Kind::x11)
         return PasteRoute::x11;
-    if (session.compositor == Compositor::wlroots)
+    if (session.compositor == Compositor::wlroots || session.compositor == Compositor::kde)
         return canSynthesisePaste() ? PasteRoute::compositor : PasteRoute::copyOnly;
     if (session.compositor == Compositor::gnome && session.hasXDisplay && gnomeShellMajor.value_or(0) >= firstGnomeForwardingXTest)
         return canSynthesisePaste() ? PasteRoute::xwayland : PasteRoute::copyOnly;

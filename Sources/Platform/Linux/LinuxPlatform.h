@@ -30,9 +30,10 @@ public:
     std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const override;
 
     // How a session's text arrives: X11 pastes; on Wayland, wlroots compositors take a paste from a
-    // virtual keyboard and GNOME from version 45 (`gnomeShellMajor`, nothing when unknown) forwards
-    // the X11 clipboard and an XTEST paste to its own windows, so these paste when
-    // `canSynthesisePaste` (asked only there) says so; the others only copy.
+    // virtual keyboard, KWin from its fake input (for an authorised program), and GNOME from
+    // version 45 (`gnomeShellMajor`, nothing when unknown) forwards the X11 clipboard and an XTEST
+    // paste to its own windows, so these paste when `canSynthesisePaste` (asked only there) says
+    // so; the others only copy.
     static PasteRoute pasteRouteFor(
         const SessionInfo& session, std::optional<int> gnomeShellMajor, const std::function<bool()>& canSynthesisePaste);
 
@@ -44,6 +45,7 @@ private:
     void chooseKeySource(std::function<HotKey()> dictationKey);
     void chooseClipboardAndKeys();
     void choosePasteRoute(std::optional<int> gnomeShellMajor);
+    static void logMissingFakeInput();
 
     SessionInfo m_session;
     std::shared_ptr<WaylandClient> m_wayland;

@@ -4,6 +4,7 @@
 
 #include <QSocketNotifier>
 
+#include "fake-input-client-protocol.h"
 #include "virtual-keyboard-unstable-v1-client-protocol.h"
 #include "wlr-data-control-unstable-v1-client-protocol.h"
 
@@ -11,6 +12,13 @@
 
 #include <cerrno>
 #include <cstring>
+
+namespace {
+
+// keyboard_key came with version 4; older fake inputs move only the pointer.
+constexpr uint32_t fakeInputKeyboardVersion = 4;
+
+}
 
 std::shared_ptr<WaylandClient> WaylandClient::connect(const QString& displayName)
 {
@@ -25,7 +33,8 @@ std::shared_ptr<WaylandClient> WaylandClient::connect(const QString& displayName
     if (!client->roundtrip() || !client->roundtrip())
         return nullptr;
     qCInfo(lcInsert) << "Wayland compositor offers: seat" << (client->m_seat != nullptr) << "- data-control"
-                     << (client->m_dataControl != nullptr) << "- virtual keyboard" << (client->m_virtualKeyboards != nullptr);
+                     << (client->m_dataControl != nullptr) << "- virtual keyboard" << (client->m_virtualKeyboards != nullptr)
+                     << "- fake input" << (client->m_fakeInput != nullptr);
     return client;
 }
 
@@ -41,6 +50,8 @@ WaylandClient::WaylandClient(wl_display* display)
 
 WaylandClient::~WaylandClient()
 {
+    if (m_fakeInput)
+        org_kde_kwin_fake_input_destroy(m_fakeInput);
     if (m_virtualKeyboards)
         zwp_virtual_keyboard_manager_v1_destroy(m_virtualKeyboards);
     if (m_dataControl)
@@ -63,8 +74,10 @@ void WaylandClient::onGlobal(void* data, wl_registry* registry, uint32_t name, c
     } else if (std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0) {
         self->m_virtualKeyboards = static_cast<zwp_virtual_keyboard_manager_v1*>(
             wl_registry_bind(registry, name, &zwp_virtual_keyboard_manager_v1_interface, 1));
+    } else if (std::strcmp(interface, org_kde_kwin_fake_input_interface.name) == 0 && version >= fakeInputKeyboardVersion) {
+        self->m_fakeInput = static_cast<org_kde_kwin_fake_input*>(
+            wl_registry_bind(registry, name, &org_kde_kwin_fake_input_interface, fakeInputKeyboardVersion));
     }
-    Q_UNUSED(version);
 }
 
 void WaylandClient::onGlobalRemove(void*, wl_registry*, uint32_t)

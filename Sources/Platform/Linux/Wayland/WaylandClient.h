@@ -10,12 +10,13 @@ struct wl_registry;
 struct wl_seat;
 struct zwlr_data_control_manager_v1;
 struct zwp_virtual_keyboard_manager_v1;
+struct org_kde_kwin_fake_input;
 
 class QSocketNotifier;
 
 // This program's own connection to the Wayland compositor, for the few things that must speak
 // Wayland even while Voxaria's windows go through XWayland: the clipboard (wlr data-control) and
-// the paste keys (virtual keyboard). Events are handled on the main thread as they arrive, so the
+// the paste keys (virtual keyboard on wlroots, fake input on KWin). Events are handled on the main thread as they arrive, so the
 // clipboard state is current whenever a caller looks. Main thread only.
 class WaylandClient final : public QObject {
 public:
@@ -30,6 +31,9 @@ public:
     wl_seat* seat() const { return m_seat; }
     zwlr_data_control_manager_v1* dataControl() const { return m_dataControl; }
     zwp_virtual_keyboard_manager_v1* virtualKeyboards() const { return m_virtualKeyboards; }
+    // KWin's fake input (version 4, the first with keyboard keys); KWin offers it only to programs
+    // an installed desktop file allows.
+    org_kde_kwin_fake_input* fakeInput() const { return m_fakeInput; }
 
     // Sends what is queued and waits until the compositor has answered it, handling the events that
     // came meanwhile. Answers whether the connection still works.
@@ -51,6 +55,7 @@ private:
     wl_seat* m_seat = nullptr;
     zwlr_data_control_manager_v1* m_dataControl = nullptr;
     zwp_virtual_keyboard_manager_v1* m_virtualKeyboards = nullptr;
+    org_kde_kwin_fake_input* m_fakeInput = nullptr;
     QSocketNotifier* m_notifier = nullptr;
     bool m_lossReported = false;
 };

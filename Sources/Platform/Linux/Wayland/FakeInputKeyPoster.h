@@ -1,0 +1,30 @@
+#pragma once
+
+#include "Platform/KeyPoster.h"
+
+#include <memory>
+#include <vector>
+
+class WaylandClient;
+
+// Synthetic keys on KDE Plasma through KWin's fake input: the keys join the seat's own keyboard,
+// so KWin reads them with the user's layout and modifiers. KWin offers the protocol only to a
+// program whose real path is the Exec= of an installed desktop file declaring
+// X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input; without it nothing can be posted. Command
+// stands for Control, as on X11. Main thread only.
+class FakeInputKeyPoster final : public KeyPoster {
+public:
+    explicit FakeInputKeyPoster(std::shared_ptr<WaylandClient> client);
+
+    std::optional<KeyEvent> makeKeyEvent(quint16 virtualKey, bool keyDown) override;
+    void post(const KeyEvent& event) override;
+
+private:
+    bool ensureAuthenticated();
+    void sendKey(quint32 key, bool down);
+
+    std::shared_ptr<WaylandClient> m_client;
+    bool m_authenticated = false;
+    // The modifier keys the last key down pressed, let go after its key up.
+    std::vector<quint32> m_pressedModifiers;
+};
