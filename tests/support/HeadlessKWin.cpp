@@ -46,6 +46,13 @@ bool HeadlessKWin::start()
         || !QFile::copy(QStringLiteral(VOXARIA_HELPER_fakeinputkeys), keys)
         || !TestSupport::writeFile(filePath(QStringLiteral("home/.config/kxkbrc")),
             QStringLiteral("[Layout]\nLayoutList=%1\nUse=true\n").arg(m_keyboardLayout).toUtf8())
+        // Plasma shows a tray, this KWin alone does not: the program's window about the missing tray
+        // would then take the focus from the window dictated into, as a native Wayland window cannot
+        // decline it. A window rule keeps it out of the focus, as the README's no_focus does on sway.
+        || !TestSupport::writeFile(filePath(QStringLiteral("home/.config/kwinrulesrc")),
+            QStringLiteral("[General]\ncount=1\nrules=1\n\n[1]\nDescription=Voxaria\nwmclass=app.voxaria.Voxaria\nwmclassmatch=1\n"
+                           "title=O Voxaria está em execução\ntitlematch=1\nacceptfocus=false\nacceptfocusrule=2\n")
+                .toUtf8())
         || !installApplication(QStringLiteral("fakeinputkeys.desktop"),
             "[Desktop Entry]\nType=Application\nName=fakeinputkeys\nNoDisplay=true\nExec=" + keys.toUtf8()
                 + "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n")
