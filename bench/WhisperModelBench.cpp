@@ -174,7 +174,7 @@ void measure(const QString& size, const QByteArray& speech, const QString& wav)
     std::printf("%s: release -> text minus whisper-cli's run after its input closed: median %.1f ms (target <= 20 ms); "
                 "minus its whole run when started after the release %.1f ms\n",
         qPrintable(size), BenchClock::median(onStdin.overhead), BenchClock::median(onFile.overhead));
-    std::printf("%s: voice activity detection on 10 s: whisper-cli total %.0f ms with, %.0f ms without (+%.0f ms); "
+    std::printf("%s: voice activity detection on 10 s: whisper-cli total %.0f ms with, %.0f ms without (%+.0f ms); "
                 "Silero's own vad time %.0f ms\n",
         qPrintable(size), BenchClock::median(withVad), BenchClock::median(total), BenchClock::median(withVad) - BenchClock::median(total),
         BenchClock::median(vad));
