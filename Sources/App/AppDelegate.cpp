@@ -208,7 +208,9 @@ void AppDelegate::setupStatusItem()
 {
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works";
-    const QIcon icon = StatusIcon::make(StatusIcon::Tint::normal);
+    for (const StatusIcon::Tint tint : {StatusIcon::Tint::normal, StatusIcon::Tint::red, StatusIcon::Tint::orange})
+        m_statusIcons.at(size_t(tint)) = StatusIcon::make(tint);
+    const QIcon& icon = m_statusIcons.at(size_t(StatusIcon::Tint::normal));
     // Every window of the program (history, video, downloads, alerts) carries the tray's waveform.
     QApplication::setWindowIcon(icon);
     m_statusItem = std::make_unique<QSystemTrayIcon>(icon);
@@ -232,7 +234,7 @@ void AppDelegate::updateStatusIcon(DictationController::State state)
     case DictationController::State::recording: tint = StatusIcon::Tint::red; break;
     case DictationController::State::finishing: tint = StatusIcon::Tint::orange; break;
     }
-    m_statusItem->setIcon(StatusIcon::make(tint));
+    m_statusItem->setIcon(m_statusIcons.at(size_t(tint)));
 }
 
 QMenu* AppDelegate::menu()
