@@ -5,6 +5,7 @@
 // Run under scripts/with-harness.sh.
 #include "AppRun.h"
 #include "BenchClock.h"
+#include "BenchDesktop.h"
 #include "ProcessStats.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
@@ -91,16 +92,11 @@ LeadIn measureLeadIn(const QString& wav)
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (qEnvironmentVariableIsEmpty("DISPLAY") || !TestSupport::hasPulseAudio()) {
-        std::fprintf(stderr, "DictationBench needs the headless desktop: run it through scripts/with-harness.sh\n");
+    if (!BenchDesktop::isPresent("DictationBench"))
         return 1;
-    }
     ReceivingWindow receiver;
-    if (!receiver.start()) {
-        std::fprintf(stderr, "the receiving window did not start\n");
+    if (!BenchDesktop::focusReceiver(receiver))
         return 1;
-    }
-    XTestKeyboard::focus(receiver.windowId());
 
     AppRun run;
     const QString stamps = run.root() + QStringLiteral("/stamps");

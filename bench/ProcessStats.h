@@ -40,6 +40,13 @@ inline qint64 residentKb(qint64 pid)
     return statusField(QStringLiteral("/proc/%1/status").arg(pid), "VmRSS");
 }
 
+// Pages only this process wrote to (its heap, stacks and data), the part of the resident memory
+// that shared libraries and files mapped read-only do not make up.
+inline qint64 privateDirtyKb(qint64 pid)
+{
+    return statusField(QStringLiteral("/proc/%1/smaps_rollup").arg(pid), "Private_Dirty");
+}
+
 // What a process costs while nobody uses it: measured after it settled for 3 s, over 10 s.
 struct IdleCost {
     qint64 wakeups;

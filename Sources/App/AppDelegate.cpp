@@ -212,7 +212,9 @@ void AppDelegate::maybeWarnNoEngine()
 
 void AppDelegate::setupStatusItem()
 {
-    const QIcon icon = StatusIcon::make(StatusIcon::Tint::normal);
+    for (const StatusIcon::Tint tint : {StatusIcon::Tint::normal, StatusIcon::Tint::red, StatusIcon::Tint::orange})
+        m_statusIcons.at(size_t(tint)) = StatusIcon::make(tint);
+    const QIcon& icon = m_statusIcons.at(size_t(StatusIcon::Tint::normal));
     // Every window of the program (history, video, downloads, alerts) carries the tray's waveform.
     QApplication::setWindowIcon(icon);
     m_statusItem = std::make_unique<QSystemTrayIcon>(icon);
@@ -236,7 +238,7 @@ void AppDelegate::updateStatusIcon(DictationController::State state)
     case DictationController::State::recording: tint = StatusIcon::Tint::red; break;
     case DictationController::State::finishing: tint = StatusIcon::Tint::orange; break;
     }
-    m_statusItem->setIcon(StatusIcon::make(tint));
+    m_statusItem->setIcon(m_statusIcons.at(size_t(tint)));
 }
 
 QMenu* AppDelegate::menu()

@@ -15,10 +15,12 @@
 #include "Shared/Preferences/Settings.h"
 #include "TrayMissingWindow.h"
 
+#include <QIcon>
 #include <QLockFile>
 #include <QObject>
 #include <QPointer>
 
+#include <array>
 #include <functional>
 #include <memory>
 
@@ -108,6 +110,10 @@ private:
     Permissions::Checks m_checks;
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
+    // The waveform in each tint, drawn once. Every icon Qt draws at a size it was not given leaves
+    // a scaled copy in the pixmap cache under that icon's own key, so a fresh icon per state change
+    // left three dead copies behind per dictation, about 8 kB, until the cache's 10 MB were full.
+    std::array<QIcon, 3> m_statusIcons;
     std::unique_ptr<QMenu> m_menu;
     HotkeyManager m_hotkeyManager;
     DictationController m_dictation;
