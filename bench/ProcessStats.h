@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QString>
 #include <QThread>
 
@@ -23,16 +24,16 @@ inline qint64 statusField(const QString& statusPath, const QByteArray& field)
     return 0;
 }
 
-// Wake-ups of the whole process: the context switches of all its threads.
-inline qint64 contextSwitches(qint64 pid)
+// Wake-ups so far of each thread of a process (its context switches), by thread id.
+inline QHash<QString, qint64> contextSwitches(qint64 pid)
 {
-    qint64 total = 0;
+    QHash<QString, qint64> switches;
     const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
     for (const QString& task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
         const QString status = tasks + QLatin1Char('/') + task + QStringLiteral("/status");
-        total += statusField(status, "voluntary_ctxt_switches") + statusField(status, "nonvoluntary_ctxt_switches");
+        switches.insert(task, statusField(status, "voluntary_ctxt_switches") + statusField(status, "nonvoluntary_ctxt_switches"));
     }
-    return total;
+    return switches;
 }
 
 inline qint64 residentKb(qint64 pid)
@@ -56,9 +57,14 @@ struct IdleCost {
 inline IdleCost idleCost(qint64 pid)
 {
     QThread::sleep(3);
-    const qint64 before = contextSwitches(pid);
+    const QHash<QString, qint64> before = contextSwitches(pid);
     QThread::sleep(10);
-    return {contextSwitches(pid) - before, residentKb(pid)};
+    // Counted per thread: a thread that ended meanwhile must not take its earlier wake-ups along.
+    qint64 wakeups = 0;
+    const QHash<QString, qint64> after = contextSwitches(pid);
+    for (auto thread = after.cbegin(); thread != after.cend(); ++thread)
+        wakeups += thread.value() - before.value(thread.key(), 0);
+    return {wakeups, residentKb(pid)};
 }
 
 }
