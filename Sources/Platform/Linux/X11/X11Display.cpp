@@ -23,7 +23,7 @@ struct Connection {
     Connection()
     {
         if (!display)
-            qCWarning(lcInsert) << "No X display: synthetic keys and the front application are unavailable";
+            qCWarning(lcInsert) << "No X display: XTEST keys and the X11 front application are unavailable";
     }
     ~Connection()
     {
