@@ -272,6 +272,7 @@ TEST_F(ModelDownloaderTest, TheVoiceActivityModelComesAlongAndNeverBlocks)
         EXPECT_EQ(alerts->shown.size(), 1);
         EXPECT_EQ(contents(vad.fileName), c.installed.isEmpty() ? "voice model" : c.installed);
         EXPECT_EQ(server.ranges.size(), c.installed.isEmpty() ? 1 : 2);
+        EXPECT_FALSE(QFile::exists(vad.partPath())) << "an empty or rejected part is left behind";
     }
     QFile::remove(vad.filePath());
     server.setRoute("vad/" + vad.fileName, Route{.body = kModel, .holdAt = 1 << 20});

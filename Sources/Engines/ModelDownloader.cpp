@@ -451,7 +451,8 @@ void ModelDownloader::fail(const QString& reason, bool keepPart)
 {
     qCWarning(lcWhisper) << "download of" << current().model.fileName << "failed:" << reason;
     m_part.close();
-    if (!keepPart)
+    // An empty part has nothing to continue: it would only be left lying in the models folder.
+    if (!keepPart || QFileInfo(current().model.partPath()).size() == 0)
         current().model.removePart();
     if (current().isWhisperModel) {
         finish(false, reason);
