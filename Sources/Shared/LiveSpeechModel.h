@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QString>
+
+// The model of the live native engine: one GGUF file of the streaming Nemotron recogniser in the
+// models folder, which the downloader installs and the recogniser loads.
+namespace LiveSpeechModel {
+// The file name in the models folder, e.g. "nemotron-3.5-asr-streaming-0.6b-Q8_0.gguf".
+QString fileName();
+// AppPaths::modelsFolder() + "/" + fileName().
+QString installedPath();
+}
