@@ -290,8 +290,6 @@ TEST_F(ModelDownloaderTest, TheLiveModelIsAGgufFileOfItsOwnThatSelectsNoWhisperM
 {
     const ModelDownloader::Model& live = ModelDownloader::Model::liveSpeech();
     const QByteArray gguf = QByteArray("GGUF\x03\0\0\0", 8).leftJustified(3 << 20, 'n');
-    EXPECT_EQ(live.fileName, "nemotron-3.5-asr-streaming-0.6b-Q8_0.gguf");
-    EXPECT_EQ(live.sizeMB, 716);
     QFile::remove(vad.filePath());
     const struct {
         Route route;
