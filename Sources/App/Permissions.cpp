@@ -2,12 +2,13 @@
 
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/InputDevices.h"
-#include "Platform/SpeechRecognizer.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QPointer>
 #include <QThreadPool>
 
@@ -37,7 +38,10 @@ Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform)
 {
     return {
         &InputDevices::anyListed,
-        [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
+        // One model transcribes every language it knows: installed, it serves each of them.
+        [](const QString& localeIdentifier) {
+            return LiveSpeechModel::transcribes(localeIdentifier) && QFileInfo::exists(LiveSpeechModel::installedPath());
+        },
         [trust = std::shared_ptr<AccessibilityTrust>(platform.makeAccessibilityTrust())] { return trust->isTrusted(false); },
     };
 }
@@ -143,10 +147,10 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
         return std::nullopt;
     return Alerts::Alert{
         QStringLiteral("Instale o Whisper para ditar"),
-        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ")
+        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (Nemotron) não tem modelo para o idioma ")
             + localeIdentifier
-            + QStringLiteral(".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com "
-                             "modelo nativo instalado."),
+            + QStringLiteral(
+                ".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou baixe o modelo do motor nativo no menu."),
         {{QStringLiteral("OK")}},
     };
 }

@@ -2,6 +2,7 @@
 
 #include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
 #include "Shared/Preferences/Settings.h"
@@ -23,6 +24,8 @@
 namespace {
 // whisper.cpp model files start with the ggml magic 0x67676d6c, stored little-endian.
 const QByteArray kGgmlMagic("lmgg", 4);
+// GGUF files, the live engine's among them, start with these four bytes.
+const QByteArray kGgufMagic("GGUF", 4);
 // A server that sends nothing for this long is given up on; the ".part" stays for the next try.
 constexpr int kStallTimeoutMs = 60 * 1000;
 constexpr qint64 kReadBufferBytes = 1 << 20;
@@ -130,6 +133,18 @@ const ModelDownloader::Model& ModelDownloader::Model::voiceActivity()
     return model;
 }
 
+const ModelDownloader::Model& ModelDownloader::Model::liveSpeech()
+{
+    static const Model model{LiveSpeechModel::fileName(), QStringLiteral("Texto ao vivo — Nemotron"), LiveSpeechModel::sizeMB(),
+        QStringLiteral("motor nativo: o texto aparece enquanto você fala"), {}};
+    return model;
+}
+
+bool ModelDownloader::Model::isLiveSpeech() const
+{
+    return fileName == LiveSpeechModel::fileName();
+}
+
 bool ModelDownloader::Model::isDownloaded() const
 {
     return QFileInfo::exists(filePath());
@@ -192,9 +207,10 @@ void ModelDownloader::download(const Model& model, Completion completion)
     showWindow(model);
     m_session = std::make_unique<QNetworkAccessManager>();
     m_queue.clear();
-    if (!Model::voiceActivity().isDownloaded())
+    // Only whisper-cli uses the voice activity model.
+    if (!model.isLiveSpeech() && !Model::voiceActivity().isDownloaded())
         m_queue.append({Model::voiceActivity(), m_addresses.voiceActivityModel, false});
-    m_queue.append({model, m_addresses.whisperModels, true});
+    m_queue.append({model, model.isLiveSpeech() ? m_addresses.liveSpeechModel : m_addresses.whisperModels, true});
     startTransfer();
 }
 
@@ -394,8 +410,12 @@ void ModelDownloader::install()
         return;
     }
     m_part.seek(0);
-    if (m_part.read(kGgmlMagic.size()) != kGgmlMagic) {
-        fail(QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."), false);
+    const bool live = current().model.isLiveSpeech();
+    const QByteArray& magic = live ? kGgufMagic : kGgmlMagic;
+    if (m_part.read(magic.size()) != magic) {
+        fail(live ? QStringLiteral("O arquivo recebido não é um modelo do motor nativo. Nada foi instalado.")
+                  : QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."),
+            false);
         return;
     }
     m_part.close();
@@ -443,7 +463,9 @@ void ModelDownloader::moveIntoPlace()
         startNextTransfer();
         return;
     }
-    Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
+    // The live engine has one model: its engine is what the user selects.
+    if (!m_currentModel.isLiveSpeech())
+        Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
     finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
 }
 

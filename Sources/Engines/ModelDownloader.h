@@ -17,13 +17,15 @@
 class QNetworkAccessManager;
 class QNetworkReply;
 
-// Fetches a Whisper model into the models folder, shows how far it got, selects it when it is
-// whole, and tells the user the outcome. One download at a time; each one also brings the voice
-// activity model when it is missing, in the same window, before the Whisper model: it is small,
-// and its failure is only logged, so the outcome the user hears of is the Whisper model's.
+// Fetches a Whisper model, or the live native engine's model, into the models folder, shows how far
+// it got, selects a Whisper model when it is whole, and tells the user the outcome. One download at
+// a time; a Whisper model's also brings the voice activity model when it is missing, in the same
+// window, before the Whisper model: it is small, and its failure is only logged, so the outcome the
+// user hears of is the Whisper model's.
 //
 // Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
-// final answer was 2xx, the length is the announced one, the file starts with the ggml magic and,
+// final answer was 2xx, the length is the announced one, the file starts with its format's magic
+// (ggml for Whisper's, GGUF for the live engine's) and,
 // when the catalogue knows it, the SHA-256 matches, so a half-written file or an error page never
 // looks installed. A ".part" left by an interrupted download is continued with an HTTP Range
 // request, guarded by the ETag (or Last-Modified) of its first answer kept in "<fileName>.part.etag":
@@ -44,6 +46,10 @@ public:
         // Silero's voice activity model, which whisper-cli uses for file and link jobs: never one
         // of the Whisper models to choose.
         static const Model& voiceActivity();
+        // The live native engine's streaming model (LiveSpeechModel): never one of the Whisper
+        // models either, and never selected as one.
+        static const Model& liveSpeech();
+        bool isLiveSpeech() const;
         // Asked afresh at every call: the user may add or remove files at any time.
         bool isDownloaded() const;
         QString filePath() const;
@@ -54,10 +60,11 @@ public:
     };
     using Completion = std::function<void(bool success)>;
 
-    // The folders the files are fetched from (two repositories of the same host); only tests pass others.
+    // The folders the files are fetched from (repositories of the same host); only tests pass others.
     struct Addresses {
         QUrl whisperModels;
         QUrl voiceActivityModel;
+        QUrl liveSpeechModel;
     };
     static const Addresses kPublishedAddresses;
 
@@ -67,13 +74,13 @@ public:
         std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), Addresses addresses = kPublishedAddresses, QObject* parent = nullptr);
     ~ModelDownloader() override;
 
-    // Called once on the main thread with true when the model was installed and selected, false
+    // Called once on the main thread with true when the model was installed (and, a Whisper model, selected), false
     // when the download failed or was cancelled (a cancel stops the voice activity model too).
     // Ignored entirely while a download runs.
     void download(const Model& model, Completion completion = {});
 
     bool isDownloading() const { return m_isDownloading; }
-    // The Whisper model asked for, also while the voice activity model comes first.
+    // The model asked for, also while the voice activity model comes first.
     const Model& currentModel() const { return m_currentModel; }
     ModelDownloadWindow* window() const { return m_window; }
     void cancelTapped();
@@ -83,11 +90,11 @@ public:
     static QString progressText(qint64 written, qint64 expected);
 
 private:
-    // One file of a download: the voice activity model when missing, then the Whisper model.
+    // One file of a download: the voice activity model when missing, then the model asked for.
     struct Transfer {
         Model model;
         QUrl folder;
-        bool isWhisperModel = true; // installed and selected, or the download failed; else only logged
+        bool isWhisperModel = true; // the model asked for: installed, or the download failed; else only logged
     };
 
     void showWindow(const Model& model);
