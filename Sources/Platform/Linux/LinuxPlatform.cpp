@@ -26,8 +26,8 @@ namespace {
 using Compositor = SessionInfo::Compositor;
 
 // From this version on, GNOME hands a paste XWayland synthesises (XTEST) to every window, its own
-// Wayland windows included, once the user has allowed it when GNOME asks the first time; before,
-// such a paste reaches X11 windows only.
+// Wayland windows included, once the user has allowed it in the dialog GNOME shows at the first
+// paste of every run of the program; before, such a paste reaches X11 windows only.
 constexpr int firstGnomeForwardingXTest = 45;
 
 QString bindingSocketPath()
