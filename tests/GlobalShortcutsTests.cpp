@@ -41,6 +41,7 @@ public:
     {
     }
 
+    bool offersShortcuts = true;
     bool offersRegistry = true;
     uint bindAnswer = 0;
     QString triggerDescription = QStringLiteral("Ctrl+Alt+Espaço (escolhido no diálogo)");
@@ -58,6 +59,8 @@ public:
         const QString call = message.interface().section(QLatin1Char('.'), -1) + QLatin1Char('.') + message.member();
         if (message.interface() == QLatin1String("org.freedesktop.host.portal.Registry") && !offersRegistry)
             return reply(connection, message.createErrorReply(QDBusError::UnknownInterface, QStringLiteral("no registry here")));
+        if (message.interface() == QLatin1String("org.freedesktop.DBus.Properties"))
+            return reply(connection, version(message));
         const std::map<QString, QString> signatures{{QStringLiteral("Registry.Register"), QStringLiteral("sa{sv}")},
             {QStringLiteral("GlobalShortcuts.CreateSession"), QStringLiteral("a{sv}")},
             {QStringLiteral("GlobalShortcuts.BindShortcuts"), QStringLiteral("oa(sa{sv})sa{sv}")},
@@ -100,6 +103,15 @@ public:
     }
 
 private:
+    // GlobalShortcuts' "version" property, where the portal has the interface.
+    QDBusMessage version(const QDBusMessage& get) const
+    {
+        if (get.member() != QLatin1String("Get") || get.signature() != QLatin1String("ss") || !offersShortcuts
+            || get.arguments() != QVariantList{shortcutsInterface, QStringLiteral("version")})
+            return get.createErrorReply(QDBusError::UnknownProperty, QStringLiteral("no such property"));
+        return get.createReply(QVariant::fromValue(QDBusVariant(uint(1))));
+    }
+
     static bool reply(const QDBusConnection& connection, const QDBusMessage& answer)
     {
         connection.send(answer);
@@ -342,6 +354,13 @@ TEST_F(Portal, GnomeOnWaylandHearsTheDictationKeyThroughThePortal)
     EXPECT_TRUE(platform.keySource().description.startsWith(QStringLiteral("GlobalShortcuts portal")))
         << platform.keySource().description.toStdString();
     EXPECT_TRUE(platform.keySource().works);
+    EXPECT_EQ(platform.keySource().chord, QStringLiteral("Ctrl+Alt+Espaço"));
+
+    // A portal without global shortcuts (GNOME 47 and older) holds no key: the keyboards are read.
+    service->offersShortcuts = false;
+    LinuxPlatform older(gnome, [] { return HotKey::rightOption; });
+    EXPECT_FALSE(older.keySource().description.contains(QStringLiteral("portal"))) << older.keySource().description.toStdString();
+    EXPECT_TRUE(older.keySource().chord.isEmpty());
 }
 
 // In every layout something holds the key: the key itself where KDE sees it alone, and the chord

@@ -7,11 +7,9 @@
 #include "Shared/Logging.h"
 
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusPendingCallWatcher>
-#include <QDBusReply>
 
 #include <utility>
 
@@ -19,6 +17,7 @@ namespace {
 
 const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
 const QString shortcutId = QStringLiteral("dictation");
+constexpr int availabilityTimeoutMs = 1500;
 
 QDBusMessage portalCall(const QString& interface, const QString& method, const QVariantList& arguments)
 {
@@ -54,15 +53,18 @@ GlobalShortcutsKeyMonitor::~GlobalShortcutsKeyMonitor()
     stop();
 }
 
+// Asked once, while the program starts: a portal that runs answers at once; one the bus would have
+// to start, or that hangs, is given up after a moment and the keyboards are read instead. The wait
+// runs a local event loop, so a portal served by this very process can answer as well.
 bool GlobalShortcutsKeyMonitor::isAvailable()
 {
-    const QDBusConnectionInterface* bus = QDBusConnection::sessionBus().interface();
-    if (!bus)
-        return false;
-    if (bus->isServiceRegistered(PortalNames::service))
-        return true;
-    const QDBusReply<QStringList> activatable = bus->activatableServiceNames();
-    return activatable.isValid() && activatable.value().contains(PortalNames::service);
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        PortalNames::service, PortalNames::objectPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << shortcutsInterface << QStringLiteral("version");
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(get, QDBus::BlockWithGui, availabilityTimeoutMs);
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        qCInfo(lcHotkey).noquote() << "no global shortcuts in the desktop portal:" << reply.errorMessage();
+    return reply.type() == QDBusMessage::ReplyMessage;
 }
 
 KeyMonitor::Token GlobalShortcutsKeyMonitor::addMonitor(Handler handler)

@@ -30,7 +30,7 @@ public:
     explicit GlobalShortcutsKeyMonitor(DictationKey dictationKey);
     ~GlobalShortcutsKeyMonitor() override;
 
-    // Whether a desktop portal runs on the session bus, or the bus can start one.
+    // Whether the desktop portal on the session bus offers global shortcuts (GNOME 48 and later).
     static bool isAvailable();
 
     // Answers at once; the portal's session follows (a refusal is logged).
