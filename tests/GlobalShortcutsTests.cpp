@@ -17,10 +17,11 @@
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
-#include <QProcess>
-#include <QStandardPaths>
 
 #include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
 
 using namespace std::chrono_literals;
 
@@ -179,29 +180,35 @@ private:
     QDBusConnection m_bus;
 };
 
-// A session bus of this test program's own, in place of the user's, for the program's whole life:
-// Qt keeps its session-bus connection once made.
+// A session bus of this test program's own, in place of the user's, for the program's whole life.
+// It is started before main: Qt keeps its session-bus connection once made, and the application
+// object may make it as it starts.
 class TestBus : public ::testing::Environment {
 public:
-    void SetUp() override
+    TestBus()
     {
-        m_daemon.start(
-            QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
-        if (!m_daemon.waitForStarted(5000) || !m_daemon.waitForReadyRead(5000))
+        FILE* launcher = popen("dbus-daemon --session --fork --print-address=1 --print-pid=1", "r");
+        if (!launcher)
             return;
-        address = QString::fromUtf8(m_daemon.readLine()).trimmed();
+        char line[512] = {};
+        if (fgets(line, sizeof line, launcher))
+            address = QString::fromUtf8(line).trimmed();
+        if (fgets(line, sizeof line, launcher))
+            m_pid = QByteArray(line).trimmed().toInt();
+        pclose(launcher);
         qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
     }
+
     void TearDown() override
     {
-        m_daemon.terminate();
-        m_daemon.waitForFinished(5000);
+        if (m_pid > 0)
+            ::kill(m_pid, SIGTERM);
     }
 
     static inline QString address;
 
 private:
-    QProcess m_daemon;
+    pid_t m_pid = 0;
 };
 
 const ::testing::Environment* const testBus = ::testing::AddGlobalTestEnvironment(new TestBus);
