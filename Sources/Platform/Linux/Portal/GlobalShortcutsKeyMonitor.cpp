@@ -46,6 +46,7 @@ GlobalShortcutsKeyMonitor::GlobalShortcutsKeyMonitor(DictationKey dictationKey)
     , m_handlers([this] { return start(); }, [this] { stop(); })
 {
     PortalShortcut::registerType();
+    registerApplication();
 }
 
 GlobalShortcutsKeyMonitor::~GlobalShortcutsKeyMonitor()
@@ -82,10 +83,9 @@ bool GlobalShortcutsKeyMonitor::start()
     ++m_generation;
     m_watching = true;
     connectSignals(true);
+    // Until the portal has answered the registration, its answer opens the session.
     if (m_registered)
         createSession();
-    else
-        registerApplication();
     return true;
 }
 
@@ -101,20 +101,21 @@ void GlobalShortcutsKeyMonitor::stop()
 }
 
 // Since xdg-desktop-portal 1.20 a program outside a sandbox says which desktop file it is before
-// its first portal call, or the portal cannot tell whose shortcuts these are. Older portals lack the
-// interface: the error is only noted and the session asked for all the same.
+// its first portal call, or the portal cannot tell whose shortcuts these are: this is done as soon
+// as the program starts. Older portals lack the interface: the error is only noted and the session
+// asked for all the same.
 void GlobalShortcutsKeyMonitor::registerApplication()
 {
     const QDBusMessage call = portalCall(
         QStringLiteral("org.freedesktop.host.portal.Registry"), QStringLiteral("Register"), {AppPaths::applicationId(), QVariantMap()});
     auto* watcher = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, generation = m_generation](QDBusPendingCallWatcher* finished) {
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* finished) {
         finished->deleteLater();
         if (finished->isError())
             qCInfo(lcHotkey).noquote() << "the desktop portal did not register the program (older than 1.20?):"
                                        << finished->error().message();
         m_registered = true;
-        if (isCurrent(generation))
+        if (m_watching)
             createSession();
     });
 }
