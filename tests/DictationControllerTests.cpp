@@ -332,6 +332,16 @@ TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndSaysSoForThreeSecond
     EXPECT_EQ(HistoryStore::shared().entries().value(0).text, "texto ditado");
 }
 
+// GNOME holds the first paste of a run behind its consent dialog: the HUD says what to answer.
+TEST_F(DictationTest, APasteWaitingForGnomesConsentAsksTheUserToAllowIt)
+{
+    insertionMode = TextInserter::Mode::askingConsent;
+    dictate();
+    script->final("texto ditado");
+    EXPECT_EQ(hudStatus(), "Permita o controle remoto na janela do GNOME para o texto ser colado");
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return keyPoster->posted.size() == 2; })) << "the paste goes out all the same";
+}
+
 // The engine follows the "engine" setting and what is installed.
 TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSilently)
 {

@@ -132,6 +132,16 @@ TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
               "Sair do Voxaria [Ctrl+Q]\n");
 }
 
+// A desktop that holds a chord for the dictation key (GNOME's portal, KDE in the US layout) names it
+// under the key.
+TEST_F(StatusMenuTest, AChordTheDesktopHoldsForTheKeyIsNamedUnderIt)
+{
+    platform.source.chord = "Ctrl+Alt+Espaço";
+    app->selectHotkey("rightOption"); // rebuilds the menu
+    EXPECT_EQ(describe(*app->menu()).split('\n').mid(0, 2),
+        (QStringList{"Segure Alt direito (AltGr) para ditar (off)", "ou segure Ctrl+Alt+Espaço (atalho do sistema) (off)"}));
+}
+
 TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
 {
     arrange({kSmall}, {{"engine", "banana"}, {"hotKey", ""}, {"localeIdentifier", "xx-YY"}, {"playSounds", false}});

@@ -269,6 +269,9 @@ std::unique_ptr<QMenu> AppDelegate::buildMenu()
     auto menu = std::make_unique<QMenu>();
     const Settings& settings = Settings::shared();
     menu->addAction(QStringLiteral("Segure ") + settings.hotKey().label() + QStringLiteral(" para ditar"))->setEnabled(false);
+    // Where the desktop holds a chord for the key (KDE's US layout, GNOME's portal), the user learns it here.
+    if (const QString chord = m_platform.keySource().chord; !chord.isEmpty())
+        menu->addAction(QStringLiteral("ou segure ") + chord + QStringLiteral(" (atalho do sistema)"))->setEnabled(false);
     menu->addSeparator();
     whenChosen(menu->addAction(QStringLiteral("Transcrever vídeo ou link…")), [this] { openVideoTranscription(); });
     whenChosen(menu->addAction(QStringLiteral("Histórico de ditados…"), QKeySequence(QStringLiteral("Ctrl+H"))), [this] { openHistory(); });

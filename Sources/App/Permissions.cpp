@@ -100,8 +100,8 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const Session
         note = platform.onlyCopies()
             ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
                              "colar com Ctrl+V.")
-            : QStringLiteral("Na primeira colagem, o GNOME pergunta uma vez se permite o controle remoto do teclado: permita, pois é "
-                             "assim que o Voxaria cola o texto ditado no aplicativo em uso.");
+            : QStringLiteral("Na primeira colagem, a cada início do Voxaria, o GNOME pergunta se permite o controle remoto do teclado: "
+                             "permita, pois é assim que o Voxaria cola o texto ditado no aplicativo em uso.");
     return WaylandUse{session.description(), platform.keySource().description, pasteRoute, note};
 }
 
@@ -163,8 +163,12 @@ std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& se
         QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
         QStringLiteral("Nesta sessão ") + session.description()
             + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
-                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo, ou use uma sessão X11. "
-                             "No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
+                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo")
+            + (session.compositor == SessionInfo::Compositor::gnome
+                    ? QStringLiteral(". No GNOME 48 ou mais novo, o portal de atalhos globais (xdg-desktop-portal) dispensa o grupo: "
+                                     "com ele, o Voxaria registra um atalho para segurar no lugar da tecla. ")
+                    : QStringLiteral(", ou use uma sessão X11. "))
+            + QStringLiteral("No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
         {{QStringLiteral("OK")}},
     };
 }

@@ -19,6 +19,7 @@ const QString accessibilityWarning = QStringLiteral("⚠️ Conceda permissão d
 const QString listeningMessage = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
 const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V");
+const QString consentMessage = QStringLiteral("Permita o controle remoto na janela do GNOME para o texto ser colado");
 const QString noApplicationName = QStringLiteral("—");
 
 // One line per measured dictation, written when the text is in: where the engine's time went, and
@@ -216,8 +217,8 @@ void DictationController::insert(const QString& text, std::optional<Transcriptio
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
     const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
-    if (mode == TextInserter::Mode::copyOnly) {
-        m_hud.show(copiedMessage, QString());
+    if (mode != TextInserter::Mode::paste) {
+        m_hud.show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());
         hideLaterIfStillIdle(m_timing.copiedMessage);
     }
 }
