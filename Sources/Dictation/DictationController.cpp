@@ -19,8 +19,9 @@ const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
 const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V");
 const QString noApplicationName = QStringLiteral("—");
 
-// One line per measured dictation, written when the text is in: where the engine's time went, and
-// how long from the end of its work to the paste (or to the moment nothing was left to paste).
+// One line per measured dictation, pasted, empty or failed: where the engine's time went, and how
+// long from the end of its work to the paste (or to the moment nothing was left to paste, or the
+// failure was shown).
 void logTiming(const std::optional<TranscriptionEngine::Timing>& timing, const QString& end)
 {
     if (timing)
@@ -192,6 +193,8 @@ void DictationController::handleError(const Error& error)
 {
     qCWarning(lcDictation) << "dictation failed:" << error.description();
     setState(State::idle);
+    if (m_transcriber)
+        logTiming(m_transcriber->timing(), QStringLiteral("failure shown"));
     m_transcriber.reset();
     m_hud.show(QStringLiteral("⚠️ ") + error.description(), QString());
     play("Basso");
