@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace {
 
@@ -20,8 +21,8 @@ constexpr float kAboveFloorDb = 4;
 // The floor follows a quieter room at once and a louder one at this pace: a fan speeding up is
 // followed; a sustained vowel lifts it by a fraction of a decibel.
 constexpr float kFloorRisePerFrame = 1.0F * kFrameMs / 1000;
-// The floor starts at the quietest moment of the first second, so speech from the very start is
-// measured against the room rather than against itself.
+// The floor starts at the quietest moment of the first second of sound, so speech from the very
+// start is measured against the room rather than against itself.
 constexpr int kFloorSeedFrames = 1000 / kFrameMs;
 // Below this, digital silence and dither: nothing to measure periodicity on.
 constexpr float kAudibleDb = -95;
@@ -84,10 +85,14 @@ float SpeechGate::framePeriodicity() const
 
 SpeechGate::Hearing SpeechGate::hearing() const
 {
-    if (m_frames.empty())
+    // Digital silence (a microphone's first buffers, a muted input) is no room to measure against.
+    std::vector<Frame> audible;
+    std::copy_if(
+        m_frames.begin(), m_frames.end(), std::back_inserter(audible), [](const Frame& frame) { return frame.level >= kAudibleDb; });
+    if (audible.empty())
         return {};
-    const auto seedEnd = m_frames.begin() + std::min<qsizetype>(qsizetype(m_frames.size()), kFloorSeedFrames);
-    float floor = std::min_element(m_frames.begin(), seedEnd, [](const Frame& a, const Frame& b) { return a.level < b.level; })->level;
+    const auto seedEnd = audible.begin() + std::min<qsizetype>(qsizetype(audible.size()), kFloorSeedFrames);
+    float floor = std::min_element(audible.begin(), seedEnd, [](const Frame& a, const Frame& b) { return a.level < b.level; })->level;
     int voicedFrames = 0, run = 0;
     float loudestVoiced = -200, loudestInRun = -200;
     const auto endRun = [&] {
@@ -98,10 +103,9 @@ SpeechGate::Hearing SpeechGate::hearing() const
         run = 0;
         loudestInRun = -200;
     };
-    for (const Frame& frame : m_frames) {
+    for (const Frame& frame : audible) {
         floor = std::min(frame.level, floor + kFloorRisePerFrame);
-        const bool voiced = frame.level >= floor + kAboveFloorDb && frame.periodicity >= kVoicedPeriodicity;
-        if (!voiced) {
+        if (frame.level < floor + kAboveFloorDb || frame.periodicity < kVoicedPeriodicity) {
             endRun();
             continue;
         }

@@ -97,6 +97,17 @@ Samples hum(double seconds)
     return samples;
 }
 
+Samples buzz(double seconds)
+{
+    Samples samples = room(seconds, 15);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const double t = double(i) / kRate;
+        for (int harmonic = 1; harmonic <= 12; ++harmonic)
+            samples[i] += fromDb(-36) * std::sin(kTwoPi * 100 * harmonic * t) / harmonic;
+    }
+    return samples;
+}
+
 Samples fan(double seconds)
 {
     std::mt19937 random(3);

@@ -13,6 +13,7 @@ using Samples = std::vector<double>; // full scale is ±1
 
 Samples silence(double seconds); // a quiet room through a microphone: dither at -90 dBFS
 Samples hum(double seconds); // mains hum, 50 Hz and its harmonics
+Samples buzz(double seconds); // a transformer's 100 Hz buzz: as periodic as a vowel, but steady
 Samples fan(double seconds); // broadband rush with a blade tone that wavers slowly
 Samples cough(); // one cough in a quiet room
 Samples door(); // a latch and a door shutting
