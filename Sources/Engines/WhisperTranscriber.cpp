@@ -1,6 +1,7 @@
 #include "WhisperTranscriber.h"
 
 #include "PhantomPhrases.h"
+#include "Platform/ProcessActivity.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
@@ -33,10 +34,6 @@ constexpr int kTerminateGraceMs = 2000;
 // early; recordings longer than this run with timestamps, which make it go on to the next segment.
 constexpr qint64 kSegmentedAfterBytes = qint64{25} * WhisperTranscriber::kSampleRate * 2;
 constexpr qint64 kBytesPerSecond = qint64{2} * WhisperTranscriber::kSampleRate;
-// whisper-cli reads standard input to its end before it says so ("read_audio_data: read N bytes"),
-// and starts reading only once its model is loaded. A loaded one has the recording as fast as the
-// pipe passes it; one that says so later than this after the release was still loading its model.
-constexpr qint64 kHandOverMs = 300;
 // What whisper-cli writes when the model file cannot be loaded.
 constexpr char kModelLoadFailure[] = "failed to initialize whisper context";
 
@@ -229,6 +226,7 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     m_sinceKeyDown.start();
     m_timeline = {};
     m_heard = {};
+    m_modelReadyAtRelease.reset();
     m_onFinal = std::move(onFinal);
     m_onError = std::move(onError);
     m_cancelled = false;
@@ -322,6 +320,9 @@ void WhisperTranscriber::finish()
     }
     armDeadline(recorded.bytes);
     if (m_process) {
+        // whisper-cli reads its standard input only once its model is loaded: waiting in that read
+        // now, it loaded while the user spoke.
+        m_modelReadyAtRelease = ProcessActivity::waitsOnStandardInput(m_process->processId());
         sendRecording();
         return;
     }
@@ -521,12 +522,12 @@ QString WhisperTranscriber::timingNote() const
             .arg(m_heard.voiced.count());
     if (!m_readsStdin)
         return QStringLiteral("model loaded after release");
-    if (m_timeline.audioRead < 0)
-        return QStringLiteral("whisper-cli never said it read the audio");
-    const qint64 readAfter = m_timeline.audioRead - m_timeline.released;
-    return QStringLiteral("model %1; audio read %2 ms after release")
-        .arg(readAfter <= kHandOverMs ? QStringLiteral("loaded while recording") : QStringLiteral("still loading at release"))
-        .arg(readAfter);
+    const QString readAfter = m_timeline.audioRead < 0 ? QStringLiteral("?") : QString::number(m_timeline.audioRead - m_timeline.released);
+    const QString model = !m_modelReadyAtRelease ? QStringLiteral("model state at release unknown")
+        : *m_modelReadyAtRelease                 ? QStringLiteral("model loaded while recording")
+                                                 : QStringLiteral("model still loading at release");
+    // whisper-cli says "read_audio_data: read N bytes" once it has read its input to the end.
+    return model + QStringLiteral("; audio read %1 ms after release").arg(readAfter);
 }
 
 void WhisperTranscriber::answerWithError(const Error& error)

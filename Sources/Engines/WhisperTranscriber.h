@@ -106,6 +106,8 @@ private:
     // The child's end, kept when it came before the release: it is answered after finish().
     std::function<void()> m_exitedEarly;
     bool m_readsStdin = false;
+    // Whether the child started at key down had its model loaded when the key was released.
+    std::optional<bool> m_modelReadyAtRelease;
     bool m_segmented = false;
     bool m_cancelled = false;
     QElapsedTimer m_sinceKeyDown;
