@@ -495,6 +495,7 @@ TEST_F(WhisperTranscriberTest, AModelTheRealWhisperCliCannotLoadIsReportedDamage
         auto engine = recordRealSpeech();
         // Long enough for whisper-cli to give up on a 2-byte model before the release.
         spin(1500ms);
+        EXPECT_EQ(runningChild().isEmpty(), kept == 2);
         engine->finish();
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 120s));
         EXPECT_EQ(answers.errors,
