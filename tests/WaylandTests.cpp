@@ -182,7 +182,7 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         EXPECT_TRUE(app.waitForLog(row.xwayland ? QStringLiteral("windows through xcb") : QStringLiteral("windows through wayland"), 10s))
             << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 10s)) << log();
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through wlr data-control and a virtual keyboard"), 10s)) << log();
+        ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through data-control and a virtual keyboard"), 10s)) << log();
         // Sway has no tray: the window that stands in for the menu appears over the focused one
         // and leaves it the focus (through XWayland by itself, natively by the README's rule).
         ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
@@ -242,7 +242,7 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
         app.runAs(kwin.uid(), kwin.gid());
         ASSERT_TRUE(app.start()) << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through kglobalaccel"), 10s)) << log();
-        const QString route = allowed ? QStringLiteral("pasted through wlr data-control and KWin's fake input")
+        const QString route = allowed ? QStringLiteral("pasted through data-control and KWin's fake input")
                                       : QStringLiteral("KWin does not offer org_kde_kwin_fake_input to ") + app.program();
         ASSERT_TRUE(app.waitForLog(route, 10s)) << log();
         // This KWin has no tray: the window saying so shows up and leaves the focus where it was.
@@ -339,8 +339,10 @@ TEST_F(Sway, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
     EXPECT_GT(ticksAtPaste, 40) << "the main thread stood still while the clipboard was saved";
     EXPECT_LT(ticksAtPaste, 125) << "more than one deadline of 1.5 s";
     EXPECT_EQ(pasted, QByteArray("ditado apesar do dono mudo"));
-    // Nothing of the silent owner's came in, so nothing of it comes back.
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.clipboardTypes().isEmpty(); }, 5s));
+    // Nothing of the silent owner's came in: the clipboard keeps the dictation rather than being
+    // emptied as if the owner had held nothing.
+    TestSupport::spin(1s);
+    EXPECT_EQ(sway.paste(QStringLiteral("text/plain")), QByteArray("ditado apesar do dono mudo"));
     for (int fd : held)
         ::close(fd);
 }

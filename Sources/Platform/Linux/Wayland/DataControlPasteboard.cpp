@@ -21,6 +21,7 @@
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -257,7 +258,7 @@ DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> clie
         .data_offer = &DataControlPasteboard::onDataOffer,
         .selection = &DataControlPasteboard::onSelection,
         .finished = &DataControlPasteboard::onFinished,
-        .primary_selection = nullptr,
+        .primary_selection = &DataControlPasteboard::onPrimarySelection,
     };
     m_device = zwlr_data_control_manager_v1_get_data_device(m_client->dataControl(), m_client->seat());
     zwlr_data_control_device_v1_add_listener(m_device, &listener, this);
@@ -306,6 +307,14 @@ void DataControlPasteboard::onSelection(void* data, zwlr_data_control_device_v1*
         self->m_selectionTypes = found->second;
         self->m_announced.erase(found);
     }
+}
+
+void DataControlPasteboard::onPrimarySelection(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer)
+{
+    // The ext protocol announces the primary selection to every client; only the clipboard matters.
+    auto* self = static_cast<DataControlPasteboard*>(data);
+    if (offer && self->m_announced.erase(offer))
+        zwlr_data_control_offer_v1_destroy(offer);
 }
 
 void DataControlPasteboard::onFinished(void* data, zwlr_data_control_device_v1* device)
@@ -412,7 +421,7 @@ std::optional<QByteArray> DataControlPasteboard::receive(const QString& type)
     return bytes;
 }
 
-void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::vector<Item>)> done)
+void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
 {
     synchronise();
     // Our own contents come from memory, as in data().
@@ -420,18 +429,23 @@ void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::v
         Item own;
         for (const auto& [type, bytes] : m_sourceEntries)
             keep(own, type, nonEmpty(bytes));
-        done({own});
+        done(Contents{own});
         return;
     }
     if (!m_selection || m_selectionTypes.isEmpty()) {
-        done({});
+        done(Contents{});
         return;
     }
     auto* read = new SnapshotRead(context, [done = std::move(done)](SnapshotRead::Results results) {
         Item copy;
         for (const auto& [type, bytes] : results)
             keep(copy, type, bytes);
-        done({copy});
+        if (copy.entries().empty()) {
+            qCWarning(lcInsert) << "The clipboard owner gave none of its" << results.size() << "type(s); its contents cannot be saved";
+            done(std::nullopt);
+            return;
+        }
+        done(Contents{copy});
     });
     for (const QString& type : m_selectionTypes) {
         if (const int fd = requestData(type); fd >= 0)
@@ -447,21 +461,24 @@ void DataControlPasteboard::offer(Entries entries)
 {
     if (!m_device)
         return;
-    dropOwnSource();
-    zwlr_data_control_source_v1* source = nullptr;
+    zwlr_data_control_source_v1* previous = std::exchange(m_source, nullptr);
+    m_sourceEntries.clear();
     if (!entries.empty()) {
         static const zwlr_data_control_source_v1_listener listener = {
             .send = &DataControlPasteboard::onSend,
             .cancelled = &DataControlPasteboard::onCancelled,
         };
-        source = zwlr_data_control_manager_v1_create_data_source(m_client->dataControl());
-        zwlr_data_control_source_v1_add_listener(source, &listener, this);
+        m_source = zwlr_data_control_manager_v1_create_data_source(m_client->dataControl());
+        zwlr_data_control_source_v1_add_listener(m_source, &listener, this);
         for (const auto& entry : entries)
-            zwlr_data_control_source_v1_offer(source, entry.first.toUtf8().constData());
-        m_source = source;
+            zwlr_data_control_source_v1_offer(m_source, entry.first.toUtf8().constData());
         m_sourceEntries = std::move(entries);
     }
-    zwlr_data_control_device_v1_set_selection(m_device, source);
+    // The new selection replaces the old in one request, and our old source goes only after it:
+    // destroying the source that holds the selection would empty the clipboard for a moment.
+    zwlr_data_control_device_v1_set_selection(m_device, m_source);
+    if (previous)
+        zwlr_data_control_source_v1_destroy(previous);
     m_client->flush();
 }
 
@@ -474,11 +491,6 @@ void DataControlPasteboard::dropOwnSource()
     m_sourceEntries.clear();
 }
 
-void DataControlPasteboard::clearContents()
-{
-    offer({});
-}
-
 void DataControlPasteboard::setString(const QString& text)
 {
     Entries entries;
@@ -488,7 +500,7 @@ void DataControlPasteboard::setString(const QString& text)
     offer(std::move(entries));
 }
 
-void DataControlPasteboard::writeItems(const std::vector<Item>& items)
+void DataControlPasteboard::writeItems(const Contents& items)
 {
     // The clipboard holds one item: the first item's data wins for a type several give.
     Entries entries;

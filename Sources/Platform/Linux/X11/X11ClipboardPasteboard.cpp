@@ -5,14 +5,23 @@
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QPointer>
 #include <QScreen>
 #include <qpa/qplatformnativeinterface.h>
 
 #include "X11Display.h"
+#include "X11SelectionReader.h"
 
 #include <xcb/xcb.h>
 
+#include <atomic>
+#include <thread>
+
 namespace {
+
+// Another program's clipboard is read within this time, every format together; what it has not
+// given by then is left out.
+constexpr std::chrono::milliseconds readTimeout{1500};
 
 bool onX11()
 {
@@ -68,6 +77,86 @@ const QMimeData* currentContents()
 
 }
 
+// The reads of other programs' clipboards, one thread each with its own X connection. They belong
+// to the pasteboard: when it goes they are told to stop and are joined, which takes at most one
+// look at the stop flag.
+class X11ClipboardPasteboard::Reads {
+public:
+    ~Reads()
+    {
+        m_stop = true;
+        for (const auto& read : m_reads)
+            read->thread.join();
+    }
+
+    // Answers on the main thread, unless `context` is gone by then.
+    void start(QObject* context, std::function<void(std::optional<Contents>)> done)
+    {
+        std::erase_if(m_reads, [](const std::unique_ptr<Read>& read) {
+            const bool finished = read->finished;
+            if (finished)
+                read->thread.join();
+            return finished;
+        });
+        auto read = std::make_unique<Read>();
+        const QByteArray displayName = XDisplayString(X11Display::shared());
+        read->thread = std::thread(
+            [displayName, guard = QPointer<QObject>(context), done = std::move(done), &stop = m_stop, &finished = read->finished] {
+                std::optional<X11SelectionReader::Entries> entries = X11SelectionReader::read(displayName, readTimeout, stop);
+                if (QCoreApplication* application = QCoreApplication::instance()) {
+                    QMetaObject::invokeMethod(
+                        application,
+                        [guard, done, entries = std::move(entries)] {
+                            if (guard)
+                                done(contentsOf(entries));
+                        },
+                        Qt::QueuedConnection);
+                }
+                finished = true;
+            });
+        m_reads.push_back(std::move(read));
+    }
+
+private:
+    struct Read {
+        std::thread thread;
+        std::atomic<bool> finished = false;
+    };
+
+    // The clipboard holds one item: every format read is a type of it.
+    static std::optional<Contents> contentsOf(const std::optional<X11SelectionReader::Entries>& entries)
+    {
+        if (!entries)
+            return std::nullopt;
+        if (entries->empty())
+            return Contents{};
+        Item item;
+        for (const auto& [format, bytes] : *entries)
+            item.setData(format, bytes);
+        return Contents{item};
+    }
+
+    std::vector<std::unique_ptr<Read>> m_reads;
+    std::atomic<bool> m_stop = false;
+};
+
+X11ClipboardPasteboard::X11ClipboardPasteboard()
+    : m_reads(std::make_unique<Reads>())
+{
+}
+
+X11ClipboardPasteboard::~X11ClipboardPasteboard() = default;
+
+void X11ClipboardPasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
+{
+    // Our own contents are in memory; another program's are read away from the main thread, which
+    // Qt's clipboard would hold for up to 5 s when the owner does not answer.
+    if (!onX11() || qtOwnsSelection())
+        Pasteboard::snapshot(context, std::move(done));
+    else
+        m_reads->start(context, std::move(done));
+}
+
 int X11ClipboardPasteboard::itemCount()
 {
     return types(0).isEmpty() ? 0 : 1;
@@ -94,14 +183,6 @@ std::optional<QByteArray> X11ClipboardPasteboard::data(int index, const QString&
     return bytes;
 }
 
-void X11ClipboardPasteboard::clearContents()
-{
-    if (QClipboard* clipboard = QGuiApplication::clipboard()) {
-        bringServerTimeToQt();
-        clipboard->clear(QClipboard::Clipboard);
-    }
-}
-
 void X11ClipboardPasteboard::setString(const QString& text)
 {
     if (QClipboard* clipboard = QGuiApplication::clipboard()) {
@@ -110,7 +191,7 @@ void X11ClipboardPasteboard::setString(const QString& text)
     }
 }
 
-void X11ClipboardPasteboard::writeItems(const std::vector<Item>& items)
+void X11ClipboardPasteboard::writeItems(const Contents& items)
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     if (!clipboard)
