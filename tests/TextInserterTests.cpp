@@ -132,7 +132,7 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
 TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEndsAsTheUserLeftIt)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     DesktopApps::Terminal terminal;

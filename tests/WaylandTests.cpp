@@ -93,7 +93,7 @@ TEST(CommandLine, NoDisplayUnknownArgumentsAndNoProgramToTellAreEachSaid)
 TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the headless X server to draw on (run under scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the headless X server to draw on (run under scripts/with-harness.sh)");
     AppRun app;
     app.useFakeWhisper(QStringLiteral("text=ditado pelo atalho do compositor\n"));
     // A sway session as its environment tells it; the windows still go to the harness's X server.
@@ -143,9 +143,9 @@ protected:
     void SetUp() override
     {
         if (!HeadlessSway::available())
-            GTEST_SKIP() << HeadlessSway::unavailableReason().toStdString();
+            VOXARIA_SKIP(HeadlessSway::unavailableReason());
         if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
-            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the harness's shared PulseAudio (run under scripts/with-harness.sh)");
         ASSERT_TRUE(sway.start()) << sway.failure().toStdString();
     }
 
@@ -210,9 +210,9 @@ protected:
     void SetUp() override
     {
         if (!HeadlessKWin::available())
-            GTEST_SKIP() << HeadlessKWin::unavailableReason().toStdString();
+            VOXARIA_SKIP(HeadlessKWin::unavailableReason());
         if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
-            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the harness's shared PulseAudio (run under scripts/with-harness.sh)");
     }
 
     HeadlessKWin kwin{QStringLiteral("br")};
@@ -230,7 +230,7 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
     const QByteArray installed = entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + apps[1].program().toUtf8() + '\n');
     ASSERT_TRUE(kwin.installApplication(QStringLiteral("app.voxaria.Voxaria.desktop"), installed));
     if (!kwin.start())
-        GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
+        VOXARIA_SKIP("KWin does not start here: " + kwin.failure());
     const QByteArray before = "antes do ditado";
     for (const bool allowed : {false, true}) {
         AppRun& app = apps[allowed];

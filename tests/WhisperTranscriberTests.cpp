@@ -377,7 +377,7 @@ TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWit
 {
     const QString realWhisper = VOXARIA_BUILT_WHISPER_CLI, testModel = VOXARIA_WHISPER_TEST_MODELS "/for-tests-ggml-tiny.bin";
     if (!QFileInfo::exists(realWhisper) || !QFileInfo::exists(testModel))
-        GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)";
+        VOXARIA_SKIP("whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)");
     ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(realWhisper, whisper.binaryPath()));
     QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
     ASSERT_TRUE(QFile::link(testModel, modelPath("ggml-large-v3-turbo-q5_0.bin")));
@@ -404,7 +404,7 @@ TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWit
 TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsReportedOnceAndLeavesNothingBehind)
 {
     if (!hasPulseAudio())
-        GTEST_SKIP() << "needs the PulseAudio harness (scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the PulseAudio harness (scripts/with-harness.sh)");
     const std::pair<const char*, std::function<bool(Headset&)>> losses[] = {
         {"unplugged", [](Headset& headset) { return headset.unplug(); }},
         {"fallen silent", [](Headset& headset) { return headset.fallSilent(); }},

@@ -52,7 +52,8 @@ public:
 
     xcb_atom_t atom(const char* name)
     {
-        const auto reply = owned(xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, uint16_t(strlen(name)), name), nullptr));
+        const auto reply
+            = owned(xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, uint16_t(strlen(name)), name), nullptr));
         return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
     }
 
@@ -150,10 +151,10 @@ private:
 // The selection protocol's own targets, and those that name no data of their own (a drawable's id).
 bool isBookkeeping(const QString& target)
 {
-    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"),
-        QStringLiteral("SAVE_TARGETS"), QStringLiteral("DELETE"), QStringLiteral("INSERT_SELECTION"), QStringLiteral("INSERT_PROPERTY"),
-        QStringLiteral("PIXMAP"), QStringLiteral("BITMAP"), QStringLiteral("DRAWABLE"), QStringLiteral("WINDOW"),
-        QStringLiteral("application/x-qt-image")};
+    static const QStringList bookkeeping
+        = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"),
+            QStringLiteral("DELETE"), QStringLiteral("INSERT_SELECTION"), QStringLiteral("INSERT_PROPERTY"), QStringLiteral("PIXMAP"),
+            QStringLiteral("BITMAP"), QStringLiteral("DRAWABLE"), QStringLiteral("WINDOW"), QStringLiteral("application/x-qt-image")};
     return bookkeeping.contains(target);
 }
 
@@ -171,7 +172,8 @@ QString formatOf(const QString& target)
 // The order in which text targets are asked for, most faithful first: UTF-8 is what Qt hands back.
 int textPreference(const QString& target)
 {
-    static const QStringList order = {QStringLiteral("UTF8_STRING"), QStringLiteral("text/plain"), QStringLiteral("STRING"), QStringLiteral("TEXT")};
+    static const QStringList order
+        = {QStringLiteral("UTF8_STRING"), QStringLiteral("text/plain"), QStringLiteral("STRING"), QStringLiteral("TEXT")};
     const qsizetype index = order.indexOf(target);
     return index < 0 ? int(order.size()) : int(index);
 }
