@@ -19,6 +19,8 @@
 #include <QProcess>
 #include <QTimer>
 
+#include <csignal>
+
 #include <gtest/gtest.h>
 
 // Xlib's macros clash with the headers above, so it comes last.
@@ -207,6 +209,70 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         for (const auto& [type, bytes] : after)
             EXPECT_EQ(DesktopApps::clipboardData(type), bytes) << type.toStdString();
     }
+}
+
+// A clipboard manager of the X11 desktop takes back a clipboard left without an owner: twenty
+// dictations in a row never leave it one, so each pastes its own words and the user's copy is back.
+TEST(TextInserterOnX11Test, AClipboardManagerNeverGetsItsItemPasted)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    ReceivingWindow receiver;
+    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+    DesktopApps::Program manager;
+    manager.start(QStringLiteral(VOXARIA_HELPER_x11clipboardmanager), {});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 15s)) << "the clipboard manager did not start";
+    manager.readLine();
+    const TextInserter::Target target{
+        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {50ms, 300ms}, TextInserter::Mode::paste};
+    for (int run = 1; run <= 20; ++run) {
+        SCOPED_TRACE(run);
+        const QByteArray before = "antes do ditado " + QByteArray::number(run);
+        DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), before}});
+        ASSERT_TRUE(owner.isReady());
+        const QString dictated = QStringLiteral("ditado número %1 ").arg(run);
+        const QString expected = receiver.text() + dictated;
+        XTestKeyboard::focus(receiver.windowId());
+        TextInserter::insert(dictated, target);
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 5s)) << "got: " << receiver.text().toStdString();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return DesktopApps::clipboardData(QStringLiteral("text/plain")) == before; }, 5s))
+            << "the clipboard holds " << DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString();
+    }
+    EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was left without an owner for a moment";
+}
+
+// An owner that never answers (stopped): the main thread keeps running while the clipboard is
+// read, the dictation is pasted after one deadline, and the clipboard keeps it instead of being
+// emptied as if the owner had held nothing.
+TEST(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothing)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    ReceivingWindow receiver;
+    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+    DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), QByteArray("do dono parado")}});
+    ASSERT_TRUE(owner.isReady());
+    ASSERT_EQ(::kill(pid_t(owner.processId()), SIGSTOP), 0);
+    const TextInserter::Target target{
+        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {}, TextInserter::Mode::paste};
+    QElapsedTimer clock;
+    qint64 lastTick = 0, longestGap = 0;
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        longestGap = std::max(longestGap, clock.elapsed() - lastTick);
+        lastTick = clock.elapsed();
+    });
+    const QString expected = receiver.text() + dictation;
+    XTestKeyboard::focus(receiver.windowId());
+    clock.start();
+    ticker.start(10);
+    TextInserter::insert(dictation, target);
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 10s)) << "got: " << receiver.text().toStdString();
+    TestSupport::spin(1s); // past the restoration
+    ticker.stop();
+    EXPECT_LT(longestGap, 100) << "the main thread stood still for " << longestGap << " ms";
+    EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString(), dictation.toStdString());
+    ::kill(pid_t(owner.processId()), SIGCONT);
 }
 
 }

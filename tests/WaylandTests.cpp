@@ -419,7 +419,7 @@ TEST_P(DataControl, WithAClipboardManagerEveryDictationPastesItsOwnWordsAndTheCl
         EXPECT_TRUE(TestSupport::waitUntil([&] { return server->paste(QStringLiteral("text/plain;charset=utf-8")) == before; }, 5s))
             << "the clipboard holds " << server->paste(QStringLiteral("text/plain;charset=utf-8")).value_or("nothing").toStdString();
     }
-    EXPECT_EQ(manager.readAll(), QByteArray()) << "the clipboard was empty for a moment";
+    EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
     manager.kill();
     manager.waitForFinished();
 }

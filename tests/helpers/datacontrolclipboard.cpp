@@ -42,10 +42,11 @@ public:
             .selection = [](void* self, zwlr_data_control_device_v1*,
                              zwlr_data_control_offer_v1* offer) { static_cast<Manager*>(self)->onSelection(offer); },
             .finished = [](void*, zwlr_data_control_device_v1*) {},
-            .primary_selection = [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) {
-                if (offer)
-                    zwlr_data_control_offer_v1_destroy(offer);
-            },
+            .primary_selection =
+                [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) {
+                    if (offer)
+                        zwlr_data_control_offer_v1_destroy(offer);
+                },
         };
         m_device = zwlr_data_control_manager_v1_get_data_device(m_client->dataControl(), m_client->seat());
         zwlr_data_control_device_v1_add_listener(m_device, &listener, this);
@@ -55,12 +56,12 @@ public:
 private:
     void listenToOffer(zwlr_data_control_offer_v1* offer)
     {
-        static const zwlr_data_control_offer_v1_listener listener = {.offer = [](void* self, zwlr_data_control_offer_v1* announced,
-                                                                         const char* type) {
-            QByteArray& text = static_cast<Manager*>(self)->m_textTypes[announced];
-            if (text.isEmpty() && QByteArray(type).startsWith("text/plain"))
-                text = type;
-        }};
+        static const zwlr_data_control_offer_v1_listener listener
+            = {.offer = [](void* self, zwlr_data_control_offer_v1* announced, const char* type) {
+                  QByteArray& text = static_cast<Manager*>(self)->m_textTypes[announced];
+                  if (text.isEmpty() && QByteArray(type).startsWith("text/plain"))
+                      text = type;
+              }};
         zwlr_data_control_offer_v1_add_listener(offer, &listener, this);
     }
 
@@ -107,11 +108,12 @@ private:
         if (m_newest.isEmpty())
             return;
         static const zwlr_data_control_source_v1_listener listener = {
-            .send = [](void* self, zwlr_data_control_source_v1*, const char*, int32_t fd) {
-                const QByteArray& text = static_cast<Manager*>(self)->m_newest;
-                [[maybe_unused]] const ssize_t written = ::write(fd, text.constData(), size_t(text.size()));
-                ::close(fd);
-            },
+            .send =
+                [](void* self, zwlr_data_control_source_v1*, const char*, int32_t fd) {
+                    const QByteArray& text = static_cast<Manager*>(self)->m_newest;
+                    [[maybe_unused]] const ssize_t written = ::write(fd, text.constData(), size_t(text.size()));
+                    ::close(fd);
+                },
             .cancelled = [](void*, zwlr_data_control_source_v1* source) { zwlr_data_control_source_v1_destroy(source); },
         };
         zwlr_data_control_source_v1* source = zwlr_data_control_manager_v1_create_data_source(m_client->dataControl());

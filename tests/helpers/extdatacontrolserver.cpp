@@ -117,7 +117,9 @@ void deviceSetSelection(wl_client*, wl_resource*, wl_resource* source)
     select(source ? objectOf<Source>(source) : nullptr);
 }
 
-void deviceSetPrimarySelection(wl_client*, wl_resource*, wl_resource*) {}
+void deviceSetPrimarySelection(wl_client*, wl_resource*, wl_resource*)
+{
+}
 
 const struct ext_data_control_device_v1_interface deviceImplementation
     = {.set_selection = deviceSetSelection, .destroy = destroyResource, .set_primary_selection = deviceSetPrimarySelection};
@@ -156,7 +158,8 @@ void seatGetNothing(wl_client* client, wl_resource*, uint32_t)
     wl_client_post_implementation_error(client, "this test server's seat has no input devices");
 }
 
-const struct wl_seat_interface seatImplementation = {.get_pointer = seatGetNothing, .get_keyboard = seatGetNothing, .get_touch = seatGetNothing, .release = destroyResource};
+const struct wl_seat_interface seatImplementation
+    = {.get_pointer = seatGetNothing, .get_keyboard = seatGetNothing, .get_touch = seatGetNothing, .release = destroyResource};
 
 void bindSeat(wl_client* client, void*, uint32_t version, uint32_t id)
 {
