@@ -99,6 +99,7 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         SCOPED_TRACE(name);
         pasteboard->items = itemsBefore;
         keyPoster->posted.clear();
+        const int writesBefore = pasteboard->writeCount;
         clock.start();
         insert(dictation);
         TestSupport::spin(300ms);
@@ -111,6 +112,10 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         TestSupport::spin(1500ms);
         EXPECT_EQ(keyPoster->posted, posted);
         EXPECT_EQ(pasteboard->items, before);
+        // Each dictation writes its text once and one restoration puts the user's contents back,
+        // each replacing the contents at once: an emptied clipboard in between is what a clipboard
+        // manager fills with its own item.
+        EXPECT_EQ(pasteboard->writeCount - writesBefore, int(posted.size() / 2) + 1);
     }
 
     // A save that takes a while (an owner answering through pipes): a dictation during it waits for
@@ -128,6 +133,16 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
     TestSupport::spin(500ms);
     EXPECT_EQ(pasteboard->writeCount, writes);
+
+    // An owner that gave nothing: the words are pasted all the same and stay on the clipboard, which
+    // is not emptied as if the user had held nothing.
+    pasteboard->snapshotDelay = 0ms;
+    pasteboard->ownerSilent = true;
+    pasted.clear();
+    insert(QStringLiteral("quarto"));
+    TestSupport::spin(1000ms);
+    EXPECT_EQ(pasted, QStringList({"quarto", ""}));
+    EXPECT_EQ(pasteboard->string(), QStringLiteral("quarto"));
 }
 
 // Against the real X server: a real receiving window, foreign clipboard owners, xterm.

@@ -156,8 +156,9 @@ protected:
 
 // What a user of sway sees: the key held through the bindings, the words pasted into the focused
 // window (Control-V into a native Qt window, Control-Shift-V into foot) while Shift is held on
-// another keyboard, and then the clipboard they had before, whatever its type. Voxaria's windows go
-// through XWayland where it is there, and are native Wayland windows where it is not.
+// another keyboard and a clipboard manager runs, and then the clipboard they had before, whatever
+// its type. Voxaria's windows go through XWayland where it is there, and are native Wayland windows
+// where it is not.
 TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
 {
     struct Row {
@@ -189,6 +190,12 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
         TestSupport::spin(1s);
         EXPECT_EQ(sway.focusedApplication(), focused);
+        // A clipboard manager, as many sway users run, that refills an emptied clipboard at once.
+        QProcess manager;
+        manager.setProcessEnvironment(sway.clientEnvironment());
+        manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {QStringLiteral("manager")});
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 10s)) << "the clipboard manager did not start";
+        manager.readLine();
         ASSERT_TRUE(sway.copy(row.before, row.type));
         QProcess speech, shift;
         speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
@@ -199,6 +206,9 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         EXPECT_TRUE(window.waitForText(QStringLiteral("ditado pelo sway"), 30s)) << window.text().toStdString() << log();
         EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.paste(row.type) == row.before; }, 10s)) << row.type.toStdString();
         EXPECT_TRUE(sway.clipboardTypes().contains(row.type));
+        EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
+        manager.kill();
+        manager.waitForFinished();
         speech.waitForFinished(10000);
         shift.waitForFinished(15000);
     }
