@@ -1,6 +1,7 @@
 #include "DataControlPasteboard.h"
 
 #include "Shared/Logging.h"
+#include "Shared/WorkerThreads.h"
 #include "WaylandClient.h"
 
 #include "wlr-data-control-unstable-v1-client-protocol.h"
@@ -208,49 +209,9 @@ void writeAll(int fd, const QByteArray& bytes, const std::atomic<bool>& stop)
 
 }
 
-// The threads that hand what we offer to its readers, one per reader. They belong to the
-// pasteboard: when it goes, they get a moment to finish, then are stopped and joined.
-class DataControlPasteboard::Writers {
-public:
-    ~Writers()
-    {
-        QDeadlineTimer grace(writersGraceMs);
-        while (!grace.hasExpired() && std::any_of(m_writers.begin(), m_writers.end(), [](const auto& writer) { return !writer->done; }))
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        m_stop = true;
-        for (const auto& writer : m_writers)
-            writer->thread.join();
-    }
-
-    void send(int fd, QByteArray bytes)
-    {
-        std::erase_if(m_writers, [](const std::unique_ptr<Writer>& writer) {
-            const bool done = writer->done;
-            if (done)
-                writer->thread.join();
-            return done;
-        });
-        auto writer = std::make_unique<Writer>();
-        writer->thread = std::thread([fd, bytes = std::move(bytes), &stop = m_stop, &done = writer->done] {
-            writeAll(fd, bytes, stop);
-            done = true;
-        });
-        m_writers.push_back(std::move(writer));
-    }
-
-private:
-    struct Writer {
-        std::thread thread;
-        std::atomic<bool> done = false;
-    };
-
-    std::vector<std::unique_ptr<Writer>> m_writers;
-    std::atomic<bool> m_stop = false;
-};
-
 DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> client)
     : m_client(std::move(client))
-    , m_writers(std::make_unique<Writers>())
+    , m_writers(std::make_unique<WorkerThreads>(std::chrono::milliseconds(writersGraceMs)))
 {
     if (!m_client || !m_client->dataControl() || !m_client->seat())
         return;
@@ -332,7 +293,8 @@ void DataControlPasteboard::onSend(void* data, zwlr_data_control_source_v1* sour
     if (source == self->m_source) {
         for (const auto& [offered, bytes] : self->m_sourceEntries) {
             if (offered == type) {
-                self->m_writers->send(fd, bytes);
+                // One thread per reader, so a slow one never stalls the main thread.
+                self->m_writers->start([fd, bytes](const std::atomic<bool>& stop) { writeAll(fd, bytes, stop); });
                 return;
             }
         }

@@ -11,6 +11,7 @@
 #include <vector>
 
 class WaylandClient;
+class WorkerThreads;
 struct zwlr_data_control_device_v1;
 struct zwlr_data_control_offer_v1;
 struct zwlr_data_control_source_v1;
@@ -41,8 +42,6 @@ public:
     void snapshot(QObject* context, std::function<void(std::optional<Contents>)> done) override;
 
 private:
-    class Writers;
-
     using Entries = std::vector<std::pair<QString, QByteArray>>;
 
     static void onDataOffer(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
@@ -71,7 +70,9 @@ private:
     // Ours while Voxaria owns the clipboard, with what it offers.
     zwlr_data_control_source_v1* m_source = nullptr;
     Entries m_sourceEntries;
-    std::unique_ptr<Writers> m_writers;
+    // The threads that hand what we offer to its readers; when the pasteboard goes they get a
+    // moment to finish, then are stopped and joined.
+    std::unique_ptr<WorkerThreads> m_writers;
     // Snapshots still reading; whatever is left of them ends with the pasteboard.
     std::vector<QPointer<QObject>> m_snapshots;
 };

@@ -1,6 +1,7 @@
 #include "X11ClipboardPasteboard.h"
 
 #include "Shared/Logging.h"
+#include "Shared/WorkerThreads.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
@@ -13,9 +14,6 @@
 #include "X11SelectionReader.h"
 
 #include <xcb/xcb.h>
-
-#include <atomic>
-#include <thread>
 
 namespace {
 
@@ -60,88 +58,29 @@ bool qtOwnsSelection()
     return owner != None && (owner & ~Window(setup->resource_id_mask)) == setup->resource_id_base;
 }
 
-// The selection protocol's own targets are no data; application/x-qt-image is Qt's decoded view
-// of image formats that are saved anyway.
-bool isBookkeepingFormat(const QString& format)
-{
-    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"),
-        QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
-    return bookkeeping.contains(format);
-}
-
 const QMimeData* currentContents()
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     return clipboard ? clipboard->mimeData(QClipboard::Clipboard) : nullptr;
 }
 
+// The clipboard holds one item: every format read is a type of it.
+std::optional<Pasteboard::Contents> contentsOf(const std::optional<X11SelectionReader::Entries>& entries)
+{
+    if (!entries)
+        return std::nullopt;
+    if (entries->empty())
+        return Pasteboard::Contents{};
+    Pasteboard::Item item;
+    for (const auto& [format, bytes] : *entries)
+        item.setData(format, bytes);
+    return Pasteboard::Contents{item};
 }
 
-// The reads of other programs' clipboards, one thread each with its own X connection. They belong
-// to the pasteboard: when it goes they are told to stop and are joined, which takes at most one
-// look at the stop flag.
-class X11ClipboardPasteboard::Reads {
-public:
-    ~Reads()
-    {
-        m_stop = true;
-        for (const auto& read : m_reads)
-            read->thread.join();
-    }
-
-    // Answers on the main thread, unless `context` is gone by then.
-    void start(QObject* context, std::function<void(std::optional<Contents>)> done)
-    {
-        std::erase_if(m_reads, [](const std::unique_ptr<Read>& read) {
-            const bool finished = read->finished;
-            if (finished)
-                read->thread.join();
-            return finished;
-        });
-        auto read = std::make_unique<Read>();
-        const QByteArray displayName = XDisplayString(X11Display::shared());
-        read->thread = std::thread(
-            [displayName, guard = QPointer<QObject>(context), done = std::move(done), &stop = m_stop, &finished = read->finished] {
-                std::optional<X11SelectionReader::Entries> entries = X11SelectionReader::read(displayName, readTimeout, stop);
-                if (QCoreApplication* application = QCoreApplication::instance()) {
-                    QMetaObject::invokeMethod(
-                        application,
-                        [guard, done, entries = std::move(entries)] {
-                            if (guard)
-                                done(contentsOf(entries));
-                        },
-                        Qt::QueuedConnection);
-                }
-                finished = true;
-            });
-        m_reads.push_back(std::move(read));
-    }
-
-private:
-    struct Read {
-        std::thread thread;
-        std::atomic<bool> finished = false;
-    };
-
-    // The clipboard holds one item: every format read is a type of it.
-    static std::optional<Contents> contentsOf(const std::optional<X11SelectionReader::Entries>& entries)
-    {
-        if (!entries)
-            return std::nullopt;
-        if (entries->empty())
-            return Contents{};
-        Item item;
-        for (const auto& [format, bytes] : *entries)
-            item.setData(format, bytes);
-        return Contents{item};
-    }
-
-    std::vector<std::unique_ptr<Read>> m_reads;
-    std::atomic<bool> m_stop = false;
-};
+}
 
 X11ClipboardPasteboard::X11ClipboardPasteboard()
-    : m_reads(std::make_unique<Reads>())
+    : m_reads(std::make_unique<WorkerThreads>())
 {
 }
 
@@ -151,10 +90,25 @@ void X11ClipboardPasteboard::snapshot(QObject* context, std::function<void(std::
 {
     // Our own contents are in memory; another program's are read away from the main thread, which
     // Qt's clipboard would hold for up to 5 s when the owner does not answer.
-    if (!onX11() || qtOwnsSelection())
+    if (!onX11() || qtOwnsSelection()) {
         Pasteboard::snapshot(context, std::move(done));
-    else
-        m_reads->start(context, std::move(done));
+        return;
+    }
+    // The answer hops to the main thread through the application object, which outlives the
+    // pasteboard and so this thread; it is dropped there if the insertion is gone.
+    const QByteArray displayName = XDisplayString(X11Display::shared());
+    m_reads->start([displayName, guard = QPointer<QObject>(context), done = std::move(done)](const std::atomic<bool>& stop) {
+        std::optional<X11SelectionReader::Entries> entries = X11SelectionReader::read(displayName, readTimeout, stop);
+        if (QCoreApplication* application = QCoreApplication::instance()) {
+            QMetaObject::invokeMethod(
+                application,
+                [guard, done, entries = std::move(entries)] {
+                    if (guard)
+                        done(contentsOf(entries));
+                },
+                Qt::QueuedConnection);
+        }
+    });
 }
 
 int X11ClipboardPasteboard::itemCount()
@@ -168,7 +122,7 @@ QStringList X11ClipboardPasteboard::types(int index)
     if (index != 0 || !contents)
         return {};
     QStringList formats = contents->formats();
-    formats.removeIf(isBookkeepingFormat);
+    formats.removeIf(X11SelectionReader::isBookkeeping);
     return formats;
 }
 

@@ -4,6 +4,8 @@
 
 #include <memory>
 
+class WorkerThreads;
+
 // The X11 CLIPBOARD selection through QClipboard. It holds at most one item, offering every format
 // of the current owner; the bookkeeping targets of the selection protocol are not formats. Every
 // write is one change of owner, never through an ownerless clipboard. A snapshot of another
@@ -24,6 +26,7 @@ public:
     bool ownsContents() override;
 
 private:
-    class Reads;
-    std::unique_ptr<Reads> m_reads;
+    // The reads of other programs' clipboards, one thread each; stopped and joined when the
+    // pasteboard goes.
+    std::unique_ptr<WorkerThreads> m_reads;
 };

@@ -148,16 +148,6 @@ private:
     xcb_atom_t m_clipboard = XCB_ATOM_NONE, m_property = XCB_ATOM_NONE, m_incr = XCB_ATOM_NONE;
 };
 
-// The selection protocol's own targets, and those that name no data of their own (a drawable's id).
-bool isBookkeeping(const QString& target)
-{
-    static const QStringList bookkeeping
-        = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"),
-            QStringLiteral("DELETE"), QStringLiteral("INSERT_SELECTION"), QStringLiteral("INSERT_PROPERTY"), QStringLiteral("PIXMAP"),
-            QStringLiteral("BITMAP"), QStringLiteral("DRAWABLE"), QStringLiteral("WINDOW"), QStringLiteral("application/x-qt-image")};
-    return bookkeeping.contains(target);
-}
-
 // Qt's name for a target: the text targets are "text/plain", Mozilla's URLs are a URI list.
 QString formatOf(const QString& target)
 {
@@ -200,7 +190,7 @@ std::optional<X11SelectionReader::Entries> X11SelectionReader::read(
     const auto* atoms = reinterpret_cast<const xcb_atom_t*>(targetList->constData());
     for (qsizetype index = 0; index < targetList->size() / qsizetype(sizeof(xcb_atom_t)); ++index) {
         const QString name = session.atomName(atoms[index]);
-        if (name.isEmpty() || isBookkeeping(name))
+        if (name.isEmpty() || X11SelectionReader::isBookkeeping(name))
             continue;
         const QString format = formatOf(name);
         auto known = std::find_if(formats.begin(), formats.end(), [&](const auto& entry) { return entry.first == format; });
@@ -232,4 +222,13 @@ std::optional<X11SelectionReader::Entries> X11SelectionReader::read(
         return std::nullopt;
     }
     return entries;
+}
+
+bool X11SelectionReader::isBookkeeping(const QString& target)
+{
+    static const QStringList bookkeeping
+        = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"), QStringLiteral("SAVE_TARGETS"),
+            QStringLiteral("DELETE"), QStringLiteral("INSERT_SELECTION"), QStringLiteral("INSERT_PROPERTY"), QStringLiteral("PIXMAP"),
+            QStringLiteral("BITMAP"), QStringLiteral("DRAWABLE"), QStringLiteral("WINDOW"), QStringLiteral("application/x-qt-image")};
+    return bookkeeping.contains(target);
 }

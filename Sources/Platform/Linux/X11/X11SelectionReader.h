@@ -22,4 +22,8 @@ public:
     // logged reason) when it gave none at all, or never listed its targets; an empty list when the
     // clipboard has no owner. `stop` ends the reading early, as if the time were up.
     static std::optional<Entries> read(const QByteArray& displayName, std::chrono::milliseconds timeout, const std::atomic<bool>& stop);
+
+    // The selection protocol's own targets, those that name no data of their own (a drawable's
+    // id), and application/x-qt-image, Qt's decoded view of image formats that are saved anyway.
+    static bool isBookkeeping(const QString& target);
 };
