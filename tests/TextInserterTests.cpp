@@ -17,6 +17,8 @@
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryFile>
 #include <QTimer>
 
 #include <csignal>
@@ -288,6 +290,31 @@ TEST(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothi
     EXPECT_LT(longestGap, 100) << "the main thread stood still for " << longestGap << " ms";
     EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString(), dictation.toStdString());
     ::kill(pid_t(owner.processId()), SIGCONT);
+}
+
+// A copy larger than the X server takes in one request comes in pieces (INCR) and goes back whole.
+TEST(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    QTemporaryFile file;
+    ASSERT_TRUE(file.open());
+    QByteArray large(20 * 1024 * 1024, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(large.data()), large.size() / 4);
+    file.write(large);
+    file.flush();
+    // xclip leaves a child serving the selection until somebody else owns it.
+    ASSERT_EQ(QProcess::execute(QStringLiteral("xclip"),
+                  {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-t"),
+                      QStringLiteral("application/x-voxaria-large"), QStringLiteral("-i"), file.fileName()}),
+        0);
+    const auto keys = std::make_shared<FakeKeyPoster>();
+    bool pasted = false;
+    keys->onPost = [&](const KeyPoster::KeyEvent&) { pasted = true; };
+    TextInserter::insert(dictation, {std::make_shared<X11ClipboardPasteboard>(), keys, {50ms, 100ms}});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted; }, 10s));
+    TestSupport::spin(500ms);
+    EXPECT_TRUE(DesktopApps::clipboardData(QStringLiteral("application/x-voxaria-large")) == large);
 }
 
 }
