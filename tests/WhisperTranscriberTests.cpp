@@ -36,12 +36,8 @@ using namespace TestSupport;
 // The real whisper-cli and whisper.cpp's test models are built with the tests; without them a test
 // that needs them fails in CI and is skipped elsewhere.
 #define REQUIRE_REAL_WHISPER()                                                                                                             \
-    if (!QFileInfo::exists(VOXARIA_BUILT_WHISPER_CLI) || !QFileInfo::exists(realTestModel())) {                                            \
-        const char* reason = "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)";                     \
-        if (qEnvironmentVariable("CI") == QLatin1String("true"))                                                                           \
-            FAIL() << reason;                                                                                                              \
-        GTEST_SKIP() << reason;                                                                                                            \
-    }
+    if (!QFileInfo::exists(VOXARIA_BUILT_WHISPER_CLI) || !QFileInfo::exists(realTestModel()))                                              \
+    VOXARIA_SKIP("whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)")
 
 namespace {
 
@@ -586,7 +582,7 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
 TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsReportedOnceAndLeavesNothingBehind)
 {
     if (!hasPulseAudio())
-        GTEST_SKIP() << "needs the PulseAudio harness (scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the PulseAudio harness (scripts/with-harness.sh)");
     const std::pair<const char*, std::function<bool(Headset&)>> losses[] = {
         {"unplugged", [](Headset& headset) { return headset.unplug(); }},
         {"fallen silent", [](Headset& headset) { return headset.fallSilent(); }},
