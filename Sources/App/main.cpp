@@ -4,6 +4,7 @@
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
+#include "Shared/QtTranslations.h"
 
 #include <QApplication>
 #include <QSocketNotifier>
@@ -95,6 +96,7 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
     QApplication::setDesktopFileName(AppPaths::applicationId());
+    installQtTranslations();
     // A tray utility: closing a window never ends it; only "Sair do Voxaria" does.
     QApplication::setQuitOnLastWindowClosed(false);
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
