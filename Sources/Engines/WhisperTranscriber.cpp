@@ -412,7 +412,7 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     QFile transcript(outputBase + QStringLiteral(".txt"));
     std::optional<QString> text;
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
-        text = decodeStrictUtf8(transcript.readAll());
+        text = decodeTranscript(transcript.readAll());
     if (text) {
         answerWithText(PhantomPhrases::bundled().withoutPhantom(m_segmented ? joinedSegments(*text) : text->trimmed()));
     } else {
