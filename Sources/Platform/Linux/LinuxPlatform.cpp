@@ -29,9 +29,9 @@ using Compositor = SessionInfo::Compositor;
 // such a paste reaches X11 windows only.
 constexpr int firstGnomeForwardingXTest = 45;
 
-QString bindingSocketPath()
+QString commandSocketPath()
 {
-    return AppPaths::runtimeFile(QStringLiteral(".keys"));
+    return AppPaths::runtimeFile(QStringLiteral(".commands"));
 }
 
 // On Wayland nothing is granted: a dictation can work once the chosen key source sees the key (the
@@ -71,6 +71,7 @@ const char* routeDescription(SessionPlatform::PasteRoute route, Compositor compo
 
 LinuxPlatform::LinuxPlatform(const SessionInfo& session, std::function<HotKey()> dictationKey)
     : m_session(session)
+    , m_commands(std::make_shared<CommandSocket>(commandSocketPath()))
     , m_wayland(session.kind == SessionInfo::Kind::wayland ? WaylandClient::connect() : nullptr)
 {
     chooseKeySource(std::move(dictationKey));
@@ -97,7 +98,7 @@ void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
         chosen << QStringLiteral("XInput2");
         sources.push_back(std::make_unique<XInputKeyMonitor>());
     } else if (m_session.compositor == Compositor::wlroots) {
-        sources.push_back(std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey = std::move(dictationKey)] {
+        sources.push_back(std::make_unique<BindingKeyMonitor>(m_commands, [dictationKey = std::move(dictationKey)] {
             const HotKey key = dictationKey();
             return ModifierKey{key.keyCode(), key.modifierFlag()};
         }));
@@ -209,8 +210,12 @@ std::unique_ptr<AccessibilityTrust> LinuxPlatform::makeAccessibilityTrust() cons
     return std::make_unique<X11AccessibilityTrust>();
 }
 
-bool LinuxPlatform::sendToRunningProgram(bool pressed, QString* error)
+void LinuxPlatform::onSecondLaunch(std::function<void()> show)
 {
-    return BindingKeyMonitor::send(
-        bindingSocketPath(), pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
+    m_commands->setHandler(CommandSocket::Command::show, std::move(show));
+}
+
+bool LinuxPlatform::sendToRunningProgram(CommandSocket::Command command, QString* error)
+{
+    return CommandSocket::send(commandSocketPath(), command, error);
 }
