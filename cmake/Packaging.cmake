@@ -82,8 +82,10 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION sound)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${VOXARIA_HOMEPAGE})
-# Depends comes from the libraries the program really links; the rest only widens what it can do.
+# Depends comes from the libraries the program really links, plus Qt's Portuguese texts for its
+# standard dialogs and menus; the rest only widens what it can do.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-translations-l10n")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pocketsphinx-en-us, pulseaudio-utils")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "whisper.cpp")
 set(CPACK_STRIP_FILES ON)

@@ -19,7 +19,7 @@ build_packages=(
 )
 run_packages=(
   libqt6svg6 qt6-qpa-plugins qt6-wayland fonts-noto-color-emoji
-  pocketsphinx-en-us yt-dlp
+  pocketsphinx-en-us yt-dlp qt6-translations-l10n
 )
 test_packages=(
   libgtest-dev libgmock-dev python3 e2fsprogs clang-format

@@ -11,15 +11,18 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMap>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
+
+#include <optional>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int rightAlt = 108, rightSuper = 134, downKey = 116, rightKey = 114, enterKey = 36;
+constexpr int rightAlt = 108, rightSuper = 134, downKey = 116, rightKey = 114, enterKey = 36, escapeKey = 9;
 const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString goForwardRaw = QStringLiteral("/usr/share/pocketsphinx/test/data/goforward.raw");
 
@@ -201,16 +204,20 @@ TEST_F(EndToEnd, AShortPressOrASilentHoldInsertsNothingAndAHeldOnePastesWhatWhis
     EXPECT_FALSE(app.log().filter(QRegularExpression(QStringLiteral("done → paste done \\d+; model loaded"))).isEmpty());
 }
 
-TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndEndingTheFirstMidDictationLeavesNoRecording)
+// A second start opens the running copy's menu where the pointer is, and ends.
+TEST_F(EndToEnd, ASecondCopyOpensTheFirstsMenuAndEndingTheFirstMidDictationLeavesNoRecording)
 {
     app.useFakeWhisper({});
     ASSERT_TRUE(app.start());
+    const int from = app.lineCount();
     QProcess second;
     second.setProcessEnvironment(app.process().processEnvironment());
     second.start(app.process().program(), {});
     ASSERT_TRUE(second.waitForFinished(10000)) << "the second copy did not leave";
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("menu shown"), 5s, from)) << app.log().join('\n').toStdString();
+    XTestKeyboard::tap(escapeKey, 20ms);
 
     // The first copy still answers the key.
     ASSERT_TRUE(XTestKeyboard::press(rightAlt));
@@ -222,6 +229,58 @@ TEST_F(EndToEnd, ASecondCopyLeavesSilentlyAndEndingTheFirstMidDictationLeavesNoR
     EXPECT_EQ(app.process().exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(app.process().exitCode(), 0);
     EXPECT_TRUE(TestSupport::dictationFiles(app.temporaryFolder()).isEmpty());
+}
+
+// Without a tray, closing "O Voxaria está em execução" hides the program's only window: starting
+// the program again shows it again. On a display of its own, where no tray host runs.
+TEST(SecondLaunch, BringsBackTheWindowThatStandsInForAMissingTray)
+{
+    if (!TestSupport::hasX11())
+        GTEST_SKIP() << "needs the headless desktop (run under scripts/with-harness.sh)";
+    QProcess xvfb;
+    xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten", "tcp"});
+    ASSERT_TRUE(xvfb.waitForReadyRead(10000)) << "Xvfb did not start";
+    const QString display = ':' + QString::fromLatin1(xvfb.readAllStandardOutput()).trimmed();
+    // xdotool's output on that display; nothing when it failed.
+    const auto xdotool = [&](const QStringList& arguments) {
+        QProcess tool;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("DISPLAY"), display);
+        tool.setProcessEnvironment(environment);
+        tool.start(QStringLiteral("xdotool"), arguments);
+        tool.waitForFinished();
+        return tool.exitCode() == 0 ? std::optional<QString>(QString::fromUtf8(tool.readAllStandardOutput())) : std::nullopt;
+    };
+    const QStringList window{"search", "--onlyvisible", "--name", "^O Voxaria está em execução$"};
+    const auto shown = [&] { return !xdotool(window).value_or(QString()).isEmpty(); };
+
+    AppRun app;
+    const auto log = [&] { return app.log().join('\n').toStdString(); };
+    app.useFakeWhisper({});
+    app.setEnvironment(QStringLiteral("DISPLAY"), display);
+    ASSERT_TRUE(app.start()) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
+    ASSERT_TRUE(TestSupport::waitUntil(shown, 10s));
+    // "Fechar", the last button of its bottom row.
+    QMap<QString, int> geometry;
+    for (const QString& line :
+        xdotool(window + QStringList{"getwindowgeometry", "--shell"}).value_or(QString()).split('\n', Qt::SkipEmptyParts))
+        geometry.insert(line.section('=', 0, 0), line.section('=', 1).toInt());
+    ASSERT_TRUE(xdotool({"mousemove", QString::number(geometry["X"] + geometry["WIDTH"] - 30),
+        QString::number(geometry["Y"] + geometry["HEIGHT"] - 22), "click", "1"}));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return !shown(); }, 5s)) << "\"Fechar\" did not hide the window";
+
+    const int from = app.lineCount();
+    QProcess second;
+    second.setProcessEnvironment(app.process().processEnvironment());
+    second.start(app.program(), {});
+    ASSERT_TRUE(second.waitForFinished(10000)) << "the second copy did not leave";
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("started again: showing"), 5s, from)) << log();
+    EXPECT_TRUE(TestSupport::waitUntil(shown, 5s));
+    app.stop();
+    xvfb.terminate();
+    xvfb.waitForFinished();
 }
 
 // A copy that crashed leaves its lock file behind; the next start takes it over instead of leaving.

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 using namespace std::chrono_literals;
@@ -131,6 +133,23 @@ TEST_F(MediaTranscriberTest, WithoutProgramOrModelTheJobIsRefusedAtOnce)
     FakeWhisper reinstalled;
     QDir(AppPaths::modelsFolder()).removeRecursively();
     EXPECT_EQ(MediaJob(Source::url("https://example.com/v")).events, refused);
+}
+
+// yt-dlp and whisper-cli create the job's files for the user alone, whatever umask the program has.
+TEST_F(MediaTranscriberTest, TheChildrenCreateFilesOnlyTheUserCanRead)
+{
+    script("", "source=" + scratch("fala.m4a") + '\n');
+    const QString masks[] = {fakeYtDlp(".umask"), whisper.binaryPath() + ".umask"};
+    for (const QString& mask : masks)
+        QFile::remove(mask);
+    const mode_t ours = ::umask(022);
+    MediaJob run(Source::url("https://www.youtube.com/watch?v=abc"));
+    run.finish();
+    ::umask(ours);
+    ASSERT_TRUE(run.output);
+    QDir(QFileInfo(run.output->srtURL.value_or(QString())).path()).removeRecursively();
+    for (const QString& mask : masks)
+        EXPECT_EQ(readLines(mask), QStringList{"077"}) << mask.toStdString();
 }
 
 // Every status of every phase, then the answer; a success keeps only the SRT in its folder.
@@ -314,7 +333,26 @@ TEST(MediaTranscriberErrorTest, YtDlpLinesReadAsTheFailureTheyReport)
         {"ERROR: [youtube] abc: Unable to extract uploader id; please report this issue on https://github.com/yt-dlp/yt-dlp/issues",
             outdated},
         {"WARNING: [youtube] abc: nsig extraction failed: You may experience throttling", outdated},
+        {"ERROR: unable to download video data: HTTP Error 403: Forbidden",
+            "O site recusou o acesso ao vídeo (erro 403). Tente de novo mais tarde."},
+        {"ERROR: [generic] Unable to download webpage: HTTP Error 404: Not Found (caused by <HTTPError 404: Not Found>)",
+            "O vídeo não foi encontrado (erro 404). Confira o link."},
+        {"ERROR: [vimeo] 123: Unable to download JSON metadata: HTTP Error 410: Gone", gone},
+        {"ERROR: [youtube] abc: The uploader has not made this video available in your country",
+            "Este vídeo não está disponível no seu país."},
+        {"ERROR: [youtube] abc: This live event will begin in 3 hours.", "Esta transmissão ainda não começou."},
+        {"ERROR: [youtube] abc: Join this channel to get access to members-only content like this video", login},
+        {"ERROR: unable to download video data: HTTP Error 429: Too Many Requests",
+            "O site recebeu pedidos demais (erro 429). Tente de novo mais tarde."},
+        {"ERROR: Unable to download webpage: HTTP Error 503: Service Unavailable",
+            "O site está com problemas no momento (erro do servidor). Tente de novo mais tarde."},
+        {"ERROR: Unable to download webpage: [Errno 104] Connection reset by peer", offline},
+        // Lines about other programs or parts of a download stay yt-dlp's own words.
         {"ERROR: Postprocessing: audio conversion failed", "Falha ao baixar o vídeo: ERROR: Postprocessing: audio conversion failed"},
+        {"ERROR: ffmpeg not found. Please install or provide the path using --ffmpeg-location",
+            "Falha ao baixar o vídeo: ERROR: ffmpeg not found. Please install or provide the path using --ffmpeg-location"},
+        {"ERROR: fragment 3 not found, unable to continue", "Falha ao baixar o vídeo: ERROR: fragment 3 not found, unable to continue"},
+        {"ERROR: HTTP Error 4040 from a proxy", "Falha ao baixar o vídeo: ERROR: HTTP Error 4040 from a proxy"},
     };
     for (const auto& [line, description] : cases) {
         const MediaTranscriberError error = MediaTranscriberError::fromYtDlpLine(line);

@@ -264,30 +264,129 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLink
     EXPECT_EQ(find<QPlainTextEdit>("detailsView")->toPlainText(), line);
 }
 
-// A system yt-dlp over a year old brings the offer of a current copy, once; declined, the job runs.
-TEST_F(VideoTranscriptionWindowTest, AnOutdatedSystemYtDlpBringsOneOfferOfACurrentCopy)
+// A system yt-dlp over a year old brings the offer of a current copy until the user answers "Agora
+// não" (an installation that failed is no answer); declined, the system's copy runs the job. A job
+// that fails because the site changed offers the current copy again, and taking it runs the link.
+TEST_F(VideoTranscriptionWindowTest, TheOfferOfACurrentYtDlpComesBackUntilDeclinedAndWhenTheSiteChanged)
 {
-    Settings::shared().setYtDlpUpdateOffered(false);
+    Settings::shared().setYtDlpUpdateDeclined(false);
     QFile::remove(YtDlpManager::installedPath());
     systemYtDlp = scratch("sistema/yt-dlp");
     QDir().mkpath(scratch("sistema"));
+    QFile::remove(systemYtDlp);
     QFile::copy(fakesPath("yt-dlp"), systemYtDlp);
+    server.setRoute("yt-dlp", {.status = 404});
+    const QString link = "https://videos.exemplo/v/2", fetchFailed = "⚠️ Falha ao baixar o vídeo: arquivo baixado não encontrado";
+    const struct {
+        QDate version;
+        QString answer;
+        int offers;
+        QString outcome;
+    } runs[] = {
+        {QDate::currentDate().addMonths(-11), "", 0, fetchFailed},
+        {QDate(2023, 3, 4), "Baixar", 1, "⚠️ Falha ao instalar yt-dlp: o servidor respondeu com o status HTTP 404."},
+        {QDate(2023, 3, 4), "Agora não", 2, fetchFailed},
+        {QDate(2023, 3, 4), "", 2, fetchFailed},
+    };
     int run = 0;
-    for (const QDate version : {QDate::currentDate().addMonths(-11), QDate(2023, 3, 4), QDate(2023, 3, 4)}) {
+    for (const auto& r : runs) {
+        SCOPED_TRACE(run);
         { // As a package upgrade would, a new version comes with a new file.
             QFile binary(systemYtDlp);
             ASSERT_TRUE(binary.open(QIODevice::ReadWrite)
                 && binary.setFileTime(QDateTime::currentDateTime().addSecs(++run), QFile::FileModificationTime));
         }
-        writeFile(systemYtDlp + ".control", ("version=" + version.toString("yyyy.MM.dd")).toUtf8());
+        writeFile(systemYtDlp + ".control", ("version=" + r.version.toString("yyyy.MM.dd")).toUtf8());
+        alerts->answers = QStringList{r.answer};
         find<QLabel>("statusLabel")->clear();
-        enter("https://videos.exemplo/v/2");
-        // The job looks yt-dlp up itself (Debian's, here): whatever it answers, it ran.
-        EXPECT_TRUE(statusBecomes("⚠️", 120s)) << status().toStdString();
-        EXPECT_EQ(alerts->shown.size(), run == 1 ? 0 : 1);
+        enter(link);
+        EXPECT_TRUE(waitUntil([&] { return status() == r.outcome && state() == kIdle; }, 120s)) << status().toStdString();
+        EXPECT_EQ(alerts->shown.size(), r.offers);
     }
-    EXPECT_EQ(alerts->shown.value(0).informativeText,
+    EXPECT_TRUE(Settings::shared().ytDlpUpdateDeclined());
+    EXPECT_EQ(alerts->shown.value(1).messageText, "Atualizar o yt-dlp?");
+    EXPECT_EQ(alerts->shown.value(1).informativeText,
         "O yt-dlp do sistema é de 04/03/2023 e pode não funcionar com os sites de hoje. Baixar uma versão atual para o Voxaria?");
+
+    // The site changed under the system's copy: the offer comes although it was declined.
+    const QString siteChanged
+        = "ERROR: [youtube] abc: Unable to extract uploader id; please report this issue on https://github.com/yt-dlp";
+    QFile::remove(systemYtDlp + ".runlog");
+    writeFile(systemYtDlp + ".control", ("version=2023.03.04\nfail=2\nstderr=" + siteChanged).toUtf8());
+    writeFile(YtDlpManager::installedPath() + ".control", ("source=" + speechVideo()).toUtf8());
+    whisper.script("text=baixado pelo yt-dlp atual\nnosrt=1");
+    const QByteArray fakeYtDlp = DesktopApps::readAll(fakesPath("yt-dlp"));
+    server.setRoute("yt-dlp", {.body = fakeYtDlp});
+    alerts->answers = QStringList{"Baixar"};
+    enter(link);
+    ASSERT_TRUE(statusBecomes("✅", 120s)) << status().toStdString();
+    ASSERT_EQ(alerts->shown.size(), 3);
+    EXPECT_EQ(alerts->shown.value(2).messageText, "Atualizar o yt-dlp?");
+    EXPECT_EQ(alerts->shown.value(2).informativeText,
+        "O site mudou e o yt-dlp do sistema não o entende mais. Baixar uma versão atual para o Voxaria?");
+    EXPECT_EQ(result(), "baixado pelo yt-dlp atual");
+    EXPECT_EQ(DesktopApps::readAll(YtDlpManager::installedPath()), fakeYtDlp);
+}
+
+TEST_F(VideoTranscriptionWindowTest, AChosenFileOrADroppedLinkReplacesTheFieldsText)
+{
+    auto* field = find<QLineEdit>("urlField");
+    field->setText("texto antigo");
+    click("chooseButton");
+    EXPECT_EQ(field->text(), "texto antigo") << "a cancelled dialog changes nothing";
+    dialogs->answers = {speechVideo()};
+    click("chooseButton");
+    EXPECT_EQ(field->text(), speechVideo());
+    EXPECT_EQ(dialogs->shown, QStringList(2, "open|Escolher arquivo|Vídeo ou áudio|video/*,audio/*"));
+
+    // A browser drags a link as an address, or as plain text; either replaces what the field held.
+    const auto drop = [&](QWidget* target, QMimeData& dragged) {
+        QDragEnterEvent dragEnter(QPoint(5, 5), Qt::CopyAction, &dragged, Qt::LeftButton, {});
+        QApplication::sendEvent(target, &dragEnter);
+        QDropEvent dropped(QPointF(5, 5), Qt::CopyAction, &dragged, Qt::LeftButton, {});
+        QApplication::sendEvent(target, &dropped);
+        return dragEnter.isAccepted() && dropped.isAccepted();
+    };
+    QMimeData address;
+    address.setUrls({QUrl("https://videos.exemplo/v/3?t=10")});
+    address.setText("https://videos.exemplo/v/3?t=10");
+    EXPECT_TRUE(drop(field, address));
+    EXPECT_EQ(field->text(), "https://videos.exemplo/v/3?t=10");
+    QMimeData text;
+    text.setText("  https://videos.exemplo/v/4 ");
+    EXPECT_TRUE(drop(find<QPlainTextEdit>("resultView")->viewport(), text));
+    EXPECT_EQ(field->text(), "https://videos.exemplo/v/4");
+}
+
+// The view shows the text; what is copied and saved is the job's own, every character as it came.
+TEST_F(VideoTranscriptionWindowTest, CopiedAndSavedTextIsExactlyTheJobsText)
+{
+    const QString text = "um\u00A0dois\u2028três\u00A0%";
+    whisper.script("text_hex=" + text.toUtf8().toHex());
+    enter(speechVideo());
+    ASSERT_TRUE(statusBecomes("✅")) << status().toStdString();
+    click("copyButton");
+    EXPECT_EQ(QApplication::clipboard()->text(), text);
+    const QString saved = scratch("exato.txt");
+    dialogs->answers = {saved};
+    click("saveTxtButton");
+    EXPECT_EQ(DesktopApps::readAll(saved), text.toUtf8());
+}
+
+TEST_F(VideoTranscriptionWindowTest, TheWindowCanBeMaximized)
+{
+    // What a window manager reads to offer maximizing: the Motif hints' functions and decorations.
+    QProcess xprop;
+    xprop.start("xprop", {"-id", QString::number(view->window()->winId()), "_MOTIF_WM_HINTS"});
+    ASSERT_TRUE(xprop.waitForFinished());
+    const QStringList hints = QString(xprop.readAllStandardOutput()).section('=', 1).split(',');
+    ASSERT_GE(hints.size(), 3) << hints.join(',').toStdString();
+    constexpr int maximizeFunction = 0x10, maximizeDecoration = 0x40;
+    const int functions = hints[1].trimmed().toInt(nullptr, 16), decorations = hints[2].trimmed().toInt(nullptr, 16);
+    EXPECT_TRUE(functions & maximizeFunction) << hints.join(',').toStdString();
+    EXPECT_TRUE(decorations & maximizeDecoration) << hints.join(',').toStdString();
+    view->window()->showMaximized();
+    EXPECT_TRUE(waitUntil([&] { return view->window()->isMaximized(); }, 5s));
 }
 
 // The real program: the window opened from the tray menu, a file and a link transcribed, the
@@ -303,7 +402,7 @@ TEST(VideoTranscriptionWindowEndToEnd, FromTheTrayMenuToSavedSubtitlesLeavingNot
     server.setRoute("fala.mp4", {DesktopApps::readAll(speechVideo())});
     AppRun app(VOXARIA_HELPER_voxaria_localmodels);
     app.useFakeWhisper("text=legenda de ponta a ponta\nprogress=50,100");
-    app.setSetting("ytDlpUpdateOffered", true); // Debian's old yt-dlp: the offer of a current one was declined
+    app.setSetting("ytDlpUpdateDeclined", true); // Debian's old yt-dlp: the offer of a current one was declined
     ASSERT_TRUE(app.start());
     ASSERT_TRUE(Desktop::clickTrayIcon());
     ASSERT_TRUE(app.waitForLog("menu shown", 10s)) << app.log().join('\n').toStdString();

@@ -286,8 +286,8 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         {"exit=3\nquiet=1\nstderr=primeira linha\nstderr=segunda linha\nstderr=\\n", {}, {failed + "segunda linha"}},
         {"notxt=1\nquiet=1", {}, {failed + "código 0"}},
         {"exit=1\nquiet=1\nstderr_hex=ff", {}, {failed + "código 1"}},
-        // A transcript that is not UTF-8 is not passed off as text.
-        {"text_hex=4f6cff61\nquiet=1\nstderr=aviso: saída truncada", {}, {failed + "aviso: saída truncada"}},
+        // One byte that is not UTF-8 (a character cut at a segment's edge) costs that character only.
+        {"text_hex=4f6cff61\nquiet=1\nstderr=aviso: saída truncada", {"Ol\uFFFDa"}, {}},
         {"crash=1\nquiet=1", {}, {failed + "código 11"}},
     };
     for (const auto& c : cases) {

@@ -118,6 +118,10 @@ bool AppDelegate::applicationDidFinishLaunching()
 {
     if (!ensureSingleInstance())
         return false;
+    m_platform.onSecondLaunch([weakSelf = QPointer<AppDelegate>(this)] {
+        if (weakSelf)
+            weakSelf->comeForward();
+    });
     MediaTranscriber::removeLeftovers();
     setupStatusItem();
     requestPermissions();
@@ -166,7 +170,7 @@ bool AppDelegate::ensureSingleInstance()
     m_instanceLock->setStaleLockTime(0);
     if (m_instanceLock->tryLock(0))
         return true;
-    qCInfo(lcApp) << "another Voxaria is running; leaving it alone";
+    qCInfo(lcApp) << "another Voxaria is running; asking it to come forward";
     return false;
 }
 
@@ -581,6 +585,11 @@ void AppDelegate::checkSystemTray()
         return;
     qCWarning(lcApp) << "no system tray on this desktop: the icon and its menu cannot be shown, but the dictation key works;"
                      << "showing \"O Voxaria está em execução\"";
+    showTrayMissingWindow();
+}
+
+void AppDelegate::showTrayMissingWindow()
+{
     if (!m_trayMissingWindow) {
         // The window goes with the delegate, and its buttons with it.
         m_trayMissingWindow = std::make_unique<TrayMissingWindow>(
@@ -594,6 +603,17 @@ void AppDelegate::checkSystemTray()
             *m_services.windowFocus);
     }
     m_trayMissingWindow->show();
+}
+
+void AppDelegate::comeForward()
+{
+    if (!m_services.systemTray->isAvailable()) {
+        qCInfo(lcApp) << "started again: showing \"O Voxaria está em execução\"";
+        showTrayMissingWindow();
+        return;
+    }
+    qCInfo(lcApp) << "started again: opening the menu";
+    menu()->popup(QCursor::pos());
 }
 
 void AppDelegate::openHelp()

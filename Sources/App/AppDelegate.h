@@ -49,7 +49,8 @@ public:
     AppDelegate(SessionPlatform& platform, Services services, QObject* parent = nullptr);
     ~AppDelegate() override;
 
-    // The whole start-up; false when another copy already runs and this one must leave quietly.
+    // The whole start-up; false when another copy already runs and this one must leave (main then
+    // asks that copy to come forward).
     bool applicationDidFinishLaunching();
 
     // When whisper-cli is there but no model is, asks whether to download the recommended one, at
@@ -82,7 +83,13 @@ public:
     // changed.
     void checkSystemTray();
 
+    // The user started the program again while this copy runs: without a tray, "O Voxaria está em
+    // execução" shows again (closing it hid the only way in); with one, the menu opens where the
+    // pointer is.
+    void comeForward();
+
 private:
+    void showTrayMissingWindow();
     bool ensureSingleInstance();
     void setupStatusItem();
     void updateStatusIcon(DictationController::State state);

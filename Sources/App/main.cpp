@@ -4,6 +4,7 @@
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
+#include "Shared/QtTranslations.h"
 
 #include <QApplication>
 #include <QSocketNotifier>
@@ -65,10 +66,21 @@ int sendKeyCommand(int argc, char** argv, bool pressed)
 {
     QCoreApplication app(argc, argv);
     QString error;
-    if (LinuxPlatform::sendToRunningProgram(pressed, &error))
+    if (LinuxPlatform::sendToRunningProgram(pressed ? CommandSocket::Command::press : CommandSocket::Command::release, &error))
         return 0;
     printLine(QStringLiteral("O Voxaria não está em execução (ou não recebe atalhos do compositor): ") + error);
     return 1;
+}
+
+// Started while Voxaria runs: the running copy shows its window or its menu, so a program whose
+// tray icon cannot be seen stays within reach; this copy ends either way.
+void bringRunningCopyForward()
+{
+    QString error;
+    if (LinuxPlatform::sendToRunningProgram(CommandSocket::Command::show, &error))
+        qCInfo(lcApp) << "the running Voxaria came forward";
+    else
+        qCWarning(lcApp).noquote() << "the running Voxaria did not answer:" << error;
 }
 
 }
@@ -95,14 +107,17 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
     QApplication::setDesktopFileName(AppPaths::applicationId());
+    installQtTranslations();
     // A tray utility: closing a window never ends it; only "Sair do Voxaria" does.
     QApplication::setQuitOnLastWindowClosed(false);
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
     LinuxPlatform platform(session, [] { return Settings::shared().hotKey(); });
     AppDelegate delegate(platform);
-    if (!delegate.applicationDidFinishLaunching())
+    if (!delegate.applicationDidFinishLaunching()) {
+        bringRunningCopyForward();
         return 0;
+    }
     quitOnTerminationSignals(app);
     return app.exec();
 }

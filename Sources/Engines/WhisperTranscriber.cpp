@@ -461,7 +461,7 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     QFile transcript(outputBase + QStringLiteral(".txt"));
     std::optional<QString> text;
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
-        text = decodeStrictUtf8(transcript.readAll());
+        text = decodeTranscript(transcript.readAll());
     if (text)
         text = m_segmented ? joinedSegments(*text) : text->trimmed();
     // An empty answer or a failure may be a model whisper-cli could not read.

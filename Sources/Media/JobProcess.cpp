@@ -5,6 +5,8 @@
 #include <QDeadlineTimer>
 #include <QProcess>
 
+#include <sys/stat.h>
+
 namespace {
 
 // How quickly a cancellation reaches the child: the worker looks at the flag this often.
@@ -72,6 +74,9 @@ int JobProcess::run(const std::function<bool()>& shouldStop)
     process.setArguments(m_arguments);
     if (!m_workingDirectory.isEmpty())
         process.setWorkingDirectory(m_workingDirectory);
+    // What the child writes (the fetched audio, the transcript, the subtitles) is the user's alone
+    // from its first byte, whatever the folder around it allows.
+    process.setChildProcessModifier([] { ::umask(077); });
     // The null device never fills up, so output nobody reads cannot stall the child.
     if (!onOutputLine)
         process.setStandardOutputFile(QProcess::nullDevice());

@@ -7,7 +7,7 @@
 
 // One child program (yt-dlp, whisper-cli) run to its end from a media job's worker thread. Both
 // pipes are read while it runs, so a chatty child can never fill one and stall; whole lines reach
-// the handlers on the worker thread as they arrive.
+// the handlers on the worker thread as they arrive. The child's files are created private (umask 077).
 class JobProcess {
 public:
     using LineHandler = std::function<void(const QString& line)>;

@@ -34,24 +34,20 @@ const QString kFolderPrefix = QStringLiteral("voxaria-media-");
 constexpr QFile::Permissions kPrivateFolder = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
 constexpr QFile::Permissions kPrivateFile = QFile::ReadOwner | QFile::WriteOwner;
 
-// What the children wrote there follows their umask until then.
+// The children create their files private (JobProcess); the audio this process extracts follows the
+// program's own umask until then.
 void makeFilesPrivate(const QString& folder)
 {
     for (const QFileInfo& entry : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden | QDir::NoSymLinks))
         QFile::setPermissions(entry.filePath(), kPrivateFile);
 }
 
-// A character whisper-cli cut in two at a segment's edge costs that character, not the transcript.
-std::optional<QString> readUtf8File(const QString& path)
+std::optional<QString> readTranscriptFile(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
-    const QByteArray bytes = file.readAll();
-    if (std::optional<QString> text = decodeStrictUtf8(bytes))
-        return text;
-    qCWarning(lcMedia) << "the transcript holds invalid UTF-8; those bytes were replaced";
-    return QString::fromUtf8(bytes);
+    return decodeTranscript(file.readAll());
 }
 
 // Files or folders (never what a link points at) inside `folder` whose names pass `matches`.
@@ -85,9 +81,10 @@ QStringList fetchArguments(const QString& link)
 // everything else a thread touches is either fixed before the worker starts or used by one thread.
 class MediaTranscriber::Job : public std::enable_shared_from_this<Job> {
 public:
-    Job(MediaTranscriber* transcriber, QString folder)
+    Job(MediaTranscriber* transcriber, QString folder, std::optional<QString> ytDlp)
         : owner(transcriber)
         , directory(std::move(folder))
+        , ytDlpProgram(std::move(ytDlp))
     {
     }
 
@@ -99,6 +96,7 @@ public:
 
     const QPointer<MediaTranscriber> owner; // read on the main thread only
     const QString directory;
+    const std::optional<QString> ytDlpProgram; // found when the job started
     std::atomic<bool> cancelled = false;
     bool delivered = false; // main thread: an answer reached the main thread
     bool directoryKept = true; // main thread: the folder has not been removed yet
@@ -204,7 +202,7 @@ void MediaTranscriber::transcribe(const Source& source)
     // A folder that cannot be made shows up as the failure of the first file written into it.
     QDir().mkpath(AppPaths::temporaryFolder());
     QDir().mkdir(directory, kPrivateFolder);
-    m_job = std::make_shared<Job>(this, directory);
+    m_job = std::make_shared<Job>(this, directory, source.kind == Source::Kind::url ? ytDlpPath() : std::nullopt);
     Workers::shared().start(m_job, source);
 }
 
@@ -248,7 +246,6 @@ void MediaTranscriber::Job::run(const Source& source)
         makeFilesPrivate(directory);
         throwIfCancelled();
         const Output output = runWhisper(wavURL);
-        makeFilesPrivate(directory);
         deliver(
             [output](MediaTranscriber& transcriber) {
                 if (transcriber.onFinished)
@@ -275,19 +272,18 @@ void MediaTranscriber::Job::run(const Source& source)
 // One fetch; when it fails, one self-update of yt-dlp and one more fetch, whose outcome stands.
 QString MediaTranscriber::Job::downloadMedia(const QString& link)
 {
-    const std::optional<QString> ytdlp = YtDlpManager::binaryURL();
-    if (!ytdlp)
+    if (!ytDlpProgram)
         throw MediaTranscriberError::downloadFailed(QStringLiteral("componente yt-dlp não instalado"));
     try {
-        return attemptDownload(*ytdlp, link);
+        return attemptDownload(*ytDlpProgram, link);
     } catch (const Error& first) {
         throwIfCancelled();
         qCInfo(lcMedia) << "first fetch failed, updating yt-dlp:" << first.description();
     }
     status(QStringLiteral("Falhou — atualizando o componente de download (yt-dlp)…"), std::nullopt);
-    selfUpdateYtDlp(*ytdlp);
+    selfUpdateYtDlp(*ytDlpProgram);
     throwIfCancelled();
-    return attemptDownload(*ytdlp, link);
+    return attemptDownload(*ytDlpProgram, link);
 }
 
 QString MediaTranscriber::Job::attemptDownload(const QString& ytdlp, const QString& link)
@@ -354,7 +350,7 @@ MediaTranscriber::Output MediaTranscriber::Job::runWhisper(const QString& wavURL
     child.onErrorLine = [this](const QString& line) { reportWhisperProgress(line); };
     const int exitStatus = runChild(child);
 
-    const std::optional<QString> text = exitStatus == 0 ? readUtf8File(base + QStringLiteral(".txt")) : std::nullopt;
+    const std::optional<QString> text = exitStatus == 0 ? readTranscriptFile(base + QStringLiteral(".txt")) : std::nullopt;
     if (!text)
         throw WhisperError::transcriptionFailed(QStringLiteral("código ") + QString::number(exitStatus));
     // A whole job that reads as one phrase Whisper makes up on silence was silence: neither text nor

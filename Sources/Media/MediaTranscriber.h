@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Shared/Error.h"
+#include "YtDlpManager.h"
 
 #include <QObject>
 #include <QString>
@@ -50,6 +51,8 @@ public:
     StatusCallback onStatus;
     FinishedCallback onFinished;
     ErrorCallback onError;
+    // Where a link job finds yt-dlp, asked on the main thread as the job starts.
+    std::function<std::optional<QString>()> ytDlpPath = &YtDlpManager::binaryURL;
 
     // Starts the job and returns at once. Without whisper-cli or a model it calls onError with
     // MediaTranscriberError::modelMissing() before returning, and starts nothing. A transcriber

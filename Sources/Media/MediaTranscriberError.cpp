@@ -7,29 +7,37 @@ namespace {
 using Case = MediaTranscriberErrorCase;
 
 // The first row whose pattern occurs in the line wins, so a line naming two causes ("Private video.
-// Sign in if you've been granted access") reads as the more precise one.
+// Sign in if you've been granted access") reads as the more precise one. A pattern names what only
+// a site or the network says (an HTTP status, a site's own sentence), never a bare "not found":
+// yt-dlp also reports "ffmpeg not found" or "fragment 3 not found", which are no missing video.
 struct KnownFailure {
     Case kind;
     QRegularExpression pattern;
 };
 
+QRegularExpression pattern(const char* alternatives)
+{
+    return QRegularExpression(QLatin1String(alternatives), QRegularExpression::CaseInsensitiveOption);
+}
+
 const KnownFailure kKnownFailures[] = {
-    {Case::privateVideo, QRegularExpression(QStringLiteral("Private video"), QRegularExpression::CaseInsensitiveOption)},
+    {Case::privateVideo, pattern("Private video|This video is private")},
     {Case::videoUnavailable,
-        QRegularExpression(QStringLiteral("Video unavailable|This video has been removed|account .*terminated"),
-            QRegularExpression::CaseInsensitiveOption)},
+        pattern("Video unavailable|This video has been removed|account .*terminated|This video is no longer available|"
+                "\\bHTTP Error 410\\b")},
+    {Case::geoRestricted, pattern("not\\b.{0,40}\\bavailable (?:in|from) your (?:country|location)|geo[- ]?restrict")},
     {Case::loginRequired,
-        QRegularExpression(QStringLiteral("Sign in to confirm|login required|use --cookies"), QRegularExpression::CaseInsensitiveOption)},
+        pattern("Sign in to confirm|login required|use --cookies|members-only|only available (?:for|to) (?:registered users|members)")},
+    {Case::liveNotStarted, pattern("This live event will begin|Premieres in|live event has not started")},
     {Case::noConnection,
-        QRegularExpression(QStringLiteral("Failed to resolve|Name or service not known|Temporary failure in name resolution|"
-                                          "Network is unreachable|Connection refused|timed out"),
-            QRegularExpression::CaseInsensitiveOption)},
-    {Case::videoNotFound, QRegularExpression(QStringLiteral("HTTP Error 404|not found"), QRegularExpression::CaseInsensitiveOption)},
-    {Case::unsupportedAddress,
-        QRegularExpression(QStringLiteral("Unsupported URL|is not a valid URL"), QRegularExpression::CaseInsensitiveOption)},
-    {Case::ytDlpOutdated,
-        QRegularExpression(QStringLiteral("Unable to extract|please report this issue|nsig extraction failed"),
-            QRegularExpression::CaseInsensitiveOption)},
+        pattern("Failed to resolve|Name or service not known|Temporary failure in name resolution|No address associated with hostname|"
+                "Network is unreachable|Connection refused|Connection reset by peer|timed out")},
+    {Case::accessDenied, pattern("\\bHTTP Error 403\\b")},
+    {Case::videoNotFound, pattern("\\bHTTP Error 404\\b")},
+    {Case::tooManyRequests, pattern("\\bHTTP Error 429\\b|Too Many Requests")},
+    {Case::siteFailing, pattern("\\bHTTP Error 5\\d\\d\\b")},
+    {Case::unsupportedAddress, pattern("Unsupported URL|is not a valid URL")},
+    {Case::ytDlpOutdated, pattern("Unable to extract|please report this issue|nsig extraction failed")},
 };
 
 }
@@ -53,6 +61,11 @@ QString MediaTranscriberError::description() const
     case Case::loginRequired: return QStringLiteral("Este vídeo exige login ou cookies.");
     case Case::unsupportedAddress: return QStringLiteral("Este endereço não é de um vídeo suportado.");
     case Case::noConnection: return QStringLiteral("Sem conexão com a internet.");
+    case Case::accessDenied: return QStringLiteral("O site recusou o acesso ao vídeo (erro 403). Tente de novo mais tarde.");
+    case Case::geoRestricted: return QStringLiteral("Este vídeo não está disponível no seu país.");
+    case Case::liveNotStarted: return QStringLiteral("Esta transmissão ainda não começou.");
+    case Case::tooManyRequests: return QStringLiteral("O site recebeu pedidos demais (erro 429). Tente de novo mais tarde.");
+    case Case::siteFailing: return QStringLiteral("O site está com problemas no momento (erro do servidor). Tente de novo mais tarde.");
     case Case::ytDlpOutdated: return QStringLiteral("O site mudou e o yt-dlp precisa ser atualizado.");
     case Case::modelMissing: return QStringLiteral("O modelo Whisper ainda não foi baixado. Use o menu \"Modelo Whisper\" primeiro.");
     case Case::cancelled: return QStringLiteral("Operação cancelada.");

@@ -10,6 +10,11 @@ enum class MediaTranscriberErrorCase {
     loginRequired,
     unsupportedAddress,
     noConnection,
+    accessDenied,
+    geoRestricted,
+    liveNotStarted,
+    tooManyRequests,
+    siteFailing,
     ytDlpOutdated,
     modelMissing,
     cancelled,
@@ -27,6 +32,8 @@ public:
     static MediaTranscriberError cancelled() { return {Case::cancelled, {}}; }
 
     QString description() const override;
+    // The site changed in a way only a newer yt-dlp understands.
+    bool needsNewerYtDlp() const { return errorCase() == Case::ytDlpOutdated; }
     // yt-dlp's own words behind a failure that description() rewords; empty otherwise.
     QString toolOutput() const;
 

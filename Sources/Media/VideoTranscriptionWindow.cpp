@@ -65,15 +65,23 @@ QString localPath(const QString& text)
     return text;
 }
 
-// The first local file among dragged items, if any.
-std::optional<QString> droppedFile(const QMimeData* data)
+// What a drop brings to the field: the first local file among the dragged items, or else a link
+// dragged from a browser (as an address or as plain text).
+std::optional<QString> droppedSource(const QMimeData* data)
 {
-    if (!data || !data->hasUrls())
+    if (!data)
         return std::nullopt;
-    for (const QUrl& url : data->urls()) {
+    const QList<QUrl> urls = data->hasUrls() ? data->urls() : QList<QUrl>();
+    for (const QUrl& url : urls) {
         if (url.isLocalFile())
-            return url.toLocalFile();
+            return QDir::toNativeSeparators(url.toLocalFile());
     }
+    for (const QUrl& url : urls) {
+        if (isLink(url.toString()))
+            return url.toString();
+    }
+    if (const QString text = data->text().trimmed(); isLink(text) && !text.contains(u'\n'))
+        return text;
     return std::nullopt;
 }
 
@@ -134,7 +142,9 @@ void VideoTranscriptionWindow::build()
     m_window = std::make_unique<QWidget>();
     m_window->setObjectName(QStringLiteral("videoTranscriptionWindow"));
     m_window->setWindowTitle(QStringLiteral("Transcrever vídeo ou link"));
-    m_window->setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowCloseButtonHint);
+    // Maximizable: a long transcript reads better on the whole screen.
+    m_window->setWindowFlags(
+        Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowCloseButtonHint | Qt::WindowMinMaxButtonsHint);
 
     m_progressBar = new QProgressBar;
     m_progressBar->setObjectName(QStringLiteral("progressBar"));
@@ -188,7 +198,7 @@ void VideoTranscriptionWindow::build()
     }
     // Ctrl+W closes it, as it closes windows elsewhere on the desktop.
     connect(new QShortcut(QKeySequence::Close, m_window.get()), &QShortcut::activated, m_window.get(), &QWidget::close);
-    // A file dropped anywhere on the window, the field or the result fills the field.
+    // A file or a link dropped anywhere on the window, the field or the result replaces the field's text.
     for (QWidget* target : {m_window.get(), static_cast<QWidget*>(m_urlField), m_resultView->viewport()}) {
         target->setAcceptDrops(true);
         target->installEventFilter(this);
@@ -318,12 +328,15 @@ void VideoTranscriptionWindow::transcribe(const MediaTranscriber::Source& source
 {
     showBusy(true);
     m_resultView->clear();
+    m_resultText.clear();
     showDetails({});
     discardLastSrt();
     enableResultButtons(false, false);
 
     // The previous transcriber goes now: one that still ran is cancelled and answers nothing.
     m_transcriber = std::make_unique<MediaTranscriber>();
+    // The job runs the yt-dlp this window checked and offered to replace.
+    m_transcriber->ytDlpPath = m_services.ytDlpPath;
     QPointer<VideoTranscriptionWindow> weakSelf(this);
     m_transcriber->onStatus = [weakSelf](const QString& text, std::optional<double> progress) {
         if (weakSelf)
@@ -333,10 +346,13 @@ void VideoTranscriptionWindow::transcribe(const MediaTranscriber::Source& source
         if (weakSelf)
             weakSelf->finish(output);
     };
-    m_transcriber->onError = [weakSelf](const Error& error) {
+    m_transcriber->onError = [weakSelf, link = source.kind == MediaTranscriber::Source::Kind::url](const Error& error) {
         const auto* mediaError = dynamic_cast<const MediaTranscriberError*>(&error);
-        if (weakSelf)
-            weakSelf->fail(QStringLiteral("⚠️ ") + error.description(), mediaError ? mediaError->toolOutput() : QString());
+        if (!weakSelf)
+            return;
+        weakSelf->fail(QStringLiteral("⚠️ ") + error.description(), mediaError ? mediaError->toolOutput() : QString());
+        if (link && mediaError && mediaError->needsNewerYtDlp())
+            weakSelf->offerUpdateAfterSiteChange();
     };
     qCInfo(lcMedia) << "window starts a job on" << source.value;
     m_transcriber->transcribe(source);
@@ -356,6 +372,7 @@ void VideoTranscriptionWindow::showStatus(const QString& text, std::optional<dou
 void VideoTranscriptionWindow::finish(const MediaTranscriber::Output& output)
 {
     showBusy(false);
+    m_resultText = output.text;
     m_resultView->setPlainText(output.text);
     m_lastSrt = output.srtURL;
     enableResultButtons(true, m_lastSrt.has_value());
@@ -397,7 +414,8 @@ void VideoTranscriptionWindow::cancelTranscription()
 }
 
 // A system yt-dlp a year old fails on many of today's sites, and Debian's own refuses to update
-// itself: a current copy of our own is offered, once; declined, the system's copy does the job.
+// itself: a current copy of our own is offered until the user answers "Agora não"; declined, the
+// system's copy does the job.
 void VideoTranscriptionWindow::transcribeLink(const QString& link)
 {
     const std::optional<QString> ytdlp = m_services.ytDlpPath();
@@ -410,25 +428,42 @@ void VideoTranscriptionWindow::transcribeLink(const QString& link)
         });
         return;
     }
-    if (*ytdlp == YtDlpManager::installedPath() || Settings::shared().ytDlpUpdateOffered())
+    if (*ytdlp == YtDlpManager::installedPath() || Settings::shared().ytDlpUpdateDeclined())
         return transcribe(MediaTranscriber::Source::url(link));
     m_transcribeButton->setEnabled(false);
     YtDlpManager::readVersion(*ytdlp, this, [this, link](std::optional<QDate> version) {
         m_transcribeButton->setEnabled(true);
-        if (version && YtDlpManager::isOutdated(*version)) {
-            Settings::shared().setYtDlpUpdateOffered(true);
-            const Alerts::Alert offer{
-                QStringLiteral("Atualizar o yt-dlp?"),
-                QStringLiteral("O yt-dlp do sistema é de %1 e pode não funcionar com os sites de hoje. "
-                               "Baixar uma versão atual para o Voxaria?")
-                    .arg(version->toString(QStringLiteral("dd/MM/yyyy"))),
-                {{QStringLiteral("Baixar")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
-            };
-            if (offerYtDlpInstall(offer))
-                return;
-        }
+        if (version && YtDlpManager::isOutdated(*version)
+            && offerYtDlpUpdate(QStringLiteral("O yt-dlp do sistema é de %1 e pode não funcionar com os sites de hoje. "
+                                               "Baixar uma versão atual para o Voxaria?")
+                                    .arg(version->toString(QStringLiteral("dd/MM/yyyy")))))
+            return;
         transcribe(MediaTranscriber::Source::url(link));
     });
+}
+
+// A link the system's yt-dlp could not read because the site changed: a current copy is what
+// helps, so it is offered whatever the user answered before.
+void VideoTranscriptionWindow::offerUpdateAfterSiteChange()
+{
+    const std::optional<QString> ytdlp = m_services.ytDlpPath();
+    if (!ytdlp || *ytdlp == YtDlpManager::installedPath())
+        return;
+    offerYtDlpUpdate(QStringLiteral("O site mudou e o yt-dlp do sistema não o entende mais. Baixar uma versão atual para o Voxaria?"));
+}
+
+bool VideoTranscriptionWindow::offerYtDlpUpdate(const QString& reason)
+{
+    const Alerts::Alert offer{
+        QStringLiteral("Atualizar o yt-dlp?"),
+        reason,
+        {{QStringLiteral("Baixar")}, {QStringLiteral("Agora não"), Alerts::Button::Role::cancel}},
+    };
+    if (offerYtDlpInstall(offer))
+        return true;
+    // Only a "no" is remembered: an offer taken whose installation then failed comes again.
+    Settings::shared().setYtDlpUpdateDeclined(true);
+    return false;
 }
 
 bool VideoTranscriptionWindow::offerYtDlpInstall(const Alerts::Alert& offer)
@@ -471,7 +506,7 @@ void VideoTranscriptionWindow::installFinished(const Error* error)
 
 void VideoTranscriptionWindow::copyResult()
 {
-    m_services.pasteboard->setString(m_resultView->toPlainText());
+    m_services.pasteboard->setString(m_resultText);
 }
 
 void VideoTranscriptionWindow::saveTxt()
@@ -479,7 +514,7 @@ void VideoTranscriptionWindow::saveTxt()
     const auto path
         = m_services.fileDialogs->saveFile(m_window.get(), QStringLiteral("Salvar texto"), kTextFilter, QStringLiteral("transcricao.txt"));
     if (path)
-        writeAtomically(*path, m_resultView->toPlainText().toUtf8());
+        writeAtomically(*path, m_resultText.toUtf8());
 }
 
 void VideoTranscriptionWindow::saveSrt()
@@ -504,17 +539,18 @@ bool VideoTranscriptionWindow::eventFilter(QObject* watched, QEvent* event)
     case QEvent::DragEnter:
     case QEvent::DragMove: {
         auto* drag = static_cast<QDragMoveEvent*>(event);
-        if (!droppedFile(drag->mimeData()))
+        if (!droppedSource(drag->mimeData()))
             break;
         drag->acceptProposedAction();
         return true;
     }
     case QEvent::Drop: {
         auto* drop = static_cast<QDropEvent*>(event);
-        const auto path = droppedFile(drop->mimeData());
-        if (!path)
+        // Taken here, not by the field, which would insert a dragged link into the text already there.
+        const auto source = droppedSource(drop->mimeData());
+        if (!source)
             break;
-        m_urlField->setText(QDir::toNativeSeparators(*path));
+        m_urlField->setText(*source);
         drop->acceptProposedAction();
         return true;
     }

@@ -25,8 +25,9 @@ class YtDlpInstallation;
 
 // "Transcrever vídeo ou link": the user pastes a link or a path (or picks or drops a file), starts
 // a MediaTranscriber job, follows its status and progress, and copies the transcript or saves it as
-// text or SRT subtitles. A link while yt-dlp is missing first offers to install it, and so does the
-// first link met with a system yt-dlp over a year old. The window is
+// text or SRT subtitles. A link while yt-dlp is missing first offers to install it, and so does a
+// link met with a system yt-dlp over a year old (until the user declines) or one that failed
+// because the site changed under the system's copy. The window is
 // built on the first show() and only hidden when closed; closing stops a running job or
 // installation and removes the last job's subtitle file. Main thread only.
 class VideoTranscriptionWindow : public QObject {
@@ -80,6 +81,9 @@ private:
     void showOutcome(const QString& message);
 
     void transcribeLink(const QString& link);
+    void offerUpdateAfterSiteChange();
+    // "Atualizar o yt-dlp?" with `reason`; answers whether the user took it (a "no" is remembered).
+    bool offerYtDlpUpdate(const QString& reason);
     // Answers whether the user took the offer.
     bool offerYtDlpInstall(const Alerts::Alert& offer);
     void installProgress(double fraction);
@@ -104,6 +108,9 @@ private:
     QPushButton* m_saveTxtButton = nullptr;
     QPushButton* m_saveSrtButton = nullptr;
 
+    // The last job's text as it came: what "Copiar" and "Salvar texto…" give. The view's own text
+    // differs (its no-break spaces and line separators come back as plain ones).
+    QString m_resultText;
     std::unique_ptr<MediaTranscriber> m_transcriber;
     QPointer<YtDlpInstallation> m_installation;
     std::optional<QString> m_lastSrt;

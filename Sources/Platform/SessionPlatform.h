@@ -9,6 +9,7 @@
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 // The backends of the graphical session Voxaria runs in, chosen once at start-up and handed down
@@ -46,6 +47,9 @@ public:
     virtual std::shared_ptr<KeyPoster> keyPoster() const = 0;
     virtual std::unique_ptr<FrontApplication> makeFrontApplication() const = 0;
     virtual std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const = 0;
+    // Called by the copy that holds the single-instance lock: `show` runs, on the main thread,
+    // each time the user starts the program again (that second copy then ends).
+    virtual void onSecondLaunch(std::function<void()> show) = 0;
 
     bool onlyCopies() const { return pasteRoute() == PasteRoute::copyOnly; }
 };

@@ -48,8 +48,8 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Version)" = "$version" ] || fail "Version: $(field Version), expected $version"
 [ "$(field Recommends)" = "yt-dlp, pocketsphinx-en-us, pulseaudio-utils" ] || fail "Recommends: $(field Recommends)"
 [ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
-# Depends names the packages of the libraries the program really links.
-for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6; do
+# Depends names the packages of the libraries the program really links, and Qt's Portuguese texts.
+for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6 qt6-translations-l10n; do
   field Depends | grep -q "\b$library\b" || fail "Depends lacks $library: $(field Depends)"
 done
 dpkg-deb -f "$deb" | sed 's/^/  /'

@@ -17,6 +17,7 @@ public:
     std::shared_ptr<FakePasteboard> fakePasteboard = std::make_shared<FakePasteboard>();
     std::shared_ptr<FakeKeyPoster> fakeKeyPoster = std::make_shared<FakeKeyPoster>();
     bool trusted = true;
+    std::function<void()> secondLaunch; // what the program does when started again
 
     SessionInfo session() const override { return sessionInfo; }
     KeySource keySource() const override { return source; }
@@ -31,4 +32,5 @@ public:
         trust->trusted = trusted;
         return trust;
     }
+    void onSecondLaunch(std::function<void()> show) override { secondLaunch = std::move(show); }
 };

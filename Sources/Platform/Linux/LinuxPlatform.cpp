@@ -30,9 +30,9 @@ using Compositor = SessionInfo::Compositor;
 // paste of every run of the program; before, such a paste reaches X11 windows only.
 constexpr int firstGnomeForwardingXTest = 45;
 
-QString bindingSocketPath()
+QString commandSocketPath()
 {
-    return AppPaths::runtimeFile(QStringLiteral(".keys"));
+    return AppPaths::runtimeFile(QStringLiteral(".commands"));
 }
 
 // On Wayland nothing is granted: a dictation can work once the chosen key source sees the key (the
@@ -73,6 +73,7 @@ const char* routeDescription(SessionPlatform::PasteRoute route, Compositor compo
 
 LinuxPlatform::LinuxPlatform(const SessionInfo& session, std::function<HotKey()> dictationKey)
     : m_session(session)
+    , m_commands(std::make_shared<CommandSocket>(commandSocketPath()))
     , m_wayland(session.kind == SessionInfo::Kind::wayland ? WaylandClient::connect() : nullptr)
 {
     chooseKeySource(std::move(dictationKey));
@@ -106,7 +107,7 @@ void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
         chord = GlobalShortcutsKeyMonitor::defaultTriggerLabel;
     }
     if (wayland && m_session.compositor == Compositor::wlroots) {
-        use(QStringLiteral("compositor bindings"), std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey] {
+        use(QStringLiteral("compositor bindings"), std::make_unique<BindingKeyMonitor>(m_commands, [dictationKey] {
             const HotKey key = dictationKey();
             return ModifierKey{key.keyCode(), key.modifierFlag()};
         }));
@@ -219,8 +220,12 @@ std::unique_ptr<AccessibilityTrust> LinuxPlatform::makeAccessibilityTrust() cons
     return std::make_unique<X11AccessibilityTrust>();
 }
 
-bool LinuxPlatform::sendToRunningProgram(bool pressed, QString* error)
+void LinuxPlatform::onSecondLaunch(std::function<void()> show)
 {
-    return BindingKeyMonitor::send(
-        bindingSocketPath(), pressed ? BindingKeyMonitor::Command::press : BindingKeyMonitor::Command::release, error);
+    m_commands->setHandler(CommandSocket::Command::show, std::move(show));
+}
+
+bool LinuxPlatform::sendToRunningProgram(CommandSocket::Command command, QString* error)
+{
+    return CommandSocket::send(commandSocketPath(), command, error);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/Linux/Input/CommandSocket.h"
 #include "Platform/SessionPlatform.h"
 #include "Shared/Preferences/HotKey.h"
 
@@ -28,6 +29,7 @@ public:
     std::shared_ptr<KeyPoster> keyPoster() const override { return m_keyPoster; }
     std::unique_ptr<FrontApplication> makeFrontApplication() const override;
     std::unique_ptr<AccessibilityTrust> makeAccessibilityTrust() const override;
+    void onSecondLaunch(std::function<void()> show) override;
 
     // How a session's text arrives: X11 pastes; on Wayland, wlroots compositors take a paste from a
     // virtual keyboard, KWin from its fake input (for an authorised program), and GNOME from
@@ -37,9 +39,10 @@ public:
     static PasteRoute pasteRouteFor(
         const SessionInfo& session, std::optional<int> gnomeShellMajor, const std::function<bool()>& canSynthesisePaste);
 
-    // From a short-lived copy of the program started by a compositor key binding: hands a press or
-    // release of the dictation key to the running program. False, with the reason, when none takes it.
-    static bool sendToRunningProgram(bool pressed, QString* error);
+    // From a short-lived copy of the program (started by a compositor key binding, or by the user
+    // while a copy runs): hands a press or release of the dictation key, or a request to show
+    // itself, to the running program. False, with the reason, when none takes it.
+    static bool sendToRunningProgram(CommandSocket::Command command, QString* error);
 
 private:
     void chooseKeySource(std::function<HotKey()> dictationKey);
@@ -48,6 +51,8 @@ private:
     static void logMissingFakeInput();
 
     SessionInfo m_session;
+    // Listened on once this copy holds the single-instance lock.
+    std::shared_ptr<CommandSocket> m_commands;
     std::shared_ptr<WaylandClient> m_wayland;
     std::unique_ptr<KeyMonitor> m_keyMonitor;
     KeySource m_keySource;

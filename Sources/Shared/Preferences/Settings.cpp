@@ -16,7 +16,7 @@ constexpr auto kHotKey = "hotKey";
 constexpr auto kLocaleIdentifier = "localeIdentifier";
 constexpr auto kPreferOnDevice = "preferOnDevice";
 constexpr auto kPlaySounds = "playSounds";
-constexpr auto kYtDlpUpdateOffered = "ytDlpUpdateOffered";
+constexpr auto kYtDlpUpdateDeclined = "ytDlpUpdateDeclined";
 
 // A store of its own for every access, rather than one shared object: QSettings objects are
 // reentrant, not thread-safe, and Qt lets distinct objects on the same file be used from several
@@ -169,12 +169,12 @@ void Settings::setPlaySounds(bool on)
     setValue(kPlaySounds, on);
 }
 
-bool Settings::ytDlpUpdateOffered() const
+bool Settings::ytDlpUpdateDeclined() const
 {
-    return storedValue(kYtDlpUpdateOffered).toBool(); // false until it happened
+    return storedValue(kYtDlpUpdateDeclined).toBool(); // false until it happened
 }
 
-void Settings::setYtDlpUpdateOffered(bool offered)
+void Settings::setYtDlpUpdateDeclined(bool declined)
 {
-    setValue(kYtDlpUpdateOffered, offered);
+    setValue(kYtDlpUpdateDeclined, declined);
 }

@@ -34,9 +34,9 @@ public:
     bool playSounds() const;
     void setPlaySounds(bool on);
 
-    // Whether the user was offered a current yt-dlp in place of the system's outdated one.
-    bool ytDlpUpdateOffered() const;
-    void setYtDlpUpdateOffered(bool offered);
+    // Whether the user answered "Agora não" to a current yt-dlp in place of the system's outdated one.
+    bool ytDlpUpdateDeclined() const;
+    void setYtDlpUpdateDeclined(bool declined);
 
 private:
     Settings();

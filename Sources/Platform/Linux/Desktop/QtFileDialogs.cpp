@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QMimeDatabase>
 #include <QSet>
 
@@ -28,8 +29,10 @@ QList<QMimeType> expand(const QString& name)
 }
 
 // "Vídeo ou áudio (*.mp4 *.mkv …)": Qt's own MIME filters take no wildcards, so the patterns are
-// gathered here, each once, in the order the types list them.
-QString nameFilter(const FileDialogs::Filter& filter)
+// gathered here, each once, in the order the types list them. The dialog shows the label alone
+// (the patterns of every video and audio type make a line of nearly a thousand characters), and
+// "Todos os arquivos" lets a file with an unusual name be picked all the same.
+QStringList nameFilters(const FileDialogs::Filter& filter)
 {
     QStringList patterns;
     QSet<QString> seen;
@@ -43,33 +46,42 @@ QString nameFilter(const FileDialogs::Filter& filter)
             }
         }
     }
-    return filter.label + QStringLiteral(" (") + patterns.join(u' ') + u')';
+    return {filter.label + QStringLiteral(" (") + patterns.join(u' ') + u')', QStringLiteral("Todos os arquivos (*)")};
 }
 
-std::optional<QString> run(QFileDialog& dialog)
+}
+
+void QtFileDialogs::prepare(QFileDialog& dialog, const Filter& filter) const
 {
     // Qt's own dialog: the same on every desktop, and usable without a portal or a window manager.
-    dialog.setOption(QFileDialog::DontUseNativeDialog);
-    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
-        return std::nullopt;
-    return dialog.selectedFiles().constFirst();
+    dialog.setOptions(QFileDialog::DontUseNativeDialog | QFileDialog::HideNameFilterDetails);
+    dialog.setNameFilters(nameFilters(filter));
+    dialog.setDirectory(m_lastFolder.isEmpty() ? QDir::homePath() : m_lastFolder);
 }
 
+std::optional<QString> QtFileDialogs::run(QFileDialog& dialog)
+{
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return std::nullopt;
+    const QString chosen = dialog.selectedFiles().constFirst();
+    // The next dialog opens where the user last found or put a file.
+    m_lastFolder = QFileInfo(chosen).absolutePath();
+    return chosen;
 }
 
 std::optional<QString> QtFileDialogs::openFile(QWidget* parent, const QString& title, const Filter& filter)
 {
-    QFileDialog dialog(parent, title, QDir::homePath());
+    QFileDialog dialog(parent, title);
+    prepare(dialog, filter);
     dialog.setFileMode(QFileDialog::ExistingFile);
-    dialog.setNameFilter(nameFilter(filter));
     return run(dialog);
 }
 
 std::optional<QString> QtFileDialogs::saveFile(QWidget* parent, const QString& title, const Filter& filter, const QString& suggestedName)
 {
-    QFileDialog dialog(parent, title, QDir::homePath());
+    QFileDialog dialog(parent, title);
+    prepare(dialog, filter);
     dialog.setAcceptMode(QFileDialog::AcceptSave);
-    dialog.setNameFilter(nameFilter(filter));
     dialog.selectFile(suggestedName);
     // A name typed without its extension still gets one.
     if (!filter.mimeTypes.isEmpty())
