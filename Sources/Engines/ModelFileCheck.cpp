@@ -122,8 +122,8 @@ bool isCount(qint32 value)
 // tensors follow (the loader insists on every one of them).
 std::optional<qint64> readWhisperHeader(Reader& reader)
 {
-    qint32 vocabulary = 0, audioContext = 0, audioState = 0, audioHeads = 0, audioLayers = 0, textContext = 0, textState = 0,
-           textHeads = 0, textLayers = 0, mels = 0, fileType = 0;
+    qint32 vocabulary = 0, audioContext = 0, audioState = 0, audioHeads = 0, audioLayers = 0, textContext = 0, textState = 0, textHeads = 0,
+           textLayers = 0, mels = 0, fileType = 0;
     if (!readInts(reader,
             {&vocabulary, &audioContext, &audioState, &audioHeads, &audioLayers, &textContext, &textState, &textHeads, &textLayers, &mels,
                 &fileType})
