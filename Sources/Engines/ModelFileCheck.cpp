@@ -201,9 +201,6 @@ Verdict checkGgml(Reader& reader, ModelFileCheck::Format format)
         = format == ModelFileCheck::Format::whisperGgml ? readWhisperHeader(reader) : readVoiceActivityHeader(reader);
     if (!tensors)
         return reader.failure();
-    // A header without tensors is whisper.cpp's vocabulary-only test file, never a model to use.
-    if (*tensors == 0)
-        return Verdict::invalid;
     return readGgmlTensors(reader, *tensors);
 }
 
