@@ -261,6 +261,22 @@ TEST_F(ModelDownloaderTest, ResumeContinuesOnlyTheSameFile)
     }
 }
 
+// A model that arrived whole but cannot be moved into place (a folder has its name) is kept, and
+// the next try installs it without fetching it again.
+TEST_F(ModelDownloaderTest, AWholeModelThatCannotBeMovedIntoPlaceIsKept)
+{
+    TestSupport::writeFile(small.filePath() + "/no caminho", "");
+    server.setRoute(small.fileName, Route{.body = kModel});
+    start();
+    EXPECT_EQ(waitForEnd(), "Download não concluído: Falha ao salvar o modelo: já existe uma pasta " + small.filePath() + ".");
+    EXPECT_EQ(partSize(), kModel.size());
+    QDir(small.filePath()).removeRecursively();
+    start();
+    EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
+    EXPECT_EQ(server.ranges.last(), "Range: bytes=" + QByteArray::number(kModel.size()) + '-');
+    EXPECT_EQ(contents(small.fileName), kModel);
+}
+
 // Servers that misbehave never get a wrong file installed, and never cost the user what arrived:
 // a half that can be continued is kept, and the next try (from a good server) finishes it.
 TEST_F(ModelDownloaderTest, BadServersNeverInstallAWrongFileNorLoseAResumableHalf)

@@ -514,7 +514,11 @@ void ModelDownloader::moveIntoPlace()
     std::error_code error;
     std::filesystem::rename(partPath().toStdString(), destinationPath().toStdString(), error);
     if (error) {
-        fail(saveFailure(QString::fromStdString(error.message())), false);
+        // The file is whole: it stays, and the next try installs it without fetching it again.
+        const QString reason = QFileInfo(destinationPath()).isDir()
+            ? QStringLiteral("Falha ao salvar o modelo: já existe uma pasta %1.").arg(destinationPath())
+            : saveFailure(QString::fromStdString(error.message()));
+        fail(reason, true);
         return;
     }
     QFile::remove(validatorPath());
