@@ -204,11 +204,16 @@ Verdict checkGgml(Reader& reader, ModelFileCheck::Format format)
     return readGgmlTensors(reader, *tensors);
 }
 
-// GGUF strings: a 64-bit length, then the bytes.
-bool readGgufString(Reader& reader, QByteArray& text)
+// GGUF strings: a 64-bit length, then the bytes. Only a key's are read, and only when short enough
+// to be one the check looks for; a long one is stepped over, not held in memory.
+bool readGgufKey(Reader& reader, QByteArray& key)
 {
+    constexpr quint64 kLongestKey = 256;
     quint64 length = 0;
-    return reader.read(length) && reader.readBytes(length, text);
+    if (!reader.read(length))
+        return false;
+    key.clear();
+    return length <= kLongestKey ? reader.readBytes(length, key) : reader.skip(length);
 }
 
 bool skipGgufString(Reader& reader)
@@ -249,7 +254,7 @@ bool readGgufMetadata(Reader& reader, qint64 pairs, quint64& alignment)
     for (qint64 i = 0; i < pairs; ++i) {
         QByteArray key;
         quint32 type = 0;
-        if (!readGgufString(reader, key) || !reader.read(type))
+        if (!readGgufKey(reader, key) || !reader.read(type))
             return false;
         if (key == "general.alignment") {
             quint32 value = 0;
