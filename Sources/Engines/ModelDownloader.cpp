@@ -32,9 +32,6 @@ const QString kCutShort = QStringLiteral("A conexão caiu antes do fim do downlo
 const QString kRangeRefused = QStringLiteral("O servidor não pôde continuar o download de onde ele parou (HTTP 416). O que tinha "
                                              "chegado foi descartado: tente de novo para baixar do início.");
 
-// What the file that arrived turned out to be.
-enum class Finding { whole, cutShort, notAModel, otherSize, otherHash };
-
 QString platformNote(const char* onLinux, const char* onMac)
 {
 #ifdef Q_OS_MACOS
@@ -91,24 +88,6 @@ QByteArray fileSha256(const QString& path)
     QFile file(path);
     QCryptographicHash hash(QCryptographicHash::Sha256);
     return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result().toHex() : QByteArray();
-}
-
-// The structure first: it costs a few reads; the hash reads every byte.
-Finding examine(const QString& path, const ModelDownloader::Model& model)
-{
-    const qint64 size = QFileInfo(path).size();
-    if (model.bytes > 0 && size > model.bytes)
-        return Finding::otherSize;
-    switch (ModelFileCheck::check(path, model.format)) {
-    case ModelFileCheck::Verdict::incomplete: return Finding::cutShort;
-    case ModelFileCheck::Verdict::invalid: return Finding::notAModel;
-    case ModelFileCheck::Verdict::complete: break;
-    }
-    if (model.bytes > 0 && size != model.bytes)
-        return Finding::otherSize;
-    if (!model.sha256.isEmpty() && fileSha256(path) != model.sha256)
-        return Finding::otherHash;
-    return Finding::whole;
 }
 
 // A reason that stands alone in the download window: it starts with a capital.
@@ -470,6 +449,24 @@ void ModelDownloader::onFinished(QNetworkReply* reply)
     verify(true);
 }
 
+// The structure first: it costs a few reads; the hash reads every byte.
+ModelDownloader::Finding ModelDownloader::examine(const QString& path, const Model& model)
+{
+    const qint64 size = QFileInfo(path).size();
+    if (model.bytes > 0 && size > model.bytes)
+        return Finding::otherSize;
+    switch (ModelFileCheck::check(path, model.format)) {
+    case ModelFileCheck::Verdict::incomplete: return Finding::cutShort;
+    case ModelFileCheck::Verdict::invalid: return Finding::notAModel;
+    case ModelFileCheck::Verdict::complete: break;
+    }
+    if (model.bytes > 0 && size != model.bytes)
+        return Finding::otherSize;
+    if (!model.sha256.isEmpty() && fileSha256(path) != model.sha256)
+        return Finding::otherHash;
+    return Finding::whole;
+}
+
 // Qt sometimes ends a cut connection as if the answer were complete, so neither that nor an
 // announced length decides: a file shorter than announced is a cut, kept for resuming, and
 // otherwise the file's own structure (then size and hash) says what arrived. Reading it runs on a
@@ -480,7 +477,7 @@ void ModelDownloader::verify(bool resumable)
     const qint64 size = m_part.size();
     m_part.close();
     if (m_expected >= 0 && size < m_expected) {
-        onVerified(int(Finding::cutShort), resumable);
+        onVerified(Finding::cutShort, resumable);
         return;
     }
     const QPointer<ModelDownloader> self(this);
@@ -490,16 +487,16 @@ void ModelDownloader::verify(bool resumable)
             QCoreApplication::instance(),
             [self, attempt, finding, resumable] {
                 if (self && self->m_isDownloading && self->m_attempt == attempt)
-                    self->onVerified(int(finding), resumable);
+                    self->onVerified(finding, resumable);
             },
             Qt::QueuedConnection);
     });
 }
 
-void ModelDownloader::onVerified(int finding, bool resumable)
+void ModelDownloader::onVerified(Finding finding, bool resumable)
 {
     const QString otherFile = QStringLiteral("O arquivo recebido não confere com o modelo publicado (%1). O arquivo foi descartado.");
-    switch (Finding(finding)) {
+    switch (finding) {
     case Finding::whole: moveIntoPlace(); return;
     case Finding::cutShort: fail(resumable ? kCutShort : kRangeRefused, resumable); return;
     case Finding::notAModel: fail(QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."), false); return;

@@ -42,7 +42,7 @@ public:
         QString note;
         QByteArray sha256; // lowercase hex; empty when no published hash is known (the structure check stays)
         qint64 bytes = 0; // the published file's exact length; 0 when not known
-        ModelFileCheck::Format format = ModelFileCheck::Format::whisperGgml;
+        ModelFileCheck::Format format = ModelFileCheck::Format::whisperGgml; // the layout its structure is read as
 
         static const QList<Model>& catalog();
         // What the start-up offer proposes: "small" runs well on most computers without a GPU.
@@ -118,8 +118,11 @@ private:
     void onFinished(QNetworkReply* reply);
     bool hasRoomFor(qint64 bytes);
     void rememberValidator(const QNetworkReply& reply);
+    // What the file that arrived turned out to be.
+    enum class Finding { whole, cutShort, notAModel, otherSize, otherHash };
+    static Finding examine(const QString& path, const Model& model);
     void verify(bool resumable);
-    void onVerified(int finding, bool resumable);
+    void onVerified(Finding finding, bool resumable);
     void moveIntoPlace();
     void dropTransfer();
     void startOver();
