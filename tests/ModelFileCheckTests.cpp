@@ -2,7 +2,6 @@
 #include "ModelFiles.h"
 
 #include <QBuffer>
-#include <QFile>
 
 #include <gtest/gtest.h>
 
@@ -46,15 +45,11 @@ TEST(ModelFileCheckTest, AWhisperModelIsWholeOnlyWithEveryTensorToTheLastByte)
         EXPECT_EQ(name(check(other, Format::whisperGgml)), "invalid") << other.left(40).toStdString();
 }
 
-TEST(ModelFileCheckTest, WhisperCppsOwnVoiceActivityModelIsWhole)
+// (whisper.cpp's own copy of the real one goes through the downloader's tests.)
+TEST(ModelFileCheckTest, AVoiceActivityModelIsWholeWithTheTensorsItsLayersCallFor)
 {
-    QFile published(VOXARIA_WHISPER_TEST_MODELS "/for-tests-silero-v6.2.0-ggml.bin");
-    ASSERT_TRUE(published.open(QIODevice::ReadOnly)) << "built with whisper-cli: " << published.fileName().toStdString();
-    const QByteArray model = published.readAll();
-    EXPECT_EQ(name(check(model, Format::voiceActivityGgml)), "complete");
-    EXPECT_EQ(name(check(model.left(model.size() / 2), Format::voiceActivityGgml)), "incomplete");
-    EXPECT_EQ(name(check(model + "x", Format::voiceActivityGgml)), "invalid");
-    EXPECT_EQ(name(ModelFileCheck::check(published.fileName(), Format::voiceActivityGgml)), "complete");
+    expectEveryCutIncomplete(ModelFiles::voiceActivity(), Format::voiceActivityGgml);
+    EXPECT_EQ(name(check(ModelFiles::whisper(64 << 10), Format::voiceActivityGgml)), "invalid");
 }
 
 TEST(ModelFileCheckTest, AGgufFileEndsWhereItsAlignedTensorDataDoes)

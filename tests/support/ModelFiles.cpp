@@ -57,6 +57,20 @@ QByteArray ModelFiles::whisper(qint64 bytes, char fill)
     return out;
 }
 
+QByteArray ModelFiles::voiceActivity()
+{
+    QByteArray out;
+    put<quint32>(out, 0x67676d6c);
+    const QByteArray type = "silero-16k";
+    put<qint32>(out, qint32(type.size()));
+    out.append(type);
+    for (qint32 value : {6, 2, 0, 512, 64, 1, 129, 128, 3, 128, 128, 128, 1}) // version, window, context, 1 layer: its shape, LSTM, output
+        put<qint32>(out, value);
+    for (int i = 0; i < 9; ++i)
+        putGgmlTensor(out, "vad." + QByteArray::number(i), 16, 0, 'v');
+    return out;
+}
+
 QByteArray ModelFiles::gguf(const QList<GgufTensor>& tensors, quint32 alignment)
 {
     QByteArray out("GGUF");

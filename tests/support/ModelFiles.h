@@ -10,6 +10,9 @@ namespace ModelFiles {
 // long (at least a few kilobytes); its weights are `fill`.
 QByteArray whisper(qint64 bytes, char fill = 'w');
 
+// whisper.cpp's Silero voice activity model layout, with one encoder layer (its 9 tensors).
+QByteArray voiceActivity();
+
 struct GgufTensor {
     QList<qint64> shape;
     quint32 type = 0; // f32
