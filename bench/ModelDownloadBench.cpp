@@ -82,7 +82,7 @@ int main(int argc, char** argv)
 
     auto* alerts = new TimedAlerts;
     const QUrl address(QStringLiteral("http://127.0.0.1:%1/").arg(port));
-    ModelDownloader downloader(std::unique_ptr<Alerts>(alerts), {address, address});
+    ModelDownloader downloader(std::unique_ptr<Alerts>(alerts), {address, address, address});
     // Already there, so the one connection the server takes brings the Whisper model.
     QFile vad(ModelDownloader::Model::voiceActivity().filePath());
     if (!QDir().mkpath(AppPaths::modelsFolder()) || !vad.open(QIODevice::WriteOnly)) {

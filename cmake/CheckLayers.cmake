@@ -11,7 +11,7 @@ set(rules
   "<pulse/|<soxr\\.h" "Platform/Linux/Audio/"
   "<pocketsphinx|<sphinxbase/" "Platform/Linux/Speech/"
   "<libav[a-z]*/|<libsw[a-z]*/" "Platform/Linux/Media/"
-  "<QDBus|<QtDBus" "Platform/Linux/Desktop/,Platform/Linux/KDE/"
+  "<QDBus|<QtDBus" "Platform/Linux/Desktop/,Platform/Linux/KDE/,Platform/Linux/Portal/"
   "\"Platform/Linux/" "Platform/Linux/,App/main.cpp"
   "\"App/" "App/")
 

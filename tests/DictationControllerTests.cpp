@@ -15,6 +15,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QLabel>
+#include <QSet>
 #include <QWidget>
 
 #include <gtest/gtest.h>
@@ -106,6 +108,12 @@ public:
     }
 
     bool hudVisible() { return controller->hud().panel()->isVisible(); }
+    // The live text under the status, as the user reads it ("" when its line is hidden).
+    QString hudText()
+    {
+        const QLabel* label = controller->hud().panel()->findChild<QLabel*>("textLabel");
+        return label->isVisibleTo(controller->hud().panel()) ? label->text().remove(QChar(0x200B)) : QString();
+    }
     QString hudStatus() { return controller->hud().panel()->accessibleName(); }
 
     // The key held for 0.4 s by its events' times.
@@ -252,6 +260,63 @@ TEST_F(DictationTest, TheWarningStaysThreeSecondsAndAnErrorFour)
     }
 }
 
+// A live engine reports a new text every few milliseconds: the HUD shows the first at once, then at
+// most one a tenth of a second, always the latest, its last words in view however long it grows.
+TEST_F(DictationTest, LiveTextIsShownAtMostTenTimesASecondWithItsLatestWordsInView)
+{
+    controller->startRecording(1000);
+    script->partial("Olá");
+    EXPECT_EQ(hudText(), "Olá") << "the first text waited";
+    script->partial("Olá, tudo");
+    script->partial("Olá, tudo bem");
+    EXPECT_EQ(hudText(), "Olá") << "texts within a tenth of a second of the last one shown were not held back";
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText() == "Olá, tudo bem"; }, 2s)) << hudText().toStdString();
+
+    // Words every 10 ms for 0.6 s, the panel looked at between them.
+    QString said = "Olá, tudo bem";
+    QSet<QString> seen;
+    const auto startedAt = std::chrono::steady_clock::now();
+    for (int word = 0; word < 60; ++word) {
+        said += QString(" palavra%1").arg(word);
+        script->partial(said);
+        TestSupport::spin(10ms);
+        seen.insert(hudText());
+    }
+    const auto took = std::chrono::steady_clock::now() - startedAt;
+    EXPECT_LE(seen.size(), took / 100ms + 2) << "more texts shown than one a tenth of a second";
+    EXPECT_GE(seen.size(), 3) << "the text stood still while the words came";
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText().endsWith("palavra58 palavra59"); }, 2s)) << hudText().toStdString();
+    EXPECT_TRUE(hudText().startsWith(QChar(0x2026))) << "the beginning of a text longer than three lines gives way to its end";
+
+    controller->stopRecordingAndInsert(1400);
+    EXPECT_EQ(hudStatus(), transcribing);
+    script->partial(said + " fim.");
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText().endsWith("palavra59 fim."); }, 2s)) << "no live text while finishing";
+}
+
+// A text that was waiting when its dictation ended never shows up in the next one.
+TEST_F(DictationTest, ALiveTextLeftWaitingNeverReachesTheNextDictation)
+{
+    const std::function<void()> ends[] = {
+        [this] {
+            controller->stopRecordingAndInsert(1400);
+            script->final("primeiro ditado");
+        },
+        [this] { script->error(whisperFailed); }, [this] { controller->stopRecordingAndInsert(1100); }, // a slip of the key
+    };
+    for (const auto& end : ends) {
+        restart();
+        controller->startRecording(1000);
+        script->partial("primeiro");
+        script->partial("primeiro ditado");
+        end();
+        controller->startRecording(2000);
+        TestSupport::spin(300ms);
+        EXPECT_EQ(hudStatus(), listening);
+        EXPECT_EQ(hudText(), "") << "the earlier dictation's words came back";
+    }
+}
+
 // Where no paste can reach the focused window, the text stays on the clipboard and the HUD says so.
 TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndSaysSoForThreeSeconds)
 {
@@ -265,6 +330,16 @@ TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndSaysSoForThreeSecond
     EXPECT_EQ(pasteboard->string(), "texto ditado") << "the clipboard was put back";
     EXPECT_TRUE(keyPoster->posted.empty());
     EXPECT_EQ(HistoryStore::shared().entries().value(0).text, "texto ditado");
+}
+
+// GNOME holds the first paste of a run behind its consent dialog: the HUD says what to answer.
+TEST_F(DictationTest, APasteWaitingForGnomesConsentAsksTheUserToAllowIt)
+{
+    insertionMode = TextInserter::Mode::askingConsent;
+    dictate();
+    script->final("texto ditado");
+    EXPECT_EQ(hudStatus(), "Permita o controle remoto na janela do GNOME para o texto ser colado");
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return keyPoster->posted.size() == 2; })) << "the paste goes out all the same";
 }
 
 // The engine follows the "engine" setting and what is installed.

@@ -3,6 +3,7 @@
 #include "AppRun.h"
 #include "DesktopApps.h"
 #include "LocalHttpServer.h"
+#include "Shared/LiveSpeechModel.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
@@ -148,7 +149,7 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingLanguageThenTypesTheSpeechAndKeepsT
     const int from = app.lineCount();
     ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 500ms));
     const QString warning = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
-                                           "Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+                                           "Baixe o modelo do motor nativo no menu ou escolha outro idioma.");
     EXPECT_TRUE(app.waitForLog(warning, 5s, from)) << app.log().join('\n').toStdString();
     expectNothingInserted();
 
@@ -276,8 +277,10 @@ TEST_F(EndToEnd, TheTrayMenuChangesTheKeySoundsLanguageEngineAndStartWithTheSess
     // Our own sounds would reach the recogniser through the virtual microphone.
     chooseInTrayMenu(8);
     ASSERT_TRUE(settingBecomes(QStringLiteral("playSounds"), false));
-    chooseInTrayMenu(6, 1);
+    chooseInTrayMenu(6, 2);
     ASSERT_TRUE(settingBecomes(QStringLiteral("localeIdentifier"), QStringLiteral("en-US")));
+    // With its model in place the native engine is chosen at once, without offering it.
+    TestSupport::writeFile(app.dataFolder() + QStringLiteral("/models/") + LiveSpeechModel::fileName(), "GGUF");
     chooseInTrayMenu(3, 1);
     ASSERT_TRUE(settingBecomes(QStringLiteral("engine"), QStringLiteral("apple")));
     const QString speech = goForward();

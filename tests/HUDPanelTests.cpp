@@ -21,9 +21,9 @@ const QString longText
                      "tecla continuava apertada e o microfone ouvia tudo com atenção; a frase cresceu, passou de uma linha, "
                      "passou de duas, passou de três, e ainda assim continuou a crescer até que só o seu final coubesse no "
                      "painel, que mostra sempre as últimas palavras ditas: fim da frase.");
-// What a default install without a Brazilian Portuguese model shows first, about 900 px wide.
-const QString pocketSphinxError = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
-                                                 "Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+// What a fresh install shows at the first press on the native engine, about 900 px wide.
+const QString nativeEngineError = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
+                                                 "Baixe o modelo do motor nativo no menu ou escolha outro idioma.");
 
 TEST(HUDPanelPlacement, GoesToTheScreenHoldingThePointer)
 {
@@ -90,7 +90,7 @@ TEST_F(HUDPanelTest, AllItShowsFitsOnThePanelWhichGrowsUpward)
         = QStringLiteral("⚠️ Falha na transcrição Whisper: error: failed to open "
                          "'/home/usuario/.local/share/Voxaria/models/ggml-large-v3-turbo-q5_0-pt-BR-ajustado.bin' as a model file");
     const QString runaway = QStringLiteral("⚠️ Falha na transcrição Whisper: ") + QStringLiteral("ruído ").repeated(4000);
-    for (const QString& status : {listening, pocketSphinxError, whisperError, runaway}) {
+    for (const QString& status : {listening, nativeEngineError, whisperError, runaway}) {
         SCOPED_TRACE(status.left(100).toStdString());
         hud.show(status, longText);
         EXPECT_TRUE(TestSupport::waitUntil([&] { return showsAllOf("statusLabel") && showsAllOf("textLabel"); }))
@@ -112,7 +112,7 @@ TEST_F(HUDPanelTest, SitsDarkOverTheFrontWindowWithoutTakingItsFocusAndLetsClick
     QProcess::execute(QStringLiteral("xdotool"),
         {QStringLiteral("windowsize"), window, QStringLiteral("1920"), QStringLiteral("1080"), QStringLiteral("windowmove"), window,
             QStringLiteral("0"), QStringLiteral("0")});
-    hud.show(pocketSphinxError, longText);
+    hud.show(nativeEngineError, longText);
     TestSupport::spin(400ms);
     EXPECT_EQ(XTestKeyboard::focusedWindow(), receiver.windowId());
 

@@ -57,7 +57,8 @@ class ModelDownloaderTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
     FakeAlerts* alerts = new FakeAlerts;
-    ModelDownloader downloader{std::unique_ptr<Alerts>(alerts), {server.baseUrl(), server.baseUrl().resolved(QUrl("vad/"))}};
+    ModelDownloader downloader{std::unique_ptr<Alerts>(alerts),
+        {server.baseUrl(), server.baseUrl().resolved(QUrl("vad/")), server.baseUrl().resolved(QUrl("nemotron/"))}};
     QList<bool> completions;
 
     void SetUp() override
@@ -434,6 +435,36 @@ TEST_F(ModelDownloaderTest, TheVoiceActivityModelComesAlongAndNeverBlocks)
     EXPECT_FALSE(QFile::exists(small.partPath())) << "the Whisper model was started";
 }
 
+// The live engine's model comes from its own repository as a GGUF file: a ggml file there is refused,
+// an interrupted one resumes, and neither the voice activity model nor the Whisper choice is touched.
+TEST_F(ModelDownloaderTest, TheLiveModelIsAGgufFileOfItsOwnThatSelectsNoWhisperModel)
+{
+    const ModelDownloader::Model& live = ModelDownloader::Model::liveSpeech();
+    const QByteArray gguf = ModelFiles::gguf({{{3 << 18}}});
+    QFile::remove(vad.filePath());
+    const struct {
+        Route route;
+        QString outcome;
+    } tries[] = {
+        {{.body = kModel}, "Download não concluído: O arquivo recebido não é um modelo do motor nativo. Nada foi instalado."},
+        {{.body = gguf, .cutAt = 1 << 20, .etag = "\"g\""},
+            "Download não concluído: A conexão caiu antes do fim do download. Tente de novo: ele continua de onde parou."},
+        {{.body = gguf, .etag = "\"g\""},
+            "Modelo instalado: Modelo \"Texto ao vivo — Nemotron\" instalado e selecionado. Segure a tecla "
+            "de ditado e fale."},
+    };
+    for (const auto& t : tries) {
+        server.setRoute("nemotron/" + live.fileName, t.route);
+        start(live);
+        EXPECT_EQ(waitForEnd(), t.outcome);
+    }
+    EXPECT_EQ(server.ranges.last(), "Range: bytes=1048576-");
+    EXPECT_EQ(contents(live.fileName), gguf);
+    EXPECT_EQ(completions, (QList<bool>{false, false, true}));
+    EXPECT_FALSE(vad.isDownloaded()) << "whisper-cli's voice activity model came along";
+    EXPECT_EQ(Settings::shared().whisperModelFileName(), "ggml-base-q5_1.bin");
+}
+
 TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
 {
     const QString program = QCoreApplication::applicationDirPath() + "/whisper-cli";
@@ -450,8 +481,8 @@ TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
     const QString offered
         = "Instalar o motor de transcrição de alta qualidade?\nO Voxaria pode baixar o modelo Whisper "
           "\"Equilibrado — small\" (190 MB, download único, recomendado para a maioria dos computadores). Ele roda 100% no seu "
-          "computador, offline, e tem qualidade de transcrição superior.\n\nEnquanto isso, o motor nativo (PocketSphinx) "
-          "funciona nos idiomas que tiverem modelo instalado. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
+          "computador, offline, e tem qualidade de transcrição superior.\n\nO motor nativo (Nemotron, texto ao vivo enquanto você "
+          "fala) também precisa de um modelo, que fica no mesmo menu. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
 
     EXPECT_EQ(offer("Agora não"), offered);
     EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple);

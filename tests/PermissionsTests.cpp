@@ -3,6 +3,7 @@
 #include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 
@@ -18,6 +19,14 @@ namespace {
 
 using Variables = QList<std::pair<QByteArray, QByteArray>>;
 const Variables kWayland{{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}};
+
+// The native engine's model in the models folder, or not; its contents are never read by the checks.
+void installLiveModel(bool installed)
+{
+    QFile::remove(LiveSpeechModel::installedPath());
+    if (installed)
+        TestSupport::writeFile(LiveSpeechModel::installedPath(), "GGUF");
+}
 
 // Sets variables the harness leaves unset, for one scope.
 struct Environment {
@@ -37,8 +46,8 @@ struct Environment {
 
 }
 
-// The alert's marks come from the real machine: the harness's microphone, the installed
-// PocketSphinx models (Debian's en-US only) and the X server, each taken away in turn.
+// The alert's marks come from the real machine: the harness's microphone, the native engine's model
+// (which knows no Greek yet) and the X server, each taken away in turn.
 TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
 {
     if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
@@ -47,12 +56,15 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
         QString locale;
         Variables environment;
         QString marks;
+        bool modelInstalled = true;
     } cases[] = {
-        {"en-US", {}, "✅✅✅"}, {"en-US", {}, "❌✅✅"}, {"pt-BR", {}, "✅❌✅"}, {"en-US", kWayland, "✅✅❌"}, // even with an X display (XWayland)
+        {"pt-BR", {}, "✅✅✅"}, {"en-US", {}, "❌✅✅"}, {"pt-BR", {}, "✅❌✅", false}, {"el-GR", {}, "✅❌✅"},
+        {"pt-BR", kWayland, "✅✅❌"}, // even with an X display (XWayland)
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.marks.toStdString());
+        SCOPED_TRACE((c.locale + c.marks).toStdString());
         const Environment environment(c.environment);
+        installLiveModel(c.modelInstalled);
         std::optional<TestSupport::NoMicrophone> unplugged;
         if (c.marks.startsWith("❌"))
             unplugged.emplace();
@@ -87,7 +99,8 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         std::optional<TestSupport::NoMicrophone> unplugged;
         if (missing)
             unplugged.emplace();
-        Settings::shared().setLocaleIdentifier(missing ? "pt-BR" : "en-US");
+        Settings::shared().setLocaleIdentifier("pt-BR");
+        installLiveModel(!missing);
         log.clear();
         QList<bool> answers;
         const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };
@@ -113,14 +126,15 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
     EXPECT_EQ(Permissions::permissionsAlert({true, true, true}, "pt-BR", wayland).informativeText.section('\n', 4, 4),
         "3. Acesso ao teclado (Wayland (sway/Hyprland)) — tecla de ditado: compositor bindings + /dev/input; colagem: copiar apenas "
         "(cole com Ctrl+V) ✅ concedida");
-    // On GNOME a paragraph says what its one-time question is for, or why the text is only copied.
+    // On GNOME a paragraph says what its question at every start is for, or why the text is only copied.
     FakeSessionPlatform gnome;
     gnome.sessionInfo = {SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome, true};
     for (const auto route : {SessionPlatform::PasteRoute::xwayland, SessionPlatform::PasteRoute::copyOnly}) {
         gnome.route = route;
         const QString text = Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(gnome)).informativeText;
         EXPECT_TRUE(text.section("\n\n", 2, 2)
-                        .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45" : "pergunta uma vez se permite"))
+                        .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45"
+                                                                                 : "a cada início do Voxaria, o GNOME pergunta"))
             << text.toStdString();
     }
 }
@@ -131,8 +145,12 @@ TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
     EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false})
         || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    // GNOME 50 has no X11 session to offer; its portal does without the group.
     const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
-    EXPECT_TRUE(text.contains("grupo input") && text.contains("sessão X11")) << text.toStdString();
+    EXPECT_TRUE(text.contains("grupo input") && text.contains("portal") && !text.contains("sessão X11")) << text.toStdString();
+    const SessionInfo other{SessionInfo::Kind::wayland, SessionInfo::Compositor::other};
+    EXPECT_TRUE(
+        Permissions::noKeySourceAlert(other, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText.contains("sessão X11"));
 }
 
 TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
@@ -141,9 +159,9 @@ TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)
     const auto alert = Permissions::noEngineAlert(false, false, "fr-FR");
     ASSERT_TRUE(alert);
     EXPECT_EQ(alert->messageText + "|" + alert->informativeText,
-        "Instale o Whisper para ditar|O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma "
+        "Instale o Whisper para ditar|O Voxaria não encontrou o whisper-cli, e o motor nativo (Nemotron) não tem modelo para o idioma "
         "fr-FR.\n\n"
-        "Instale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com modelo nativo instalado.");
+        "Instale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou baixe o modelo do motor nativo no menu.");
 }
 
 // The program run from the build tree finds its help page, and the page loads nothing remote.
@@ -152,7 +170,7 @@ TEST(Permissions, TheHelpPageIsBesideTheProgramAndSelfContained)
     const QString html
         = QString::fromUtf8(HistoryFiles::read(Permissions::helpPageURL(QFileInfo(VOXARIA_APP_BINARY).absolutePath()).toLocalFile()));
     for (const char* topic :
-        {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "speech/", "Iniciar com o sistema", "history.json"})
+        {"PulseAudio", "Wayland", "whisper-cli", "~/.local/share/Voxaria/models", "Nemotron", "Iniciar com o sistema", "history.json"})
         EXPECT_TRUE(html.contains(topic)) << topic;
     EXPECT_FALSE(html.contains(QRegularExpression(R"((src=|@import|url\(|<link[^>]*href=)\s*["']?(https?:)?//)")));
     // Installed, the program sits in its own folder beside whisper-cli, two levels below the data.

@@ -11,6 +11,7 @@
 #include "Platform/Fakes/FakeSystemTray.h"
 #include "Platform/Fakes/FakeUrlOpener.h"
 #include "Shared/AppPaths.h"
+#include "Shared/LiveSpeechModel.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
@@ -61,7 +62,7 @@ protected:
     FakeLoginItem* loginItem = new FakeLoginItem;
     FakeUrlOpener* urlOpener = new FakeUrlOpener;
     FakeSystemTray* tray = new FakeSystemTray;
-    ModelDownloader downloader{std::make_unique<FakeAlerts>(), {server.baseUrl(), server.baseUrl()}};
+    ModelDownloader downloader{std::make_unique<FakeAlerts>(), {server.baseUrl(), server.baseUrl(), server.baseUrl()}};
     FakeSessionPlatform platform;
     std::unique_ptr<AppDelegate> app;
     const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";
@@ -114,18 +115,32 @@ TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
     EXPECT_EQ(describe(*app->menu()),
         "Segure Alt direito (AltGr) para ditar (off)\n--\n"
         "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
-        "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  PocketSphinx (nativo, tempo real)\n"
+        "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  Nemotron (nativo, tempo real)\n"
         "Modelo Whisper\n"
         "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
         "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
         "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
+        "  --\n"
+        "  Texto ao vivo — Nemotron (716 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\n"
         "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
-        "Idioma\n  ✓ Português (Brasil)\n  English (US)\n  Español\n  Français\n  Deutsch\n  Italiano\n"
+        "Idioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n  English (UK)\n  Español (España)\n"
+        "  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n  Italiano\n  Nederlands\n  Türkçe\n"
+        "  Русский\n  Українська\n  العربية\n  हिन्दी\n  日本語\n  한국어\n  Tiếng Việt\n"
         "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
         "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v"
             + UpdaterManager::version()
             + ")\n--\n"
               "Sair do Voxaria [Ctrl+Q]\n");
+}
+
+// A desktop that holds a chord for the dictation key (GNOME's portal, KDE in the US layout) names it
+// under the key.
+TEST_F(StatusMenuTest, AChordTheDesktopHoldsForTheKeyIsNamedUnderIt)
+{
+    platform.source.chord = "Ctrl+Alt+Espaço";
+    app->selectHotkey("rightOption"); // rebuilds the menu
+    EXPECT_EQ(describe(*app->menu()).split('\n').mid(0, 2),
+        (QStringList{"Segure Alt direito (AltGr) para ditar (off)", "ou segure Ctrl+Alt+Espaço (atalho do sistema) (off)"}));
 }
 
 TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
@@ -175,10 +190,39 @@ TEST_F(StatusMenuTest, ARefusedOrCancelledChoiceLeavesTheMarksAsTheyWere)
 {
     Settings::shared().setEngine(TranscriptionEngineKind::apple);
     const QStringList before = marks();
-    EXPECT_EQ(before.first(), "  ✓ PocketSphinx (nativo, tempo real)");
-    for (const auto& [title, answer] :
-        {std::pair{"Whisper (melhor qualidade) — indisponível", "OK"}, std::pair{"Leve — base (60 MB) — baixar", "Cancelar"}})
+    EXPECT_EQ(before.first(), "  ✓ Nemotron (nativo, tempo real)");
+    for (const auto& [title, answer] : {std::pair{"Whisper (melhor qualidade) — indisponível", "OK"},
+             std::pair{"Leve — base (60 MB) — baixar", "Cancelar"}, std::pair{"Texto ao vivo — Nemotron (716 MB) — baixar", "Cancelar"}})
         EXPECT_EQ(click(title, answer).filter("✓"), before) << title;
+}
+
+// The native engine needs its live model as Whisper needs one: choosing the engine without it offers
+// the download, which selects the engine; the model is then marked and can be removed.
+TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovable)
+{
+    arrange({kSmall}, {{"whisperModelFileName", kSmall}});
+    const QString model = LiveSpeechModel::fileName();
+    server.setRoute(model, {.body = ModelFiles::gguf({{{3 << 17}}})});
+    const QString offer = "Baixar o modelo do motor nativo?\nO motor nativo precisa do modelo Texto ao vivo — Nemotron "
+                          "(716 MB, download único, roda offline).\n[Baixar agora (716 MB) | Cancelar]";
+    EXPECT_EQ(click("Nemotron (nativo, tempo real)", "Cancelar").filter("✓").first(), "  ✓ Whisper (melhor qualidade)");
+    EXPECT_EQ(lastAlert(), offer);
+    click("Nemotron (nativo, tempo real)", "Baixar agora (716 MB)");
+    EXPECT_EQ(lastAlert(), offer);
+    ASSERT_TRUE(
+        TestSupport::waitUntil([&] { return Settings::shared().engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return marks().join('|').contains("✓ Texto ao vivo"); })) << "the menu was not rebuilt";
+    EXPECT_EQ(marks().mid(0, 3),
+        (QStringList{"  ✓ Nemotron (nativo, tempo real)", "  ✓ Equilibrado — small (190 MB) {recomendado para a maioria dos computadores}",
+            "  ✓ Texto ao vivo — Nemotron (716 MB) {motor nativo: o texto aparece enquanto você fala}"}))
+        << "the Whisper model stays the selected one";
+
+    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    app->selectEngine("apple");
+    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple) << "with its model the engine is chosen at once";
+    const QStringList removals = click("Remover Nemotron (2 MB)", "Remover").filter("Remover");
+    EXPECT_FALSE(QFile::exists(LiveSpeechModel::installedPath()));
+    EXPECT_EQ(removals, QStringList{"  Remover small (0 MB)"});
 }
 
 TEST_F(StatusMenuTest, ModelsAndUnfinishedDownloadsAreRemovedOnlyAfterConfirming)

@@ -128,6 +128,30 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     EXPECT_EQ(pasteboard->writeCount, writes);
 }
 
+// GNOME holds the first paste of every run of the program until the user answers its consent
+// dialog: that paste leaves the text on the clipboard until the long wait is over (a quick
+// restoration would have the held Ctrl+V paste the old clipboard), and says so; later pastes of the
+// run restore as usual.
+TEST(TextInserterTest, TheFirstPasteThroughGnomesConsentDialogWaitsForTheAnswerBeforeRestoring)
+{
+    auto pasteboard = std::make_shared<FakePasteboard>();
+    auto keyPoster = std::make_shared<FakeKeyPoster>();
+    const std::vector<FakePasteboard::FakeItem> before = {{{FakePasteboard::plainTextType, QByteArray("antes")}}};
+    pasteboard->items = before;
+    const TextInserter::Target target{pasteboard, keyPoster, {.beforeRestoreAfterConsent = 2000ms}, TextInserter::Mode::askingConsent};
+
+    EXPECT_EQ(TextInserter::insert(dictation, target), TextInserter::Mode::askingConsent);
+    TestSupport::spin(1200ms);
+    EXPECT_EQ(keyPoster->posted.size(), 2u);
+    EXPECT_EQ(pasteboard->string(), dictation) << "restored while the dialog may still hold the paste";
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return pasteboard->items == before; }, 3s));
+
+    EXPECT_EQ(TextInserter::insert(QStringLiteral("segundo"), target), TextInserter::Mode::paste);
+    TestSupport::spin(1200ms);
+    EXPECT_EQ(keyPoster->posted.size(), 4u);
+    EXPECT_EQ(pasteboard->items, before);
+}
+
 // Against the real X server: a real receiving window, foreign clipboard owners, xterm.
 TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEndsAsTheUserLeftIt)
 {

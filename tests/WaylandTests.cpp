@@ -203,10 +203,15 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
     }
 }
 
-// A real KWin session without a screen: its global shortcuts, its fake input and its clipboard. Its
-// keyboard types Brazilian: Right Alt, the default dictation key, is AltGr there, which KDE binds alone.
-class KWin : public ::testing::Test {
+// A real KWin session without a screen: its global shortcuts, its fake input and its clipboard, its
+// keyboard typing in `layout`.
+class KWinSession : public ::testing::Test {
 protected:
+    explicit KWinSession(const QString& layout)
+        : kwin(layout)
+    {
+    }
+
     void SetUp() override
     {
         if (!HeadlessKWin::available())
@@ -215,7 +220,35 @@ protected:
             GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
     }
 
-    HeadlessKWin kwin{QStringLiteral("br")};
+    // Lets the copy of the program in `app` use KWin's fake input, as the package's desktop file does.
+    bool allowFakeInput(const AppRun& app)
+    {
+        QFile entry(QStringLiteral(VOXARIA_TESTDATA_DIR "/../../resources/app.voxaria.Voxaria.desktop"));
+        return entry.open(QIODevice::ReadOnly)
+            && kwin.installApplication(QStringLiteral("app.voxaria.Voxaria.desktop"),
+                entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + app.program().toUtf8() + '\n'));
+    }
+
+    HeadlessKWin kwin;
+};
+
+// Brazilian: Right Alt, the default dictation key, is AltGr there, which KDE binds alone.
+class KWin : public KWinSession {
+protected:
+    KWin()
+        : KWinSession(QStringLiteral("br"))
+    {
+    }
+};
+
+// US Dvorak: Right Alt is Alt_R, which never fires a global shortcut alone, and the key at QWERTY's V
+// types "k".
+class KWinUsDvorak : public KWinSession {
+protected:
+    KWinUsDvorak()
+        : KWinSession(QStringLiteral("us(dvorak)"))
+    {
+    }
 };
 
 // What a user of Plasma sees: the key held through KDE's global shortcuts, and the words pasted into
@@ -225,10 +258,7 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
 {
     AppRun apps[2];
     // Our desktop file names the second copy; KWin reads it as it starts.
-    QFile entry(QStringLiteral(VOXARIA_TESTDATA_DIR "/../../resources/app.voxaria.Voxaria.desktop"));
-    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
-    const QByteArray installed = entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + apps[1].program().toUtf8() + '\n');
-    ASSERT_TRUE(kwin.installApplication(QStringLiteral("app.voxaria.Voxaria.desktop"), installed));
+    ASSERT_TRUE(allowFakeInput(apps[1]));
     if (!kwin.start())
         GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
     const QByteArray before = "antes do ditado";
@@ -268,6 +298,36 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
         speech.waitForFinished();
         app.stop(); // one Voxaria per session
     }
+}
+
+// Where KDE cannot hold Right Alt alone, Ctrl+Alt+Space holds the dictation key, and the paste
+// presses the key that types "v" in the session's layout, not the one at QWERTY's V.
+TEST_F(KWinUsDvorak, TheChordHoldsTheKeyAndThePasteFindsVInTheLayout)
+{
+    AppRun app;
+    ASSERT_TRUE(allowFakeInput(app));
+    if (!kwin.start())
+        GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
+    const auto log = [&] { return app.log().join('\n').toStdString(); };
+    ReceivingWindow window;
+    ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
+    app.useFakeWhisper(QStringLiteral("text=ditado em dvorak\n"));
+    app.setEnvironment(kwin.sessionVariables());
+    app.runAs(kwin.uid(), kwin.gid());
+    ASSERT_TRUE(app.start()) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("hold Ctrl+Alt+Espaço"), 10s)) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through wlr data-control and KWin's fake input"), 10s)) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
+    // Left Control, Left Alt, Space.
+    ASSERT_TRUE(kwin.pressKeys({"+29", "+56", "+57"}));
+    EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << log();
+    QProcess speech;
+    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
+    TestSupport::spin(3s);
+    ASSERT_TRUE(kwin.pressKeys({"-57", "-56", "-29"}));
+    EXPECT_TRUE(window.waitForText(QStringLiteral("ditado em dvorak"), 30s)) << window.text().toStdString() << log();
+    speech.kill();
+    speech.waitForFinished();
 }
 
 // The clipboard as Voxaria's own connection sees it: another program's large image read whole,

@@ -60,12 +60,13 @@ const Alerts::Button& cancelButton()
 }
 
 // Every download the user asks for ends the same way: a model that arrived is meant to be used, so
-// the Whisper engine is selected; whatever the outcome, whoever shows the models hears of it.
-void downloadSelectingWhisper(ModelDownloader& downloader, const Model& model, std::function<void()> onDownloadEnded)
+// its engine is selected; whatever the outcome, whoever shows the models hears of it.
+void downloadSelectingItsEngine(ModelDownloader& downloader, const Model& model, std::function<void()> onDownloadEnded)
 {
-    downloader.download(model, [onDownloadEnded = std::move(onDownloadEnded)](bool success) {
+    const TranscriptionEngineKind engine = model.isLiveSpeech() ? TranscriptionEngineKind::apple : TranscriptionEngineKind::whisper;
+    downloader.download(model, [engine, onDownloadEnded = std::move(onDownloadEnded)](bool success) {
         if (success)
-            Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+            Settings::shared().setEngine(engine);
         onDownloadEnded();
     });
 }
@@ -100,6 +101,21 @@ void removeModel(const Model& model)
         Settings::shared().setWhisperModelFileName(next->fileName);
         qCInfo(lcWhisper) << "removed the selected model; now using" << next->fileName;
     }
+}
+
+// The models the menu offers: Whisper's, then the live native engine's.
+QList<Model> offeredModels()
+{
+    return Model::catalog() + QList<Model>{Model::liveSpeech()};
+}
+
+// What choosing an engine whose model is missing proposes, `need` leading to the model's name:
+// "Baixar agora" starts its download.
+Alerts::Alert engineModelOffer(const QString& title, const QString& need, const Model& model)
+{
+    return {title,
+        need + model.displayName + QStringLiteral(" (") + sizeText(model) + QStringLiteral(" MB, download único, roda offline)."),
+        {downloadNowButton(model), cancelButton()}};
 }
 
 // One item of a submenu or a toggle: checkable, so the chosen one carries the mark.
@@ -213,7 +229,7 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
 #else
     const QString runsWhere = QStringLiteral("). Ele roda 100% no seu computador, offline, e tem qualidade de transcrição superior.");
     const QString meanwhile
-        = QStringLiteral("Enquanto isso, o motor nativo (PocketSphinx) funciona nos idiomas que tiverem modelo instalado. "
+        = QStringLiteral("O motor nativo (Nemotron, texto ao vivo enquanto você fala) também precisa de um modelo, que fica no mesmo menu. "
                          "Outros tamanhos de modelo ficam no menu, em ");
 #endif
     const Alerts::Alert offer{
@@ -225,7 +241,7 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
     };
     // Nothing remembers a "not now": the offer comes again at the next launch.
     if (alerts.runModal(offer) == 0)
-        downloadSelectingWhisper(downloader, model, std::move(onDownloadEnded));
+        downloadSelectingItsEngine(downloader, model, std::move(onDownloadEnded));
 }
 
 void AppDelegate::maybeWarnNoKeySource()
@@ -288,6 +304,9 @@ std::unique_ptr<QMenu> AppDelegate::buildMenu()
     auto menu = std::make_unique<QMenu>();
     const Settings& settings = Settings::shared();
     menu->addAction(QStringLiteral("Segure ") + settings.hotKey().label() + QStringLiteral(" para ditar"))->setEnabled(false);
+    // Where the desktop holds a chord for the key (KDE's US layout, GNOME's portal), the user learns it here.
+    if (const QString chord = m_platform.keySource().chord; !chord.isEmpty())
+        menu->addAction(QStringLiteral("ou segure ") + chord + QStringLiteral(" (atalho do sistema)"))->setEnabled(false);
     menu->addSeparator();
     whenChosen(menu->addAction(QStringLiteral("Transcrever vídeo ou link…")), [this] { openVideoTranscription(); });
     whenChosen(menu->addAction(QStringLiteral("Histórico de ditados…"), QKeySequence(QStringLiteral("Ctrl+H"))), [this] { openHistory(); });
@@ -337,13 +356,16 @@ void AppDelegate::addModelMenu(QMenu& menu)
     QMenu* models = menu.addMenu(QStringLiteral("Modelo Whisper"));
     models->setToolTipsVisible(true);
     const QString selected = Settings::shared().whisperModelFileName();
-    for (const Model& model : Model::catalog()) {
+    for (const Model& model : offeredModels()) {
         const bool downloaded = model.isDownloaded();
         QString title = model.displayName + QStringLiteral(" (") + sizeText(model) + QStringLiteral(" MB)");
         if (!downloaded)
             title += QStringLiteral(" — baixar");
+        // The live engine's only model stands apart, marked whenever it is installed.
+        if (model.isLiveSpeech())
+            models->addSeparator();
         // A selected model whose file is gone carries no mark: it is not what dictation would use.
-        QAction* item = addChoice(*models, title, downloaded && model.fileName == selected);
+        QAction* item = addChoice(*models, title, downloaded && (model.isLiveSpeech() || model.fileName == selected));
         item->setToolTip(model.note);
         whenChosen(item, [this, file = model.fileName] { selectModel(file); });
     }
@@ -355,7 +377,7 @@ void AppDelegate::addModelMenu(QMenu& menu)
 void AppDelegate::addRemovalItems(QMenu& models)
 {
     bool separated = false;
-    for (const Model& model : Model::catalog()) {
+    for (const Model& model : offeredModels()) {
         const QString name = model.displayName.section(QStringLiteral(" — "), -1);
         const bool running = m_services.downloader->isDownloading() && m_services.downloader->currentModel().fileName == model.fileName;
         ModelDownloader* downloader = m_services.downloader;
@@ -453,7 +475,7 @@ std::function<void()> AppDelegate::refreshMenuLater()
 
 void AppDelegate::download(const Model& model)
 {
-    downloadSelectingWhisper(*m_services.downloader, model, refreshMenuLater());
+    downloadSelectingItsEngine(*m_services.downloader, model, refreshMenuLater());
 }
 
 void AppDelegate::selectEngine(const QString& rawValue)
@@ -461,9 +483,18 @@ void AppDelegate::selectEngine(const QString& rawValue)
     const std::optional<TranscriptionEngineKind> kind = TranscriptionEngineKind::fromRawValue(rawValue);
     if (!kind)
         return;
-    if (*kind == TranscriptionEngineKind::apple || WhisperTranscriber::isAvailable()) {
+    const bool ready = *kind == TranscriptionEngineKind::apple ? Model::liveSpeech().isDownloaded() : WhisperTranscriber::isAvailable();
+    if (ready) {
         Settings::shared().setEngine(*kind);
         refreshMenu();
+        return;
+    }
+    // The native engine is wanted but has no model yet: offer it and leave the choice as it was.
+    if (*kind == TranscriptionEngineKind::apple) {
+        if (m_services.alerts->runModal(engineModelOffer(QStringLiteral("Baixar o modelo do motor nativo?"),
+                QStringLiteral("O motor nativo precisa do modelo "), Model::liveSpeech()))
+            == 0)
+            download(Model::liveSpeech());
         return;
     }
     // Whisper is wanted but cannot run yet: say what is missing and leave the choice as it was.
@@ -472,24 +503,22 @@ void AppDelegate::selectEngine(const QString& rawValue)
         return;
     }
     const Model& model = Model::recommended();
-    const Alerts::Alert offer{
-        QStringLiteral("Baixar o modelo Whisper?"),
-        QStringLiteral("O motor Whisper precisa de um modelo. Recomendado: ") + model.displayName + QStringLiteral(" (") + sizeText(model)
-            + QStringLiteral(" MB, download único, roda offline)."),
-        {downloadNowButton(model), cancelButton()},
-    };
-    if (m_services.alerts->runModal(offer) == 0)
+    if (m_services.alerts->runModal(engineModelOffer(
+            QStringLiteral("Baixar o modelo Whisper?"), QStringLiteral("O motor Whisper precisa de um modelo. Recomendado: "), model))
+        == 0)
         download(model);
 }
 
 void AppDelegate::selectModel(const QString& fileName)
 {
-    const QList<Model>& catalog = Model::catalog();
-    const auto model = std::find_if(catalog.begin(), catalog.end(), [&](const Model& m) { return m.fileName == fileName; });
-    if (model == catalog.end())
+    const QList<Model> offered = offeredModels();
+    const auto model = std::find_if(offered.begin(), offered.end(), [&](const Model& m) { return m.fileName == fileName; });
+    if (model == offered.end())
         return;
     if (model->isDownloaded()) {
-        Settings::shared().setWhisperModelFileName(model->fileName);
+        // The live engine's model is the only one of its kind: there is nothing to select.
+        if (!model->isLiveSpeech())
+            Settings::shared().setWhisperModelFileName(model->fileName);
         refreshMenu();
         return;
     }

@@ -100,8 +100,8 @@ private:
     void addLanguageMenu(QMenu& menu);
     void whenChosen(QAction* item, std::function<void()> action);
     void refreshMenu();
-    // Downloads a model; once it has arrived the Whisper engine is selected, and the menu is
-    // refreshed after every outcome.
+    // Downloads a model; once it has arrived its engine (Whisper, or the native one for the live
+    // model) is selected, and the menu is refreshed after every outcome.
     void download(const ModelDownloader::Model& model);
     std::function<void()> refreshMenuLater();
 

@@ -1,14 +1,15 @@
 #include "LanguageOption.h"
 
+#include "Shared/LiveSpeechModel.h"
+
 const QList<LanguageOption>& LanguageOption::all()
 {
-    static const QList<LanguageOption> options = {
-        {QStringLiteral("pt-BR"), QStringLiteral("Português (Brasil)")},
-        {QStringLiteral("en-US"), QStringLiteral("English (US)")},
-        {QStringLiteral("es-ES"), QStringLiteral("Español")},
-        {QStringLiteral("fr-FR"), QStringLiteral("Français")},
-        {QStringLiteral("de-DE"), QStringLiteral("Deutsch")},
-        {QStringLiteral("it-IT"), QStringLiteral("Italiano")},
-    };
+    // The languages the live native engine transcribes; Whisper knows each of them too.
+    static const QList<LanguageOption> options = [] {
+        QList<LanguageOption> list;
+        for (const LiveSpeechModel::Locale& locale : LiveSpeechModel::transcriptionLocales())
+            list.append({locale.id, locale.label});
+        return list;
+    }();
     return options;
 }

@@ -2,12 +2,13 @@
 
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/InputDevices.h"
-#include "Platform/SpeechRecognizer.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QPointer>
 #include <QThreadPool>
 
@@ -37,7 +38,10 @@ Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform)
 {
     return {
         &InputDevices::anyListed,
-        [](const QString& localeIdentifier) { return SpeechRecognizer::make(localeIdentifier) != nullptr; },
+        // One model transcribes every language it knows: installed, it serves each of them.
+        [](const QString& localeIdentifier) {
+            return LiveSpeechModel::transcribes(localeIdentifier) && QFileInfo::exists(LiveSpeechModel::installedPath());
+        },
         [trust = std::shared_ptr<AccessibilityTrust>(platform.makeAccessibilityTrust())] { return trust->isTrusted(false); },
     };
 }
@@ -96,8 +100,8 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const Session
         note = platform.onlyCopies()
             ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
                              "colar com Ctrl+V.")
-            : QStringLiteral("Na primeira colagem, o GNOME pergunta uma vez se permite o controle remoto do teclado: permita, pois é "
-                             "assim que o Voxaria cola o texto ditado no aplicativo em uso.");
+            : QStringLiteral("Na primeira colagem, a cada início do Voxaria, o GNOME pergunta se permite o controle remoto do teclado: "
+                             "permita, pois é assim que o Voxaria cola o texto ditado no aplicativo em uso.");
     return WaylandUse{session.description(), platform.keySource().description, pasteRoute, note};
 }
 
@@ -143,10 +147,10 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
         return std::nullopt;
     return Alerts::Alert{
         QStringLiteral("Instale o Whisper para ditar"),
-        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (PocketSphinx) não tem modelo para o idioma ")
+        QStringLiteral("O Voxaria não encontrou o whisper-cli, e o motor nativo (Nemotron) não tem modelo para o idioma ")
             + localeIdentifier
-            + QStringLiteral(".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou escolha no menu Idioma um idioma com "
-                             "modelo nativo instalado."),
+            + QStringLiteral(
+                ".\n\nInstale o whisper.cpp da sua distribuição e reinicie o Voxaria, ou baixe o modelo do motor nativo no menu."),
         {{QStringLiteral("OK")}},
     };
 }
@@ -159,8 +163,12 @@ std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& se
         QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
         QStringLiteral("Nesta sessão ") + session.description()
             + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
-                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo, ou use uma sessão X11. "
-                             "No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
+                             "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo")
+            + (session.compositor == SessionInfo::Compositor::gnome
+                    ? QStringLiteral(". No GNOME 48 ou mais novo, o portal de atalhos globais (xdg-desktop-portal) dispensa o grupo: "
+                                     "com ele, o Voxaria registra um atalho para segurar no lugar da tecla. ")
+                    : QStringLiteral(", ou use uma sessão X11. "))
+            + QStringLiteral("No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
         {{QStringLiteral("OK")}},
     };
 }

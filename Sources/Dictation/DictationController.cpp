@@ -11,12 +11,15 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <utility>
+
 namespace {
 
 const QString accessibilityWarning = QStringLiteral("⚠️ Conceda permissão de Acessibilidade e tente de novo");
 const QString listeningMessage = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
 const QString transcribingMessage = QStringLiteral("✍️ Transcrevendo…");
 const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V");
+const QString consentMessage = QStringLiteral("Permita o controle remoto na janela do GNOME para o texto ser colado");
 const QString noApplicationName = QStringLiteral("—");
 
 // One line per measured dictation, written when the text is in: where the engine's time went, and
@@ -59,6 +62,9 @@ DictationController::DictationController(Collaborators collaborators, QObject* p
     , m_insertText(std::move(collaborators.insertText))
     , m_timing(collaborators.timing)
 {
+    m_liveTextTimer.setSingleShot(true);
+    m_liveTextTimer.setInterval(m_timing.liveTextInterval);
+    connect(&m_liveTextTimer, &QTimer::timeout, this, &DictationController::showPendingLiveText);
 }
 
 DictationController::~DictationController()
@@ -103,6 +109,7 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
     setState(State::recording);
     m_keyPressedAt = pressed;
     play("Tink");
+    dropLiveText();
     m_hud.show(listeningMessage, QString());
 }
 
@@ -114,7 +121,7 @@ bool DictationController::startEngine()
         m_transcriber->start(
             [weakSelf](const QString& textSoFar) {
                 if (weakSelf)
-                    weakSelf->m_hud.update(textSoFar);
+                    weakSelf->showLiveText(textSoFar);
             },
             [weakSelf](const QString& text) {
                 if (weakSelf)
@@ -134,6 +141,32 @@ bool DictationController::startEngine()
     return true;
 }
 
+// A live engine may report a new text every few milliseconds: the HUD shows the first at once and
+// then at most one per interval, always the latest, so the panel is not redrawn faster than anyone
+// reads and the main thread stays free for the key and the paste.
+void DictationController::showLiveText(const QString& textSoFar)
+{
+    if (m_liveTextTimer.isActive()) {
+        m_pendingLiveText = textSoFar;
+        return;
+    }
+    m_hud.update(textSoFar);
+    m_liveTextTimer.start();
+}
+
+void DictationController::showPendingLiveText()
+{
+    if (m_pendingLiveText)
+        showLiveText(*std::exchange(m_pendingLiveText, std::nullopt));
+}
+
+// A text still waiting belongs to the dictation that ended: it must never appear in the next one.
+void DictationController::dropLiveText()
+{
+    m_liveTextTimer.stop();
+    m_pendingLiveText.reset();
+}
+
 void DictationController::stopRecordingAndInsert(std::optional<KeyEventTime> releasedAt)
 {
     if (m_state != State::recording)
@@ -146,6 +179,7 @@ void DictationController::stopRecordingAndInsert(std::optional<KeyEventTime> rel
             m_transcriber->cancel();
         m_transcriber.reset();
         setState(State::idle);
+        dropLiveText();
         m_hud.hide();
         return;
     }
@@ -162,6 +196,7 @@ void DictationController::handleFinal(const QString& text)
     setState(State::idle);
     const std::optional<TranscriptionEngine::Timing> timing = m_transcriber ? m_transcriber->timing() : std::nullopt;
     m_transcriber.reset();
+    dropLiveText();
     m_hud.hide();
     const QString trimmed = text.trimmed();
     if (trimmed.isEmpty()) {
@@ -182,8 +217,8 @@ void DictationController::insert(const QString& text, std::optional<Transcriptio
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
     const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
-    if (mode == TextInserter::Mode::copyOnly) {
-        m_hud.show(copiedMessage, QString());
+    if (mode != TextInserter::Mode::paste) {
+        m_hud.show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());
         hideLaterIfStillIdle(m_timing.copiedMessage);
     }
 }
@@ -193,6 +228,7 @@ void DictationController::handleError(const Error& error)
     qCWarning(lcDictation) << "dictation failed:" << error.description();
     setState(State::idle);
     m_transcriber.reset();
+    dropLiveText();
     m_hud.show(QStringLiteral("⚠️ ") + error.description(), QString());
     play("Basso");
     hideLaterIfStillIdle(m_timing.errorMessage);

@@ -11,6 +11,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QTimer>
 
 #include <chrono>
 #include <functional>
@@ -38,6 +39,8 @@ public:
         std::chrono::milliseconds errorMessage{4000};
         // How long the note that the text was only copied stays, if no dictation started meanwhile.
         std::chrono::milliseconds copiedMessage{3000};
+        // The live text on the HUD changes at most this often; the latest text so far wins.
+        std::chrono::milliseconds liveTextInterval{100};
     };
 
     // What the controller works with. An empty engine factory or sounds are the real ones; the
@@ -90,6 +93,9 @@ private:
     };
 
     bool startEngine();
+    void showLiveText(const QString& textSoFar);
+    void showPendingLiveText();
+    void dropLiveText();
     void handleFinal(const QString& text);
     void handleError(const Error& error);
     void insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing);
@@ -100,6 +106,10 @@ private:
     State m_state = State::idle;
     EnginePtr m_transcriber;
     HUDPanel m_hud;
+    // Running from the moment a live text is shown until the next may be; one that comes meanwhile
+    // waits in m_pendingLiveText, replaced by any later one.
+    QTimer m_liveTextTimer;
+    std::optional<QString> m_pendingLiveText;
     // Set whenever a recording starts.
     KeyMoment m_keyPressedAt;
 

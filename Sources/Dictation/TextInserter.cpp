@@ -7,6 +7,7 @@
 #include <QTimer>
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace TextInserter {
@@ -146,6 +147,8 @@ QPointer<Insertion> latest;
 
 Mode modeOf(const SessionPlatform& platform)
 {
+    if (platform.pasteRoute() == SessionPlatform::PasteRoute::xwayland)
+        return Mode::askingConsent;
     return platform.onlyCopies() ? Mode::copyOnly : Mode::paste;
 }
 
@@ -166,8 +169,17 @@ Mode insert(const QString& text, const Target& target, std::function<void()> onP
             onPasted();
         return target.mode;
     }
+    // GNOME's dialog comes once per run of the program: the first paste after it waits for the
+    // answer, the later ones are delivered at once.
+    static bool consentAsked = false;
+    if (target.mode == Mode::askingConsent && !std::exchange(consentAsked, true)) {
+        Target waiting = target;
+        waiting.delays.beforeRestore = target.delays.beforeRestoreAfterConsent;
+        latest = new Insertion(waiting, text, std::move(onPasted), latest);
+        return Mode::askingConsent;
+    }
     latest = new Insertion(target, text, std::move(onPasted), latest);
-    return target.mode;
+    return Mode::paste;
 }
 
 }

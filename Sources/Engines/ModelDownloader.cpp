@@ -2,6 +2,7 @@
 
 #include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
 #include "Shared/Preferences/Settings.h"
@@ -143,6 +144,18 @@ const ModelDownloader::Model& ModelDownloader::Model::voiceActivity()
     return model;
 }
 
+const ModelDownloader::Model& ModelDownloader::Model::liveSpeech()
+{
+    static const Model model{LiveSpeechModel::fileName(), QStringLiteral("Texto ao vivo — Nemotron"), LiveSpeechModel::sizeMB(),
+        QStringLiteral("motor nativo: o texto aparece enquanto você fala"), {}, 0, ModelFileCheck::Format::gguf};
+    return model;
+}
+
+bool ModelDownloader::Model::isLiveSpeech() const
+{
+    return fileName == LiveSpeechModel::fileName();
+}
+
 bool ModelDownloader::Model::isDownloaded() const
 {
     return QFileInfo::exists(filePath());
@@ -238,9 +251,10 @@ void ModelDownloader::download(const Model& model, Completion completion)
     showWindow(model);
     m_session = std::make_unique<QNetworkAccessManager>();
     m_queue.clear();
-    if (!Model::voiceActivity().isDownloaded())
+    // Only whisper-cli uses the voice activity model.
+    if (!model.isLiveSpeech() && !Model::voiceActivity().isDownloaded())
         m_queue.append({Model::voiceActivity(), m_addresses.voiceActivityModel, false});
-    m_queue.append({model, m_addresses.whisperModels, true});
+    m_queue.append({model, model.isLiveSpeech() ? m_addresses.liveSpeechModel : m_addresses.whisperModels, true});
     startTransfer();
 }
 
@@ -499,7 +513,11 @@ void ModelDownloader::onVerified(Finding finding, bool resumable)
     switch (finding) {
     case Finding::whole: moveIntoPlace(); return;
     case Finding::cutShort: fail(resumable ? kCutShort : kRangeRefused, resumable); return;
-    case Finding::notAModel: fail(QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."), false); return;
+    case Finding::notAModel:
+        fail(current().model.isLiveSpeech() ? QStringLiteral("O arquivo recebido não é um modelo do motor nativo. Nada foi instalado.")
+                                            : QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."),
+            false);
+        return;
     case Finding::otherSize: fail(otherFile.arg(QStringLiteral("tamanho")), false); return;
     case Finding::otherHash: fail(otherFile.arg(QStringLiteral("SHA-256")), false); return;
     }
@@ -524,7 +542,9 @@ void ModelDownloader::moveIntoPlace()
         startNextTransfer();
         return;
     }
-    Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
+    // The live engine has one model: its engine is what the user selects.
+    if (!m_currentModel.isLiveSpeech())
+        Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
     finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
 }
 

@@ -18,10 +18,11 @@
 class QNetworkAccessManager;
 class QNetworkReply;
 
-// Fetches a Whisper model into the models folder, shows how far it got, selects it when it is
-// whole, and tells the user the outcome. One download at a time; each one also brings the voice
-// activity model when it is missing, in the same window, before the Whisper model: it is small,
-// and its failure is only logged, so the outcome the user hears of is the Whisper model's.
+// Fetches a Whisper model, or the live native engine's model, into the models folder, shows how far
+// it got, selects a Whisper model when it is whole, and tells the user the outcome. One download at
+// a time; a Whisper model's also brings the voice activity model when it is missing, in the same
+// window, before the Whisper model: it is small, and its failure is only logged, so the outcome the
+// user hears of is the Whisper model's.
 //
 // Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
 // file's own structure proves it whole (ModelFileCheck: its header and tensor table add up to
@@ -50,6 +51,10 @@ public:
         // Silero's voice activity model, which whisper-cli uses for file and link jobs: never one
         // of the Whisper models to choose.
         static const Model& voiceActivity();
+        // The live native engine's streaming model (LiveSpeechModel): never one of the Whisper
+        // models either, and never selected as one.
+        static const Model& liveSpeech();
+        bool isLiveSpeech() const;
         // Asked afresh at every call: the user may add or remove files at any time.
         bool isDownloaded() const;
         QString filePath() const;
@@ -60,10 +65,11 @@ public:
     };
     using Completion = std::function<void(bool success)>;
 
-    // The folders the files are fetched from (two repositories of the same host); only tests pass others.
+    // The folders the files are fetched from (repositories of the same host); only tests pass others.
     struct Addresses {
         QUrl whisperModels;
         QUrl voiceActivityModel;
+        QUrl liveSpeechModel;
     };
     static const Addresses kPublishedAddresses;
 
@@ -73,7 +79,7 @@ public:
         std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), Addresses addresses = kPublishedAddresses, QObject* parent = nullptr);
     ~ModelDownloader() override;
 
-    // Called once on the main thread with true when the model was installed and selected, false
+    // Called once on the main thread with true when the model was installed (and, a Whisper model, selected), false
     // when the download failed or was cancelled (a cancel stops the voice activity model too).
     // Ignored entirely while a download runs.
     void download(const Model& model, Completion completion = {});
@@ -82,7 +88,7 @@ public:
     // The unfinished download of `model`, unless it is the one running (a menu item may have been
     // chosen long after it was built): false when it was left alone.
     bool removeUnfinished(const Model& model) const;
-    // The Whisper model asked for, also while the voice activity model comes first.
+    // The model asked for, also while the voice activity model comes first.
     const Model& currentModel() const { return m_currentModel; }
     ModelDownloadWindow* window() const { return m_window; }
     void cancelTapped();
@@ -100,11 +106,11 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
-    // One file of a download: the voice activity model when missing, then the Whisper model.
+    // One file of a download: the voice activity model when missing, then the model asked for.
     struct Transfer {
         Model model;
         QUrl folder;
-        bool isWhisperModel = true; // installed and selected, or the download failed; else only logged
+        bool isWhisperModel = true; // the model asked for: installed, or the download failed; else only logged
     };
 
     void showWindow(const Model& model);

@@ -5,4 +5,5 @@
 const ModelDownloader::Addresses ModelDownloader::kPublishedAddresses{
     QUrl(QStringLiteral("https://huggingface.co/ggerganov/whisper.cpp/resolve/main/")),
     QUrl(QStringLiteral("https://huggingface.co/ggml-org/whisper-vad/resolve/main/")),
+    QUrl(QStringLiteral("https://huggingface.co/handy-computer/nemotron-3.5-asr-streaming-0.6b-gguf/resolve/main/")),
 };

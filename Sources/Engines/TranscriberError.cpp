@@ -7,6 +7,6 @@ QString TranscriberError::description() const
         + QStringLiteral(". Verifique em Ajustes > Teclado > Ditado se o idioma está instalado.");
 #else
     return QStringLiteral("Reconhecimento de fala indisponível para o idioma ") + detail()
-        + QStringLiteral(". Verifique se o modelo do PocketSphinx para esse idioma está instalado.");
+        + QStringLiteral(". Baixe o modelo do motor nativo no menu ou escolha outro idioma.");
 #endif
 }

@@ -27,6 +27,9 @@ public:
     struct KeySource {
         QString description;
         bool works = false;
+        // A key combination, as the user reads it, that a desktop service holds for the dictation key
+        // where it cannot hold the key alone (e.g. "Ctrl+Alt+Espaço"); empty where there is none.
+        QString chord = {};
     };
 
     virtual ~SessionPlatform() = default;

@@ -2,6 +2,8 @@
 
 #include "AppPaths.h"
 
+#include <algorithm>
+
 namespace LiveSpeechModel {
 
 QString fileName()
@@ -12,6 +14,44 @@ QString fileName()
 QString installedPath()
 {
     return AppPaths::modelsFolder() + QLatin1Char('/') + fileName();
+}
+
+int sizeMB()
+{
+    // Q8_0 as published; the Q4_K_M file would be 473.
+    return 716;
+}
+
+const QList<Locale>& transcriptionLocales()
+{
+    static const QList<Locale> locales = {
+        {QStringLiteral("pt-BR"), QStringLiteral("Português (Brasil)")},
+        {QStringLiteral("pt-PT"), QStringLiteral("Português (Portugal)")},
+        {QStringLiteral("en-US"), QStringLiteral("English (US)")},
+        {QStringLiteral("en-GB"), QStringLiteral("English (UK)")},
+        {QStringLiteral("es-ES"), QStringLiteral("Español (España)")},
+        {QStringLiteral("es-US"), QStringLiteral("Español (Estados Unidos)")},
+        {QStringLiteral("fr-FR"), QStringLiteral("Français (France)")},
+        {QStringLiteral("fr-CA"), QStringLiteral("Français (Canada)")},
+        {QStringLiteral("de-DE"), QStringLiteral("Deutsch")},
+        {QStringLiteral("it-IT"), QStringLiteral("Italiano")},
+        {QStringLiteral("nl-NL"), QStringLiteral("Nederlands")},
+        {QStringLiteral("tr-TR"), QStringLiteral("Türkçe")},
+        {QStringLiteral("ru-RU"), QStringLiteral("Русский")},
+        {QStringLiteral("uk-UA"), QStringLiteral("Українська")},
+        {QStringLiteral("ar-AR"), QStringLiteral("العربية")},
+        {QStringLiteral("hi-IN"), QStringLiteral("हिन्दी")},
+        {QStringLiteral("ja-JP"), QStringLiteral("日本語")},
+        {QStringLiteral("ko-KR"), QStringLiteral("한국어")},
+        {QStringLiteral("vi-VN"), QStringLiteral("Tiếng Việt")},
+    };
+    return locales;
+}
+
+bool transcribes(const QString& localeIdentifier)
+{
+    const QList<Locale>& locales = transcriptionLocales();
+    return std::any_of(locales.begin(), locales.end(), [&](const Locale& locale) { return locale.id == localeIdentifier; });
 }
 
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 
 // The model of the live native engine: one GGUF file of the streaming Nemotron recogniser in the
@@ -9,4 +10,16 @@ namespace LiveSpeechModel {
 QString fileName();
 // AppPaths::modelsFolder() + "/" + fileName().
 QString installedPath();
+// The published file's size in MB, which the downloader's catalogue shows.
+int sizeMB();
+
+// A language the model transcribes, with the name the language menu gives it.
+struct Locale {
+    QString id; // the model's locale tag, e.g. "pt-BR"
+    QString label; // in its own language, e.g. "Português (Brasil)"
+};
+// The locales the model's authors call ready for transcription, Brazilian Portuguese first (the
+// others their tokenizer knows need fine-tuning).
+const QList<Locale>& transcriptionLocales();
+bool transcribes(const QString& localeIdentifier);
 }

@@ -4,7 +4,7 @@
 #include "Engines/ModelDownloader.h"
 #include "Media/YtDlpManager.h"
 
-const ModelDownloader::Addresses ModelDownloader::kPublishedAddresses{
+const ModelDownloader::Addresses ModelDownloader::kPublishedAddresses{QUrl(qEnvironmentVariable("VOXARIA_MODELS_URL")),
     QUrl(qEnvironmentVariable("VOXARIA_MODELS_URL")), QUrl(qEnvironmentVariable("VOXARIA_MODELS_URL"))};
 
 QUrl YtDlpManager::downloadURL()

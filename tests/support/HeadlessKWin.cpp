@@ -42,10 +42,12 @@ bool HeadlessKWin::start()
     const QString kwin = filePath(QStringLiteral("kwin_wayland"));
     const QString keys = filePath(QStringLiteral("fakeinputkeys"));
     const QString busFile = filePath(QStringLiteral("bus"));
+    const QString layout = m_keyboardLayout.section(QLatin1Char('('), 0, 0);
+    const QString variant = m_keyboardLayout.section(QLatin1Char('('), 1).remove(QLatin1Char(')'));
     if (!QFile::copy(QStandardPaths::findExecutable(QStringLiteral("kwin_wayland")), kwin)
         || !QFile::copy(QStringLiteral(VOXARIA_HELPER_fakeinputkeys), keys)
         || !TestSupport::writeFile(filePath(QStringLiteral("home/.config/kxkbrc")),
-            QStringLiteral("[Layout]\nLayoutList=%1\nUse=true\n").arg(m_keyboardLayout).toUtf8())
+            QStringLiteral("[Layout]\nLayoutList=%1\nVariantList=%2\nUse=true\n").arg(layout, variant).toUtf8())
         // Plasma shows a tray, this KWin alone does not: the program's window about the missing tray
         // would then take the focus from the window dictated into, as a native Wayland window cannot
         // decline it. A window rule keeps it out of the focus, as the README's no_focus does on sway.

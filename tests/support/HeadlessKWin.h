@@ -11,7 +11,8 @@ public:
     static QString unavailableReason();
     static bool available() { return unavailableReason().isEmpty(); }
 
-    // `keyboardLayout`: the XKB layout its keyboard types with ("br": Right Alt is AltGr).
+    // `keyboardLayout`: the XKB layout its keyboard types with ("br": Right Alt is AltGr), with its
+    // variant in parentheses ("us(dvorak)").
     explicit HeadlessKWin(const QString& keyboardLayout);
     ~HeadlessKWin() override;
 

@@ -5,6 +5,7 @@
 #include "Platform/Linux/Input/BindingKeyMonitor.h"
 #include "Platform/Linux/Input/EvdevKeyMonitor.h"
 #include "Platform/Linux/KDE/KGlobalAccelKeyMonitor.h"
+#include "Platform/Linux/Portal/GlobalShortcutsKeyMonitor.h"
 #include "Platform/Linux/Wayland/CompositorFrontApplication.h"
 #include "Platform/Linux/Wayland/DataControlPasteboard.h"
 #include "Platform/Linux/Wayland/FakeInputKeyPoster.h"
@@ -25,8 +26,8 @@ namespace {
 using Compositor = SessionInfo::Compositor;
 
 // From this version on, GNOME hands a paste XWayland synthesises (XTEST) to every window, its own
-// Wayland windows included, once the user has allowed it when GNOME asks the first time; before,
-// such a paste reaches X11 windows only.
+// Wayland windows included, once the user has allowed it in the dialog GNOME shows at the first
+// paste of every run of the program; before, such a paste reaches X11 windows only.
 constexpr int firstGnomeForwardingXTest = 45;
 
 QString bindingSocketPath()
@@ -61,7 +62,8 @@ const char* routeDescription(SessionPlatform::PasteRoute route, Compositor compo
     case SessionPlatform::PasteRoute::compositor:
         return compositor == Compositor::kde ? "pasted through wlr data-control and KWin's fake input"
                                              : "pasted through wlr data-control and a virtual keyboard";
-    case SessionPlatform::PasteRoute::xwayland: return "pasted through the X11 clipboard and XTEST (GNOME asks once to allow it)";
+    case SessionPlatform::PasteRoute::xwayland:
+        return "pasted through the X11 clipboard and XTEST (GNOME asks to allow it at every start of the program)";
     case SessionPlatform::PasteRoute::x11: break;
     }
     return "pasted through the X11 clipboard";
@@ -83,40 +85,48 @@ void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
 {
     std::vector<std::unique_ptr<KeyMonitor>> sources;
     QStringList chosen;
-    bool works = true;
-    const bool kdeWayland = m_session.kind == SessionInfo::Kind::wayland && m_session.compositor == Compositor::kde;
-    // KDE binds most dictation keys as global shortcuts; a key it cannot tell alone (Right Alt in a
-    // US layout, Fn) still comes through the sources below.
-    const bool kdeShortcuts = kdeWayland && KGlobalAccelKeyMonitor::isAvailable();
-    if (kdeShortcuts) {
-        chosen << QStringLiteral("kglobalaccel");
-        sources.push_back(std::make_unique<KGlobalAccelKeyMonitor>(dictationKey));
+    const auto use = [&](const QString& name, std::unique_ptr<KeyMonitor> source) {
+        chosen << name;
+        sources.push_back(std::move(source));
+    };
+    const bool wayland = m_session.kind == SessionInfo::Kind::wayland;
+    if (m_session.kind == SessionInfo::Kind::x11)
+        use(QStringLiteral("XInput2"), std::make_unique<XInputKeyMonitor>());
+    // KDE binds most dictation keys as global shortcuts; a key it cannot tell alone (Fn) still comes
+    // through the sources below.
+    QString chord;
+    if (wayland && m_session.compositor == Compositor::kde && KGlobalAccelKeyMonitor::isAvailable()) {
+        use(QStringLiteral("kglobalaccel"), std::make_unique<KGlobalAccelKeyMonitor>(dictationKey));
+        chord = KGlobalAccelKeyMonitor::chordLabel;
     }
-    if (m_session.kind == SessionInfo::Kind::x11 || (m_session.compositor == Compositor::kde && m_session.hasXDisplay)) {
-        // KWin hands modifier changes to XWayland clients even while a Wayland window has the focus.
-        chosen << QStringLiteral("XInput2");
-        sources.push_back(std::make_unique<XInputKeyMonitor>());
-    } else if (m_session.compositor == Compositor::wlroots) {
-        sources.push_back(std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey = std::move(dictationKey)] {
+    // GNOME's portal binds a chord that stands for the dictation key; the alert and the log show it.
+    if (wayland && m_session.compositor == Compositor::gnome && GlobalShortcutsKeyMonitor::isAvailable()) {
+        use(QStringLiteral("GlobalShortcuts portal (%1)").arg(GlobalShortcutsKeyMonitor::defaultTriggerLabel),
+            std::make_unique<GlobalShortcutsKeyMonitor>(dictationKey));
+        chord = GlobalShortcutsKeyMonitor::defaultTriggerLabel;
+    }
+    if (wayland && m_session.compositor == Compositor::wlroots) {
+        use(QStringLiteral("compositor bindings"), std::make_unique<BindingKeyMonitor>(bindingSocketPath(), [dictationKey] {
             const HotKey key = dictationKey();
             return ModifierKey{key.keyCode(), key.modifierFlag()};
         }));
-        chosen << QStringLiteral("compositor bindings");
-        if (EvdevKeyMonitor::canRead()) {
-            sources.push_back(std::make_unique<EvdevKeyMonitor>());
-            chosen << QStringLiteral("/dev/input");
-        }
-    } else if (!kdeShortcuts || EvdevKeyMonitor::canRead()) {
-        // The keyboards themselves, where this user may read them; otherwise the monitor explains,
-        // when it is asked to watch, how to be allowed.
-        chosen << QStringLiteral("/dev/input");
-        works = kdeShortcuts || EvdevKeyMonitor::canRead();
-        sources.push_back(std::make_unique<EvdevKeyMonitor>());
     }
+    // The keyboards themselves, wherever this user may read them: they hear the lone key the
+    // shortcut services cannot bind.
+    if (wayland && EvdevKeyMonitor::canRead())
+        use(QStringLiteral("/dev/input"), std::make_unique<EvdevKeyMonitor>());
+    // KWin hands modifier changes to XWayland clients even while a Wayland window has the focus.
+    if (wayland && m_session.compositor == Compositor::kde && m_session.hasXDisplay)
+        use(QStringLiteral("XInput2"), std::make_unique<XInputKeyMonitor>());
+    const bool works = !sources.empty();
+    // With nothing that can hear the key, the keyboards' monitor explains, when it is asked to
+    // watch, how to be allowed.
+    if (!works)
+        use(QStringLiteral("/dev/input"), std::make_unique<EvdevKeyMonitor>());
     const QString description = chosen.join(QStringLiteral(" + "));
     qCInfo(lcHotkey).noquote() << "session:" << m_session.description() << "- dictation key through" << description;
     m_keyMonitor = sources.size() == 1 ? std::move(sources.front()) : std::make_unique<CombinedKeyMonitor>(std::move(sources));
-    m_keySource = {description, works};
+    m_keySource = {description, works, chord};
 }
 
 void LinuxPlatform::chooseClipboardAndKeys()

@@ -26,6 +26,6 @@ QString TranscriptionEngineKind::label() const
 #ifdef Q_OS_MACOS
     return QStringLiteral("Apple (nativo, tempo real)");
 #else
-    return QStringLiteral("PocketSphinx (nativo, tempo real)");
+    return QStringLiteral("Nemotron (nativo, tempo real)");
 #endif
 }

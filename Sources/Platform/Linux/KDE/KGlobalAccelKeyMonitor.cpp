@@ -8,6 +8,9 @@
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QDBusServiceWatcher>
+
+#include <utility>
 
 namespace {
 
@@ -32,6 +35,14 @@ QDBusMessage callOnRegistry(const QString& method, const QVariantList& arguments
         = QDBusMessage::createMethodCall(service, QStringLiteral("/kglobalaccel"), QStringLiteral("org.kde.KGlobalAccel"), method);
     message.setArguments(arguments);
     return message;
+}
+
+QString shortcutNames(const QList<int>& shortcuts)
+{
+    QStringList names;
+    for (int shortcut : shortcuts)
+        names << QStringLiteral("0x%1").arg(shortcut, 0, 16);
+    return names.join(QLatin1Char(' '));
 }
 
 // Nobody waits for these answers; a failure only says why in the log.
@@ -64,18 +75,23 @@ bool KGlobalAccelKeyMonitor::isAvailable()
     return bus && bus->isServiceRegistered(service);
 }
 
-std::optional<int> KGlobalAccelKeyMonitor::shortcutFor(HotKey key)
+const QString KGlobalAccelKeyMonitor::chordLabel = QStringLiteral("Ctrl+Alt+Espaço");
+
+QList<int> KGlobalAccelKeyMonitor::shortcutsFor(HotKey key)
 {
+    QList<int> shortcuts;
     switch (key) {
     // KWin reports Right Super with the Meta modifier already set, unlike Left Super's Key_Super_L.
-    case HotKey::rightCommand: return (Qt::MetaModifier | Qt::Key_Super_R).toCombined();
+    case HotKey::rightCommand: shortcuts << (Qt::MetaModifier | Qt::Key_Super_R).toCombined(); break;
     // Right Alt is AltGr in most layouts (Brazilian, Portuguese, German...); where it is Alt_R (the
     // US layout) KDE takes it for the Alt that Left Alt also is, and this shortcut never fires.
-    case HotKey::rightOption: return Qt::Key_AltGr;
+    case HotKey::rightOption: shortcuts << Qt::Key_AltGr; break;
     // KWin hands XF86WakeUp to no global shortcut.
     case HotKey::fn: break;
     }
-    return std::nullopt;
+    // Free in Plasma's default shortcuts, and KDE tells its release like a lone key's.
+    shortcuts << (Qt::ControlModifier | Qt::AltModifier | Qt::Key_Space).toCombined();
+    return shortcuts;
 }
 
 KeyMonitor::Token KGlobalAccelKeyMonitor::addMonitor(Handler handler)
@@ -91,37 +107,49 @@ void KGlobalAccelKeyMonitor::removeMonitor(Token token)
 bool KGlobalAccelKeyMonitor::registerKey()
 {
     const HotKey key = m_dictationKey();
-    const std::optional<int> shortcut = shortcutFor(key);
-    if (!shortcut) {
-        if (m_refusalLogged != key)
-            qCInfo(lcHotkey).noquote() << "KDE cannot bind" << key.label()
-                                       << "alone as a global shortcut; it is heard through the other key sources only";
-        m_refusalLogged = key;
-        return false;
-    }
-    sendAndLogFailure(callOnRegistry(QStringLiteral("doRegister"), {actionId()}));
-    const QDBusMessage set = callOnRegistry(
-        QStringLiteral("setShortcut"), {actionId(), QVariant::fromValue(QList<int>{*shortcut}), setPresent | noAutoloading});
-    const QDBusPendingCall call = QDBusConnection::sessionBus().asyncCall(set);
-    checkAssigned(call, key, *shortcut);
+    sendShortcuts(key);
     connectSignals(true);
     m_registeredKey = key;
-    qCInfo(lcHotkey).noquote() << "watching modifier keys through kglobalaccel:" << key.rawValue() << "bound as Qt key"
-                               << QStringLiteral("0x%1").arg(*shortcut, 0, 16);
+    // kglobalaccel forgets every registration when it ends; once it is back, ours is made again.
+    if (!m_returns) {
+        m_returns = new QDBusServiceWatcher(service, QDBusConnection::sessionBus(), QDBusServiceWatcher::WatchForRegistration, this);
+        connect(m_returns, &QDBusServiceWatcher::serviceRegistered, this, [this] {
+            if (m_registeredKey) {
+                qCInfo(lcHotkey) << "kglobalaccel is back: registering the dictation shortcut again";
+                sendShortcuts(*m_registeredKey);
+            }
+        });
+    }
+    if (!std::exchange(m_chordAnnounced, true))
+        qCInfo(lcHotkey).noquote() << "KDE holds the dictation key through kglobalaccel; hold" << chordLabel << "where it cannot see"
+                                   << key.label() << "alone (Right Alt in the US layout, fn)";
     return true;
 }
 
-// kglobalaccel answers the keys it gave the action: none when another shortcut holds this one.
-void KGlobalAccelKeyMonitor::checkAssigned(const QDBusPendingCall& call, HotKey key, int shortcut)
+void KGlobalAccelKeyMonitor::sendShortcuts(HotKey key)
+{
+    const QList<int> shortcuts = shortcutsFor(key);
+    sendAndLogFailure(callOnRegistry(QStringLiteral("doRegister"), {actionId()}));
+    const QDBusMessage set
+        = callOnRegistry(QStringLiteral("setShortcut"), {actionId(), QVariant::fromValue(shortcuts), setPresent | noAutoloading});
+    checkAssigned(QDBusConnection::sessionBus().asyncCall(set), key, shortcuts);
+    qCInfo(lcHotkey).noquote() << "watching modifier keys through kglobalaccel:" << key.rawValue() << "bound as Qt keys"
+                               << shortcutNames(shortcuts);
+}
+
+// kglobalaccel answers the keys it gave the action: a missing one is held by another shortcut.
+void KGlobalAccelKeyMonitor::checkAssigned(const QDBusPendingCall& call, HotKey key, const QList<int>& shortcuts)
 {
     auto* watcher = new QDBusPendingCallWatcher(call, this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [key, shortcut](QDBusPendingCallWatcher* finished) {
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [key, shortcuts](QDBusPendingCallWatcher* finished) {
         const QDBusPendingReply<QList<int>> reply = *finished;
         if (reply.isError())
             qCWarning(lcHotkey).noquote() << "kglobalaccel did not bind" << key.rawValue() << "-" << reply.error().message();
-        else if (!reply.value().contains(shortcut))
-            qCWarning(lcHotkey).noquote() << "kglobalaccel did not bind" << key.rawValue()
-                                          << "- another global shortcut of KDE holds it (System Settings > Shortcuts)";
+        for (int shortcut : shortcuts) {
+            if (!reply.isError() && !reply.value().contains(shortcut))
+                qCWarning(lcHotkey).noquote() << "kglobalaccel did not bind" << shortcutNames({shortcut})
+                                              << "- another global shortcut of KDE holds it (System Settings > Shortcuts)";
+        }
         finished->deleteLater();
     });
 }

@@ -1,10 +1,12 @@
 #include "FakeInputKeyPoster.h"
 
+#include "SeatKeymap.h"
 #include "WaylandClient.h"
 
 #include "fake-input-client-protocol.h"
 
 #include <wayland-client.h>
+#include <xkbcommon/xkbcommon-keysyms.h>
 
 namespace {
 
@@ -13,7 +15,7 @@ namespace {
 constexpr quint32 keyLeftControl = 29;
 constexpr quint32 keyLeftShift = 42;
 constexpr quint32 keyLeftAlt = 56;
-constexpr quint32 keyV = 47;
+constexpr quint32 qwertyKeyV = 47;
 
 std::vector<quint32> modifierKeysFor(quint64 flags)
 {
@@ -31,7 +33,15 @@ std::vector<quint32> modifierKeysFor(quint64 flags)
 
 FakeInputKeyPoster::FakeInputKeyPoster(std::shared_ptr<WaylandClient> client)
     : m_client(std::move(client))
+    , m_keymap(m_client ? std::make_unique<SeatKeymap>(m_client) : nullptr)
 {
+}
+
+FakeInputKeyPoster::~FakeInputKeyPoster() = default;
+
+quint32 FakeInputKeyPoster::keyV() const
+{
+    return m_keymap ? m_keymap->kernelKeyFor(XKB_KEY_v).value_or(qwertyKeyV) : qwertyKeyV;
 }
 
 // KWin asks a fake input device to say who it is before it takes any event from it.
@@ -67,9 +77,10 @@ void FakeInputKeyPoster::post(const KeyEvent& event)
         m_pressedModifiers = modifierKeysFor(event.flags);
         for (quint32 modifier : m_pressedModifiers)
             sendKey(modifier, true);
-        sendKey(keyV, true);
+        m_pressedKey = keyV();
+        sendKey(m_pressedKey, true);
     } else {
-        sendKey(keyV, false);
+        sendKey(m_pressedKey, false);
         for (auto modifier = m_pressedModifiers.rbegin(); modifier != m_pressedModifiers.rend(); ++modifier)
             sendKey(*modifier, false);
         m_pressedModifiers.clear();

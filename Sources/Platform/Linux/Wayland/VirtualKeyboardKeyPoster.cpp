@@ -1,5 +1,6 @@
 #include "VirtualKeyboardKeyPoster.h"
 
+#include "SeatKeymap.h"
 #include "Shared/Logging.h"
 #include "WaylandClient.h"
 
@@ -17,8 +18,7 @@
 namespace {
 
 // The keymap the compositor gets: the US layout, which every system has. Key codes sent over the
-// protocol are evdev codes, XKB's less 8.
-constexpr quint32 evdevOffset = 8;
+// protocol are evdev codes, XKB's less 8 (SeatKeymap finds them).
 
 quint32 milliseconds()
 {
@@ -50,7 +50,7 @@ struct VirtualKeyboardKeyPoster::Keymap {
             char* text = xkb_keymap_get_as_string(keymap, XKB_KEYMAP_FORMAT_TEXT_V1);
             made->text = QByteArray(text, qsizetype(std::strlen(text) + 1));
             std::free(text);
-            made->keyV = keyFor(keymap, XKB_KEY_v);
+            made->keyV = SeatKeymap::kernelKeyFor(keymap, XKB_KEY_v);
             made->controlMask = 1u << xkb_keymap_mod_get_index(keymap, XKB_MOD_NAME_CTRL);
             made->shiftMask = 1u << xkb_keymap_mod_get_index(keymap, XKB_MOD_NAME_SHIFT);
             made->altMask = 1u << xkb_keymap_mod_get_index(keymap, XKB_MOD_NAME_ALT);
@@ -60,17 +60,6 @@ struct VirtualKeyboardKeyPoster::Keymap {
         if (made && made->keyV == 0)
             made.reset();
         return made;
-    }
-
-    static quint32 keyFor(xkb_keymap* keymap, xkb_keysym_t wanted)
-    {
-        for (xkb_keycode_t code = xkb_keymap_min_keycode(keymap); code <= xkb_keymap_max_keycode(keymap); ++code) {
-            const xkb_keysym_t* symbols = nullptr;
-            const int count = xkb_keymap_key_get_syms_by_level(keymap, code, 0, 0, &symbols);
-            if (count > 0 && symbols[0] == wanted)
-                return code - evdevOffset;
-        }
-        return 0;
     }
 };
 
