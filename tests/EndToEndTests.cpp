@@ -29,7 +29,7 @@ protected:
     void SetUp() override
     {
         if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
-            GTEST_SKIP() << "needs the headless desktop and microphone (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the headless desktop and microphone (run under scripts/with-harness.sh)");
         ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
         XTestKeyboard::focus(receiver.windowId());
     }
@@ -138,7 +138,7 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingLanguageThenTypesTheSpeechAndKeepsT
     ASSERT_TRUE(app.start());
     const QString speech = goForward();
     if (speech.isEmpty())
-        GTEST_SKIP() << "pocketsphinx-testdata is not installed";
+        VOXARIA_SKIP("pocketsphinx-testdata is not installed");
 
     // Neither engine can dictate in Portuguese here: said at launch, and again when Whisper is chosen.
     answerAlert(QStringLiteral("alert-no-engine.png"));
@@ -285,7 +285,7 @@ TEST_F(EndToEnd, TheTrayMenuChangesTheKeySoundsLanguageEngineAndStartWithTheSess
     ASSERT_TRUE(settingBecomes(QStringLiteral("engine"), QStringLiteral("apple")));
     const QString speech = goForward();
     if (speech.isEmpty())
-        GTEST_SKIP() << "pocketsphinx-testdata is not installed";
+        VOXARIA_SKIP("pocketsphinx-testdata is not installed");
     holdAndSpeak(speech, rightSuper);
     ASSERT_TRUE(receiver.waitForText(QStringLiteral("go forward ten meters"), 20s)) << app.log().join('\n').toStdString();
 

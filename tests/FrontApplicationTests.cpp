@@ -13,7 +13,7 @@ namespace {
 TEST(FrontApplication, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseByItsWindowClass)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
     X11FrontApplication front;
     QDir applications(QStandardPaths::writableLocation(QStandardPaths::ApplicationsLocation));
     const auto install = [&](const QString& fileName, const QByteArray& contents) {

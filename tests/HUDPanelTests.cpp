@@ -43,7 +43,7 @@ protected:
     void SetUp() override
     {
         if (!TestSupport::hasX11())
-            GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
+            VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
     }
     QRect frame() const { return hud.panel()->geometry(); }
     QLabel* label(const char* name) const { return hud.panel()->findChild<QLabel*>(name); }

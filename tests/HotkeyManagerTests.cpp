@@ -54,7 +54,7 @@ protected:
     void SetUp() override
     {
         if (!TestSupport::hasX11())
-            GTEST_SKIP() << "needs an X display (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs an X display (run under scripts/with-harness.sh)");
         Settings::shared().setHotKey(HotKey::rightOption);
         receiver.resize(200, 100);
         receiver.show();

@@ -206,7 +206,7 @@ TEST(WhisperCliVad, OnlyWhatTheVoiceDetectionCallsSpeechIsTranscribed)
 {
     const QString binary = VOXARIA_BUILT_WHISPER_CLI, models = VOXARIA_WHISPER_TEST_MODELS;
     if (!QFileInfo::exists(binary) || !QFileInfo::exists(models + "/for-tests-silero-v6.2.0-ggml.bin"))
-        GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF), nor its test models";
+        VOXARIA_SKIP("whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF), nor its test models");
     QDir(AppPaths::modelsFolder()).removeRecursively();
     EXPECT_TRUE(WhisperCliFeatures::vadArguments(binary).isEmpty()) << "VAD without its model";
     QDir().mkpath(AppPaths::modelsFolder());
@@ -237,7 +237,7 @@ TEST_F(MediaTranscriberTest, TheSystemYtDlpFetchesADirectLink)
 {
     QFile::remove(fakeYtDlp());
     if (!QFileInfo("/usr/bin/yt-dlp").isExecutable())
-        GTEST_SKIP() << "no yt-dlp installed in /usr/bin";
+        VOXARIA_SKIP("no yt-dlp installed in /usr/bin");
     LocalHttpServer server;
     QFile media(scratch("fala.m4a"));
     media.open(QIODevice::ReadOnly);

@@ -51,7 +51,7 @@ struct Environment {
 TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
 {
     if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
-        GTEST_SKIP() << "needs the harness's X server and PulseAudio";
+        VOXARIA_SKIP("needs the harness's X server and PulseAudio");
     const struct {
         QString locale;
         Variables environment;
@@ -88,7 +88,7 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
 TEST(Permissions, StartUpLogsEachMissingNeed)
 {
     if (!TestSupport::hasPulseAudio())
-        GTEST_SKIP() << "needs the harness's PulseAudio";
+        VOXARIA_SKIP("needs the harness's PulseAudio");
     static QStringList log;
     // Only these lines, which come on the main thread (the look-ups log on pooled threads).
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
@@ -222,7 +222,7 @@ TEST(LoginItem, AnUnwritableAutostartFolderReportsWhyAndChangesNothing)
             ASSERT_EQ(item.registerItem(), std::nullopt);
         }
         if (!immutable(true))
-            GTEST_SKIP() << "chattr does not work on this file system";
+            VOXARIA_SKIP("chattr does not work on this file system");
         const auto reason = present ? item.unregisterItem() : item.registerItem();
         immutable(false);
         EXPECT_TRUE(reason && reason->contains(folder)) << (reason ? reason->toStdString() : "no reason");

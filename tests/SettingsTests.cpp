@@ -1,6 +1,7 @@
 #include "Shared/Preferences/Settings.h"
 
 #include "Shared/AppPaths.h"
+#include "TestSupport.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -81,7 +82,7 @@ TEST_F(SettingsTest, AWriteThatFailsIsReportedAndLeavesTheFileAsItWas)
     const QString folder = QFileInfo(file).absolutePath();
     const auto immutable = [&](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", folder, file}) == 0; };
     if (!immutable(true))
-        GTEST_SKIP() << "chattr does not work on this file system";
+        VOXARIA_SKIP("chattr does not work on this file system");
     static QStringList settingsWarnings;
     settingsWarnings.clear();
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& message) {

@@ -189,7 +189,7 @@ TEST_F(SpeechTranscriberTest, AnEmptyLanguageIsRefusedAtOnceLeavingNothingPendin
 TEST(PocketSphinx, ModelsAreFoundPerLanguageInTheUserFolderFirstThenTheSystem)
 {
     if (!QFileInfo::exists(kSystemEnglishModel))
-        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+        VOXARIA_SKIP("pocketsphinx-en-us is not installed");
     EXPECT_NE(SpeechRecognizer::make(QStringLiteral("EN_us")), nullptr);
     EXPECT_EQ(SpeechRecognizer::make(QStringLiteral("pt-BR")), nullptr);
 
@@ -259,7 +259,7 @@ QByteArray decodedSpeech(bool asMicrophoneFrames = true)
 TEST(PocketSphinx, ARecognizerDestroyedMidRecognitionTakesItsWorkerAlong)
 {
     if (!QFileInfo::exists(kSystemEnglishModel))
-        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+        VOXARIA_SKIP("pocketsphinx-en-us is not installed");
     const QByteArray speech = decodedSpeech(false).left(SpeechRecognizer::sampleRate * 2 * 3);
     const auto threads = [] { return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); };
     for (const bool heardWords : {false, true}) {
@@ -290,7 +290,7 @@ TEST(PocketSphinx, ARecognizerDestroyedMidRecognitionTakesItsWorkerAlong)
 TEST(PocketSphinx, SpokenEnglishDecodesUnderTheMeasuredWordErrorRate)
 {
     if (!QFileInfo::exists(kSystemEnglishModel))
-        GTEST_SKIP() << "pocketsphinx-en-us is not installed";
+        VOXARIA_SKIP("pocketsphinx-en-us is not installed");
     Settings::shared().setLocaleIdentifier(QStringLiteral("en-US"));
     const QByteArray frames = decodedSpeech();
     ASSERT_GT(frames.size(), 48000 * 8) << "ffmpeg could not decode the speech";

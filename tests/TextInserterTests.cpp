@@ -17,7 +17,11 @@
 #include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QProcess>
+#include <QRandomGenerator>
+#include <QTemporaryFile>
 #include <QTimer>
+
+#include <csignal>
 
 #include <gtest/gtest.h>
 
@@ -97,6 +101,7 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         SCOPED_TRACE(name);
         pasteboard->items = itemsBefore;
         keyPoster->posted.clear();
+        const int writesBefore = pasteboard->writeCount;
         clock.start();
         insert(dictation);
         TestSupport::spin(300ms);
@@ -109,6 +114,10 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         TestSupport::spin(1500ms);
         EXPECT_EQ(keyPoster->posted, posted);
         EXPECT_EQ(pasteboard->items, before);
+        // Each dictation writes its text once and one restoration puts the user's contents back,
+        // each replacing the contents at once: an emptied clipboard in between is what a clipboard
+        // manager fills with its own item.
+        EXPECT_EQ(pasteboard->writeCount - writesBefore, int(posted.size() / 2) + 1);
     }
 
     // A save that takes a while (an owner answering through pipes): a dictation during it waits for
@@ -126,6 +135,16 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
     TestSupport::spin(500ms);
     EXPECT_EQ(pasteboard->writeCount, writes);
+
+    // An owner that gave nothing: the words are pasted all the same and stay on the clipboard, which
+    // is not emptied as if the user had held nothing.
+    pasteboard->snapshotDelay = 0ms;
+    pasteboard->ownerSilent = true;
+    pasted.clear();
+    insert(QStringLiteral("quarto"));
+    TestSupport::spin(1000ms);
+    EXPECT_EQ(pasted, QStringList({"quarto", ""}));
+    EXPECT_EQ(pasteboard->string(), QStringLiteral("quarto"));
 }
 
 // GNOME holds the first paste of every run of the program until the user answers its consent
@@ -156,7 +175,7 @@ TEST(TextInserterTest, TheFirstPasteThroughGnomesConsentDialogWaitsForTheAnswerB
 TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEndsAsTheUserLeftIt)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the X server of scripts/with-harness.sh";
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     DesktopApps::Terminal terminal;
@@ -231,6 +250,95 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         for (const auto& [type, bytes] : after)
             EXPECT_EQ(DesktopApps::clipboardData(type), bytes) << type.toStdString();
     }
+}
+
+// A clipboard manager of the X11 desktop takes back a clipboard left without an owner: twenty
+// dictations in a row never leave it one, so each pastes its own words and the user's copy is back.
+TEST(TextInserterOnX11Test, AClipboardManagerNeverGetsItsItemPasted)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    ReceivingWindow receiver;
+    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+    DesktopApps::Program manager;
+    manager.start(QStringLiteral(VOXARIA_HELPER_x11clipboardmanager), {});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 15s)) << "the clipboard manager did not start";
+    manager.readLine();
+    const TextInserter::Target target{
+        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {50ms, 300ms}, TextInserter::Mode::paste};
+    for (int run = 1; run <= 20; ++run) {
+        SCOPED_TRACE(run);
+        const QByteArray before = "antes do ditado " + QByteArray::number(run);
+        DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), before}});
+        ASSERT_TRUE(owner.isReady());
+        const QString dictated = QStringLiteral("ditado número %1 ").arg(run);
+        const QString expected = receiver.text() + dictated;
+        XTestKeyboard::focus(receiver.windowId());
+        TextInserter::insert(dictated, target);
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 5s)) << "got: " << receiver.text().toStdString();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return DesktopApps::clipboardData(QStringLiteral("text/plain")) == before; }, 5s))
+            << "the clipboard holds " << DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString();
+    }
+    EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was left without an owner for a moment";
+}
+
+// An owner that never answers (stopped): the main thread keeps running while the clipboard is
+// read, the dictation is pasted after one deadline, and the clipboard keeps it instead of being
+// emptied as if the owner had held nothing.
+TEST(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothing)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    ReceivingWindow receiver;
+    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+    DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), QByteArray("do dono parado")}});
+    ASSERT_TRUE(owner.isReady());
+    ASSERT_EQ(::kill(pid_t(owner.processId()), SIGSTOP), 0);
+    const TextInserter::Target target{
+        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {}, TextInserter::Mode::paste};
+    QElapsedTimer clock;
+    qint64 lastTick = 0, longestGap = 0;
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        longestGap = std::max(longestGap, clock.elapsed() - lastTick);
+        lastTick = clock.elapsed();
+    });
+    const QString expected = receiver.text() + dictation;
+    XTestKeyboard::focus(receiver.windowId());
+    clock.start();
+    ticker.start(10);
+    TextInserter::insert(dictation, target);
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 10s)) << "got: " << receiver.text().toStdString();
+    TestSupport::spin(1s); // past the restoration
+    ticker.stop();
+    EXPECT_LT(longestGap, 100) << "the main thread stood still for " << longestGap << " ms";
+    EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString(), dictation.toStdString());
+    ::kill(pid_t(owner.processId()), SIGCONT);
+}
+
+// A copy larger than the X server takes in one request comes in pieces (INCR) and goes back whole.
+TEST(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
+{
+    if (!TestSupport::hasX11())
+        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+    QTemporaryFile file;
+    ASSERT_TRUE(file.open());
+    QByteArray large(20 * 1024 * 1024, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(large.data()), large.size() / 4);
+    file.write(large);
+    file.flush();
+    // xclip leaves a child serving the selection until somebody else owns it.
+    ASSERT_EQ(QProcess::execute(QStringLiteral("xclip"),
+                  {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-t"),
+                      QStringLiteral("application/x-voxaria-large"), QStringLiteral("-i"), file.fileName()}),
+        0);
+    const auto keys = std::make_shared<FakeKeyPoster>();
+    bool pasted = false;
+    keys->onPost = [&](const KeyPoster::KeyEvent&) { pasted = true; };
+    TextInserter::insert(dictation, {std::make_shared<X11ClipboardPasteboard>(), keys, {50ms, 100ms}});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted; }, 10s));
+    TestSupport::spin(500ms);
+    EXPECT_TRUE(DesktopApps::clipboardData(QStringLiteral("application/x-voxaria-large")) == large);
 }
 
 }

@@ -73,7 +73,7 @@ protected:
     void SetUp() override
     {
         if (!hasX11())
-            GTEST_SKIP() << "needs the headless desktop (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the headless desktop (run under scripts/with-harness.sh)");
         writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
         Settings::shared().setPlaySounds(true);
         view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{std::unique_ptr<Alerts>(alerts),
@@ -295,7 +295,7 @@ TEST_F(VideoTranscriptionWindowTest, AnOutdatedSystemYtDlpBringsOneOfferOfACurre
 TEST(VideoTranscriptionWindowEndToEnd, FromTheTrayMenuToSavedSubtitlesLeavingNothingBehind)
 {
     if (!hasX11() || !QFileInfo("/usr/bin/yt-dlp").isExecutable())
-        GTEST_SKIP() << "needs the headless desktop (scripts/with-harness.sh) and Debian's yt-dlp";
+        VOXARIA_SKIP("needs the headless desktop (scripts/with-harness.sh) and Debian's yt-dlp");
     constexpr int enterKey = 36;
     // Keys and text go to the focused window: the one just shown, or the open dialog.
     const auto xdotool = [](const QStringList& arguments) { return QProcess::execute("xdotool", arguments) == 0; };

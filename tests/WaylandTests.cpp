@@ -3,6 +3,7 @@
 // read from event devices (fed here through pipes, since test machines have no keyboards).
 #include "AppRun.h"
 #include "Dictation/TextInserter.h"
+#include "ExtDataControlServer.h"
 #include "HeadlessKWin.h"
 #include "HeadlessSway.h"
 #include "HistoryFiles.h"
@@ -93,7 +94,7 @@ TEST(CommandLine, NoDisplayUnknownArgumentsAndNoProgramToTellAreEachSaid)
 TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the headless X server to draw on (run under scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the headless X server to draw on (run under scripts/with-harness.sh)");
     AppRun app;
     app.useFakeWhisper(QStringLiteral("text=ditado pelo atalho do compositor\n"));
     // A sway session as its environment tells it; the windows still go to the harness's X server.
@@ -143,9 +144,9 @@ protected:
     void SetUp() override
     {
         if (!HeadlessSway::available())
-            GTEST_SKIP() << HeadlessSway::unavailableReason().toStdString();
+            VOXARIA_SKIP(HeadlessSway::unavailableReason());
         if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
-            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the harness's shared PulseAudio (run under scripts/with-harness.sh)");
         ASSERT_TRUE(sway.start()) << sway.failure().toStdString();
     }
 
@@ -155,8 +156,9 @@ protected:
 
 // What a user of sway sees: the key held through the bindings, the words pasted into the focused
 // window (Control-V into a native Qt window, Control-Shift-V into foot) while Shift is held on
-// another keyboard, and then the clipboard they had before, whatever its type. Voxaria's windows go
-// through XWayland where it is there, and are native Wayland windows where it is not.
+// another keyboard and a clipboard manager runs, and then the clipboard they had before, whatever
+// its type. Voxaria's windows go through XWayland where it is there, and are native Wayland windows
+// where it is not.
 TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
 {
     struct Row {
@@ -182,12 +184,18 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         EXPECT_TRUE(app.waitForLog(row.xwayland ? QStringLiteral("windows through xcb") : QStringLiteral("windows through wayland"), 10s))
             << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 10s)) << log();
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through wlr data-control and a virtual keyboard"), 10s)) << log();
+        ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through data-control and a virtual keyboard"), 10s)) << log();
         // Sway has no tray: the window that stands in for the menu appears over the focused one
         // and leaves it the focus (through XWayland by itself, natively by the README's rule).
         ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
         TestSupport::spin(1s);
         EXPECT_EQ(sway.focusedApplication(), focused);
+        // A clipboard manager, as many sway users run, that refills an emptied clipboard at once.
+        QProcess manager;
+        manager.setProcessEnvironment(sway.clientEnvironment());
+        manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {QStringLiteral("manager")});
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 10s)) << "the clipboard manager did not start";
+        manager.readLine();
         ASSERT_TRUE(sway.copy(row.before, row.type));
         QProcess speech, shift;
         speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
@@ -198,6 +206,9 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         EXPECT_TRUE(window.waitForText(QStringLiteral("ditado pelo sway"), 30s)) << window.text().toStdString() << log();
         EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.paste(row.type) == row.before; }, 10s)) << row.type.toStdString();
         EXPECT_TRUE(sway.clipboardTypes().contains(row.type));
+        EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
+        manager.kill();
+        manager.waitForFinished();
         speech.waitForFinished(10000);
         shift.waitForFinished(15000);
     }
@@ -215,9 +226,9 @@ protected:
     void SetUp() override
     {
         if (!HeadlessKWin::available())
-            GTEST_SKIP() << HeadlessKWin::unavailableReason().toStdString();
+            VOXARIA_SKIP(HeadlessKWin::unavailableReason());
         if (!TestSupport::hasPulseAudio() || qEnvironmentVariableIsEmpty("VOXARIA_HARNESS_PULSE_SERVER"))
-            GTEST_SKIP() << "needs the harness's shared PulseAudio (run under scripts/with-harness.sh)";
+            VOXARIA_SKIP("needs the harness's shared PulseAudio (run under scripts/with-harness.sh)");
     }
 
     // Lets the copy of the program in `app` use KWin's fake input, as the package's desktop file does.
@@ -260,7 +271,7 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
     // Our desktop file names the second copy; KWin reads it as it starts.
     ASSERT_TRUE(allowFakeInput(apps[1]));
     if (!kwin.start())
-        GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
+        VOXARIA_SKIP("KWin does not start here: " + kwin.failure());
     const QByteArray before = "antes do ditado";
     for (const bool allowed : {false, true}) {
         AppRun& app = apps[allowed];
@@ -272,7 +283,7 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
         app.runAs(kwin.uid(), kwin.gid());
         ASSERT_TRUE(app.start()) << log();
         ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through kglobalaccel"), 10s)) << log();
-        const QString route = allowed ? QStringLiteral("pasted through wlr data-control and KWin's fake input")
+        const QString route = allowed ? QStringLiteral("pasted through data-control and KWin's fake input")
                                       : QStringLiteral("KWin does not offer org_kde_kwin_fake_input to ") + app.program();
         ASSERT_TRUE(app.waitForLog(route, 10s)) << log();
         // This KWin has no tray: the window saying so shows up and leaves the focus where it was.
@@ -307,7 +318,7 @@ TEST_F(KWinUsDvorak, TheChordHoldsTheKeyAndThePasteFindsVInTheLayout)
     AppRun app;
     ASSERT_TRUE(allowFakeInput(app));
     if (!kwin.start())
-        GTEST_SKIP() << "KWin does not start here: " << kwin.failure().toStdString();
+        VOXARIA_SKIP("KWin does not start here: " + kwin.failure());
     const auto log = [&] { return app.log().join('\n').toStdString(); };
     ReceivingWindow window;
     ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
@@ -316,7 +327,7 @@ TEST_F(KWinUsDvorak, TheChordHoldsTheKeyAndThePasteFindsVInTheLayout)
     app.runAs(kwin.uid(), kwin.gid());
     ASSERT_TRUE(app.start()) << log();
     ASSERT_TRUE(app.waitForLog(QStringLiteral("hold Ctrl+Alt+Espaço"), 10s)) << log();
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through wlr data-control and KWin's fake input"), 10s)) << log();
+    ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through data-control and KWin's fake input"), 10s)) << log();
     ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
     // Left Control, Left Alt, Space.
     ASSERT_TRUE(kwin.pressKeys({"+29", "+56", "+57"}));
@@ -330,17 +341,58 @@ TEST_F(KWinUsDvorak, TheChordHoldsTheKeyAndThePasteFindsVInTheLayout)
     speech.waitForFinished();
 }
 
+// The servers whose clipboard Voxaria manages through data-control: sway (wlroots' protocol), KWin
+// (wlroots' too, as Plasma 5.27 offers it) and a server with the standard ext protocol alone.
+enum class ClipboardServer { sway, kwin, ext };
+
+std::string serverName(const ::testing::TestParamInfo<ClipboardServer>& info)
+{
+    static const char* names[] = {"sway", "KWin", "ext"};
+    return names[int(info.param)];
+}
+
+class DataControl : public ::testing::TestWithParam<ClipboardServer> {
+protected:
+    void SetUp() override
+    {
+        switch (GetParam()) {
+        case ClipboardServer::sway:
+            if (!HeadlessSway::available())
+                VOXARIA_SKIP(HeadlessSway::unavailableReason());
+            server = std::make_unique<HeadlessSway>();
+            ASSERT_TRUE(static_cast<HeadlessSway&>(*server).start()) << server->failure().toStdString();
+            break;
+        case ClipboardServer::kwin:
+            if (!HeadlessKWin::available())
+                VOXARIA_SKIP(HeadlessKWin::unavailableReason());
+            server = std::make_unique<HeadlessKWin>(QStringLiteral("us"));
+            ASSERT_TRUE(static_cast<HeadlessKWin&>(*server).start()) << server->failure().toStdString();
+            break;
+        case ClipboardServer::ext:
+            server = std::make_unique<ExtDataControlServer>();
+            ASSERT_TRUE(static_cast<ExtDataControlServer&>(*server).start()) << server->failure().toStdString();
+            break;
+        }
+        client = WaylandClient::connect(server->waylandSocket());
+        ASSERT_TRUE(client && client->dataControl());
+        EXPECT_STREQ(client->dataControlProtocol(), GetParam() == ClipboardServer::ext ? "ext" : "wlr");
+    }
+
+    std::unique_ptr<HeadlessCompositor> server;
+    std::shared_ptr<WaylandClient> client;
+};
+
+INSTANTIATE_TEST_SUITE_P(, DataControl, ::testing::Values(ClipboardServer::sway, ClipboardServer::kwin, ClipboardServer::ext), serverName);
+
 // The clipboard as Voxaria's own connection sees it: another program's large image read whole,
 // several types of ours each handed out, and a newer copy elsewhere ending our ownership.
-TEST_F(Sway, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebodyCopies)
+TEST_P(DataControl, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebodyCopies)
 {
-    const std::shared_ptr<WaylandClient> client = WaylandClient::connect(sway.waylandSocket());
-    ASSERT_TRUE(client && client->dataControl() && client->virtualKeyboards());
     DataControlPasteboard board(client);
     ASSERT_TRUE(board.isAvailable());
 
     const QByteArray large = pngImage(1200);
-    ASSERT_TRUE(sway.copy(large, QStringLiteral("image/png")));
+    ASSERT_TRUE(server->copy(large, QStringLiteral("image/png")));
     EXPECT_EQ(board.types(0), QStringList{QStringLiteral("image/png")});
     EXPECT_EQ(board.data(0, QStringLiteral("image/png")), large);
     EXPECT_FALSE(board.ownsContents());
@@ -350,11 +402,11 @@ TEST_F(Sway, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebodyCopie
     item.setData(QStringLiteral("image/png"), large);
     board.writeItems({item});
     EXPECT_TRUE(board.ownsContents());
-    EXPECT_EQ(sway.clipboardTypes(), QStringList({QStringLiteral("text/html"), QStringLiteral("image/png")}));
-    EXPECT_EQ(sway.paste(QStringLiteral("image/png")), large);
-    EXPECT_EQ(sway.paste(QStringLiteral("text/html")), QByteArray("<b>olá</b>"));
+    EXPECT_EQ(server->clipboardTypes(), QStringList({QStringLiteral("text/html"), QStringLiteral("image/png")}));
+    EXPECT_EQ(server->paste(QStringLiteral("image/png")), large);
+    EXPECT_EQ(server->paste(QStringLiteral("text/html")), QByteArray("<b>olá</b>"));
 
-    ASSERT_TRUE(sway.copy("de outro programa", QStringLiteral("text/plain")));
+    ASSERT_TRUE(server->copy("de outro programa", QStringLiteral("text/plain")));
     EXPECT_FALSE(board.ownsContents());
     EXPECT_EQ(board.data(0, QStringLiteral("text/plain")), QByteArray("de outro programa"));
 }
@@ -378,18 +430,19 @@ std::shared_ptr<WaylandClient> ownClipboardSilently(const QString& socket, const
     return client;
 }
 
-// Such an owner costs the paste one deadline for all its types, and the main thread runs meanwhile.
-TEST_F(Sway, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
+// Such an owner costs the paste one deadline for all its types, the main thread runs meanwhile, and
+// the clipboard keeps the dictation rather than being emptied as if the owner had held nothing.
+TEST_P(DataControl, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
 {
-    const auto board = std::make_shared<DataControlPasteboard>(WaylandClient::connect(sway.waylandSocket()));
+    const auto board = std::make_shared<DataControlPasteboard>(client);
     std::vector<int> held;
-    const auto owner = ownClipboardSilently(sway.waylandSocket(), {"text/plain", "text/html", "image/png"}, held);
+    const auto owner = ownClipboardSilently(server->waylandSocket(), {"text/plain", "text/html", "image/png"}, held);
     const auto keys = std::make_shared<FakeKeyPoster>();
     int ticks = 0, ticksAtPaste = 0;
     std::optional<QByteArray> pasted;
     keys->onPost = [&](const KeyPoster::KeyEvent&) {
         ticksAtPaste = ticks;
-        pasted = sway.paste(QStringLiteral("text/plain"));
+        pasted = server->paste(QStringLiteral("text/plain"));
     };
     QTimer ticker;
     QObject::connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
@@ -399,10 +452,46 @@ TEST_F(Sway, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesNothing)
     EXPECT_GT(ticksAtPaste, 40) << "the main thread stood still while the clipboard was saved";
     EXPECT_LT(ticksAtPaste, 125) << "more than one deadline of 1.5 s";
     EXPECT_EQ(pasted, QByteArray("ditado apesar do dono mudo"));
-    // Nothing of the silent owner's came in, so nothing of it comes back.
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.clipboardTypes().isEmpty(); }, 5s));
+    TestSupport::spin(1s);
+    EXPECT_EQ(server->paste(QStringLiteral("text/plain")), QByteArray("ditado apesar do dono mudo"));
     for (int fd : held)
         ::close(fd);
+}
+
+// A clipboard manager that fills an emptied clipboard with its newest item at once (as Klipper does
+// by default) never sees the clipboard empty: twenty dictations in a row each paste their own words,
+// and the user's copy is back after each.
+TEST_P(DataControl, WithAClipboardManagerEveryDictationPastesItsOwnWordsAndTheClipboardComesBack)
+{
+    QProcess manager;
+    manager.setProcessEnvironment(server->clientEnvironment());
+    manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {QStringLiteral("manager")});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 10s)) << "the clipboard manager did not start";
+    manager.readLine();
+    const auto board = std::make_shared<DataControlPasteboard>(client);
+    const auto keys = std::make_shared<FakeKeyPoster>();
+    std::optional<QByteArray> pasted;
+    // What the focused window would paste at the moment the keys go down.
+    keys->onPost = [&](const KeyPoster::KeyEvent& event) {
+        if (event.keyDown)
+            pasted = server->paste(QStringLiteral("text/plain;charset=utf-8"));
+    };
+    const TextInserter::Target target{board, keys, {50ms, 300ms}};
+    for (int run = 1; run <= 20; ++run) {
+        SCOPED_TRACE(run);
+        const QByteArray before = "antes do ditado " + QByteArray::number(run);
+        ASSERT_TRUE(server->copy(before, QStringLiteral("text/plain;charset=utf-8")));
+        pasted.reset();
+        const QString dictated = QStringLiteral("ditado número %1").arg(run);
+        TextInserter::insert(dictated, target);
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted.has_value(); }, 10s));
+        EXPECT_EQ(pasted.value_or("").toStdString(), dictated.toStdString());
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return server->paste(QStringLiteral("text/plain;charset=utf-8")) == before; }, 5s))
+            << "the clipboard holds " << server->paste(QStringLiteral("text/plain;charset=utf-8")).value_or("nothing").toStdString();
+    }
+    EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
+    manager.kill();
+    manager.waitForFinished();
 }
 
 // Hyprland names its active window on a socket of its own; nothing focused is no application.

@@ -1,8 +1,13 @@
+#include "Dictation/DictationController.h"
 #include "Engines/PhantomPhrases.h"
 #include "Engines/SpeechGate.h"
 #include "Engines/WhisperTranscriber.h"
+#include "GateSounds.h"
 #include "Media/AudioExtractor.h"
+#include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeAudioInput.h"
+#include "Platform/Fakes/FakeFrontApplication.h"
+#include "Platform/Fakes/FakeSounds.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
 #include "Shared/AppPaths.h"
@@ -14,18 +19,33 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSettings>
+#include <QWidget>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <random>
 
 using namespace std::chrono_literals;
 using namespace TestSupport;
 
+// The real whisper-cli and whisper.cpp's test models are built with the tests; without them a test
+// that needs them fails in CI and is skipped elsewhere.
+#define REQUIRE_REAL_WHISPER()                                                                                                             \
+    if (!QFileInfo::exists(VOXARIA_BUILT_WHISPER_CLI) || !QFileInfo::exists(realTestModel()))                                              \
+    VOXARIA_SKIP("whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)")
+
 namespace {
+
+// whisper.cpp's test model: the header and vocabulary of the tiny model, no weights. It loads, and hears nothing.
+QString realTestModel()
+{
+    return QStringLiteral(VOXARIA_WHISPER_TEST_MODELS "/for-tests-ggml-tiny.bin");
+}
 
 QString modelPath(const QString& name)
 {
@@ -65,10 +85,9 @@ protected:
         return pgrep.waitForFinished() ? QString::fromUtf8(pgrep.readAll()) : QString();
     }
 
-    // A dictation that has recorded `buffers` buffers of 4096 frames: silence, and a tone in every
-    // other one, which the speech gate lets through; a whisper-cli that reads standard input is
-    // running by the first of them.
-    std::unique_ptr<WhisperTranscriber> record(int buffers = 11, bool voiced = true)
+    // A dictation that has recorded `buffers` buffers of 4096 frames of speech() on the fake
+    // microphone; a whisper-cli that reads standard input is running by the first of them.
+    std::unique_ptr<WhisperTranscriber> record(int buffers = 11, float loudness = 0.3F)
     {
         auto engine = makeEngine();
         answers = {};
@@ -76,21 +95,50 @@ protected:
         if (!olderWhisper) {
             EXPECT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); })) << "whisper-cli did not start at key down";
         }
+        speak(buffers, loudness);
+        return engine;
+    }
+
+    // Silence, and a 220 Hz square wave of peak `loudness` in every other buffer, which the speech gate
+    // takes for vowels: its harmonics stay periodic even a few steps above digital silence.
+    void speak(int buffers, float loudness)
+    {
         std::vector<float> tone(size_t{4096} * 2);
         for (size_t i = 0; i < tone.size(); ++i)
-            tone[i] = 0.3F * float(std::sin(double(i / 2) * 2 * std::numbers::pi * 220 / 48000));
+            tone[i] = std::sin(double(i / 2) * 2 * std::numbers::pi * 220 / 48000) < 0 ? -loudness : loudness;
         for (int i = 0; i < buffers; ++i) {
-            const bool loud = voiced && i % 2 == 1;
+            const bool loud = i % 2 == 1;
             microphone->deliver(loud ? QByteArray(reinterpret_cast<const char*>(tone.data()), qsizetype(tone.size() * sizeof(float)))
                                      : QByteArray(4096 * 2 * sizeof(float), 0));
         }
+    }
+
+    // The real whisper-cli in place of the fake, with `model`'s bytes as the dictation model.
+    void useRealWhisper(const QByteArray& model)
+    {
+        ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(VOXARIA_BUILT_WHISPER_CLI, whisper.binaryPath()));
+        writeFile(modelPath("ggml-large-v3-turbo-q5_0.bin"), model);
+    }
+
+    // Real speech on a 16 kHz microphone.
+    std::unique_ptr<WhisperTranscriber> recordRealSpeech()
+    {
+        QFile speech(testDataPath("speech/jfk.wav"));
+        EXPECT_TRUE(speech.open(QIODevice::ReadOnly));
+        const QByteArray samples = speech.readAll().mid(44);
+        auto engine = makeEngine();
+        microphone->deviceFormat = AudioFormat{16000, 1, AudioFormat::SampleType::int16};
+        answers = {};
+        answers.start(*engine);
+        for (qsizetype at = 0; at < samples.size(); at += 8192)
+            microphone->deliver(samples.mid(at, 8192));
         return engine;
     }
 
     // The same, released, and its answer, which must come later on the event loop.
-    void dictate(int buffers = 11, bool voiced = true)
+    void dictate(int buffers = 11, float loudness = 0.3F)
     {
-        auto engine = record(buffers, voiced);
+        auto engine = record(buffers, loudness);
         engine->finish();
         EXPECT_FALSE(answers.answered()) << "answered from inside finish()";
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
@@ -258,63 +306,91 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
 
 TEST_F(WhisperTranscriberTest, ASilentRecordingIsAnsweredEmptyWithoutRunningWhisper)
 {
-    dictate(11, false);
+    dictate(11, 0);
     EXPECT_EQ(answers.finals, QStringList({""}));
+    // A voice heard but too faint (vowels at -78 dBFS) is answered with the way to be heard.
+    dictate(11, 0.00012F);
+    EXPECT_EQ(answers.errors, QStringList({"Fale mais perto do microfone ou aumente o volume de entrada."}));
     EXPECT_TRUE(whisper.lastArguments().isEmpty()) << "whisper-cli ran on silence";
     EXPECT_TRUE(dictationFiles().isEmpty());
 }
 
-// Real speech against three seconds of what a held key records without it.
-TEST(SpeechGate, HearsSpeechButNotSilenceHissOrHum)
+// Our recordings, quieter and under noise, against what a held key records without speech: the
+// table of what the gate heard is printed.
+TEST(SpeechGate, HearsEveryVoiceSoftOrInNoiseAndNoneOfTheNoisesOfADesk)
 {
-    std::mt19937 random(7);
-    std::uniform_real_distribution<double> white(-0.1, 0.1);
-    double low = 0, middle = 0, high = 0;
-    const std::pair<const char*, std::function<double(int)>> sounds[] = {
-        {"digital silence", [](int) { return 0.0; }},
-        {"white noise", [&](int) { return white(random); }},
-        {"pink noise",
-            [&](int) {
-                const double w = white(random);
-                low = 0.99765 * low + w * 0.0990460;
-                middle = 0.963 * middle + w * 0.2965164;
-                high = 0.57 * high + w * 1.0526913;
-                return low + middle + high + w * 0.1848;
-            }},
-        {"mains hum",
-            [](int i) {
-                return 0.2 * std::sin(i * 2 * std::numbers::pi * 50 / 16000) + 0.05 * std::sin(i * 2 * std::numbers::pi * 150 / 16000);
-            }},
+    using namespace GateSounds;
+    enum Expected { speech, tooQuiet, nothing };
+    struct Case {
+        std::string name;
+        Samples sound;
+        Expected expected;
     };
-    for (const auto& [name, sound] : sounds) {
-        std::vector<qint16> samples(size_t{3} * SpeechGate::kSampleRate);
-        for (size_t i = 0; i < samples.size(); ++i)
-            samples[i] = qint16(std::lround(std::clamp(sound(int(i)), -1.0, 1.0) * 32767));
-        SpeechGate gate;
-        gate.add(samples);
-        EXPECT_FALSE(gate.heardSpeech()) << name;
-    }
-    for (const QString clip : {"speech/jfk.wav", "speech/fleurs-pt-000.ogg", "speech/fleurs-pt-004.ogg", "speech/fleurs-en-002.ogg"}) {
+    std::vector<Case> cases;
+    // fleurs-en-002 is recorded 30 dB below the others: at -30 dB its loudest vowel is at -82 dBFS,
+    // a few steps of a 16-bit sample, which only the hint to speak up can help.
+    const std::pair<const char*, std::vector<int>> clips[] = {{"speech/jfk.wav", {0, -10, -20, -30}},
+        {"speech/fleurs-pt-000.ogg", {0, -10, -20, -30}}, {"speech/fleurs-pt-004.ogg", {0, -10, -20, -30}},
+        {"speech/fleurs-en-000.ogg", {0, -10, -20, -30}}, {"speech/fleurs-en-002.ogg", {0, -10, -20}}};
+    for (const auto& [clip, levels] : clips) {
         const QString wav = AppPaths::dataFolder() + "/clip.wav";
         AudioExtractor::extractWAV(testDataPath(clip), wav);
         QFile file(wav);
         ASSERT_TRUE(file.open(QIODevice::ReadOnly));
         const QByteArray pcm = file.readAll().mid(44);
+        const Samples voice = fromPcm(
+            {reinterpret_cast<const qint16*>(pcm.constData()), reinterpret_cast<const qint16*>(pcm.constData()) + pcm.size() / 2});
+        const std::string name = QFileInfo(clip).baseName().toStdString();
+        for (const int level : levels)
+            cases.push_back({name + " " + std::to_string(level) + " dB", louder(voice, level), speech});
+        for (const int snr : {10, 5})
+            cases.push_back({name + " in fan noise, SNR " + std::to_string(snr) + " dB", withNoise(voice, fan(5), snr), speech});
+        if (name == "fleurs-en-002")
+            cases.push_back({name + " -30 dB", louder(voice, -30), tooQuiet});
+    }
+    cases.push_back({"silence", silence(3), nothing});
+    cases.push_back({"mains hum", hum(3), nothing});
+    cases.push_back({"transformer buzz", buzz(3), nothing});
+    // A microphone's first buffers may be digital silence; the floor is the room's all the same.
+    Samples afterSilentStart = buzz(3);
+    afterSilentStart.insert(afterSilentStart.begin(), 4800, 0.0);
+    cases.push_back({"transformer buzz after 0.3 s of digital silence", afterSilentStart, nothing});
+    cases.push_back({"fan", fan(3), nothing});
+    cases.push_back({"loud fan", louder(fan(3), 20), nothing});
+    cases.push_back({"cough", cough(), nothing});
+    cases.push_back({"door", door(), nothing});
+    cases.push_back({"typing", typing(3), nothing});
+    cases.push_back({"dictation key click", keyClick(), nothing});
+
+    const char* verdicts[] = {"speech", "too quiet", "nothing"};
+    std::printf("%-40s %-10s %-10s %s\n", "recording", "expected", "heard", "voiced ms");
+    for (const Case& c : cases) {
         SpeechGate gate;
-        gate.add({reinterpret_cast<const qint16*>(pcm.constData()), size_t(pcm.size()) / 2});
-        EXPECT_TRUE(gate.heardSpeech()) << clip.toStdString();
+        gate.add(toPcm(c.sound));
+        const SpeechGate::Hearing heard = gate.hearing();
+        std::printf("%-40s %-10s %-10s %lld\n", c.name.c_str(), verdicts[c.expected], verdicts[int(heard.verdict)],
+            qlonglong(heard.voiced.count()));
+        EXPECT_EQ(int(heard.verdict), int(c.expected)) << c.name;
     }
 }
 
-// Whole transcripts only, whatever their case, accents, punctuation and spacing.
-TEST(PhantomPhrases, AWholeTranscriptThatIsAPhantomPhraseIsDroppedAndRealTextKept)
+// Whole transcripts only, whatever their case, accents, punctuation, spacing and repetition. A
+// courtesy phrase is dropped only when less speech was heard than saying it takes.
+TEST(PhantomPhrases, WhatNobodyDictatesIsDroppedAndWhatSomebodySaidIsKept)
 {
     const PhantomPhrases& phrases = PhantomPhrases::bundled();
-    for (const QString phantom : {"Legendas pela comunidade Amara.org", "  obrigada.", "OBRIGADO POR ASSISTIR!!", "Tchau tchau.",
-             "até a PROXIMA...", "[Música]", "(musica)", "[BLANK_AUDIO]", "Inscreva-se no canal!", "Thank you.", "you"})
-        EXPECT_EQ(phrases.withoutPhantom(phantom), QString()) << phantom.toStdString();
+    const auto heard = [](int ms) { return std::chrono::milliseconds(ms); };
+    for (const QString phantom : {"Legendas pela comunidade Amara.org", "OBRIGADO POR ASSISTIR!!", "Tchau tchau.", "até a PROXIMA...",
+             "[Música]", "(musica)", "[BLANK_AUDIO]", "Inscreva-se no canal!", "you", "Inscreva-se no canal. Inscreva-se no canal.",
+             "Obrigado. Legendas pela comunidade Amara.org"})
+        EXPECT_EQ(phrases.withoutPhantom(phantom, heard(60000)), QString()) << phantom.toStdString();
+    const std::tuple<QString, int, bool> courtesy[]
+        = {{"  obrigada.", 200, true}, {"Obrigado.", 250, true}, {"Thank you.", 240, true}, {"Obrigado. Obrigado.", 500, true},
+            {"Obrigado! Obrigada.", 350, true}, {"Obrigado.", 600, false}, {"Thank you.", 400, false}, {"Obrigado, obrigado.", 900, false}};
+    for (const auto& [text, ms, dropped] : courtesy)
+        EXPECT_EQ(phrases.withoutPhantom(text, heard(ms)), dropped ? QString() : text) << text.toStdString() << " after " << ms << " ms";
     for (const QString real : {"Obrigado por assistir à aula de ontem.", "Obrigado, Maria.", "Você", "thank you all", "Música alta", ""})
-        EXPECT_EQ(phrases.withoutPhantom(real), real) << real.toStdString();
+        EXPECT_EQ(phrases.withoutPhantom(real, heard(0)), real) << real.toStdString();
 }
 
 TEST_F(WhisperTranscriberTest, ProgramGoneOrUnlaunchableAtReleaseIsReportedThroughOnError)
@@ -372,39 +448,141 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
     EXPECT_TRUE(waitUntil([&] { return QProcess::execute("pgrep", {"-f", whisper.binaryPath()}) == 1; }));
 }
 
-// The real whisper-cli 1.9.3 on real speech, with a model of vocabulary only: it loads and hears nothing.
+// The real whisper-cli on real speech, with a model of vocabulary only: it loads while the key is
+// held, reads the recording the gate let through at the release, and hears nothing.
 TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWithTheDictation)
 {
-    const QString realWhisper = VOXARIA_BUILT_WHISPER_CLI, testModel = VOXARIA_WHISPER_TEST_MODELS "/for-tests-ggml-tiny.bin";
-    if (!QFileInfo::exists(realWhisper) || !QFileInfo::exists(testModel))
-        GTEST_SKIP() << "whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)";
-    ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(realWhisper, whisper.binaryPath()));
-    QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
-    ASSERT_TRUE(QFile::link(testModel, modelPath("ggml-large-v3-turbo-q5_0.bin")));
-    QFile speech(testDataPath("speech/jfk.wav"));
-    ASSERT_TRUE(speech.open(QIODevice::ReadOnly));
-    const QByteArray samples = speech.readAll().mid(44);
+    REQUIRE_REAL_WHISPER();
+    QFile model(realTestModel());
+    ASSERT_TRUE(model.open(QIODevice::ReadOnly));
+    useRealWhisper(model.readAll());
     for (const bool cancelled : {false, true}) {
         SCOPED_TRACE(cancelled ? "cancelled" : "finished");
-        auto engine = makeEngine();
-        microphone->deviceFormat = AudioFormat{16000, 1, AudioFormat::SampleType::int16};
-        answers = {};
-        answers.start(*engine);
+        auto engine = recordRealSpeech();
         ASSERT_TRUE(waitUntil([&] { return runningChild().contains(" -f - "); }, 20s)) << "whisper-cli did not start at key down";
-        for (qsizetype at = 0; at < samples.size(); at += 8192)
-            microphone->deliver(samples.mid(at, 8192));
+        // The test model loads in well under this; the key is still held.
+        spin(1500ms);
         cancelled ? engine->cancel() : engine->finish();
         EXPECT_TRUE(waitUntil([&] { return runningChild().isEmpty() && (cancelled || answers.answered()); }, 120s));
         EXPECT_EQ(answers.finals + answers.errors, cancelled ? QStringList() : QStringList({""}));
+        if (!cancelled) {
+            // Empty because whisper-cli answered so, not because the gate kept the recording from it.
+            ASSERT_TRUE(engine->timing());
+            EXPECT_TRUE(
+                engine->timing()->note.contains(QRegularExpression("^model loaded while recording; audio read \\d+ ms after release$")))
+                << engine->timing()->note.toStdString();
+        }
         EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); })) << dictationFiles().join(' ').toStdString();
     }
+}
+
+// A model cut short: inside its vocabulary, whisper-cli takes it for an empty test model and answers
+// nothing; inside its magic number, it cannot load it and ends at key down, before the release.
+// Either is a damaged model.
+TEST_F(WhisperTranscriberTest, AModelTheRealWhisperCliCannotLoadIsReportedDamagedNotAsSilence)
+{
+    REQUIRE_REAL_WHISPER();
+    QFile model(realTestModel());
+    ASSERT_TRUE(model.open(QIODevice::ReadOnly));
+    const QByteArray bytes = model.readAll();
+    for (const qsizetype kept : {bytes.size() / 4, qsizetype{2}}) {
+        SCOPED_TRACE(kept);
+        useRealWhisper(bytes.left(kept));
+        auto engine = recordRealSpeech();
+        // Long enough for whisper-cli to give up on a 2-byte model before the release.
+        spin(1500ms);
+        EXPECT_EQ(runningChild().isEmpty(), kept == 2);
+        engine->finish();
+        ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 120s));
+        EXPECT_EQ(answers.errors,
+            QStringList({"O modelo Whisper ggml-large-v3-turbo-q5_0.bin está danificado: remova-o e baixe-o de novo "
+                         "no menu Modelo Whisper."}));
+        EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); }));
+    }
+}
+
+// A whisper-cli that never answers is ended once the time a recording of its length may take is up,
+// and the next dictation is answered as usual.
+TEST_F(WhisperTranscriberTest, AWhisperCliThatNeverAnswersIsEndedAndTheNextDictationWorks)
+{
+    whisper.script("hold=1");
+    auto engine = record();
+    std::chrono::milliseconds recording{-1};
+    engine->setAnswerBound([&](std::chrono::milliseconds length) {
+        recording = length;
+        return 1s;
+    });
+    engine->finish();
+    ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
+    EXPECT_EQ(answers.errors, QStringList({"O Whisper não respondeu a tempo e foi interrompido. Tente de novo."}));
+    EXPECT_NEAR(double(recording.count()), 11 * 4096 * 1000 / 48000.0, 5);
+    EXPECT_TRUE(waitUntil([&] { return QFile::exists(whisper.binaryPath() + ".terminated"); })) << "the hung whisper-cli was not ended";
+    EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); }));
+    ASSERT_TRUE(engine->timing());
+    EXPECT_TRUE(engine->timing()->spans.contains("whisper-cli done")) << engine->timing()->spans.toStdString();
+
+    whisper.script("text=de novo");
+    dictate();
+    EXPECT_EQ(answers.finals, QStringList({"de novo"}));
+}
+
+// Through the dictation controller: a faint voice and a hung whisper-cli each say on the HUD what
+// happened, the next press of the key dictates, and every dictation, whatever its end, writes its
+// timing line.
+TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndTheNextPressDictates)
+{
+    static QStringList timingLines;
+    timingLines.clear();
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+        if (message.startsWith("dictation timing"))
+            timingLines << message;
+    });
+    QStringList inserted;
+    DictationController controller({[this] {
+                                        auto engine = makeEngine();
+                                        engine->setAnswerBound([](std::chrono::milliseconds) { return 1s; });
+                                        return engine;
+                                    },
+        std::make_unique<FakeSounds>(), std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
+        [&](const QString& text, std::function<void()> onPasted) {
+            inserted << text;
+            onPasted();
+            return TextInserter::Mode::paste;
+        },
+        {}});
+    const auto dictateFor = [&](KeyEventTime at, float loudness) {
+        controller.startRecording(at);
+        speak(11, loudness);
+        controller.stopRecordingAndInsert(at + 1000);
+        return waitUntil([&] { return controller.state() == DictationController::State::idle; }, 20s);
+    };
+    const auto hudStatus = [&] { return controller.hud().panel()->accessibleName(); };
+    ASSERT_TRUE(dictateFor(1000, 0.00012F));
+    EXPECT_EQ(hudStatus(), "⚠️ Fale mais perto do microfone ou aumente o volume de entrada.");
+    whisper.script("hold=1");
+    ASSERT_TRUE(dictateFor(5000, 0.3F));
+    EXPECT_EQ(hudStatus(), "⚠️ O Whisper não respondeu a tempo e foi interrompido. Tente de novo.");
+    whisper.script("text=de novo");
+    ASSERT_TRUE(dictateFor(9000, 0.3F));
+    ASSERT_TRUE(dictateFor(13000, 0));
+    qInstallMessageHandler(nullptr);
+    EXPECT_EQ(inserted, QStringList({"de novo"}));
+    ASSERT_EQ(timingLines.size(), 4) << timingLines.join('\n').toStdString();
+    EXPECT_TRUE(timingLines[0].contains(QRegularExpression("failure shown \\d+; whisper-cli not run: the gate heard a voice too faint")))
+        << timingLines[0].toStdString();
+    EXPECT_TRUE(timingLines[1].contains(QRegularExpression("whisper-cli done \\d+, done → failure shown \\d+; model")))
+        << timingLines[1].toStdString();
+    EXPECT_TRUE(timingLines[2].contains(QRegularExpression("whisper-cli done \\d+, done → paste done \\d+; model")))
+        << timingLines[2].toStdString();
+    EXPECT_TRUE(timingLines[3].contains(QRegularExpression("nothing to paste \\d+; whisper-cli not run: the gate heard no speech")))
+        << timingLines[3].toStdString();
 }
 
 // The other engine meets the same through the fake microphone (SpeechTranscriberTests).
 TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsReportedOnceAndLeavesNothingBehind)
 {
     if (!hasPulseAudio())
-        GTEST_SKIP() << "needs the PulseAudio harness (scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the PulseAudio harness (scripts/with-harness.sh)");
     const std::pair<const char*, std::function<bool(Headset&)>> losses[] = {
         {"unplugged", [](Headset& headset) { return headset.unplug(); }},
         {"fallen silent", [](Headset& headset) { return headset.fallSilent(); }},

@@ -22,8 +22,9 @@ const QString copiedMessage = QStringLiteral("Texto copiado — cole com Ctrl+V"
 const QString consentMessage = QStringLiteral("Permita o controle remoto na janela do GNOME para o texto ser colado");
 const QString noApplicationName = QStringLiteral("—");
 
-// One line per measured dictation, written when the text is in: where the engine's time went, and
-// how long from the end of its work to the paste (or to the moment nothing was left to paste).
+// One line per measured dictation, pasted, empty or failed: where the engine's time went, and how
+// long from the end of its work to the paste (or to the moment nothing was left to paste, or the
+// failure was shown).
 void logTiming(const std::optional<TranscriptionEngine::Timing>& timing, const QString& end)
 {
     if (timing)
@@ -227,6 +228,8 @@ void DictationController::handleError(const Error& error)
 {
     qCWarning(lcDictation) << "dictation failed:" << error.description();
     setState(State::idle);
+    if (m_transcriber)
+        logTiming(m_transcriber->timing(), QStringLiteral("failure shown"));
     m_transcriber.reset();
     dropLiveText();
     m_hud.show(QStringLiteral("⚠️ ") + error.description(), QString());

@@ -14,13 +14,7 @@ namespace TextInserter {
 
 namespace {
 
-using Contents = std::vector<Pasteboard::Item>;
-
-void putText(Pasteboard& pasteboard, const QString& text)
-{
-    pasteboard.clearContents();
-    pasteboard.setString(text);
-}
+using Contents = Pasteboard::Contents;
 
 void postCommandV(KeyPoster& keyPoster, quint64 flags)
 {
@@ -84,16 +78,22 @@ private:
                 return;
             }
         }
-        m_target.pasteboard->snapshot(this, [this](Contents saved) { onSaved(std::move(saved)); });
+        m_target.pasteboard->snapshot(this, [this](std::optional<Contents> saved) { onSaved(std::move(saved)); });
     }
 
-    void onSaved(Contents saved)
+    // Nothing saved when the owner answered nothing: the dictation is pasted all the same, and the
+    // clipboard is left with it rather than emptied, since what it held could not be known.
+    void onSaved(std::optional<Contents> saved)
     {
         if (m_finished)
             return;
         m_saved = std::move(saved);
-        putText(*m_target.pasteboard, m_text);
-        qCDebug(lcInsert) << "Pasting" << m_text.size() << "characters; will restore" << m_saved->size() << "clipboard item(s)";
+        m_target.pasteboard->setString(m_text);
+        if (m_saved)
+            qCDebug(lcInsert) << "Pasting" << m_text.size() << "characters; will restore" << m_saved->size() << "clipboard item(s)";
+        else
+            qCWarning(lcInsert) << "The clipboard's owner gave none of its data; pasting" << m_text.size()
+                                << "characters and leaving them on the clipboard, as what it held cannot be put back";
         QTimer::singleShot(m_target.delays.beforePaste, Qt::PreciseTimer, this, &Insertion::paste);
     }
 
@@ -124,9 +124,7 @@ private:
             qCDebug(lcInsert) << "The clipboard changed hands since the dictation; keeping the newer contents";
             return;
         }
-        pasteboard.clearContents();
-        if (!m_saved->empty())
-            pasteboard.writeItems(*m_saved);
+        pasteboard.writeItems(*m_saved);
         qCDebug(lcInsert) << "Clipboard restored with" << m_saved->size() << "item(s)";
     }
 
@@ -163,7 +161,7 @@ Mode insert(const QString& text, const Target& target, std::function<void()> onP
         return target.mode;
     if (target.mode == Mode::copyOnly) {
         // Left for the user to paste: nothing is synthesised and nothing put back.
-        putText(*target.pasteboard, text);
+        target.pasteboard->setString(text);
         qCDebug(lcInsert) << "Copied" << text.size() << "characters for the user to paste";
         if (onPasted)
             onPasted();

@@ -1,6 +1,7 @@
 #include "WhisperTranscriber.h"
 
 #include "PhantomPhrases.h"
+#include "Platform/ProcessActivity.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/Preferences/Settings.h"
@@ -9,6 +10,7 @@
 #include "SpeechGate.h"
 #include "WhisperCliFeatures.h"
 #include "WhisperError.h"
+#include "WhisperModelFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -31,6 +33,9 @@ constexpr int kTerminateGraceMs = 2000;
 // With --no-timestamps whisper.cpp drops the rest of a 30-second window when its decoder stops
 // early; recordings longer than this run with timestamps, which make it go on to the next segment.
 constexpr qint64 kSegmentedAfterBytes = qint64{25} * WhisperTranscriber::kSampleRate * 2;
+constexpr qint64 kBytesPerSecond = qint64{2} * WhisperTranscriber::kSampleRate;
+// What whisper-cli writes when the model file cannot be loaded.
+constexpr char kModelLoadFailure[] = "failed to initialize whisper context";
 
 QString newRecordingPath()
 {
@@ -127,6 +132,15 @@ WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, 
     , m_audioEngine(std::move(audioEngine))
     , m_makeConverter(std::move(makeConverter))
 {
+    m_deadline.setSingleShot(true);
+    connect(&m_deadline, &QTimer::timeout, this, &WhisperTranscriber::giveUp);
+}
+
+// A minute to load the largest model from a cold disk on a slow machine, and ten times the
+// recording to transcribe it: a slow CPU runs the large models at a few times real time.
+std::chrono::milliseconds WhisperTranscriber::defaultAnswerBound(std::chrono::milliseconds recording)
+{
+    return std::chrono::minutes(1) + 10 * recording;
 }
 
 WhisperTranscriber::~WhisperTranscriber()
@@ -211,6 +225,8 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
 
     m_sinceKeyDown.start();
     m_timeline = {};
+    m_heard = {};
+    m_modelReadyAtRelease.reset();
     m_onFinal = std::move(onFinal);
     m_onError = std::move(onError);
     m_cancelled = false;
@@ -256,7 +272,7 @@ WhisperTranscriber::Recorded WhisperTranscriber::stopRecording()
     // The capture thread is done with the recording now; closing writes the WAV's final sizes.
     recording->finalise();
     m_timeline.capturing = recording->capturing.load(std::memory_order_relaxed);
-    return {recording->file->dataBytes(), recording->gate.heardSpeech()};
+    return {recording->file->dataBytes(), recording->gate.hearing()};
 }
 
 // Starts whisper-cli now, reading the recording from standard input at release, if it can; the
@@ -293,21 +309,20 @@ void WhisperTranscriber::finish()
         cleanup();
         return;
     }
-    if (!recorded.heardSpeech) {
-        // Whisper would make up a sentence out of the silence or the hum; nothing heard is the
-        // answer, and a whisper-cli started at key down never gets the recording.
-        qCInfo(lcWhisper) << "nothing speech-like was recorded: whisper-cli is not run";
-        m_exitedEarly = nullptr;
-        retireProcess();
-        cleanup();
-        QTimer::singleShot(0, this, [this] { answerWithText(QString()); });
+    m_heard = recorded.hearing;
+    if (m_heard.verdict != SpeechGate::Verdict::speech) {
+        dropUnheard(m_heard.verdict);
         return;
     }
     if (m_exitedEarly) {
         QTimer::singleShot(0, this, std::exchange(m_exitedEarly, nullptr));
         return;
     }
+    armDeadline(recorded.bytes);
     if (m_process) {
+        // whisper-cli reads its standard input only once its model is loaded: waiting in that read
+        // now, it loaded while the user spoke.
+        m_modelReadyAtRelease = ProcessActivity::waitsOnStandardInput(m_process->processId());
         sendRecording();
         return;
     }
@@ -323,6 +338,35 @@ void WhisperTranscriber::finish()
     }
     m_timeline.inputClosed = m_sinceKeyDown.elapsed();
     launch(*binary, *model, *m_wavURL, recorded.bytes > kSegmentedAfterBytes);
+}
+
+// Whisper would make up a sentence out of silence, a hum or a cough; a whisper-cli started at key
+// down never gets the recording. Nothing heard is answered empty; a voice too faint, with the way
+// to be heard.
+void WhisperTranscriber::dropUnheard(SpeechGate::Verdict verdict)
+{
+    const bool tooQuiet = verdict == SpeechGate::Verdict::tooQuiet;
+    qCInfo(lcWhisper) << (tooQuiet ? "the voice was too faint to transcribe: whisper-cli is not run"
+                                   : "nothing speech-like was recorded: whisper-cli is not run");
+    m_exitedEarly = nullptr;
+    retireProcess();
+    cleanup();
+    QTimer::singleShot(0, this, [this, tooQuiet] { tooQuiet ? answerWithError(WhisperError::tooQuiet()) : answerWithText(QString()); });
+}
+
+void WhisperTranscriber::armDeadline(qint64 recordedBytes)
+{
+    m_deadline.start(m_answerBound(std::chrono::milliseconds(recordedBytes * 1000 / kBytesPerSecond)));
+}
+
+// whisper-cli hung, or is far slower than any machine should be: it is ended, and the user may
+// dictate again at once.
+void WhisperTranscriber::giveUp()
+{
+    qCWarning(lcWhisper) << "whisper-cli gave no answer within" << m_deadline.interval() << "ms of the release; it is ended";
+    retireProcess();
+    cleanup();
+    answerWithError(WhisperError::timedOut());
 }
 
 // `segmented` leaves out --no-timestamps, so no sentence is dropped. A child started at key down
@@ -344,6 +388,7 @@ void WhisperTranscriber::launch(const QString& binary, const QString& model, con
     const QString outputBase = withoutExtension(*m_wavURL);
     auto* process = new QProcess(this);
     m_process = process;
+    m_model = model;
     m_readsStdin = input == QLatin1String("-");
     m_segmented = segmented;
     process->setProgram(binary);
@@ -352,8 +397,12 @@ void WhisperTranscriber::launch(const QString& binary, const QString& model, con
     process->setStandardOutputFile(QProcess::nullDevice());
 
     auto errorOutput = std::make_shared<QByteArray>();
-    connect(process, &QProcess::readyReadStandardError, this,
-        [process, errorOutput] { appendToTail(*errorOutput, process->readAllStandardError()); });
+    connect(process, &QProcess::readyReadStandardError, this, [this, process, errorOutput] {
+        const QByteArray chunk = process->readAllStandardError();
+        if (m_timeline.audioRead < 0 && chunk.contains("read_audio_data"))
+            m_timeline.audioRead = m_sinceKeyDown.elapsed();
+        appendToTail(*errorOutput, chunk);
+    });
     connect(process, &QProcess::finished, this, [this, process, outputBase, errorOutput](int exitCode, QProcess::ExitStatus exitStatus) {
         appendToTail(*errorOutput, process->readAllStandardError());
         process->deleteLater();
@@ -404,7 +453,7 @@ void WhisperTranscriber::sendRecording()
 void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput)
 {
     m_process.clear();
-    m_timeline.done = m_sinceKeyDown.elapsed();
+    markDone();
     if (m_cancelled) {
         cleanup();
         return;
@@ -413,8 +462,14 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     std::optional<QString> text;
     if (exitStatus == 0 && transcript.open(QIODevice::ReadOnly))
         text = decodeStrictUtf8(transcript.readAll());
-    if (text) {
-        answerWithText(PhantomPhrases::bundled().withoutPhantom(m_segmented ? joinedSegments(*text) : text->trimmed()));
+    if (text)
+        text = m_segmented ? joinedSegments(*text) : text->trimmed();
+    // An empty answer or a failure may be a model whisper-cli could not read.
+    if (const std::optional<WhisperError> damaged = text && !text->isEmpty() ? std::nullopt : damagedModel(errorOutput)) {
+        qCWarning(lcWhisper) << "whisper-cli cannot load the model" << m_model;
+        answerWithError(*damaged);
+    } else if (text) {
+        answerWithText(PhantomPhrases::bundled().withoutPhantom(*text, m_heard.voiced));
     } else {
         qCWarning(lcWhisper) << "whisper-cli failed with status" << exitStatus;
         answerWithError(WhisperError::transcriptionFailed(failureDetail(errorOutput, exitStatus)));
@@ -422,8 +477,23 @@ void WhisperTranscriber::complete(int exitStatus, const QString& outputBase, con
     cleanup();
 }
 
+std::optional<WhisperError> WhisperTranscriber::damagedModel(const QByteArray& errorOutput) const
+{
+    if (errorOutput.contains(kModelLoadFailure) || WhisperModelFile::isCutShort(m_model))
+        return WhisperError::modelDamaged(QFileInfo(m_model).fileName());
+    return std::nullopt;
+}
+
+void WhisperTranscriber::markDone()
+{
+    m_deadline.stop();
+    if (m_timeline.done < 0)
+        m_timeline.done = m_sinceKeyDown.elapsed();
+}
+
 void WhisperTranscriber::answerWithText(const QString& text)
 {
+    markDone();
     m_onError = nullptr;
     if (FinalCallback onFinal = std::exchange(m_onFinal, nullptr))
         onFinal(text);
@@ -437,12 +507,32 @@ std::optional<TranscriptionEngine::Timing> WhisperTranscriber::timing() const
     return Timing{QStringLiteral("key down → capturing %1, release → input closed %2, input closed → whisper-cli done %3")
                       .arg(span(0, m_timeline.capturing), span(m_timeline.released, m_timeline.inputClosed),
                           span(m_timeline.inputClosed, m_timeline.done)),
-        m_readsStdin ? QStringLiteral("model loaded while recording") : QStringLiteral("model loaded after release"), m_sinceKeyDown,
-        m_timeline.done};
+        timingNote(), m_sinceKeyDown, m_timeline.done};
+}
+
+// What the spans cannot say: whether whisper-cli ran at all, and whether its model was ready when
+// the key was released.
+QString WhisperTranscriber::timingNote() const
+{
+    if (m_timeline.released < 0)
+        return QStringLiteral("recording abandoned before the release");
+    if (m_heard.verdict != SpeechGate::Verdict::speech)
+        return QStringLiteral("whisper-cli not run: the gate heard %1 (%2 ms voiced)")
+            .arg(m_heard.verdict == SpeechGate::Verdict::tooQuiet ? QStringLiteral("a voice too faint") : QStringLiteral("no speech"))
+            .arg(m_heard.voiced.count());
+    if (!m_readsStdin)
+        return QStringLiteral("model loaded after release");
+    const QString readAfter = m_timeline.audioRead < 0 ? QStringLiteral("?") : QString::number(m_timeline.audioRead - m_timeline.released);
+    const QString model = !m_modelReadyAtRelease ? QStringLiteral("model state at release unknown")
+        : *m_modelReadyAtRelease                 ? QStringLiteral("model loaded while recording")
+                                                 : QStringLiteral("model still loading at release");
+    // whisper-cli says "read_audio_data: read N bytes" once it has read its input to the end.
+    return model + QStringLiteral("; audio read %1 ms after release").arg(readAfter);
 }
 
 void WhisperTranscriber::answerWithError(const Error& error)
 {
+    markDone();
     m_onFinal = nullptr;
     if (ErrorCallback onError = std::exchange(m_onError, nullptr))
         onError(error);
@@ -452,6 +542,7 @@ void WhisperTranscriber::cancel()
 {
     m_cancelled = true;
     m_exitedEarly = nullptr;
+    m_deadline.stop();
     stopRecording();
     retireProcess();
     cleanup();

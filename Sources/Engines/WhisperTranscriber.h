@@ -2,13 +2,17 @@
 
 #include "Platform/AudioConverter.h"
 #include "Platform/AudioInput.h"
+#include "SpeechGate.h"
 #include "TranscriptionEngine.h"
+#include "WhisperError.h"
 
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QProcess>
 #include <QStringList>
+#include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,6 +27,8 @@ class WhisperTranscriber final : public TranscriptionEngine {
     Q_OBJECT
 public:
     using ConverterFactory = std::function<std::unique_ptr<AudioConverter>(const AudioFormat& from, int targetRate)>;
+    // How long whisper-cli may take, from the release, to answer for a recording of this length.
+    using AnswerBound = std::function<std::chrono::milliseconds(std::chrono::milliseconds recording)>;
 
     static constexpr int kSampleRate = 16000;
 
@@ -35,6 +41,9 @@ public:
     void cancel() override;
     bool providesPartials() const override { return false; }
     std::optional<Timing> timing() const override;
+
+    static std::chrono::milliseconds defaultAnswerBound(std::chrono::milliseconds recording);
+    void setAnswerBound(AnswerBound bound) { m_answerBound = std::move(bound); }
 
     // Looked up afresh at every call: the user may install or remove things at any time.
     static std::optional<QString> binaryURL();
@@ -54,36 +63,51 @@ private:
         qint64 capturing = -1;
         qint64 released = -1;
         qint64 inputClosed = -1;
+        // whisper-cli said it had read the whole recording.
+        qint64 audioRead = -1;
         qint64 done = -1;
     };
-    // What the key's release leaves: the audio recorded, and whether any of it sounds like speech.
+    // What the key's release leaves: the audio recorded, and what the speech gate heard in it.
     struct Recorded {
         qint64 bytes = 0;
-        bool heardSpeech = false;
+        SpeechGate::Hearing hearing;
     };
 
     Recorded stopRecording();
     void abandonRecording(const Error& error);
+    void dropUnheard(SpeechGate::Verdict verdict);
+    void armDeadline(qint64 recordedBytes);
+    void giveUp();
     void launchWhenStdinIsRead(const QString& binary, const QString& model);
     void launch(const QString& binary, const QString& model, const QString& input, bool segmented);
     void sendRecording();
     void complete(int exitStatus, const QString& outputBase, const QByteArray& errorOutput);
+    std::optional<WhisperError> damagedModel(const QByteArray& errorOutput) const;
+    QString timingNote() const;
     void answerWithText(const QString& text);
     void answerWithError(const Error& error);
     void retireProcess();
     void cleanup();
+    void markDone();
     QStringList arguments(const QString& model, const QString& input, bool segmented) const;
 
     std::unique_ptr<AudioInput> m_audioEngine;
     ConverterFactory m_makeConverter;
     std::shared_ptr<Recording> m_audioFile;
     std::optional<QString> m_wavURL;
+    QString m_model;
+    SpeechGate::Hearing m_heard;
+    AnswerBound m_answerBound = &WhisperTranscriber::defaultAnswerBound;
+    // Runs from the release while whisper-cli works; when it fires, whisper-cli is ended.
+    QTimer m_deadline;
     FinalCallback m_onFinal;
     ErrorCallback m_onError;
     QPointer<QProcess> m_process;
     // The child's end, kept when it came before the release: it is answered after finish().
     std::function<void()> m_exitedEarly;
     bool m_readsStdin = false;
+    // Whether the child started at key down had its model loaded when the key was released.
+    std::optional<bool> m_modelReadyAtRelease;
     bool m_segmented = false;
     bool m_cancelled = false;
     QElapsedTimer m_sinceKeyDown;

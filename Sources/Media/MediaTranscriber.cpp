@@ -358,9 +358,9 @@ MediaTranscriber::Output MediaTranscriber::Job::runWhisper(const QString& wavURL
     if (!text)
         throw WhisperError::transcriptionFailed(QStringLiteral("código ") + QString::number(exitStatus));
     // A whole job that reads as one phrase Whisper makes up on silence was silence: neither text nor
-    // subtitles.
-    if (PhantomPhrases::bundled().isPhantom(*text))
-        return {PhantomPhrases::bundled().withoutPhantom(*text), std::nullopt};
+    // subtitles. A file's speech is not measured, so a courtesy phrase alone counts as made up too.
+    if (PhantomPhrases::bundled().isPhantom(*text, std::chrono::milliseconds(0)))
+        return {PhantomPhrases::bundled().withoutPhantom(*text, std::chrono::milliseconds(0)), std::nullopt};
     const QString srt = base + QStringLiteral(".srt");
     return {text->trimmed(), QFileInfo(srt).isFile() ? std::optional<QString>(srt) : std::nullopt};
 }

@@ -471,7 +471,6 @@ void VideoTranscriptionWindow::installFinished(const Error* error)
 
 void VideoTranscriptionWindow::copyResult()
 {
-    m_services.pasteboard->clearContents();
     m_services.pasteboard->setString(m_resultView->toPlainText());
 }
 

@@ -2,9 +2,9 @@
 
 #include "Shared/Logging.h"
 
-void Pasteboard::snapshot(QObject*, std::function<void(std::vector<Item>)> done)
+void Pasteboard::snapshot(QObject*, std::function<void(std::optional<Contents>)> done)
 {
-    std::vector<Item> saved;
+    Contents saved;
     const int count = itemCount();
     saved.reserve(size_t(count));
     for (int index = 0; index < count; ++index) {

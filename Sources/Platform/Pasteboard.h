@@ -27,13 +27,17 @@ public:
         std::vector<std::pair<QString, QByteArray>> m_entries;
     };
 
+    using Contents = std::vector<Item>;
+
     virtual ~Pasteboard() = default;
 
     // Copies of every item, keeping each type that gives data; the owner may lose the rest.
-    // `done` gets them once they are all in, unless `context` is gone by then. This one reads
-    // them through the calls below and answers before it returns; a clipboard whose owner answers
-    // through a pipe reads them while the event loop runs.
-    virtual void snapshot(QObject* context, std::function<void(std::vector<Item>)> done);
+    // `done` gets them once they are all in, unless `context` is gone by then; nothing when the
+    // owner offered data but answered none of it, which is not an empty clipboard and must not be
+    // restored as one. This one reads them through the calls below and answers before it returns;
+    // a clipboard whose owner answers through a pipe or another connection reads them while the
+    // event loop runs.
+    virtual void snapshot(QObject* context, std::function<void(std::optional<Contents>)> done);
 
     virtual int itemCount() = 0;
     // The types the item at `index` declares, in its own order.
@@ -41,11 +45,14 @@ public:
     // The item's data for a type; nothing when the owner gives none.
     virtual std::optional<QByteArray> data(int index, const QString& type) = 0;
 
-    virtual void clearContents() = 0;
+    // Each write replaces the contents in one step, never through an empty clipboard in between: a
+    // clipboard manager fills an emptied clipboard with an item of its own at once, which could
+    // then be what the paste finds.
+    //
     // Replaces the contents with one item holding `text` as plain text.
     virtual void setString(const QString& text) = 0;
-    // Replaces the contents with `items`.
-    virtual void writeItems(const std::vector<Item>& items) = 0;
+    // Replaces the contents with `items`; none: the clipboard is emptied.
+    virtual void writeItems(const Contents& items) = 0;
     // Whether the contents are still the ones this process wrote last, i.e. nobody copied since.
     virtual bool ownsContents() = 0;
 

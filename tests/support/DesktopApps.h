@@ -77,6 +77,7 @@ public:
         m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, 15s);
     }
     bool isReady() const { return m_ready; }
+    qint64 processId() const { return m_process.processId(); }
 
 private:
     Program m_process;

@@ -174,7 +174,8 @@ bool HeadlessCompositor::copy(const QByteArray& data, const QString& mimeType)
     m_clipboardOwner = std::make_unique<QProcess>();
     m_clipboardOwner->setProcessEnvironment(clientEnvironment());
     m_clipboardOwner->setProcessChannelMode(QProcess::ForwardedChannels);
-    m_clipboardOwner->start(QStringLiteral("wl-copy"), {QStringLiteral("--foreground"), QStringLiteral("-t"), mimeType});
+    const QStringList command = copyCommand(mimeType);
+    m_clipboardOwner->start(command.first(), command.mid(1));
     m_clipboardOwner->write(data);
     m_clipboardOwner->closeWriteChannel();
     // Owned once the clipboard hands out these very bytes (an older owner may offer the same type).
@@ -183,11 +184,28 @@ bool HeadlessCompositor::copy(const QByteArray& data, const QString& mimeType)
 
 QStringList HeadlessCompositor::clipboardTypes()
 {
-    const std::optional<QByteArray> types = run(QStringLiteral("wl-paste"), {QStringLiteral("-l")});
+    const QStringList command = typesCommand();
+    const std::optional<QByteArray> types = run(command.first(), command.mid(1));
     return types ? QString::fromUtf8(*types).split(QLatin1Char('\n'), Qt::SkipEmptyParts) : QStringList();
 }
 
 std::optional<QByteArray> HeadlessCompositor::paste(const QString& mimeType)
 {
-    return run(QStringLiteral("wl-paste"), {QStringLiteral("-n"), QStringLiteral("-t"), mimeType});
+    const QStringList command = pasteCommand(mimeType);
+    return run(command.first(), command.mid(1));
+}
+
+QStringList HeadlessCompositor::copyCommand(const QString& mimeType) const
+{
+    return {QStringLiteral("wl-copy"), QStringLiteral("--foreground"), QStringLiteral("-t"), mimeType};
+}
+
+QStringList HeadlessCompositor::pasteCommand(const QString& mimeType) const
+{
+    return {QStringLiteral("wl-paste"), QStringLiteral("-n"), QStringLiteral("-t"), mimeType};
+}
+
+QStringList HeadlessCompositor::typesCommand() const
+{
+    return {QStringLiteral("wl-paste"), QStringLiteral("-l")};
 }

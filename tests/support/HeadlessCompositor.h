@@ -13,7 +13,8 @@
 
 // What every headless compositor of the tests shares: a folder of its own (runtime folder, home,
 // log), the user it runs as (a root test runs it as "nobody"), and its clipboard read and written
-// through wl-clipboard. HeadlessSway and HeadlessKWin start the compositors themselves.
+// through wl-clipboard (or the programs a server names instead). HeadlessSway, HeadlessKWin and
+// ExtDataControlServer start the servers themselves.
 class HeadlessCompositor {
 public:
     virtual ~HeadlessCompositor();
@@ -48,6 +49,11 @@ protected:
     // standard output, or nothing if it failed.
     std::optional<QByteArray> run(const QString& program, const QStringList& arguments, bool asSessionUser = false);
     bool fail(const QString& why);
+    // The programs, with their arguments, that own the clipboard with standard input's bytes, write
+    // its bytes of one type, and list its types.
+    virtual QStringList copyCommand(const QString& mimeType) const;
+    virtual QStringList pasteCommand(const QString& mimeType) const;
+    virtual QStringList typesCommand() const;
     // The Wayland socket in the runtime folder, once the compositor made it.
     bool findWaylandSocket();
     QString folder() const { return m_folder.path(); }

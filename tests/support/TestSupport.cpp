@@ -88,6 +88,11 @@ bool writeFile(const QString& path, const QByteArray& bytes, bool executable)
     return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner | QFileDevice::ExeUser);
 }
 
+bool mustRun()
+{
+    return qEnvironmentVariable("CI") == QLatin1String("true");
+}
+
 bool hasX11()
 {
     return !qEnvironmentVariableIsEmpty("DISPLAY") && QGuiApplication::platformName() == QLatin1String("xcb");

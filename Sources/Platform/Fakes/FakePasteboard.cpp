@@ -23,13 +23,6 @@ std::optional<QByteArray> FakePasteboard::data(int index, const QString& type)
     return std::nullopt;
 }
 
-void FakePasteboard::clearContents()
-{
-    items.clear();
-    owned = false;
-    ++writeCount;
-}
-
 void FakePasteboard::setString(const QString& text)
 {
     items = {{{plainTextType, text.toUtf8()}}};
@@ -37,7 +30,7 @@ void FakePasteboard::setString(const QString& text)
     ++writeCount;
 }
 
-void FakePasteboard::writeItems(const std::vector<Item>& written)
+void FakePasteboard::writeItems(const Contents& written)
 {
     items.clear();
     for (const Item& item : written) {
@@ -61,11 +54,12 @@ std::optional<QString> FakePasteboard::string() const
     return std::nullopt;
 }
 
-void FakePasteboard::snapshot(QObject* context, std::function<void(std::vector<Item>)> done)
+void FakePasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
 {
     // What the owner gave when asked, answered at once or later.
-    std::vector<Item> saved;
-    Pasteboard::snapshot(context, [&saved](std::vector<Item> read) { saved = std::move(read); });
+    std::optional<Contents> saved;
+    if (!ownerSilent)
+        Pasteboard::snapshot(context, [&saved](std::optional<Contents> read) { saved = std::move(read); });
     if (snapshotDelay.count() == 0)
         done(std::move(saved));
     else

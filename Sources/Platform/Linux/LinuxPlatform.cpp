@@ -60,8 +60,8 @@ const char* routeDescription(SessionPlatform::PasteRoute route, Compositor compo
     switch (route) {
     case SessionPlatform::PasteRoute::copyOnly: return "only copied to the clipboard";
     case SessionPlatform::PasteRoute::compositor:
-        return compositor == Compositor::kde ? "pasted through wlr data-control and KWin's fake input"
-                                             : "pasted through wlr data-control and a virtual keyboard";
+        return compositor == Compositor::kde ? "pasted through data-control and KWin's fake input"
+                                             : "pasted through data-control and a virtual keyboard";
     case SessionPlatform::PasteRoute::xwayland:
         return "pasted through the X11 clipboard and XTEST (GNOME asks to allow it at every start of the program)";
     case SessionPlatform::PasteRoute::x11: break;

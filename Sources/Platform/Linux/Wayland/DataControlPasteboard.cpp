@@ -1,6 +1,7 @@
 #include "DataControlPasteboard.h"
 
 #include "Shared/Logging.h"
+#include "Shared/WorkerThreads.h"
 #include "WaylandClient.h"
 
 #include "wlr-data-control-unstable-v1-client-protocol.h"
@@ -21,6 +22,7 @@
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -207,49 +209,9 @@ void writeAll(int fd, const QByteArray& bytes, const std::atomic<bool>& stop)
 
 }
 
-// The threads that hand what we offer to its readers, one per reader. They belong to the
-// pasteboard: when it goes, they get a moment to finish, then are stopped and joined.
-class DataControlPasteboard::Writers {
-public:
-    ~Writers()
-    {
-        QDeadlineTimer grace(writersGraceMs);
-        while (!grace.hasExpired() && std::any_of(m_writers.begin(), m_writers.end(), [](const auto& writer) { return !writer->done; }))
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        m_stop = true;
-        for (const auto& writer : m_writers)
-            writer->thread.join();
-    }
-
-    void send(int fd, QByteArray bytes)
-    {
-        std::erase_if(m_writers, [](const std::unique_ptr<Writer>& writer) {
-            const bool done = writer->done;
-            if (done)
-                writer->thread.join();
-            return done;
-        });
-        auto writer = std::make_unique<Writer>();
-        writer->thread = std::thread([fd, bytes = std::move(bytes), &stop = m_stop, &done = writer->done] {
-            writeAll(fd, bytes, stop);
-            done = true;
-        });
-        m_writers.push_back(std::move(writer));
-    }
-
-private:
-    struct Writer {
-        std::thread thread;
-        std::atomic<bool> done = false;
-    };
-
-    std::vector<std::unique_ptr<Writer>> m_writers;
-    std::atomic<bool> m_stop = false;
-};
-
 DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> client)
     : m_client(std::move(client))
-    , m_writers(std::make_unique<Writers>())
+    , m_writers(std::make_unique<WorkerThreads>(std::chrono::milliseconds(writersGraceMs)))
 {
     if (!m_client || !m_client->dataControl() || !m_client->seat())
         return;
@@ -257,7 +219,7 @@ DataControlPasteboard::DataControlPasteboard(std::shared_ptr<WaylandClient> clie
         .data_offer = &DataControlPasteboard::onDataOffer,
         .selection = &DataControlPasteboard::onSelection,
         .finished = &DataControlPasteboard::onFinished,
-        .primary_selection = nullptr,
+        .primary_selection = &DataControlPasteboard::onPrimarySelection,
     };
     m_device = zwlr_data_control_manager_v1_get_data_device(m_client->dataControl(), m_client->seat());
     zwlr_data_control_device_v1_add_listener(m_device, &listener, this);
@@ -308,6 +270,14 @@ void DataControlPasteboard::onSelection(void* data, zwlr_data_control_device_v1*
     }
 }
 
+void DataControlPasteboard::onPrimarySelection(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer)
+{
+    // The ext protocol announces the primary selection to every client; only the clipboard matters.
+    auto* self = static_cast<DataControlPasteboard*>(data);
+    if (offer && self->m_announced.erase(offer))
+        zwlr_data_control_offer_v1_destroy(offer);
+}
+
 void DataControlPasteboard::onFinished(void* data, zwlr_data_control_device_v1* device)
 {
     auto* self = static_cast<DataControlPasteboard*>(data);
@@ -323,7 +293,8 @@ void DataControlPasteboard::onSend(void* data, zwlr_data_control_source_v1* sour
     if (source == self->m_source) {
         for (const auto& [offered, bytes] : self->m_sourceEntries) {
             if (offered == type) {
-                self->m_writers->send(fd, bytes);
+                // One thread per reader, so a slow one never stalls the main thread.
+                self->m_writers->start([fd, bytes](const std::atomic<bool>& stop) { writeAll(fd, bytes, stop); });
                 return;
             }
         }
@@ -412,7 +383,7 @@ std::optional<QByteArray> DataControlPasteboard::receive(const QString& type)
     return bytes;
 }
 
-void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::vector<Item>)> done)
+void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
 {
     synchronise();
     // Our own contents come from memory, as in data().
@@ -420,18 +391,23 @@ void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::v
         Item own;
         for (const auto& [type, bytes] : m_sourceEntries)
             keep(own, type, nonEmpty(bytes));
-        done({own});
+        done(Contents{own});
         return;
     }
     if (!m_selection || m_selectionTypes.isEmpty()) {
-        done({});
+        done(Contents{});
         return;
     }
     auto* read = new SnapshotRead(context, [done = std::move(done)](SnapshotRead::Results results) {
         Item copy;
         for (const auto& [type, bytes] : results)
             keep(copy, type, bytes);
-        done({copy});
+        if (copy.entries().empty()) {
+            qCWarning(lcInsert) << "The clipboard owner gave none of its" << results.size() << "type(s); its contents cannot be saved";
+            done(std::nullopt);
+            return;
+        }
+        done(Contents{copy});
     });
     for (const QString& type : m_selectionTypes) {
         if (const int fd = requestData(type); fd >= 0)
@@ -447,21 +423,24 @@ void DataControlPasteboard::offer(Entries entries)
 {
     if (!m_device)
         return;
-    dropOwnSource();
-    zwlr_data_control_source_v1* source = nullptr;
+    zwlr_data_control_source_v1* previous = std::exchange(m_source, nullptr);
+    m_sourceEntries.clear();
     if (!entries.empty()) {
         static const zwlr_data_control_source_v1_listener listener = {
             .send = &DataControlPasteboard::onSend,
             .cancelled = &DataControlPasteboard::onCancelled,
         };
-        source = zwlr_data_control_manager_v1_create_data_source(m_client->dataControl());
-        zwlr_data_control_source_v1_add_listener(source, &listener, this);
+        m_source = zwlr_data_control_manager_v1_create_data_source(m_client->dataControl());
+        zwlr_data_control_source_v1_add_listener(m_source, &listener, this);
         for (const auto& entry : entries)
-            zwlr_data_control_source_v1_offer(source, entry.first.toUtf8().constData());
-        m_source = source;
+            zwlr_data_control_source_v1_offer(m_source, entry.first.toUtf8().constData());
         m_sourceEntries = std::move(entries);
     }
-    zwlr_data_control_device_v1_set_selection(m_device, source);
+    // The new selection replaces the old in one request, and our old source goes only after it:
+    // destroying the source that holds the selection would empty the clipboard for a moment.
+    zwlr_data_control_device_v1_set_selection(m_device, m_source);
+    if (previous)
+        zwlr_data_control_source_v1_destroy(previous);
     m_client->flush();
 }
 
@@ -474,11 +453,6 @@ void DataControlPasteboard::dropOwnSource()
     m_sourceEntries.clear();
 }
 
-void DataControlPasteboard::clearContents()
-{
-    offer({});
-}
-
 void DataControlPasteboard::setString(const QString& text)
 {
     Entries entries;
@@ -488,7 +462,7 @@ void DataControlPasteboard::setString(const QString& text)
     offer(std::move(entries));
 }
 
-void DataControlPasteboard::writeItems(const std::vector<Item>& items)
+void DataControlPasteboard::writeItems(const Contents& items)
 {
     // The clipboard holds one item: the first item's data wins for a type several give.
     Entries entries;

@@ -11,12 +11,15 @@
 #include <vector>
 
 class WaylandClient;
+class WorkerThreads;
 struct zwlr_data_control_device_v1;
 struct zwlr_data_control_offer_v1;
 struct zwlr_data_control_source_v1;
 
-// The Wayland clipboard through the wlr data-control protocol, which lets Voxaria read and set it
-// without a focused window of its own (sway, Hyprland, KWin). Every MIME type the owner offers is
+// The Wayland clipboard through the data-control protocol (the standard ext one, or wlroots'), which
+// lets Voxaria read and set it without a focused window of its own (sway, Hyprland, KWin). Each
+// write replaces the selection with a new source before the old one goes, so the clipboard is never
+// empty in between. Every MIME type the owner offers is
 // read and can be offered back; a snapshot asks for all of them at once and reads them while the
 // event loop runs, so an owner that never answers costs one deadline and no frozen main thread.
 // What Voxaria puts on the clipboard is kept in memory and handed to each reader from a thread of
@@ -33,19 +36,17 @@ public:
     int itemCount() override;
     QStringList types(int index) override;
     std::optional<QByteArray> data(int index, const QString& type) override;
-    void clearContents() override;
     void setString(const QString& text) override;
-    void writeItems(const std::vector<Item>& items) override;
+    void writeItems(const Contents& items) override;
     bool ownsContents() override;
-    void snapshot(QObject* context, std::function<void(std::vector<Item>)> done) override;
+    void snapshot(QObject* context, std::function<void(std::optional<Contents>)> done) override;
 
 private:
-    class Writers;
-
     using Entries = std::vector<std::pair<QString, QByteArray>>;
 
     static void onDataOffer(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
     static void onSelection(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
+    static void onPrimarySelection(void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer);
     static void onFinished(void* data, zwlr_data_control_device_v1*);
     static void onOfferedType(void* data, zwlr_data_control_offer_v1* offer, const char* mimeType);
     static void onSend(void* data, zwlr_data_control_source_v1* source, const char* mimeType, int32_t fd);
@@ -69,7 +70,9 @@ private:
     // Ours while Voxaria owns the clipboard, with what it offers.
     zwlr_data_control_source_v1* m_source = nullptr;
     Entries m_sourceEntries;
-    std::unique_ptr<Writers> m_writers;
+    // The threads that hand what we offer to its readers; when the pasteboard goes they get a
+    // moment to finish, then are stopped and joined.
+    std::unique_ptr<WorkerThreads> m_writers;
     // Snapshots still reading; whatever is left of them ends with the pasteboard.
     std::vector<QPointer<QObject>> m_snapshots;
 };

@@ -4,6 +4,7 @@
 
 #include <QSocketNotifier>
 
+#include "ext-data-control-v1-client-protocol.h"
 #include "fake-input-client-protocol.h"
 #include "virtual-keyboard-unstable-v1-client-protocol.h"
 #include "wlr-data-control-unstable-v1-client-protocol.h"
@@ -30,11 +31,14 @@ std::shared_ptr<WaylandClient> WaylandClient::connect(const QString& displayName
     }
     std::shared_ptr<WaylandClient> client(new WaylandClient(display));
     // Two round trips: the globals arrive with the first, what binding them sends with the second.
-    if (!client->roundtrip() || !client->roundtrip())
+    if (!client->roundtrip())
+        return nullptr;
+    client->bindDataControl();
+    if (!client->roundtrip())
         return nullptr;
     qCInfo(lcInsert) << "Wayland compositor offers: seat" << (client->m_seat != nullptr) << "- data-control"
-                     << (client->m_dataControl != nullptr) << "- virtual keyboard" << (client->m_virtualKeyboards != nullptr)
-                     << "- fake input" << (client->m_fakeInput != nullptr);
+                     << (client->m_dataControl ? client->m_dataControlProtocol : "none") << "- virtual keyboard"
+                     << (client->m_virtualKeyboards != nullptr) << "- fake input" << (client->m_fakeInput != nullptr);
     return client;
 }
 
@@ -67,10 +71,10 @@ void WaylandClient::onGlobal(void* data, wl_registry* registry, uint32_t name, c
     auto* self = static_cast<WaylandClient*>(data);
     if (std::strcmp(interface, wl_seat_interface.name) == 0 && !self->m_seat) {
         self->m_seat = static_cast<wl_seat*>(wl_registry_bind(registry, name, &wl_seat_interface, 1));
+    } else if (std::strcmp(interface, ext_data_control_manager_v1_interface.name) == 0) {
+        self->m_extDataControlName = name;
     } else if (std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0) {
-        // Version 1 is enough: the regular clipboard only, never the primary selection.
-        self->m_dataControl
-            = static_cast<zwlr_data_control_manager_v1*>(wl_registry_bind(registry, name, &zwlr_data_control_manager_v1_interface, 1));
+        self->m_wlrDataControlName = name;
     } else if (std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0) {
         self->m_virtualKeyboards = static_cast<zwp_virtual_keyboard_manager_v1*>(
             wl_registry_bind(registry, name, &zwp_virtual_keyboard_manager_v1_interface, 1));
@@ -78,6 +82,23 @@ void WaylandClient::onGlobal(void* data, wl_registry* registry, uint32_t name, c
         self->m_fakeInput = static_cast<org_kde_kwin_fake_input*>(
             wl_registry_bind(registry, name, &org_kde_kwin_fake_input_interface, fakeInputKeyboardVersion));
     }
+}
+
+void WaylandClient::bindDataControl()
+{
+    // The standard protocol first: Plasma 6.5 and later offer no other. It is the wlroots one under
+    // other names, with the same requests and events, arguments and order, so the wlroots stubs
+    // speak it once the manager is bound under its own name: the names never go over the wire, the
+    // numbers of the requests and events do. Version 1 of either is enough: the regular clipboard
+    // only, never the primary selection.
+    const wl_interface* manager = m_extDataControlName ? &ext_data_control_manager_v1_interface
+        : m_wlrDataControlName                         ? &zwlr_data_control_manager_v1_interface
+                                                       : nullptr;
+    if (!manager)
+        return;
+    m_dataControlProtocol = m_extDataControlName ? "ext" : "wlr";
+    const uint32_t name = m_extDataControlName ? m_extDataControlName : m_wlrDataControlName;
+    m_dataControl = static_cast<zwlr_data_control_manager_v1*>(wl_registry_bind(m_registry, name, manager, 1));
 }
 
 void WaylandClient::onGlobalRemove(void*, wl_registry*, uint32_t)

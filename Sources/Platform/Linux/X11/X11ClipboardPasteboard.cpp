@@ -1,18 +1,25 @@
 #include "X11ClipboardPasteboard.h"
 
 #include "Shared/Logging.h"
+#include "Shared/WorkerThreads.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QPointer>
 #include <QScreen>
 #include <qpa/qplatformnativeinterface.h>
 
 #include "X11Display.h"
+#include "X11SelectionReader.h"
 
 #include <xcb/xcb.h>
 
 namespace {
+
+// Another program's clipboard is read within this time, every format together; what it has not
+// given by then is left out.
+constexpr std::chrono::milliseconds readTimeout{1500};
 
 bool onX11()
 {
@@ -51,21 +58,57 @@ bool qtOwnsSelection()
     return owner != None && (owner & ~Window(setup->resource_id_mask)) == setup->resource_id_base;
 }
 
-// The selection protocol's own targets are no data; application/x-qt-image is Qt's decoded view
-// of image formats that are saved anyway.
-bool isBookkeepingFormat(const QString& format)
-{
-    static const QStringList bookkeeping = {QStringLiteral("TARGETS"), QStringLiteral("MULTIPLE"), QStringLiteral("TIMESTAMP"),
-        QStringLiteral("SAVE_TARGETS"), QStringLiteral("application/x-qt-image")};
-    return bookkeeping.contains(format);
-}
-
 const QMimeData* currentContents()
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     return clipboard ? clipboard->mimeData(QClipboard::Clipboard) : nullptr;
 }
 
+// The clipboard holds one item: every format read is a type of it.
+std::optional<Pasteboard::Contents> contentsOf(const std::optional<X11SelectionReader::Entries>& entries)
+{
+    if (!entries)
+        return std::nullopt;
+    if (entries->empty())
+        return Pasteboard::Contents{};
+    Pasteboard::Item item;
+    for (const auto& [format, bytes] : *entries)
+        item.setData(format, bytes);
+    return Pasteboard::Contents{item};
+}
+
+}
+
+X11ClipboardPasteboard::X11ClipboardPasteboard()
+    : m_reads(std::make_unique<WorkerThreads>())
+{
+}
+
+X11ClipboardPasteboard::~X11ClipboardPasteboard() = default;
+
+void X11ClipboardPasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
+{
+    // Our own contents are in memory; another program's are read away from the main thread, which
+    // Qt's clipboard would hold for up to 5 s when the owner does not answer.
+    if (!onX11() || qtOwnsSelection()) {
+        Pasteboard::snapshot(context, std::move(done));
+        return;
+    }
+    // The answer hops to the main thread through the application object, which outlives the
+    // pasteboard and so this thread; it is dropped there if the insertion is gone.
+    const QByteArray displayName = XDisplayString(X11Display::shared());
+    m_reads->start([displayName, guard = QPointer<QObject>(context), done = std::move(done)](const std::atomic<bool>& stop) {
+        std::optional<X11SelectionReader::Entries> entries = X11SelectionReader::read(displayName, readTimeout, stop);
+        if (QCoreApplication* application = QCoreApplication::instance()) {
+            QMetaObject::invokeMethod(
+                application,
+                [guard, done, entries = std::move(entries)] {
+                    if (guard)
+                        done(contentsOf(entries));
+                },
+                Qt::QueuedConnection);
+        }
+    });
 }
 
 int X11ClipboardPasteboard::itemCount()
@@ -79,7 +122,7 @@ QStringList X11ClipboardPasteboard::types(int index)
     if (index != 0 || !contents)
         return {};
     QStringList formats = contents->formats();
-    formats.removeIf(isBookkeepingFormat);
+    formats.removeIf(X11SelectionReader::isBookkeeping);
     return formats;
 }
 
@@ -94,14 +137,6 @@ std::optional<QByteArray> X11ClipboardPasteboard::data(int index, const QString&
     return bytes;
 }
 
-void X11ClipboardPasteboard::clearContents()
-{
-    if (QClipboard* clipboard = QGuiApplication::clipboard()) {
-        bringServerTimeToQt();
-        clipboard->clear(QClipboard::Clipboard);
-    }
-}
-
 void X11ClipboardPasteboard::setString(const QString& text)
 {
     if (QClipboard* clipboard = QGuiApplication::clipboard()) {
@@ -110,7 +145,7 @@ void X11ClipboardPasteboard::setString(const QString& text)
     }
 }
 
-void X11ClipboardPasteboard::writeItems(const std::vector<Item>& items)
+void X11ClipboardPasteboard::writeItems(const Contents& items)
 {
     QClipboard* clipboard = QGuiApplication::clipboard();
     if (!clipboard)
