@@ -22,17 +22,25 @@ namespace {
 
 constexpr qint64 kSize = 600LL << 20;
 
-// Serves kSize bytes that start like a whisper.cpp model, prints its port, then the monotonic
-// time of the last byte it sent. A process of its own, so its buffers are not counted as ours.
+// Serves a kSize-byte model in whisper.cpp's layout (no layers; its last tensor takes the bulk),
+// prints its port, then the monotonic time of the last byte it sent. A process of its own, so its
+// buffers are not counted as ours.
 const char* kServer = R"(
-import socket, sys, time
+import socket, struct, sys, time
 size = int(sys.argv[1])
+head = struct.pack("<I11i", 0x67676D6C, 51865, 1500, 8, 1, 0, 448, 8, 1, 0, 80, 1)
+head += struct.pack("<2i", 2, 3) + bytes(24) + struct.pack("<iI", 1, 1) + b"!"
+for i in range(10):
+    name = b"tensor.%d" % i
+    head += struct.pack("<4i", 1, len(name), 0, 8) + name + b"w" * 32
+name = b"decoder.token_embedding.weight"
+head += struct.pack("<4i", 1, len(name), 24, size - len(head) - 16 - len(name)) + name
 server = socket.socket(); server.bind(("127.0.0.1", 0)); server.listen(1)
 print(server.getsockname()[1], flush=True)
 connection, _ = server.accept()
 connection.recv(65536)
 connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\nConnection: close\r\n\r\n" % size)
-chunk = b"lmgg" + b"w" * ((4 << 20) - 4)
+chunk = head + b"w" * ((4 << 20) - len(head))
 sent = 0
 while sent < size:
     piece = chunk[: min(len(chunk), size - sent)]

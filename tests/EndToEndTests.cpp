@@ -2,6 +2,7 @@
 // virtual microphone, text arriving in another application's window.
 #include "AppRun.h"
 #include "DesktopApps.h"
+#include "LocalHttpServer.h"
 #include "Shared/LiveSpeechModel.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
@@ -236,7 +237,7 @@ TEST_F(EndToEnd, ASecondCopyOpensTheFirstsMenuAndEndingTheFirstMidDictationLeave
 TEST(SecondLaunch, BringsBackTheWindowThatStandsInForAMissingTray)
 {
     if (!TestSupport::hasX11())
-        GTEST_SKIP() << "needs the headless desktop (run under scripts/with-harness.sh)";
+        VOXARIA_SKIP("needs the headless desktop (run under scripts/with-harness.sh)");
     QProcess xvfb;
     xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten", "tcp"});
     ASSERT_TRUE(xvfb.waitForReadyRead(10000)) << "Xvfb did not start";
@@ -281,6 +282,33 @@ TEST(SecondLaunch, BringsBackTheWindowThatStandsInForAMissingTray)
     app.stop();
     xvfb.terminate();
     xvfb.waitForFinished();
+}
+
+// Asked to end (the menu's "Sair do Voxaria" and a signal both quit the application) in the middle
+// of the start-up offer's download, the program ends at once, without asking, and what arrived
+// waits in the models folder for the next download.
+TEST_F(EndToEnd, QuittingDuringAModelDownloadEndsAtOnceAndKeepsThePart)
+{
+    LocalHttpServer server;
+    server.setRoute(QStringLiteral("ggml-small-q5_1.bin"), {.body = QByteArray(3 << 20, 'w'), .holdAt = 1 << 20});
+    AppRun program(QStringLiteral(VOXARIA_HELPER_voxaria_localmodels));
+    program.setEnvironment(QStringLiteral("VOXARIA_MODELS_URL"), server.baseUrl().toString());
+    program.useWhisperStandIn("#!/bin/sh\n");
+    QFile::remove(program.dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"));
+    ASSERT_TRUE(program.start());
+    ASSERT_TRUE(Desktop::waitForWindow(QStringLiteral("Voxaria"), 10s)) << "no download offer";
+    XTestKeyboard::tap(enterKey, 20ms); // "Baixar agora (190 MB)"
+    const QString part = program.dataFolder() + QStringLiteral("/models/ggml-small-q5_1.bin.part");
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return QFileInfo(part).size() == 1 << 20; }, 10s)) << program.log().join('\n').toStdString();
+
+    QElapsedTimer clock;
+    clock.start();
+    program.process().terminate();
+    ASSERT_TRUE(program.waitForExit(5s)) << "the download held the program up";
+    EXPECT_LT(clock.elapsed(), 1000);
+    EXPECT_EQ(program.process().exitCode(), 0);
+    EXPECT_EQ(QFileInfo(part).size(), 1 << 20);
+    EXPECT_FALSE(program.log().filter(QStringLiteral("quitting: the download of")).isEmpty());
 }
 
 // A copy that crashed leaves its lock file behind; the next start takes it over instead of leaving.

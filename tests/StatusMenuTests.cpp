@@ -5,6 +5,7 @@
 #include "App/UpdaterManager.h"
 #include "AppRun.h"
 #include "LocalHttpServer.h"
+#include "ModelFiles.h"
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Fakes/FakeSystemTray.h"
@@ -161,7 +162,7 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
         "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
         "da sua distribuição (por exemplo: sudo apt install whisper.cpp).\n[]");
     arrange({});
-    const QByteArray model = QByteArray("lmgg").leftJustified(1 << 16, 'w');
+    const QByteArray model = ModelFiles::whisper(1 << 16);
     server.setRoute(kBase, {.body = model, .holdAt = 100});
     alerts->answers = QStringList{"Baixar (60 MB)"};
     app->selectModel(kBase);
@@ -201,7 +202,7 @@ TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovabl
 {
     arrange({kSmall}, {{"whisperModelFileName", kSmall}});
     const QString model = LiveSpeechModel::fileName();
-    server.setRoute(model, {.body = QByteArray("GGUF").leftJustified(3 << 19, 'n')});
+    server.setRoute(model, {.body = ModelFiles::gguf({{{3 << 17}}})});
     const QString offer = "Baixar o modelo do motor nativo?\nO motor nativo precisa do modelo Texto ao vivo — Nemotron "
                           "(716 MB, download único, roda offline).\n[Baixar agora (716 MB) | Cancelar]";
     EXPECT_EQ(click("Nemotron (nativo, tempo real)", "Cancelar").filter("✓").first(), "  ✓ Whisper (melhor qualidade)");
@@ -238,6 +239,49 @@ TEST_F(StatusMenuTest, ModelsAndUnfinishedDownloadsAreRemovedOnlyAfterConfirming
     EXPECT_EQ(choose("Remover small (1 MB)", "Remover"), QStringList{"  Remover download incompleto de base (2 MB)"});
     EXPECT_EQ(choose("Remover download incompleto de base (2 MB)", "Remover"), QStringList{});
     EXPECT_EQ(QDir(folder).entryList(QDir::Files), QStringList{});
+}
+
+// The selected model removed, dictation goes on with another installed one, and the alert said so
+// beforehand; with none left, it says that too.
+TEST_F(StatusMenuTest, RemovingTheSelectedModelWarnsAndMarksAnother)
+{
+    arrange({kSmall, kBase}, {{"whisperModelFileName", kSmall}});
+    const QString question = "O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.\n\n";
+    click("Remover small (0 MB)", "Remover");
+    EXPECT_EQ(lastAlert(),
+        "Remover small (0 MB)?\n" + question + "É o modelo em uso: os ditados passam a usar \"Leve — base\".\n[Remover | Cancelar]");
+    EXPECT_TRUE(marks().value(1).startsWith("  ✓ Leve — base (60 MB) {")) << marks().join('\n').toStdString();
+    click("Remover base (0 MB)", "Remover");
+    EXPECT_EQ(lastAlert(),
+        "Remover base (0 MB)?\n" + question
+            + "É o modelo em uso, e nenhum outro está baixado: o Whisper fica indisponível até que um modelo seja baixado.\n[Remover | "
+              "Cancelar]");
+    EXPECT_EQ(QDir(AppPaths::modelsFolder()).entryList(QDir::Files), QStringList{});
+}
+
+// The menu follows a download as it starts and ends, and an item from before it started cannot
+// remove the part it is writing.
+TEST_F(StatusMenuTest, TheMenuFollowsDownloadsAndAStaleItemLeavesTheRunningPart)
+{
+    arrange({});
+    const QByteArray model = ModelFiles::whisper(3 << 20);
+    const QString part = AppPaths::modelsFolder() + '/' + kBase + ".part";
+    TestSupport::writeFile(part, model.left(3 << 19));
+    const QString removal = "  Remover download incompleto de base (2 MB)";
+    const auto removals = [&] { return describe(*app->menu()).split('\n').filter("  Remover"); };
+    EXPECT_EQ(removals(), QStringList{removal});
+    const QList<QAction*> items = app->menu()->findChildren<QAction*>();
+    const auto stale = std::find_if(items.begin(), items.end(), [&](QAction* item) { return "  " + item->text() == removal; });
+    ASSERT_NE(stale, items.end());
+
+    server.setRoute(kBase, {.body = model, .holdAt = 100});
+    downloader.download(ModelDownloader::Model::catalog().at(2));
+    alerts->answers = QStringList{"Remover"};
+    (*stale)->trigger();
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return !alerts->shown.isEmpty() && removals().isEmpty(); }));
+    EXPECT_TRUE(QFile::exists(part));
+    downloader.cancelTapped();
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return removals() == QStringList{removal}; })) << removals().join('\n').toStdString();
 }
 
 TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)

@@ -71,6 +71,38 @@ void downloadSelectingItsEngine(ModelDownloader& downloader, const Model& model,
     });
 }
 
+// An installed model other than `removed`, to be used in its place.
+const Model* replacementFor(const Model& removed)
+{
+    const QList<Model>& catalog = Model::catalog();
+    const auto other = std::find_if(
+        catalog.begin(), catalog.end(), [&](const Model& model) { return model.fileName != removed.fileName && model.isDownloaded(); });
+    return other != catalog.end() ? &*other : nullptr;
+}
+
+// Said before the selected model goes: what dictation will use instead.
+QString selectedRemovalWarning(const Model& removed)
+{
+    if (removed.fileName != Settings::shared().whisperModelFileName())
+        return {};
+    const Model* next = replacementFor(removed);
+    return next ? QStringLiteral("\n\nÉ o modelo em uso: os ditados passam a usar \"%1\".").arg(next->displayName)
+                : QStringLiteral("\n\nÉ o modelo em uso, e nenhum outro está baixado: o Whisper fica indisponível até que um modelo seja "
+                                 "baixado.");
+}
+
+// The selected model's file gone, another installed one takes its place (and the menu's mark).
+void removeModel(const Model& model)
+{
+    const bool wasSelected = model.fileName == Settings::shared().whisperModelFileName();
+    QFile::remove(model.filePath());
+    const Model* next = replacementFor(model);
+    if (wasSelected && next) {
+        Settings::shared().setWhisperModelFileName(next->fileName);
+        qCInfo(lcWhisper) << "removed the selected model; now using" << next->fileName;
+    }
+}
+
 // The models the menu offers: Whisper's, then the live native engine's.
 QList<Model> offeredModels()
 {
@@ -110,6 +142,9 @@ AppDelegate::AppDelegate(SessionPlatform& platform, Services services, QObject* 
     , m_hotkeyManager(platform.takeKeyMonitor())
     , m_dictation(DictationController::Collaborators::forSession(platform))
 {
+    // The model menu changes as a download starts and ends: its unfinished part is not offered for
+    // removal while it runs.
+    connect(m_services.downloader, &ModelDownloader::downloadingChanged, this, &AppDelegate::refreshMenu, Qt::QueuedConnection);
 }
 
 AppDelegate::~AppDelegate() = default;
@@ -342,20 +377,21 @@ void AppDelegate::addModelMenu(QMenu& menu)
 }
 
 // What the models take on disk can be taken back: an installed model, and an unfinished download
-// other than the one running.
+// other than the one running (asked again when chosen: the menu may be older than the download).
 void AppDelegate::addRemovalItems(QMenu& models)
 {
     bool separated = false;
     for (const Model& model : offeredModels()) {
         const QString name = model.displayName.section(QStringLiteral(" — "), -1);
         const bool running = m_services.downloader->isDownloading() && m_services.downloader->currentModel().fileName == model.fileName;
+        ModelDownloader* downloader = m_services.downloader;
         const struct {
-            QString path, label;
+            QString path, label, warning;
             std::function<void()> remove;
         } files[] = {
-            {model.filePath(), QStringLiteral("Remover %1 (%2 MB)"), [path = model.filePath()] { QFile::remove(path); }},
-            {running ? QString() : model.partPath(), QStringLiteral("Remover download incompleto de %1 (%2 MB)"),
-                [model] { model.removePart(); }},
+            {model.filePath(), QStringLiteral("Remover %1 (%2 MB)"), selectedRemovalWarning(model), [model] { removeModel(model); }},
+            {running ? QString() : model.partPath(), QStringLiteral("Remover download incompleto de %1 (%2 MB)"), {},
+                [downloader, model] { downloader->removeUnfinished(model); }},
         };
         for (const auto& file : files) {
             const QFileInfo info(file.path);
@@ -364,15 +400,16 @@ void AppDelegate::addRemovalItems(QMenu& models)
             if (!std::exchange(separated, true))
                 models.addSeparator();
             const QString title = file.label.arg(name).arg((info.size() + (1 << 19)) >> 20);
-            whenChosen(models.addAction(title), [this, title, remove = file.remove] { confirmRemoval(title, remove); });
+            whenChosen(models.addAction(title),
+                [this, title, warning = file.warning, remove = file.remove] { confirmRemoval(title, warning, remove); });
         }
     }
 }
 
-void AppDelegate::confirmRemoval(const QString& title, const std::function<void()>& remove)
+void AppDelegate::confirmRemoval(const QString& title, const QString& warning, const std::function<void()>& remove)
 {
     const Alerts::Alert question{title + QStringLiteral("?"),
-        QStringLiteral("O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo."),
+        QStringLiteral("O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.") + warning,
         {{QStringLiteral("Remover"), Alerts::Button::Role::destructive}, cancelButton()}};
     if (m_services.alerts->runModal(question) != 0)
         return;

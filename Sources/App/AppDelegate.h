@@ -102,7 +102,7 @@ private:
     void addEngineMenu(QMenu& menu);
     void addModelMenu(QMenu& menu);
     void addRemovalItems(QMenu& models);
-    void confirmRemoval(const QString& title, const std::function<void()>& remove);
+    void confirmRemoval(const QString& title, const QString& warning, const std::function<void()>& remove);
     void addHotkeyMenu(QMenu& menu);
     void addLanguageMenu(QMenu& menu);
     void whenChosen(QAction* item, std::function<void()> action);

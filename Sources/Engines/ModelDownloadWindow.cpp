@@ -51,6 +51,12 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, std::functi
 
 void ModelDownloadWindow::closeEvent(QCloseEvent* event)
 {
+    // Taken off the screen, its download has ended: it closes like any window and never holds up
+    // the program's quit.
+    if (isHidden()) {
+        event->accept();
+        return;
+    }
     event->ignore();
     m_onClose();
 }

@@ -11,6 +11,7 @@
 #include <QApplication>
 #include <QCryptographicHash>
 #include <QDir>
+#include <QEvent>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -22,16 +23,15 @@
 #include <filesystem>
 
 namespace {
-// whisper.cpp model files start with the ggml magic 0x67676d6c, stored little-endian.
-const QByteArray kGgmlMagic("lmgg", 4);
-// GGUF files, the live engine's among them, start with these four bytes.
-const QByteArray kGgufMagic("GGUF", 4);
 // A server that sends nothing for this long is given up on; the ".part" stays for the next try.
 constexpr int kStallTimeoutMs = 60 * 1000;
 constexpr qint64 kReadBufferBytes = 1 << 20;
 constexpr qint64 kMiB = 1048576;
 // Under a megabyte: the bar alone says how far it got.
 const QString kVoiceActivityStatus = QStringLiteral("Baixando o modelo de detecção de voz…");
+const QString kCutShort = QStringLiteral("A conexão caiu antes do fim do download. Tente de novo: ele continua de onde parou.");
+const QString kRangeRefused = QStringLiteral("O servidor não pôde continuar o download de onde ele parou (HTTP 416). O que tinha "
+                                             "chegado foi descartado: tente de novo para baixar do início.");
 
 QString platformNote(const char* onLinux, const char* onMac)
 {
@@ -66,6 +66,13 @@ QString saveFailure(const QString& systemDescription)
 
 QString statusFailure(int status)
 {
+    if (status == 416)
+        return kRangeRefused;
+    // A 304 (never asked for) or a redirect Qt would not follow: to another scheme, or too many.
+    if (status >= 300 && status < 400)
+        return QStringLiteral("O servidor não enviou o arquivo: respondeu com um redirecionamento que não pôde ser seguido (HTTP %1). "
+                              "Tente de novo mais tarde.")
+            .arg(status);
     return QStringLiteral("O servidor respondeu com o status HTTP %1.").arg(status);
 }
 
@@ -107,13 +114,16 @@ std::optional<std::pair<qint64, qint64>> parseContentRange(const QByteArray& hea
 
 const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
 {
-    // No SHA-256 yet: none is known from a source to trust, so these are checked by length and magic.
+    // No SHA-256 nor exact size yet: none is known from a source to trust, so these are checked by their structure.
     static const QList<Model> models = {
         {QStringLiteral("ggml-large-v3-turbo-q5_0.bin"), QStringLiteral("Máxima qualidade — large-v3-turbo"), 547,
-            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon"), {}},
+            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon"), {}, 0,
+            ModelFileCheck::Format::whisperGgml},
         {QStringLiteral("ggml-small-q5_1.bin"), QStringLiteral("Equilibrado — small"), 190,
-            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel"), {}},
-        {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor"), {}},
+            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel"), {}, 0,
+            ModelFileCheck::Format::whisperGgml},
+        {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor"), {},
+            0, ModelFileCheck::Format::whisperGgml},
     };
     return models;
 }
@@ -129,14 +139,15 @@ const ModelDownloader::Model& ModelDownloader::Model::voiceActivity()
     // 885098 bytes: the 864.35 KB its README shows downloaded from ggml-org/whisper-vad).
     static const Model model{QFileInfo(WhisperCliFeatures::vadModelPath()).fileName(), QStringLiteral("Detecção de voz — Silero v6.2.0"), 1,
         QStringLiteral("usado nas transcrições de arquivos e links"),
-        QByteArrayLiteral("2aa269b785eeb53a82983a20501ddf7c1d9c48e33ab63a41391ac6c9f7fb6987")};
+        QByteArrayLiteral("2aa269b785eeb53a82983a20501ddf7c1d9c48e33ab63a41391ac6c9f7fb6987"), 885098,
+        ModelFileCheck::Format::voiceActivityGgml};
     return model;
 }
 
 const ModelDownloader::Model& ModelDownloader::Model::liveSpeech()
 {
     static const Model model{LiveSpeechModel::fileName(), QStringLiteral("Texto ao vivo — Nemotron"), LiveSpeechModel::sizeMB(),
-        QStringLiteral("motor nativo: o texto aparece enquanto você fala"), {}};
+        QStringLiteral("motor nativo: o texto aparece enquanto você fala"), {}, 0, ModelFileCheck::Format::gguf};
     return model;
 }
 
@@ -178,6 +189,11 @@ ModelDownloader::ModelDownloader(std::unique_ptr<Alerts> alerts, Addresses addre
     , m_addresses(std::move(addresses))
     , m_currentModel(Model::recommended())
 {
+    // A logout does not wait for a download: it ends like a quit, the ".part" kept.
+    if (auto* application = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
+        connect(application, &QGuiApplication::commitDataRequest, this, &ModelDownloader::stopForQuit);
+        application->installEventFilter(this);
+    }
 }
 
 ModelDownloader::~ModelDownloader()
@@ -194,11 +210,39 @@ QString ModelDownloader::progressText(qint64 written, qint64 expected)
     return QStringLiteral("%1 MB de %2 MB (%3%)").arg(written / kMiB).arg(expected / kMiB).arg(percent);
 }
 
+bool ModelDownloader::removeUnfinished(const Model& model) const
+{
+    if (m_isDownloading && m_currentModel.fileName == model.fileName) {
+        qCInfo(lcWhisper) << "the unfinished download of" << model.fileName << "is running; not removed";
+        return false;
+    }
+    model.removePart();
+    return true;
+}
+
+// The user asked to quit (the menu, a signal, the session): the download stops now, without the
+// question its window would ask, so that the quit is not held up.
+bool ModelDownloader::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == QCoreApplication::instance() && event->type() == QEvent::Quit)
+        stopForQuit();
+    return QObject::eventFilter(watched, event);
+}
+
+void ModelDownloader::stopForQuit()
+{
+    if (!m_isDownloading)
+        return;
+    qCInfo(lcWhisper) << "quitting: the download of" << m_currentModel.fileName << "stops; what arrived is kept for the next one";
+    cancelTapped();
+}
+
 void ModelDownloader::download(const Model& model, Completion completion)
 {
     if (m_isDownloading)
         return;
     m_isDownloading = true;
+    emit downloadingChanged();
     ++m_attempt;
     m_currentModel = model;
     m_completion = std::move(completion);
@@ -248,6 +292,7 @@ void ModelDownloader::startTransfer()
         return;
     }
     m_resumedFrom = m_part.size();
+    m_sentValidator.clear();
 
     QNetworkRequest request(current().folder.resolved(QUrl(current().model.fileName)));
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
@@ -257,9 +302,9 @@ void ModelDownloader::startTransfer()
     if (m_resumedFrom > 0) {
         request.setRawHeader("Range", "bytes=" + QByteArray::number(m_resumedFrom) + '-');
         QFile validatorFile(validatorPath());
-        const QByteArray known = validatorFile.open(QIODevice::ReadOnly) ? validatorFile.readAll().trimmed() : QByteArray();
-        if (!known.isEmpty())
-            request.setRawHeader("If-Range", known);
+        m_sentValidator = validatorFile.open(QIODevice::ReadOnly) ? validatorFile.readAll().trimmed() : QByteArray();
+        if (!m_sentValidator.isEmpty())
+            request.setRawHeader("If-Range", m_sentValidator);
     }
     qCInfo(lcWhisper) << "downloading" << request.url().toString() << "from byte" << m_resumedFrom;
 
@@ -292,20 +337,17 @@ void ModelDownloader::onResponse(QNetworkReply* reply)
     if (status >= 300 && status < 400)
         return; // a redirect on its way to the real answer
     m_responseChecked = true;
-    if (status == 416 && installCompletePart(reply))
+    if (status == 416) {
+        onRangeNotSatisfiable(*reply);
         return;
+    }
     if (status < 200 || status >= 300) {
-        // 416: what was kept cannot be continued, so the next try starts over.
-        fail(statusFailure(status), status != 416);
+        fail(statusFailure(status), true);
         return;
     }
     if (status == 206) {
-        const auto range = parseContentRange(reply->rawHeader("Content-Range"));
-        if (m_resumedFrom == 0 || !range || range->first != m_resumedFrom) {
-            fail(QStringLiteral("O servidor enviou um trecho do arquivo diferente do pedido. O arquivo foi descartado."), false);
+        if (!continuesPart(*reply))
             return;
-        }
-        m_expected = range->second;
     } else {
         // The whole file, also what a server whose file changed since the ".part" began sends: start over.
         m_resumedFrom = 0;
@@ -322,19 +364,38 @@ void ModelDownloader::onResponse(QNetworkReply* reply)
     showProgress(m_resumedFrom);
 }
 
-// A ".part" that already holds every byte gets "416, bytes */<its size>": it is checked and installed
-// as it is, without the answer's body.
-bool ModelDownloader::installCompletePart(QNetworkReply* reply)
+// A 206 must go on from the last byte of the ".part", and of the same file: a server that ignores
+// If-Range would otherwise splice a changed file's bytes onto the old ones. Its total may be "*":
+// the file's own structure tells its length at the end.
+bool ModelDownloader::continuesPart(const QNetworkReply& reply)
 {
-    const auto range = parseContentRange(reply->rawHeader("Content-Range"));
-    if (m_resumedFrom == 0 || !range || range->first >= 0 || range->second != m_resumedFrom)
+    const auto range = parseContentRange(reply.rawHeader("Content-Range"));
+    if (m_resumedFrom == 0 || !range || range->first != m_resumedFrom) {
+        fail(QStringLiteral("O servidor enviou um trecho do arquivo diferente do pedido. O arquivo foi descartado."), false);
         return false;
-    m_expected = m_resumedFrom;
-    // The answer's body is of no use; the session's end takes the transfer with it.
-    m_task->disconnect(this);
-    m_task = nullptr;
-    install();
+    }
+    const QByteArray answered = validator(reply);
+    if (!m_sentValidator.isEmpty() && !answered.isEmpty() && answered != m_sentValidator) {
+        startOver();
+        return false;
+    }
+    m_expected = range->second;
     return true;
+}
+
+// A 416 says the ".part" already reaches the end of the server's file. A ".part" whose structure
+// proves it whole is installed as it is (servers differ on sending "bytes */<size>" along); any
+// other cannot be continued, so it is let go. The answer's body is of no use.
+void ModelDownloader::onRangeNotSatisfiable(const QNetworkReply& reply)
+{
+    const auto range = parseContentRange(reply.rawHeader("Content-Range"));
+    dropTransfer();
+    if (m_resumedFrom == 0 || (range && range->second != m_resumedFrom)) {
+        fail(kRangeRefused, false);
+        return;
+    }
+    m_expected = m_resumedFrom;
+    verify(false);
 }
 
 // The disk is asked before the first byte, so a model that cannot fit fails at once and says how
@@ -399,53 +460,67 @@ void ModelDownloader::onFinished(QNetworkReply* reply)
         fail(networkReason(*reply), true);
         return;
     }
-    install();
+    verify(true);
 }
 
-void ModelDownloader::install()
+// The structure first: it costs a few reads; the hash reads every byte.
+ModelDownloader::Finding ModelDownloader::examine(const QString& path, const Model& model)
+{
+    const qint64 size = QFileInfo(path).size();
+    if (model.bytes > 0 && size > model.bytes)
+        return Finding::otherSize;
+    switch (ModelFileCheck::check(path, model.format)) {
+    case ModelFileCheck::Verdict::incomplete: return Finding::cutShort;
+    case ModelFileCheck::Verdict::invalid: return Finding::notAModel;
+    case ModelFileCheck::Verdict::complete: break;
+    }
+    if (model.bytes > 0 && size != model.bytes)
+        return Finding::otherSize;
+    if (!model.sha256.isEmpty() && fileSha256(path) != model.sha256)
+        return Finding::otherHash;
+    return Finding::whole;
+}
+
+// Qt sometimes ends a cut connection as if the answer were complete, so neither that nor an
+// announced length decides: a file shorter than announced is a cut, kept for resuming, and
+// otherwise the file's own structure (then size and hash) says what arrived. Reading it runs on a
+// pooled thread, as hashing hundreds of megabytes takes seconds; a cancel meanwhile, or a newer
+// download, makes its answer moot. `resumable`: false when the server said it has nothing more.
+void ModelDownloader::verify(bool resumable)
 {
     const qint64 size = m_part.size();
-    if (m_expected >= 0 && size != m_expected) {
-        fail(QStringLiteral("O servidor anunciou %1 bytes, mas enviou %2. O arquivo foi descartado.").arg(m_expected).arg(size), false);
-        return;
-    }
-    m_part.seek(0);
-    const bool live = current().model.isLiveSpeech();
-    const QByteArray& magic = live ? kGgufMagic : kGgmlMagic;
-    if (m_part.read(magic.size()) != magic) {
-        fail(live ? QStringLiteral("O arquivo recebido não é um modelo do motor nativo. Nada foi instalado.")
-                  : QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."),
-            false);
-        return;
-    }
     m_part.close();
-    checkHashThenMoveIntoPlace();
-}
-
-// Hashing hundreds of megabytes takes seconds, so it runs on a pooled thread; a cancel meanwhile,
-// or a newer download, makes its answer moot.
-void ModelDownloader::checkHashThenMoveIntoPlace()
-{
-    if (current().model.sha256.isEmpty()) {
-        moveIntoPlace();
+    if (m_expected >= 0 && size < m_expected) {
+        onVerified(Finding::cutShort, resumable);
         return;
     }
     const QPointer<ModelDownloader> self(this);
-    QThreadPool::globalInstance()->start([self, attempt = m_attempt, path = partPath(), expected = current().model.sha256] {
-        const bool matches = fileSha256(path) == expected;
+    QThreadPool::globalInstance()->start([self, attempt = m_attempt, path = partPath(), model = current().model, resumable] {
+        const Finding finding = examine(path, model);
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
-            [self, attempt, matches] {
-                if (!self || !self->m_isDownloading || self->m_attempt != attempt)
-                    return;
-                if (matches)
-                    self->moveIntoPlace();
-                else
-                    self->fail(QStringLiteral("O arquivo recebido não confere com o modelo publicado (SHA-256). O arquivo foi descartado."),
-                        false);
+            [self, attempt, finding, resumable] {
+                if (self && self->m_isDownloading && self->m_attempt == attempt)
+                    self->onVerified(finding, resumable);
             },
             Qt::QueuedConnection);
     });
+}
+
+void ModelDownloader::onVerified(Finding finding, bool resumable)
+{
+    const QString otherFile = QStringLiteral("O arquivo recebido não confere com o modelo publicado (%1). O arquivo foi descartado.");
+    switch (finding) {
+    case Finding::whole: moveIntoPlace(); return;
+    case Finding::cutShort: fail(resumable ? kCutShort : kRangeRefused, resumable); return;
+    case Finding::notAModel:
+        fail(current().model.isLiveSpeech() ? QStringLiteral("O arquivo recebido não é um modelo do motor nativo. Nada foi instalado.")
+                                            : QStringLiteral("O arquivo recebido não é um modelo Whisper. Nada foi instalado."),
+            false);
+        return;
+    case Finding::otherSize: fail(otherFile.arg(QStringLiteral("tamanho")), false); return;
+    case Finding::otherHash: fail(otherFile.arg(QStringLiteral("SHA-256")), false); return;
+    }
 }
 
 void ModelDownloader::moveIntoPlace()
@@ -454,7 +529,11 @@ void ModelDownloader::moveIntoPlace()
     std::error_code error;
     std::filesystem::rename(partPath().toStdString(), destinationPath().toStdString(), error);
     if (error) {
-        fail(saveFailure(QString::fromStdString(error.message())), false);
+        // The file is whole: it stays, and the next try installs it without fetching it again.
+        const QString reason = QFileInfo(destinationPath()).isDir()
+            ? QStringLiteral("Falha ao salvar o modelo: já existe uma pasta %1.").arg(destinationPath())
+            : saveFailure(QString::fromStdString(error.message()));
+        fail(reason, true);
         return;
     }
     QFile::remove(validatorPath());
@@ -484,16 +563,33 @@ void ModelDownloader::fail(const QString& reason, bool keepPart)
     startNextTransfer();
 }
 
-// The transfer that ended reports nothing more, and one given up mid-way stops as it goes (not
-// aborted: this may run inside its own signal); the next file comes through the same session.
-void ModelDownloader::startNextTransfer()
+// The transfer reports nothing more, and one given up mid-way stops as it goes (not aborted: this
+// may run inside its own signal).
+void ModelDownloader::dropTransfer()
 {
     if (m_task) {
         m_task->disconnect(this);
         m_task->deleteLater();
     }
     m_task = nullptr;
+}
+
+// The next file comes through the same session.
+void ModelDownloader::startNextTransfer()
+{
+    dropTransfer();
     m_queue.removeFirst();
+    startTransfer();
+}
+
+// The server's file changed since the ".part" began, yet it sent the rest of the new one: what
+// arrived is of another file, so this one is fetched again from its first byte.
+void ModelDownloader::startOver()
+{
+    qCInfo(lcWhisper) << "the server's" << current().model.fileName << "changed since its part began; fetching it from the start";
+    dropTransfer();
+    m_part.close();
+    current().model.removePart();
     startTransfer();
 }
 
@@ -522,6 +618,9 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
     if (!m_isDownloading)
         return;
     m_isDownloading = false;
+    // Taken now: a download started while the alert below is open has a completion of its own.
+    Completion completion = std::move(m_completion);
+    m_completion = nullptr;
     // The session's end takes its transfer with it; nothing it still reports reaches us.
     if (m_task)
         m_task->disconnect(this);
@@ -535,10 +634,9 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
     }
     m_window = nullptr;
 
+    emit downloadingChanged();
     if (message)
         m_alerts->runModal({success ? QStringLiteral("Modelo instalado") : QStringLiteral("Download não concluído"), *message, {}});
-    Completion completion = std::move(m_completion);
-    m_completion = nullptr;
     if (completion)
         completion(success);
 }

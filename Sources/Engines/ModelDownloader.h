@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ModelDownloadWindow.h"
+#include "ModelFileCheck.h"
 #include "Platform/Alerts.h"
 
 #include <QFile>
@@ -24,12 +25,14 @@ class QNetworkReply;
 // user hears of is the Whisper model's.
 //
 // Bytes go to "<fileName>.part" beside the final file and are renamed into place only when the
-// final answer was 2xx, the length is the announced one, the file starts with its format's magic
-// (ggml for Whisper's, GGUF for the live engine's) and,
-// when the catalogue knows it, the SHA-256 matches, so a half-written file or an error page never
-// looks installed. A ".part" left by an interrupted download is continued with an HTTP Range
-// request, guarded by the ETag (or Last-Modified) of its first answer kept in "<fileName>.part.etag":
-// a file that changed on the server since then is fetched again from its start.
+// file's own structure proves it whole (ModelFileCheck: its header and tensor table add up to
+// exactly its length) and, where the catalogue knows them, its size and SHA-256 match: no server's
+// answer, announced length or lack of one can install a half-written file or an error page. A
+// ".part" the structure shows to be a faithful start is always kept, however the connection ended,
+// and is continued with an HTTP Range request guarded by the ETag (or Last-Modified) of its first
+// answer, kept in "<fileName>.part.etag": a file that changed on the server since then is fetched
+// again from its start, also from a server that ignores If-Range. A quit or a logout ends a running
+// download at once, silently, keeping the ".part".
 class ModelDownloader final : public QObject {
     Q_OBJECT
 public:
@@ -38,7 +41,9 @@ public:
         QString displayName;
         int sizeMB = 0;
         QString note;
-        QByteArray sha256; // lowercase hex; empty when no published hash is known (the length check stays)
+        QByteArray sha256; // lowercase hex; empty when no published hash is known (the structure check stays)
+        qint64 bytes = 0; // the published file's exact length; 0 when not known
+        ModelFileCheck::Format format = ModelFileCheck::Format::whisperGgml; // the layout its structure is read as
 
         static const QList<Model>& catalog();
         // What the start-up offer proposes: "small" runs well on most computers without a GPU.
@@ -80,6 +85,9 @@ public:
     void download(const Model& model, Completion completion = {});
 
     bool isDownloading() const { return m_isDownloading; }
+    // The unfinished download of `model`, unless it is the one running (a menu item may have been
+    // chosen long after it was built): false when it was left alone.
+    bool removeUnfinished(const Model& model) const;
     // The model asked for, also while the voice activity model comes first.
     const Model& currentModel() const { return m_currentModel; }
     ModelDownloadWindow* window() const { return m_window; }
@@ -88,6 +96,14 @@ public:
 
     // "273 MB de 547 MB (50%)"
     static QString progressText(qint64 written, qint64 expected);
+
+signals:
+    // A download started or ended: what the menu offers changes with it.
+    void downloadingChanged();
+
+protected:
+    // The program's quit reaches the downloader before any window is asked to close.
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     // One file of a download: the voice activity model when missing, then the model asked for.
@@ -102,14 +118,21 @@ private:
     void startNextTransfer();
     void showProgress(qint64 written);
     void onResponse(QNetworkReply* reply);
+    bool continuesPart(const QNetworkReply& reply);
+    void onRangeNotSatisfiable(const QNetworkReply& reply);
     void onData(QNetworkReply* reply);
     void onFinished(QNetworkReply* reply);
-    bool installCompletePart(QNetworkReply* reply);
     bool hasRoomFor(qint64 bytes);
     void rememberValidator(const QNetworkReply& reply);
-    void install();
-    void checkHashThenMoveIntoPlace();
+    // What the file that arrived turned out to be.
+    enum class Finding { whole, cutShort, notAModel, otherSize, otherHash };
+    static Finding examine(const QString& path, const Model& model);
+    void verify(bool resumable);
+    void onVerified(Finding finding, bool resumable);
     void moveIntoPlace();
+    void dropTransfer();
+    void startOver();
+    void stopForQuit();
     void fail(const QString& reason, bool keepPart);
     void finish(bool success, const std::optional<QString>& message);
     const Transfer& current() const { return m_queue.first(); }
@@ -129,6 +152,7 @@ private:
     quint64 m_attempt = 0; // tells a hash finished for an earlier download from the current one's
 
     QFile m_part;
+    QByteArray m_sentValidator; // the If-Range of the running request, empty when none
     bool m_responseChecked = false;
     qint64 m_resumedFrom = 0;
     qint64 m_expected = -1; // the whole file's length, -1 when the server does not say

@@ -31,7 +31,7 @@ void LocalHttpServer::answer(QTcpSocket* socket)
 
     static const QRegularExpression ifRangePattern("\r\nIf-Range: ([^\r]*)", QRegularExpression::CaseInsensitiveOption);
     const QString ifRange = ifRangePattern.match(QString::fromLatin1(request)).captured(1);
-    const bool sameFile = ifRange.isEmpty() || ifRange == route.etag;
+    const bool sameFile = route.ignoresIfRange || ifRange.isEmpty() || ifRange == route.etag;
     const qint64 from = route.status == 200 && route.sendLength && sameFile ? range.captured(2).toLongLong() : 0;
     QByteArray body = route.body.mid(from);
     QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status) + " Answer\r\n";
@@ -39,11 +39,13 @@ void LocalHttpServer::answer(QTcpSocket* socket)
         head = "HTTP/1.1 302 Found\r\nLocation: " + baseUrl().resolved(route.redirectTo).toEncoded() + "\r\n";
         body.clear();
     } else if (route.status == 416 || (from > 0 && body.isEmpty())) {
-        head = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" + QByteArray::number(route.body.size()) + "\r\n";
+        head = "HTTP/1.1 416 Range Not Satisfiable\r\n";
+        if (route.sendsContentRange)
+            head += "Content-Range: bytes */" + QByteArray::number(route.body.size()) + "\r\n";
         body.clear();
     } else if (from > 0) {
         head = "HTTP/1.1 206 Partial\r\nContent-Range: bytes " + QByteArray::number(from) + '-' + QByteArray::number(route.body.size() - 1)
-            + '/' + QByteArray::number(route.body.size()) + "\r\n";
+            + '/' + (route.totalUnknown ? QByteArray("*") : QByteArray::number(route.body.size())) + "\r\n";
     }
     if (!route.etag.isEmpty())
         head += "ETag: " + route.etag + "\r\n";

@@ -20,6 +20,9 @@ public:
         qint64 holdAt = -1; // stop after this many bytes of the body until release()
         QString redirectTo; // answer 302 to this file name
         QByteArray etag; // sent as ETag; a Range whose If-Range differs gets the whole file
+        bool ignoresIfRange = false; // a Range gets the rest of the current file, whatever its If-Range
+        bool totalUnknown = false; // a 206 says "bytes <from>-<to>/*"
+        bool sendsContentRange = true; // false: a 416 says nothing of the file's length
     };
 
     LocalHttpServer();

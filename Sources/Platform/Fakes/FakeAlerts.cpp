@@ -3,6 +3,8 @@
 int FakeAlerts::runModal(const Alert& alert)
 {
     shown.append(alert);
+    if (whileShown)
+        whileShown(alert);
     const int lastButton = alert.buttons.isEmpty() ? 0 : static_cast<int>(alert.buttons.size() - 1);
     if (answers.isEmpty())
         return lastButton;

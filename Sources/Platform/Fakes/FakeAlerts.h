@@ -4,6 +4,8 @@
 
 #include <QStringList>
 
+#include <functional>
+
 // Records every alert and answers from a script of button titles, in order.
 class FakeAlerts final : public Alerts {
 public:
@@ -12,6 +14,8 @@ public:
     // button the alert does not have, the alert is answered with its last button (usually
     // "Cancelar"), so a forgotten script never triggers a destructive action.
     QStringList answers;
+    // Runs while an alert is open, as whatever the user does meanwhile.
+    std::function<void(const Alert&)> whileShown;
 
     int runModal(const Alert& alert) override;
 };

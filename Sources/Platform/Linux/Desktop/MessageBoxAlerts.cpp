@@ -4,6 +4,7 @@
 
 #include <QAbstractButton>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTimer>
@@ -36,8 +37,11 @@ int MessageBoxAlerts::runModal(const Alert& alert)
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
     // Our texts are never markup: one that merely contains "<html" (a server's error page quoted in
-    // a failure) must not be taken for rich text and cut. Set after both texts, so both labels take it.
+    // a failure) must not be taken for rich text and cut. Qt 6.4 applies the format to the main
+    // text only, so the informative text's label is given it too.
     box.setTextFormat(Qt::PlainText);
+    if (auto* informative = box.findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel")))
+        informative->setTextFormat(Qt::PlainText);
     // A tray program has no window in front; without this the alert can open behind the user's
     // current application and the modal loop would look like a hang.
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
