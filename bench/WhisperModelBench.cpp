@@ -35,18 +35,13 @@ constexpr int kRuns = 5;
 const QString kRealCli = QStringLiteral(VOXARIA_BUILT_WHISPER_CLI);
 const QString kTestModels = QStringLiteral(VOXARIA_WHISPER_TEST_MODELS);
 
-// The latest "input closed → whisper-cli done" of the engine's timing line: whisper-cli's own
-// work once it has the whole recording, as the engine saw it.
-double g_whisperWorkMs = -1;
-QtMessageHandler g_previousHandler = nullptr;
-
-void readTimingLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
+// "input closed → whisper-cli done" of the engine's timing spans: whisper-cli's own work once it
+// has the whole recording, as the engine saw it; -1 when the spans do not say.
+double whisperWorkMs(const QString& timing)
 {
     static const QRegularExpression work(QStringLiteral("input closed → whisper-cli done (\\d+)"));
-    if (const QRegularExpressionMatch match = work.match(message); match.hasMatch())
-        g_whisperWorkMs = match.captured(1).toDouble();
-    if (g_previousHandler)
-        g_previousHandler(type, context, message);
+    const QRegularExpressionMatch match = work.match(timing);
+    return match.hasMatch() ? match.captured(1).toDouble() : -1;
 }
 
 // Other work on the machine slows whisper-cli down most: the figures come with the load they met.
@@ -139,12 +134,12 @@ std::array<PathFigures, 2> dictations(const QByteArray& speech, int holdMs)
     for (int run = 0; run < kRuns; ++run) {
         for (const bool readsStdin : {false, true}) {
             installCli(readsStdin);
-            g_whisperWorkMs = -1;
             const BenchDictation::Result dictation = BenchDictation::dictate(speech, holdMs);
-            if (!dictation.answered || g_whisperWorkMs < 0)
+            const double workMs = whisperWorkMs(dictation.timing);
+            if (!dictation.answered || workMs < 0)
                 continue;
             figures[readsStdin].releaseToText.push_back(dictation.releaseToTextMs());
-            figures[readsStdin].overhead.push_back(dictation.releaseToTextMs() - g_whisperWorkMs);
+            figures[readsStdin].overhead.push_back(dictation.releaseToTextMs() - workMs);
         }
     }
     return figures;
@@ -210,7 +205,6 @@ int main(int argc, char** argv)
         std::printf("skipped: no whisper-cli built at %s\n", qPrintable(kRealCli));
         return 0;
     }
-    g_previousHandler = qInstallMessageHandler(readTimingLine);
     QDir().mkpath(AppPaths::modelsFolder());
     // Voxaria's own voice activity options, with the real Silero model in its place.
     QFile::link(kTestModels + QStringLiteral("/for-tests-silero-v6.2.0-ggml.bin"), WhisperCliFeatures::vadModelPath());

@@ -19,7 +19,7 @@ const QString kLavapipe = QStringLiteral("/usr/share/vulkan/icd.d/lvp_icd.x86_64
 // In CI a test that cannot run fails with its reason; elsewhere it says why it was skipped.
 #define CANNOT_RUN(reason)                                                                                                                 \
     do {                                                                                                                                   \
-        if (qEnvironmentVariable("CI") == QLatin1String("true"))                                                                          \
+        if (qEnvironmentVariable("CI") == QLatin1String("true"))                                                                           \
             FAIL() << (reason);                                                                                                            \
         GTEST_SKIP() << (reason);                                                                                                          \
     } while (false)
@@ -42,8 +42,8 @@ CliRun transcribe(const QStringList& environment)
     whisper.setProcessEnvironment(env);
     whisper.setStandardOutputFile(QProcess::nullDevice());
     whisper.start(kWhisper,
-        {"-m", kModel, "-f", TestSupport::testDataPath("speech/jfk.wav"), "-l", "en", "-t", QString::number(ProcessorCores::physical()), "-bs",
-            "1", "-bo", "1", "-nf", "-ac", "64", "-otxt", "-of", out.filePath("clip")});
+        {"-m", kModel, "-f", TestSupport::testDataPath("speech/jfk.wav"), "-l", "en", "-t", QString::number(ProcessorCores::physical()),
+            "-bs", "1", "-bo", "1", "-nf", "-ac", "64", "-otxt", "-of", out.filePath("clip")});
     const bool ended = whisper.waitForFinished(240000);
     return {ended ? whisper.exitCode() : -1, whisper.readAllStandardError(), QFileInfo::exists(out.filePath("clip.txt"))};
 }

@@ -330,11 +330,11 @@ void WhisperTranscriber::finish()
 
 // `segmented` leaves out --no-timestamps, so no sentence is dropped. A child started at key down
 // cannot know how long the dictation will be, so it always runs segmented.
-// A dictation is a sentence or two: greedy decoding (-bs 1) gives it the text of the default beam
-// search of 5 in about three quarters of the time (README "Velocidade"). At temperature 0 greedy
-// runs one decoder; best-of only sizes the temperature fallbacks, which stay for the rare decoding
-// that fails. whisper-cli computes on at most 4 threads unless told; every core helps, its second
-// hardware thread does not. Its log is kept (no --no-prints): it names the device it ran on.
+// A dictation is a sentence or two: greedy decoding (-bs 1) serves it at a fraction of the cost of
+// the default beam search of 5 (README, "Engines"). At temperature 0 greedy runs one decoder;
+// best-of only sizes the temperature fallbacks, which stay for the rare decoding that fails.
+// whisper-cli computes on at most 4 threads unless told; every core helps, its second hardware
+// thread does not. Its log is kept (no --no-prints): it names the device it ran on.
 QStringList WhisperTranscriber::arguments(const QString& model, const QString& input, bool segmented) const
 {
     static const int threads = ProcessorCores::physical();
