@@ -33,6 +33,7 @@ struct Result {
     qint64 textAt = 0;
     double finishMs = 0; // how long finish() itself took
     bool answered = false;
+    QString timing; // the engine's own spans, as the dictation's timing line gives them
 
     double releaseToTextMs() const { return (textAt - releasedAt) / 1e6; }
 };
@@ -50,6 +51,8 @@ inline Result dictate(const QByteArray& samples, int holdMs)
         [&](const QString&) {
             result.textAt = BenchClock::nanoseconds(CLOCK_REALTIME);
             result.answered = true;
+            if (const std::optional<TranscriptionEngine::Timing> timing = engine.timing())
+                result.timing = timing->spans;
             waiting.quit();
         },
         [&](const Error& e) {

@@ -45,11 +45,15 @@ qint64 modifiedUs(const QString& path)
 
 QByteArray standIn(const QString& stamps)
 {
-    // Arguments as Voxaria passes them: -f is the fourth, the output base the last.
+    // Arguments as Voxaria passes them: -f is the fourth, the output base follows -of. Its help lists
+    // no --vad, so it runs as an older whisper-cli does, on the file after the release; any other
+    // call writes nothing, least of all into the folder it was started from.
     return QStringLiteral("#!/bin/bash\n"
+                          "[ \"$1\" = -m ] || exit 0\n"
                           "echo ${EPOCHREALTIME/./} > '%1/started'\n"
                           "cp \"$4\" '%1/input.wav'\n"
-                          "printf 'ditado%s ' \"${EPOCHREALTIME/./}\" > \"${@: -1}.txt\"\n"
+                          "while [ $# -gt 1 ] && [ \"$1\" != -of ]; do shift; done\n"
+                          "[ \"$1\" = -of ] && printf 'ditado%s ' \"${EPOCHREALTIME/./}\" > \"$2.txt\"\n"
                           "echo ${EPOCHREALTIME/./} > '%1/exited'\n")
         .arg(stamps)
         .toUtf8();

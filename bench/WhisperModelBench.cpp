@@ -1,7 +1,9 @@
 // whisper-cli with models of the sizes people dictate with (base, small): how long the model takes
-// to load, the key release → text when whisper-cli starts after the release on the file and when it
-// started at key down and reads the recording from standard input, what voice activity detection
-// costs on 10 s of audio, and what Voxaria adds on top of whisper-cli's own work.
+// to load, its work on 10 s of speech with its defaults (beam search of 5, at most 4 threads: what
+// dictations ran before) and as dictations run it now (greedy, one thread per core), the key
+// release → text when whisper-cli starts after the release on the file and when it started at key
+// down and reads the recording from standard input, what voice activity detection costs on 10 s of
+// audio, what Voxaria adds on top of whisper-cli's own work, and the device it all ran on.
 //
 // The models are written once by make_whisper_model.py (the real layout, made-up weights whose
 // decoder always writes the same short sentence), so load, encoding and decoding cost what they cost
@@ -9,8 +11,10 @@
 #include "BenchDictation.h"
 #include "BenchHome.h"
 #include "Engines/WhisperCliFeatures.h"
+#include "Engines/WhisperDevice.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Preferences/Settings.h"
+#include "Shared/ProcessorCores.h"
 #include "Shared/WavWriter.h"
 
 #include <QCoreApplication>
@@ -31,18 +35,13 @@ constexpr int kRuns = 5;
 const QString kRealCli = QStringLiteral(VOXARIA_BUILT_WHISPER_CLI);
 const QString kTestModels = QStringLiteral(VOXARIA_WHISPER_TEST_MODELS);
 
-// The latest "input closed → whisper-cli done" of the engine's timing line: whisper-cli's own
-// work once it has the whole recording, as the engine saw it.
-double g_whisperWorkMs = -1;
-QtMessageHandler g_previousHandler = nullptr;
-
-void readTimingLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
+// "input closed → whisper-cli done" of the engine's timing spans: whisper-cli's own work once it
+// has the whole recording, as the engine saw it; -1 when the spans do not say.
+double whisperWorkMs(const QString& timing)
 {
     static const QRegularExpression work(QStringLiteral("input closed → whisper-cli done (\\d+)"));
-    if (const QRegularExpressionMatch match = work.match(message); match.hasMatch())
-        g_whisperWorkMs = match.captured(1).toDouble();
-    if (g_previousHandler)
-        g_previousHandler(type, context, message);
+    const QRegularExpressionMatch match = work.match(timing);
+    return match.hasMatch() ? match.captured(1).toDouble() : -1;
 }
 
 // Other work on the machine slows whisper-cli down most: the figures come with the load they met.
@@ -82,6 +81,7 @@ struct CliTimes {
     double load = -1;
     double total = -1; // from the start of the load to the end of the transcription
     double vad = -1;
+    QString device;
 };
 
 CliTimes runCli(const QStringList& arguments)
@@ -96,15 +96,19 @@ CliTimes runCli(const QStringList& arguments)
             = QRegularExpression(QStringLiteral("%1 time = +([0-9.]+) ms").arg(QLatin1String(name))).match(output);
         return match.hasMatch() ? match.captured(1).toDouble() : -1;
     };
-    return {figure("load"), figure("total"), figure("vad")};
+    return {figure("load"), figure("total"), figure("vad"), WhisperDevice::fromLog(output.toUtf8())};
 }
 
 // The whisper-cli Voxaria finds beside its executable: the real one, which reads standard input, or
 // a copy whose help lists no voice activity detection, taken for an older one and so run on the file
-// after the release. Its option names change with it, none of which a dictation uses.
+// after the release. Its option names change with it, none of which a dictation uses. It loads its
+// libraries and ggml's backend modules from its own folder: they are linked in beside it.
 void installCli(bool readsStdin)
 {
-    const QString target = QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli");
+    const QDir here(QCoreApplication::applicationDirPath());
+    for (const QFileInfo& library : QDir(QFileInfo(kRealCli).path()).entryInfoList({QStringLiteral("lib*.so*")}, QDir::Files))
+        QFile::link(library.filePath(), here.filePath(library.fileName()));
+    const QString target = here.filePath(QStringLiteral("whisper-cli"));
     QFile::remove(target);
     QFile real(kRealCli);
     real.open(QIODevice::ReadOnly);
@@ -130,12 +134,12 @@ std::array<PathFigures, 2> dictations(const QByteArray& speech, int holdMs)
     for (int run = 0; run < kRuns; ++run) {
         for (const bool readsStdin : {false, true}) {
             installCli(readsStdin);
-            g_whisperWorkMs = -1;
             const BenchDictation::Result dictation = BenchDictation::dictate(speech, holdMs);
-            if (!dictation.answered || g_whisperWorkMs < 0)
+            const double workMs = whisperWorkMs(dictation.timing);
+            if (!dictation.answered || workMs < 0)
                 continue;
             figures[readsStdin].releaseToText.push_back(dictation.releaseToTextMs());
-            figures[readsStdin].overhead.push_back(dictation.releaseToTextMs() - g_whisperWorkMs);
+            figures[readsStdin].overhead.push_back(dictation.releaseToTextMs() - workMs);
         }
     }
     return figures;
@@ -148,15 +152,21 @@ void measure(const QString& size, const QByteArray& speech, const QString& wav)
     QFile::link(model, AppPaths::modelsFolder() + QStringLiteral("/model.bin"));
     const QStringList direct{QStringLiteral("-m"), model, QStringLiteral("-f"), wav, QStringLiteral("-l"), QStringLiteral("pt"),
         QStringLiteral("-nf"), QStringLiteral("--no-timestamps"), QStringLiteral("-otxt"), QStringLiteral("-of"), wav};
-    std::vector<double> load, work, total, withVad, vad;
+    const QStringList greedy{QStringLiteral("-t"), QString::number(ProcessorCores::physical()), QStringLiteral("-bs"), QStringLiteral("1")};
+    std::vector<double> load, beamWork, work, total, withVad, vad;
+    QString device;
+    // Beam and greedy alternate, so a change in the machine's load between runs hits both alike.
     for (int run = 0; run < kRuns; ++run) {
-        const CliTimes plain = runCli(direct);
-        const CliTimes detected = runCli(direct + WhisperCliFeatures::vadArguments(kRealCli));
+        const CliTimes beam = runCli(direct);
+        const CliTimes plain = runCli(direct + greedy);
+        const CliTimes detected = runCli(direct + greedy + WhisperCliFeatures::vadArguments(kRealCli));
         load.push_back(plain.load);
+        beamWork.push_back(beam.total - beam.load);
         work.push_back(plain.total - plain.load);
         total.push_back(plain.total);
         withVad.push_back(detected.total);
         vad.push_back(detected.vad);
+        device = plain.device;
     }
     // Held long enough for the model to be loaded at the release, as when the user speaks a while.
     const int holdMs = int(3 * BenchClock::median(load)) + 2000;
@@ -164,8 +174,13 @@ void measure(const QString& size, const QByteArray& speech, const QString& wav)
 
     const auto best
         = [](const std::vector<double>& values) { return values.empty() ? -1 : *std::min_element(values.begin(), values.end()); };
-    std::printf("%s: model load %.0f ms; whisper-cli's work on 10 s once loaded %.0f ms\n", qPrintable(size), BenchClock::median(load),
-        BenchClock::median(work));
+    std::printf("%s: whisper-cli ran on %s%s\n", qPrintable(size),
+        qPrintable(device.isEmpty() ? QStringLiteral("an unnamed device") : device),
+        device.startsWith(QLatin1String("CPU")) ? " (no Vulkan GPU here: no GPU figures)" : "");
+    std::printf("%s: model load %.0f ms; whisper-cli's work on 10 s once loaded, median (best): defaults, beam search of 5 on at most "
+                "4 threads %.0f (%.0f) ms; greedy on %d threads %.0f (%.0f) ms\n",
+        qPrintable(size), BenchClock::median(load), BenchClock::median(beamWork), best(beamWork), ProcessorCores::physical(),
+        BenchClock::median(work), best(work));
     std::printf("%s: key release -> text, median (best): started after the release (-f file) %.0f (%.0f) ms, started at key down "
                 "(-f -) %.0f (%.0f) ms; load time hidden %.0f (%.0f) ms\n",
         qPrintable(size), BenchClock::median(onFile.releaseToText), best(onFile.releaseToText), BenchClock::median(onStdin.releaseToText),
@@ -190,7 +205,6 @@ int main(int argc, char** argv)
         std::printf("skipped: no whisper-cli built at %s\n", qPrintable(kRealCli));
         return 0;
     }
-    g_previousHandler = qInstallMessageHandler(readTimingLine);
     QDir().mkpath(AppPaths::modelsFolder());
     // Voxaria's own voice activity options, with the real Silero model in its place.
     QFile::link(kTestModels + QStringLiteral("/for-tests-silero-v6.2.0-ggml.bin"), WhisperCliFeatures::vadModelPath());
@@ -203,6 +217,8 @@ int main(int argc, char** argv)
         measure(QString::fromLatin1(size), speech, wav);
         printLoad();
     }
-    QFile::remove(QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"));
+    const QDir here(QCoreApplication::applicationDirPath());
+    for (const QString& copy : here.entryList({QStringLiteral("whisper-cli"), QStringLiteral("lib*.so*")}, QDir::Files | QDir::System))
+        QFile::remove(here.filePath(copy));
     return 0;
 }

@@ -41,12 +41,15 @@ if(TARGET whisper_cli)
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
     PATTERN whisper-cli PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE
     REGEX "/lib(whisper|ggml|ggml-base)[.]so$" EXCLUDE)
-  # A package goes to other machines: its whisper-cli must be the portable one (README "Instalar").
+  # cpack reads this file before it packs: dpkg-shlibdeps is run through packaging/shlibdeps.sh.
+  set(cpack_config "set(SHLIBDEPS_EXECUTABLE \"${PROJECT_SOURCE_DIR}/packaging/shlibdeps.sh\")\n")
+  # A package goes to other machines: its whisper-cli must be the portable one (the default).
   if(NOT VOXARIA_PORTABLE_CPU)
-    file(WRITE ${staged}/CPackProjectConfig.cmake "message(WARNING \"This package's whisper-cli is built for "
-      "this machine's CPU only; configure with -DVOXARIA_PORTABLE_CPU=ON to make one for any x86-64 CPU.\")\n")
-    set(CPACK_PROJECT_CONFIG_FILE ${staged}/CPackProjectConfig.cmake)
+    string(APPEND cpack_config "message(WARNING \"This package's whisper-cli is built for this machine's CPU "
+      "only; configure with -DVOXARIA_PORTABLE_CPU=ON (the default) to make one for any x86-64 CPU.\")\n")
   endif()
+  file(WRITE ${staged}/CPackProjectConfig.cmake "${cpack_config}")
+  set(CPACK_PROJECT_CONFIG_FILE ${staged}/CPackProjectConfig.cmake)
 endif()
 # KWin lets a program type the paste keys (X-KDE-Wayland-Interfaces) when the first word of Exec= of
 # its installed desktop file is, once links are followed, the program's real path: an absolute one,
@@ -86,7 +89,11 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${VOXARIA_HOMEPAGE})
 # standard dialogs and menus; the rest only widens what it can do.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-translations-l10n")
+# whisper-cli computes on a GPU through the Vulkan loader where there is one, and on the CPU without.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pocketsphinx-en-us, pulseaudio-utils")
+if(VOXARIA_WHISPER_HAS_VULKAN)
+  string(APPEND CPACK_DEBIAN_PACKAGE_RECOMMENDS ", libvulkan1")
+endif()
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "whisper.cpp")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

@@ -7,17 +7,25 @@
 # once at configure time into the build folder. Either way its SHA-256 must match. Without either,
 # Voxaria still builds and configure says how to provide whisper-cli.
 #
-# CPU features: a local build tunes whisper.cpp for the machine it is built on (GGML_NATIVE). A
-# package must run on any x86-64 CPU, so VOXARIA_PORTABLE_CPU (which the package build turns on,
-# see README "Instalar" and cmake/Packaging.cmake) builds ggml's CPU backend once per CPU family
-# (GGML_CPU_ALL_VARIANTS) and lets whisper-cli load the best one at run time. ggml loads those
-# variants as shared modules only (GGML_BACKEND_DL requires BUILD_SHARED_LIBS), so the portable
-# whisper-cli comes with its libwhisper, libggml and libggml-cpu-* libraries, found beside it
-# through an $ORIGIN run path, and all of them are installed together in Voxaria's program folder.
+# Backends: whisper-cli is built with ggml's backends as modules it loads at run time
+# (GGML_BACKEND_DL, which requires BUILD_SHARED_LIBS), so the one build serves every machine. The
+# CPU backend comes once per x86-64 CPU family (GGML_CPU_ALL_VARIANTS) and whisper-cli loads the
+# best one the CPU runs; VOXARIA_PORTABLE_CPU=OFF builds a single one tuned for the build machine
+# instead (GGML_NATIVE), for a local build only. The Vulkan backend (GGML_VULKAN) is one more module:
+# where a Vulkan driver shows a GPU, whisper-cli runs on it; where there is no loader, no driver or
+# the driver fails, the module does not load or finds no device and whisper-cli stays on the CPU.
+# So whisper-cli comes with its libwhisper, libggml and libggml-* modules, found beside it through an
+# $ORIGIN run path, and all of them are installed together in Voxaria's program folder.
+#
+# ggml-vulkan compiles some 1,500 compute shaders with glslc while it builds. ccache cannot see
+# those runs, so glslc is called through cmake/glslc-cache.sh, which keeps each shader's SPIR-V in
+# ccache's folder under the hash of the source release and glslc's options: a fresh clone on a
+# machine that built whisper-cli before compiles no shader again.
 include(ExternalProject)
 
 option(VOXARIA_BUILD_WHISPER_CLI "Build whisper.cpp's whisper-cli and install it beside voxaria" ON)
-option(VOXARIA_PORTABLE_CPU "Build whisper-cli for any x86-64 CPU, choosing its CPU code at run time (package builds)" OFF)
+option(VOXARIA_PORTABLE_CPU "Build whisper-cli for any x86-64 CPU, choosing its CPU code at run time (OFF: this CPU only)" ON)
+option(VOXARIA_WHISPER_VULKAN "Build whisper-cli's Vulkan backend, used where a Vulkan GPU is found" ON)
 
 set(VOXARIA_WHISPER_VERSION 1.9.3)
 # The tag v1.9.3 is commit 371b5a7561823ab2bb32142d2751e35e7534727b; GitHub's archive of it has the
@@ -75,6 +83,7 @@ endif()
 # Only whisper-cli and what it links: no tests, server, SDL2, curl or FFmpeg. Warnings are whisper.cpp's
 # business (its AVX-512 code prints many harmless ones). The linker strips the symbol tables, so the
 # installed copies are as lean as Voxaria's own stripped program.
+set(whisper_build_env "")
 set(whisper_args
   -DCMAKE_BUILD_TYPE=Release
   -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
@@ -100,12 +109,30 @@ if(CMAKE_CXX_COMPILER_LAUNCHER)
   endif()
   list(APPEND whisper_args "-DCMAKE_C_COMPILER_LAUNCHER=${whisper_c_launcher}"
     "-DCMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
+  # ggml-vulkan configures its shader generator while it builds, as a project of its own: CMake
+  # takes the launcher from the environment there.
+  set(whisper_build_env "CMAKE_C_COMPILER_LAUNCHER=${whisper_c_launcher}" "CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
 endif()
+list(APPEND whisper_args -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON
+  "-DCMAKE_INSTALL_RPATH=\$ORIGIN")
 if(VOXARIA_PORTABLE_CPU)
-  list(APPEND whisper_args -DGGML_NATIVE=OFF -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DGGML_CPU_ALL_VARIANTS=ON
-    -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON "-DCMAKE_INSTALL_RPATH=\$ORIGIN")
+  list(APPEND whisper_args -DGGML_NATIVE=OFF -DGGML_CPU_ALL_VARIANTS=ON)
 else()
-  list(APPEND whisper_args -DGGML_NATIVE=ON -DBUILD_SHARED_LIBS=OFF)
+  list(APPEND whisper_args -DGGML_NATIVE=ON)
+endif()
+set(VOXARIA_WHISPER_HAS_VULKAN OFF)
+if(VOXARIA_WHISPER_VULKAN)
+  find_package(Vulkan QUIET COMPONENTS glslc)
+  find_package(SPIRV-Headers CONFIG QUIET)
+  if(Vulkan_FOUND AND Vulkan_glslc_FOUND AND SPIRV-Headers_FOUND)
+    set(VOXARIA_WHISPER_HAS_VULKAN ON)
+    set(glslc_cache "${PROJECT_SOURCE_DIR}/cmake/glslc-cache.sh")
+    list(APPEND whisper_args -DGGML_VULKAN=ON "-DVulkan_GLSLC_EXECUTABLE=${glslc_cache}")
+  else()
+    message(WARNING "whisper-cli will run on the CPU only: building its Vulkan backend needs the Vulkan "
+      "headers, glslc and the SPIR-V headers (scripts/install-deps.sh build installs them), or configure "
+      "with -DVOXARIA_WHISPER_VULKAN=OFF.")
+  endif()
 endif()
 
 set(whisper_prefix "${PROJECT_BINARY_DIR}/_deps/whisper.cpp")
@@ -120,9 +147,10 @@ ExternalProject_Add(whisper_cli
   PREFIX "${whisper_prefix}"
   SOURCE_DIR "${whisper_prefix}/source"
   BINARY_DIR "${whisper_prefix}/build"
+  PATCH_COMMAND ${CMAKE_COMMAND} -P "${PROJECT_SOURCE_DIR}/cmake/PatchWhisperVulkan.cmake"
   CMAKE_COMMAND ${CMAKE_COMMAND} -E env "GIT_CEILING_DIRECTORIES=${whisper_prefix}" ${CMAKE_COMMAND}
   CMAKE_ARGS ${whisper_args}
-  BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target whisper-cli
+  BUILD_COMMAND ${CMAKE_COMMAND} -E env ${whisper_build_env} ${CMAKE_COMMAND} --build <BINARY_DIR> --target whisper-cli
   INSTALL_COMMAND ${CMAKE_COMMAND} -E copy_directory "${VOXARIA_WHISPER_BIN_DIR}" "${PROJECT_BINARY_DIR}/bin"
   BUILD_BYPRODUCTS "${PROJECT_BINARY_DIR}/bin/whisper-cli"
   USES_TERMINAL_BUILD ON)

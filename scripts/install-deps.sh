@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages of a profile, skipping what is present.
 # Usage: scripts/install-deps.sh [build|run|test]   (default: run)
-#   build  what compiling Voxaria needs (no tests, no benchmarks)
+#   build  what compiling Voxaria needs (no tests, no benchmarks), whisper-cli's Vulkan backend included
 #   run    build, plus what the running program uses: the English PocketSphinx model, yt-dlp for
 #          links, the Wayland platform plugin, emoji for the HUD
 #   test   run, plus the test stack: GoogleTest, the headless desktop (Xvfb, a tray, sway, KWin), the
-#          PulseAudio daemon of the test harness, speech and media tools, the package checkers
+#          PulseAudio daemon of the test harness, speech and media tools, the package checkers, and
+#          Mesa's software Vulkan device (lavapipe) that whisper-cli's GPU path is tested on
 set -euo pipefail
 
 profile=${1:-run}
@@ -16,6 +17,7 @@ build_packages=(
   libx11-dev libxi-dev libxtst-dev libwayland-dev libxkbcommon-dev
   libavformat-dev libavcodec-dev libswresample-dev libavutil-dev libsoxr-dev libpulse-dev
   libpocketsphinx-dev
+  libvulkan-dev glslc spirv-headers
 )
 run_packages=(
   libqt6svg6 qt6-qpa-plugins qt6-wayland fonts-noto-color-emoji
@@ -27,6 +29,7 @@ test_packages=(
   sway xwayland wtype wl-clipboard foot kwin-wayland dbus-daemon dbus-bin
   pulseaudio-utils espeak-ng sox ffmpeg pocketsphinx-testdata
   dpkg-dev file lintian desktop-file-utils appstream
+  mesa-vulkan-drivers
 )
 
 case "$profile" in

@@ -3,8 +3,12 @@
 # inside a private headless desktop (Xvfb, a tray host, PulseAudio with a virtual microphone, sway),
 # which it starts and stops itself, and then runs the unit tests again built with AddressSanitizer
 # and UndefinedBehaviorSanitizer. Extra arguments go to the main ctest run (e.g. -R Name, -L unit).
+# A run that leaves files in the work tree fails, naming them: tests write into their own folders.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# What differs from the last commit before the run (a developer's own edits) is not the run's doing.
+work_tree_changes() { git status --porcelain --untracked-files=all 2>/dev/null | LC_ALL=C sort; }
+before=$(work_tree_changes)
 scripts/install-deps.sh test
 scripts/check-format.sh
 echo "build with warnings as errors (-Wall -Wextra -Wshadow -Werror)"
@@ -25,3 +29,9 @@ supp="$PWD/tests/sanitizer"
 GTEST_FILTER=-WhisperCliVad.* ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 LSAN_OPTIONS=suppressions="$supp/lsan.supp":print_suppressions=0 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions="$supp/ubsan.supp" \
   ctest --test-dir build-sanitize -L unit --output-on-failure --timeout 300
+left=$(LC_ALL=C comm -13 <(echo "$before") <(work_tree_changes))
+if [ -n "$left" ]; then
+  echo "the run changed or left files in the work tree:" >&2
+  echo "$left" >&2
+  exit 1
+fi

@@ -12,6 +12,7 @@
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Preferences/Settings.h"
+#include "Shared/ProcessorCores.h"
 #include "TestSupport.h"
 
 #include <QCoreApplication>
@@ -144,7 +145,7 @@ protected:
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
     }
 
-    // A whisper-cli older than 1.9.3: it cannot read standard input, so it starts at release.
+    // A whisper-cli whose help lists no --vad (older than 1.7.6): it is started at release, on the file.
     void useOlderWhisper()
     {
         whisper.script("novad=1");
@@ -250,11 +251,11 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
     EXPECT_EQ(answers.finals, QStringList({"texto de teste"})) << answers.errors.join(' ').toStdString();
 
     const QStringList args = whisper.lastArguments();
-    ASSERT_EQ(args.size(), 11);
+    ASSERT_EQ(args.size(), 14);
     const QString& wav = args[3];
     EXPECT_EQ(args,
-        QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto", "--no-timestamps", "--no-prints", "-otxt",
-            "-of", wav.chopped(4)}));
+        QStringList({"-m", modelPath("ggml-large-v3-turbo-q5_0.bin"), "-f", wav, "-l", "auto", "-t",
+            QString::number(ProcessorCores::physical()), "-bs", "1", "--no-timestamps", "-otxt", "-of", wav.chopped(4)}));
 
     // The fake refuses anything but 16 kHz mono 16-bit PCM; the length shows the resampling.
     const WavInfo recorded = readWav(whisper.lastInputCopy());
@@ -300,7 +301,8 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
         EXPECT_TRUE(dictationFiles().isEmpty());
     }
     // Each whisper-cli started at key down, with timestamps, and read the completed WAV on standard input.
-    EXPECT_EQ(whisper.lastArguments().mid(2, 5), QStringList({"-f", "-", "-l", "pt", "--no-prints"}));
+    EXPECT_EQ(whisper.lastArguments().mid(2, 8),
+        QStringList({"-f", "-", "-l", "pt", "-t", QString::number(ProcessorCores::physical()), "-bs", "1"}));
     EXPECT_NEAR(readWav(whisper.lastInputCopy()).seconds(), 11 * 4096 / 48000.0, 0.01) << "the header went out before its sizes were known";
 }
 
@@ -448,14 +450,23 @@ TEST_F(WhisperTranscriberTest, CancelAtAnyStageLeavesNoFileNoChildAndNoAnswer)
     EXPECT_TRUE(waitUntil([&] { return QProcess::execute("pgrep", {"-f", whisper.binaryPath()}) == 1; }));
 }
 
+QStringList g_whisperLog;
+
 // The real whisper-cli on real speech, with a model of vocabulary only: it loads while the key is
-// held, reads the recording the gate let through at the release, and hears nothing.
+// held, reads the recording the gate let through at the release, and hears nothing. No Vulkan
+// driver is offered, so its Vulkan module finds no device and the CPU computes, which the log says.
 TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWithTheDictation)
 {
     REQUIRE_REAL_WHISPER();
     QFile model(realTestModel());
     ASSERT_TRUE(model.open(QIODevice::ReadOnly));
     useRealWhisper(model.readAll());
+    qputenv("VK_ICD_FILENAMES", "/nonexistent/icd.json");
+    g_whisperLog.clear();
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext& context, const QString& message) {
+        if (qstrcmp(context.category, "voxaria.whisper") == 0)
+            g_whisperLog.append(message);
+    });
     for (const bool cancelled : {false, true}) {
         SCOPED_TRACE(cancelled ? "cancelled" : "finished");
         auto engine = recordRealSpeech();
@@ -474,6 +485,9 @@ TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndEndsWit
         }
         EXPECT_TRUE(waitUntil([] { return dictationFiles().isEmpty(); })) << dictationFiles().join(' ').toStdString();
     }
+    qInstallMessageHandler(nullptr);
+    qunsetenv("VK_ICD_FILENAMES");
+    EXPECT_EQ(g_whisperLog.filter("whisper-cli ran on CPU").size(), 1) << g_whisperLog.join('\n').toStdString();
 }
 
 // A model cut short: inside its vocabulary, whisper-cli takes it for an empty test model and answers

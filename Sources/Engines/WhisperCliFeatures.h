@@ -10,9 +10,10 @@
 // Homebrew's builds lag behind the one we build, and an option it does not know makes it refuse to run.
 namespace WhisperCliFeatures {
 
-// Whether its --help lists voice activity detection (1.9.3, the first to list it, is also the first
-// to read its audio from standard input). Runs the program the first time for a path and
-// modification time (blocking, so not on the main thread); safe from any thread.
+// Whether its --help lists voice activity detection (since 1.7.6; reading its audio from standard
+// input came earlier, in 1.5.0, so one that lists it reads standard input too). Runs the program
+// the first time for a path and modification time (blocking, so not on the main thread); safe from
+// any thread.
 bool supportsVad(const QString& binary);
 // The same answer if it is known already, without running anything.
 std::optional<bool> knownVadSupport(const QString& binary);

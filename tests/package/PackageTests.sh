@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The Debian package of this very build: built with cpack, its contents and control fields checked,
 # passed through lintian, desktop-file-validate and appstreamcli, unpacked into a scratch root, and
-# the unpacked voxaria started on the harness's desktop until its tray icon shows.
+# the unpacked whisper-cli run on the CPU code it ships, and the unpacked voxaria started on the
+# harness's desktop until its tray icon shows.
 # Usage: PackageTests.sh BUILD_DIR VERSION WHISPER_BUILT (1 when the build made whisper-cli).
 # Exit 77 (skipped) says why on standard output.
 set -uo pipefail
@@ -46,7 +47,11 @@ files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ && $6 !~ /^[.]\/usr\/libexec\/voxar
 field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Package)" = voxaria ] || fail "Package: $(field Package)"
 [ "$(field Version)" = "$version" ] || fail "Version: $(field Version), expected $version"
-[ "$(field Recommends)" = "yt-dlp, pocketsphinx-en-us, pulseaudio-utils" ] || fail "Recommends: $(field Recommends)"
+recommends="yt-dlp, pocketsphinx-en-us, pulseaudio-utils"
+[ -f "$build/bin/libggml-vulkan.so" ] && recommends+=", libvulkan1"
+[ "$(field Recommends)" = "$recommends" ] || fail "Recommends: $(field Recommends), expected $recommends"
+# whisper-cli's Vulkan module links the loader, yet the package must install where there is none.
+field Depends | grep -q "\blibvulkan1\b" && fail "Depends names the Vulkan loader: $(field Depends)"
 [ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
 # Depends names the packages of the libraries the program really links, and Qt's Portuguese texts.
 for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6 qt6-translations-l10n; do
@@ -69,6 +74,27 @@ grep -qx 'X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input' "$desktop" || fail "
 model=/usr/share/pocketsphinx/model/en-us
 [ ! -d "$model" ] || "$root/usr/libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
   "$model/cmudict-en-us.dict" || fail "the installed model check refuses the system's model"
+
+# The packaged whisper-cli takes the best of the CPU variants it ships for this CPU; left with the
+# baseline x86-64 one alone, as on the oldest CPU, it still transcribes. No Vulkan driver is offered,
+# so both runs are on the CPU.
+whisper_runs() { # FOLDER NAME: runs FOLDER/whisper-cli on the test clip; its log in $work/NAME.log
+  VK_ICD_FILENAMES=/nonexistent "$1/whisper-cli" -m "$build/_deps/whisper.cpp/source/models/for-tests-ggml-tiny.bin" \
+    -f "$(dirname "$0")/../data/speech/jfk.wav" -l en -ac 64 -bs 1 -bo 1 -nf -otxt -of "$work/$2" >/dev/null 2>"$work/$2.log" &&
+    [ -f "$work/$2.txt" ] || { cat "$work/$2.log"; return 1; }
+}
+program=$root/usr/libexec/voxaria
+if [ "$whisper" = 1 ]; then
+  variants=$(cd "$program" && ls libggml-cpu-*.so 2>/dev/null | tr '\n' ' ')
+  echo "whisper-cli's CPU variants: $variants"
+  [ "$(echo "$variants" | wc -w)" -ge 2 ] || fail "the package ships $(echo "$variants" | wc -w) CPU variant(s) of whisper-cli"
+  whisper_runs "$program" best || fail "the packaged whisper-cli did not transcribe"
+  grep -o "loaded CPU backend from $program/libggml-cpu-[^ ]*" "$work/best.log" || fail "the packaged whisper-cli loaded no CPU code of its own"
+  cp -a "$program" "$work/baseline"
+  find "$work/baseline" -name 'libggml-cpu-*.so' ! -name libggml-cpu-x64.so -delete
+  whisper_runs "$work/baseline" baseline || fail "whisper-cli with the baseline x86-64 CPU code alone did not transcribe"
+  grep -q "loaded CPU backend from $work/baseline/libggml-cpu-x64.so" "$work/baseline.log" || fail "the baseline run did not load libggml-cpu-x64.so"
+fi
 
 # Lintian's errors fail the package; its warnings are shown.
 lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"

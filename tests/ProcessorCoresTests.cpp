@@ -1,0 +1,55 @@
+#include "Shared/ProcessorCores.h"
+
+#include "TestSupport.h"
+
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+// A /sys/devices/system/cpu of `lists` CPUs, each with this topology file's contents (none: no file).
+QString cpuFolder(const QTemporaryDir& root, const char* file, const QStringList& lists)
+{
+    for (int cpu = 0; cpu < lists.size(); ++cpu) {
+        const QString folder = root.filePath(QStringLiteral("cpu%1/topology").arg(cpu));
+        if (!lists[cpu].isEmpty())
+            TestSupport::writeFile(folder + QLatin1Char('/') + QLatin1String(file), lists[cpu].toUtf8() + '\n');
+    }
+    // Folders beside the CPUs that are none.
+    TestSupport::writeFile(root.filePath(QStringLiteral("cpufreq/policy0/related_cpus")), "0 1\n");
+    TestSupport::writeFile(root.filePath(QStringLiteral("cpuidle/current_driver")), "none\n");
+    return root.path();
+}
+
+}
+
+TEST(ProcessorCores, EachCoreCountsOnceHoweverManyThreadsItRunsAndNeverMoreThanThisProcessMayUse)
+{
+    const int threads = std::max(1, QThread::idealThreadCount());
+    const struct {
+        const char* name;
+        const char* file;
+        QStringList lists;
+        int cores;
+    } machines[] = {
+        {"two threads per core, siblings apart", "core_cpus_list", {"0,2", "1,3", "0,2", "1,3"}, 2},
+        {"two threads per core, siblings together", "core_cpus_list", {"0-1", "0-1", "2-3", "2-3", "4-5", "4-5"}, 3},
+        {"one thread per core", "core_cpus_list", {"0", "1", "2", "3", "4", "5", "6", "7"}, 8},
+        {"a kernel older than core_cpus_list", "thread_siblings_list", {"0-1", "0-1"}, 1},
+        {"no topology", "core_cpus_list", {"", "", ""}, threads},
+    };
+    for (const auto& machine : machines) {
+        SCOPED_TRACE(machine.name);
+        QTemporaryDir root;
+        ASSERT_TRUE(root.isValid());
+        EXPECT_EQ(ProcessorCores::physical(cpuFolder(root, machine.file, machine.lists)), std::min(machine.cores, threads));
+    }
+    EXPECT_EQ(ProcessorCores::physical(QStringLiteral("/nonexistent")), threads);
+    // This machine's own answer lies between one core and its hardware threads.
+    EXPECT_GE(ProcessorCores::physical(), 1);
+    EXPECT_LE(ProcessorCores::physical(), threads);
+}
