@@ -32,7 +32,7 @@ add_custom_target(voxaria_documents ALL DEPENDS ${staged}/voxaria.1.gz ${staged}
 # libexec, not lib/voxaria: CPack adds ldconfig calls for libraries anywhere under lib/, and the
 # portable whisper-cli's libraries are private to it.
 set(VOXARIA_PROGRAM_DIR ${CMAKE_INSTALL_LIBEXECDIR}/voxaria)
-install(TARGETS voxaria voxaria-model-check RUNTIME DESTINATION ${VOXARIA_PROGRAM_DIR})
+install(TARGETS voxaria RUNTIME DESTINATION ${VOXARIA_PROGRAM_DIR})
 file(CREATE_LINK ../${VOXARIA_PROGRAM_DIR}/voxaria ${staged}/voxaria SYMBOLIC)
 install(FILES ${staged}/voxaria DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(TARGET whisper_cli)
@@ -84,7 +84,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${VOXARIA_HOMEPAGE})
 # Depends comes from the libraries the program really links; the rest only widens what it can do.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pocketsphinx-en-us, pulseaudio-utils")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pulseaudio-utils")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "whisper.cpp")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

@@ -15,6 +15,7 @@
 # whisper-cli comes with its libwhisper, libggml and libggml-cpu-* libraries, found beside it
 # through an $ORIGIN run path, and all of them are installed together in Voxaria's program folder.
 include(ExternalProject)
+include(${CMAKE_CURRENT_LIST_DIR}/ChildBuild.cmake)
 
 option(VOXARIA_BUILD_WHISPER_CLI "Build whisper.cpp's whisper-cli and install it beside voxaria" ON)
 option(VOXARIA_PORTABLE_CPU "Build whisper-cli for any x86-64 CPU, choosing its CPU code at run time (package builds)" OFF)
@@ -91,16 +92,8 @@ set(whisper_args
   -DWHISPER_COMMON_FFMPEG=OFF
   -DWHISPER_ALL_WARNINGS=OFF
   -DGGML_CCACHE=OFF)
-# The parent's compiler launcher (ccache from scripts/build.sh) serves whisper.cpp too, so a fresh
-# clone rebuilds it from the cache; CCACHE_BASEDIR reaches the child build through the environment.
-if(CMAKE_CXX_COMPILER_LAUNCHER)
-  set(whisper_c_launcher ${CMAKE_C_COMPILER_LAUNCHER})
-  if(NOT whisper_c_launcher)
-    set(whisper_c_launcher ${CMAKE_CXX_COMPILER_LAUNCHER})
-  endif()
-  list(APPEND whisper_args "-DCMAKE_C_COMPILER_LAUNCHER=${whisper_c_launcher}"
-    "-DCMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
-endif()
+voxaria_compiler_launcher_args(launcher_args)
+list(APPEND whisper_args ${launcher_args})
 if(VOXARIA_PORTABLE_CPU)
   list(APPEND whisper_args -DGGML_NATIVE=OFF -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DGGML_CPU_ALL_VARIANTS=ON
     -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON "-DCMAKE_INSTALL_RPATH=\$ORIGIN")

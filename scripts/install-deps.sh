@@ -2,8 +2,8 @@
 # Installs the Debian 12 packages of a profile, skipping what is present.
 # Usage: scripts/install-deps.sh [build|run|test]   (default: run)
 #   build  what compiling Voxaria needs (no tests, no benchmarks)
-#   run    build, plus what the running program uses: the English PocketSphinx model, yt-dlp for
-#          links, the Wayland platform plugin, emoji for the HUD
+#   run    build, plus what the running program uses: yt-dlp for links, the Wayland platform
+#          plugin, emoji for the HUD
 #   test   run, plus the test stack: GoogleTest, the headless desktop (Xvfb, a tray, sway, KWin), the
 #          PulseAudio daemon of the test harness, speech and media tools, the package checkers
 set -euo pipefail
@@ -15,17 +15,16 @@ build_packages=(
   qt6-base-dev qt6-base-private-dev qt6-multimedia-dev
   libx11-dev libxi-dev libxtst-dev libwayland-dev libxkbcommon-dev
   libavformat-dev libavcodec-dev libswresample-dev libavutil-dev libsoxr-dev libpulse-dev
-  libpocketsphinx-dev
 )
 run_packages=(
   libqt6svg6 qt6-qpa-plugins qt6-wayland fonts-noto-color-emoji
-  pocketsphinx-en-us yt-dlp
+  yt-dlp
 )
 test_packages=(
   libgtest-dev libgmock-dev python3 e2fsprogs clang-format
   xvfb xauth x11-utils x11-xserver-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core
   sway xwayland wtype wl-clipboard foot kwin-wayland dbus-daemon dbus-bin
-  pulseaudio-utils espeak-ng sox ffmpeg pocketsphinx-testdata
+  pulseaudio-utils espeak-ng sox ffmpeg
   dpkg-dev file lintian desktop-file-utils appstream
 )
 

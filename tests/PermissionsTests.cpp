@@ -3,11 +3,14 @@
 #include "Platform/Fakes/FakeSessionPlatform.h"
 #include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Shared/LiveSpeechModel.h"
 #include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QThread>
@@ -17,6 +20,13 @@
 namespace {
 
 using Variables = QList<std::pair<QByteArray, QByteArray>>;
+// The tests' toy live model (the real layout, made-up weights) where the program looks for it.
+void installToyLiveModel()
+{
+    QDir().mkpath(QFileInfo(LiveSpeechModel::installedPath()).path());
+    QFile::copy(QStringLiteral(VOXARIA_TOY_NEMOTRON_MODEL), LiveSpeechModel::installedPath());
+}
+
 const Variables kWayland{{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}};
 
 // Sets variables the harness leaves unset, for one scope.
@@ -37,18 +47,19 @@ struct Environment {
 
 }
 
-// The alert's marks come from the real machine: the harness's microphone, the installed
-// PocketSphinx models (Debian's en-US only) and the X server, each taken away in turn.
+// The alert's marks come from the real machine: the harness's microphone, the live model (the
+// tests' toy one, installed here; it knows no Hebrew) and the X server, each taken away in turn.
 TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
 {
     if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
         GTEST_SKIP() << "needs the harness's X server and PulseAudio";
+    installToyLiveModel();
     const struct {
         QString locale;
         Variables environment;
         QString marks;
     } cases[] = {
-        {"en-US", {}, "✅✅✅"}, {"en-US", {}, "❌✅✅"}, {"pt-BR", {}, "✅❌✅"}, {"en-US", kWayland, "✅✅❌"}, // even with an X display (XWayland)
+        {"pt-BR", {}, "✅✅✅"}, {"pt-BR", {}, "❌✅✅"}, {"he-IL", {}, "✅❌✅"}, {"pt-BR", kWayland, "✅✅❌"}, // even with an X display (XWayland)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.marks.toStdString());
@@ -77,6 +88,7 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
 {
     if (!TestSupport::hasPulseAudio())
         GTEST_SKIP() << "needs the harness's PulseAudio";
+    installToyLiveModel();
     static QStringList log;
     // Only these lines, which come on the main thread (the look-ups log on pooled threads).
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
@@ -87,7 +99,7 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         std::optional<TestSupport::NoMicrophone> unplugged;
         if (missing)
             unplugged.emplace();
-        Settings::shared().setLocaleIdentifier(missing ? "pt-BR" : "en-US");
+        Settings::shared().setLocaleIdentifier(missing ? "he-IL" : "pt-BR");
         log.clear();
         QList<bool> answers;
         const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 // The model of the live native engine: one GGUF file of the streaming Nemotron recogniser in the
 // models folder, which the downloader installs and the recogniser loads.
@@ -9,4 +10,6 @@ namespace LiveSpeechModel {
 QString fileName();
 // AppPaths::modelsFolder() + "/" + fileName().
 QString installedPath();
+// The locales the model transcribes ("pt-BR", "en-US"…), as its "general.languages" lists them.
+const QStringList& languages();
 }

@@ -28,8 +28,7 @@ echo "package: $deb"
 # Exactly the program, its whisper-cli and its desktop files: nothing of the tests, helpers or
 # benchmarks. The program and whisper-cli live in their own folder; bin/whisper-cli belongs to the
 # distribution's whisper.cpp. A portable whisper-cli's libraries beside it are left out of the list.
-program_files="./usr/libexec/voxaria/voxaria
-./usr/libexec/voxaria/voxaria-model-check"
+program_files="./usr/libexec/voxaria/voxaria"
 [ "$whisper" = 1 ] && program_files+=$'\n./usr/libexec/voxaria/whisper-cli'
 expected="./usr/bin/voxaria
 $program_files
@@ -46,10 +45,10 @@ files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ && $6 !~ /^[.]\/usr\/libexec\/voxar
 field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Package)" = voxaria ] || fail "Package: $(field Package)"
 [ "$(field Version)" = "$version" ] || fail "Version: $(field Version), expected $version"
-[ "$(field Recommends)" = "yt-dlp, pocketsphinx-en-us, pulseaudio-utils" ] || fail "Recommends: $(field Recommends)"
+[ "$(field Recommends)" = "yt-dlp, pulseaudio-utils" ] || fail "Recommends: $(field Recommends)"
 [ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
 # Depends names the packages of the libraries the program really links.
-for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6; do
+for library in libqt6widgets6 libqt6multimedia6 libsoxr0 libpulse0 libxtst6; do
   field Depends | grep -q "\b$library\b" || fail "Depends lacks $library: $(field Depends)"
 done
 dpkg-deb -f "$deb" | sed 's/^/  /'
@@ -65,10 +64,6 @@ exec_path=$(sed -n 's/^Exec=//p' "$desktop")
 [ "$(readlink -f "$root$exec_path")" = "$root/usr/libexec/voxaria/voxaria" ] || fail "Exec does not name the installed program"
 grep -qx 'X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input' "$desktop" || fail "the desktop file asks KWin for no fake input"
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
-# The model check, where the installed program looks for it, loads the system's model once stripped.
-model=/usr/share/pocketsphinx/model/en-us
-[ ! -d "$model" ] || "$root/usr/libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
-  "$model/cmudict-en-us.dict" || fail "the installed model check refuses the system's model"
 
 # Lintian's errors fail the package; its warnings are shown.
 lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"
