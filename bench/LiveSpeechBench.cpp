@@ -62,7 +62,10 @@ std::vector<qint16> speechPool()
     for (const char* language : {"pt", "en"}) {
         for (int i = 0; i < 6; ++i) {
             QProcess ffmpeg;
-            ffmpeg.start(QStringLiteral("ffmpeg"), {"-loglevel", "error", "-i", QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/fleurs-%1-%2.ogg").arg(language).arg(i, 3, 10, QLatin1Char('0')), "-ar", "16000", "-ac", "1", "-f", "s16le", "-"});
+            ffmpeg.start(QStringLiteral("ffmpeg"),
+                {"-loglevel", "error", "-i",
+                    QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/fleurs-%1-%2.ogg").arg(language).arg(i, 3, 10, QLatin1Char('0')), "-ar",
+                    "16000", "-ac", "1", "-f", "s16le", "-"});
             ffmpeg.waitForFinished(60000);
             const QByteArray bytes = ffmpeg.readAllStandardOutput();
             const auto* samples = reinterpret_cast<const qint16*>(bytes.constData());
@@ -152,6 +155,7 @@ qint64 wakeupsOverTenSeconds()
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // each figure as soon as it is known
     const QString quantization = argc > 1 ? QString::fromLatin1(argv[1]) : QStringLiteral("Q8_0");
     const int repetitions = argc > 2 ? std::atoi(argv[2]) : 10;
     const QString model = modelFor(quantization);
@@ -173,6 +177,7 @@ int main(int argc, char** argv)
     const std::span<const qint16> thirty(pool.data(), std::size_t(30 * kRate));
     const Timeline atOnce = Dictation().run(engine, thirty, false);
     std::printf("stream real-time factor: 30 s decoded in %.2f s (%.3f)\n", atOnce.final / 1000, atOnce.final / 30000);
+    std::printf("   text: %s\n", qPrintable(atOnce.text.left(100)));
 
     for (const int seconds : {5, 10, 30}) {
         std::vector<double> finals, firsts, cadence;

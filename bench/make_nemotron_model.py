@@ -27,9 +27,9 @@ LANGUAGES = ["en-US", "en-GB", "es-US", "es-ES", "fr-FR", "fr-CA", "it-IT", "pt-
              "nb-NO", "da-DK", "bg-BG", "fi-FI", "hr-HR", "sk-SK", "zh-CN", "hu-HU", "ro-RO", "et-EE"]
 PROMPT_LOCALES = LANGUAGES + ["el-GR", "lt-LT", "lv-LV", "mt-MT", "sl-SI", "he-IL", "th-TH", "nn-NO"]
 AUTO_PROMPT = NUM_PROMPTS - 1
-# How much more likely "nothing new" (the transducer's blank) is than any word piece: a model that
-# emitted on every frame would decode far slower than a trained one.
-BLANK_BIAS = 0.7
+# How much more likely "nothing new" (the transducer's blank) is than any word piece, by size: a
+# model that emitted on every frame would decode far slower than a trained one.
+BLANK_BIAS = {"real": float(os.environ.get("BB", "2")), "toy": 0.7}
 
 # ggml types: (id, values per block, bytes per block)
 F32, F16, Q8_0, Q4_K, Q6_K = (0, 1, 4), (1, 1, 2), (8, 32, 34), (12, 256, 144), (14, 256, 210)
@@ -225,12 +225,12 @@ def tensors(size, quantization):
     return out
 
 
-def payload(name, shape, kind, patterns):
+def payload(name, shape, kind, patterns, blank_bias):
     count = math.prod(shape)
     if (".norm_" in name or ".bn." in name) and name.endswith(".weight"):
         return struct.pack(f"<{count}f", *([1.0] * count))
     if name == "joint.out.bias":  # the last output is the blank
-        return struct.pack(f"<{count}f", *([0.0] * (count - 1) + [BLANK_BIAS]))
+        return struct.pack(f"<{count}f", *([0.0] * (count - 1) + [blank_bias]))
     if name == "enc.pre_encode.conv.0.weight":
         # Kernels that sum to zero see the changes of the log-mel spectrum, not its large constant
         # level, which would otherwise outweigh the speech all the way to the joint.
@@ -270,7 +270,7 @@ def main():
         out.write(b"".join(header) + b"".join(infos))
         out.write(b"\0" * (pad(out.tell()) - out.tell()))
         for name, shape, kind in described:
-            data = payload(name, shape, kind, patterns)
+            data = payload(name, shape, kind, patterns, BLANK_BIAS[size])
             out.write(data + b"\0" * (pad(len(data)) - len(data)))
     os.replace(partial, output)
 

@@ -32,9 +32,10 @@ const QString kToyModel = QStringLiteral(VOXARIA_TOY_NEMOTRON_MODEL);
 std::vector<qint16> speech(const QString& name)
 {
     QProcess decoder;
-    decoder.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"),
-                                                testDataPath(QStringLiteral("speech/") + name), QStringLiteral("-ar"), QStringLiteral("16000"),
-                                                QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("s16le"), QStringLiteral("-")});
+    decoder.start(QStringLiteral("ffmpeg"),
+        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), testDataPath(QStringLiteral("speech/") + name),
+            QStringLiteral("-ar"), QStringLiteral("16000"), QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-f"),
+            QStringLiteral("s16le"), QStringLiteral("-")});
     decoder.waitForFinished(30000);
     const QByteArray bytes = decoder.readAllStandardOutput();
     std::vector<qint16> samples(std::size_t(bytes.size()) / 2);
@@ -62,8 +63,14 @@ public:
         std::unique_lock lock(m_mutex);
         return m_changed.wait_for(lock, timeout, condition);
     }
-    bool waitForPartial() { return waitFor([this] { return !m_results.empty(); }); }
-    bool waitForEnd() { return waitFor([this] { return hasFinal() || !m_errors.isEmpty(); }); }
+    bool waitForPartial()
+    {
+        return waitFor([this] { return !m_results.empty(); });
+    }
+    bool waitForEnd()
+    {
+        return waitFor([this] { return hasFinal() || !m_errors.isEmpty(); });
+    }
 
     std::vector<SpeechRecognizer::Result> results() const
     {

@@ -6,7 +6,7 @@ namespace LiveSpeechModel {
 
 QString fileName()
 {
-    return QStringLiteral("nemotron-3.5-asr-streaming-0.6b-Q8_0.gguf");
+    return QStringLiteral("nemotron-3.5-asr-streaming-0.6b-Q4_K_M.gguf");
 }
 
 QString installedPath()

@@ -119,7 +119,8 @@ public:
         std::unique_lock lock(m_mailbox->mutex);
         while (!m_mailbox->stopping) {
             if (!m_stream.isLoaded()) {
-                m_mailbox->changed.wait(lock, [this] { return m_mailbox->stopping || m_mailbox->preloadWanted || !m_mailbox->queue.empty(); });
+                m_mailbox->changed.wait(
+                    lock, [this] { return m_mailbox->stopping || m_mailbox->preloadWanted || !m_mailbox->queue.empty(); });
                 if (!m_mailbox->stopping)
                     load(lock);
                 continue;
@@ -162,10 +163,10 @@ private:
 
     void release(std::unique_lock<std::mutex>& lock)
     {
-        m_mailbox->loaded = false;
         lock.unlock();
         m_stream.release();
         lock.lock();
+        m_mailbox->loaded = false;
     }
 
     // Decodes the front recognition's waiting audio, at most a step of it, with the lock released.
