@@ -3,7 +3,7 @@
 // the cadence of partial texts, the stream's real-time factor, release to final text over dictations
 // of 5, 10 and 30 s fed at the microphone's pace, resident memory with the model loaded and after
 // its release, and wake-ups while idle. The model is written once into build/bench/live-models/.
-// Usage: LiveSpeechBench [Q8_0|Q4_K_M] [dictations per length, 10]
+// Usage: LiveSpeechBench [Q4_K_M|Q8_0] [dictations per length, 10]
 #include "BenchClock.h"
 #include "Platform/Linux/LiveSpeech/LiveSpeechEngine.h"
 #include "ProcessStats.h"
@@ -156,7 +156,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0); // each figure as soon as it is known
-    const QString quantization = argc > 1 ? QString::fromLatin1(argv[1]) : QStringLiteral("Q8_0");
+    const QString quantization = argc > 1 ? QString::fromLatin1(argv[1]) : QStringLiteral("Q4_K_M");
     const int repetitions = argc > 2 ? std::atoi(argv[2]) : 10;
     const QString model = modelFor(quantization);
     std::printf("model %s: %.0f MB, %u CPU threads\n", qPrintable(QFileInfo(model).fileName()), QFileInfo(model).size() / 1e6,
