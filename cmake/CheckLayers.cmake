@@ -9,7 +9,7 @@ set(rules
   "<wayland-|<xkbcommon/|-client-protocol\\.h" "Platform/Linux/Wayland/"
   "<linux/input" "Platform/Linux/Input/"
   "<pulse/|<soxr\\.h" "Platform/Linux/Audio/"
-  "<pocketsphinx|<sphinxbase/" "Platform/Linux/Speech/"
+  "<transcribe[.]h|<transcribe/|<ggml" "Platform/Linux/LiveSpeech/"
   "<libav[a-z]*/|<libsw[a-z]*/" "Platform/Linux/Media/"
   "<QDBus|<QtDBus" "Platform/Linux/Desktop/,Platform/Linux/KDE/,Platform/Linux/Portal/"
   "\"Platform/Linux/" "Platform/Linux/,App/main.cpp"

@@ -32,7 +32,7 @@ add_custom_target(voxaria_documents ALL DEPENDS ${staged}/voxaria.1.gz ${staged}
 # libexec, not lib/voxaria: CPack adds ldconfig calls for libraries anywhere under lib/, and the
 # portable whisper-cli's libraries are private to it.
 set(VOXARIA_PROGRAM_DIR ${CMAKE_INSTALL_LIBEXECDIR}/voxaria)
-install(TARGETS voxaria voxaria-model-check RUNTIME DESTINATION ${VOXARIA_PROGRAM_DIR})
+install(TARGETS voxaria RUNTIME DESTINATION ${VOXARIA_PROGRAM_DIR})
 file(CREATE_LINK ../${VOXARIA_PROGRAM_DIR}/voxaria ${staged}/voxaria SYMBOLIC)
 install(FILES ${staged}/voxaria DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(TARGET whisper_cli)
@@ -78,7 +78,7 @@ back as it was. Every dictation is kept in a searchable history, and audio
 or video files and links can be transcribed to text or SRT subtitles.
 .
 Speech is recognised locally, by whisper.cpp's whisper-cli when it and a
-model are installed, or else live by PocketSphinx. Voxaria lives in the
+model are installed, or else live by the Nemotron streaming model. Voxaria lives in the
 system tray of an X11 session; its interface is in Brazilian Portuguese.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -90,7 +90,7 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${VOXARIA_HOMEPAGE})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-translations-l10n")
 # whisper-cli computes on a GPU through the Vulkan loader where there is one, and on the CPU without.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pocketsphinx-en-us, pulseaudio-utils")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "yt-dlp, pulseaudio-utils")
 if(VOXARIA_WHISPER_HAS_VULKAN)
   string(APPEND CPACK_DEBIAN_PACKAGE_RECOMMENDS ", libvulkan1")
 endif()

@@ -11,7 +11,7 @@
 # (GGML_BACKEND_DL, which requires BUILD_SHARED_LIBS), so the one build serves every machine. The
 # CPU backend comes once per x86-64 CPU family (GGML_CPU_ALL_VARIANTS) and whisper-cli loads the
 # best one the CPU runs; VOXARIA_PORTABLE_CPU=OFF builds a single one tuned for the build machine
-# instead (GGML_NATIVE), for a local build only. The Vulkan backend (GGML_VULKAN) is one more module:
+# instead (GGML_NATIVE), linked into libggml with the other backends, for a local build only. The Vulkan backend (GGML_VULKAN) is one more module:
 # where a Vulkan driver shows a GPU, whisper-cli runs on it; where there is no loader, no driver or
 # the driver fails, the module does not load or finds no device and whisper-cli stays on the CPU.
 # So whisper-cli comes with its libwhisper, libggml and libggml-* modules, found beside it through an
@@ -22,6 +22,7 @@
 # ccache's folder under the hash of the source release and glslc's options: a fresh clone on a
 # machine that built whisper-cli before compiles no shader again.
 include(ExternalProject)
+include(${CMAKE_CURRENT_LIST_DIR}/ChildBuild.cmake)
 
 option(VOXARIA_BUILD_WHISPER_CLI "Build whisper.cpp's whisper-cli and install it beside voxaria" ON)
 option(VOXARIA_PORTABLE_CPU "Build whisper-cli for any x86-64 CPU, choosing its CPU code at run time (OFF: this CPU only)" ON)
@@ -100,25 +101,19 @@ set(whisper_args
   -DWHISPER_COMMON_FFMPEG=OFF
   -DWHISPER_ALL_WARNINGS=OFF
   -DGGML_CCACHE=OFF)
-# The parent's compiler launcher (ccache from scripts/build.sh) serves whisper.cpp too, so a fresh
-# clone rebuilds it from the cache; CCACHE_BASEDIR reaches the child build through the environment.
+voxaria_compiler_launcher_args(launcher_args)
+list(APPEND whisper_args ${launcher_args})
 if(CMAKE_CXX_COMPILER_LAUNCHER)
-  set(whisper_c_launcher ${CMAKE_C_COMPILER_LAUNCHER})
-  if(NOT whisper_c_launcher)
-    set(whisper_c_launcher ${CMAKE_CXX_COMPILER_LAUNCHER})
-  endif()
-  list(APPEND whisper_args "-DCMAKE_C_COMPILER_LAUNCHER=${whisper_c_launcher}"
-    "-DCMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
   # ggml-vulkan configures its shader generator while it builds, as a project of its own: CMake
   # takes the launcher from the environment there.
-  set(whisper_build_env "CMAKE_C_COMPILER_LAUNCHER=${whisper_c_launcher}" "CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
+  set(whisper_build_env "CMAKE_C_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}" "CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER}")
 endif()
-list(APPEND whisper_args -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON
-  "-DCMAKE_INSTALL_RPATH=\$ORIGIN")
+list(APPEND whisper_args -DBUILD_SHARED_LIBS=ON -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON "-DCMAKE_INSTALL_RPATH=\$ORIGIN")
+# ggml refuses a native CPU backend as a module: the local build links its backends in instead.
 if(VOXARIA_PORTABLE_CPU)
-  list(APPEND whisper_args -DGGML_NATIVE=OFF -DGGML_CPU_ALL_VARIANTS=ON)
+  list(APPEND whisper_args -DGGML_BACKEND_DL=ON -DGGML_NATIVE=OFF -DGGML_CPU_ALL_VARIANTS=ON)
 else()
-  list(APPEND whisper_args -DGGML_NATIVE=ON)
+  list(APPEND whisper_args -DGGML_BACKEND_DL=OFF -DGGML_NATIVE=ON)
 endif()
 set(VOXARIA_WHISPER_HAS_VULKAN OFF)
 if(VOXARIA_WHISPER_VULKAN)

@@ -2,8 +2,9 @@
 # Installs the Debian 12 packages of a profile, skipping what is present.
 # Usage: scripts/install-deps.sh [build|run|test]   (default: run)
 #   build  what compiling Voxaria needs (no tests, no benchmarks), whisper-cli's Vulkan backend included
-#   run    build, plus what the running program uses: the English PocketSphinx model, yt-dlp for
-#          links, the Wayland platform plugin, emoji for the HUD
+#   run    build, plus what the running program uses: yt-dlp for links, Qt's Portuguese
+#          translations, the Wayland platform
+#          plugin, emoji for the HUD
 #   test   run, plus the test stack: GoogleTest, the headless desktop (Xvfb, a tray, sway, KWin), the
 #          PulseAudio daemon of the test harness, speech and media tools, the package checkers, and
 #          Mesa's software Vulkan device (lavapipe) that whisper-cli's GPU path is tested on
@@ -16,18 +17,17 @@ build_packages=(
   qt6-base-dev qt6-base-private-dev qt6-multimedia-dev
   libx11-dev libxi-dev libxtst-dev libwayland-dev libxkbcommon-dev
   libavformat-dev libavcodec-dev libswresample-dev libavutil-dev libsoxr-dev libpulse-dev
-  libpocketsphinx-dev
   libvulkan-dev glslc spirv-headers
 )
 run_packages=(
   libqt6svg6 qt6-qpa-plugins qt6-wayland fonts-noto-color-emoji
-  pocketsphinx-en-us yt-dlp qt6-translations-l10n
+  yt-dlp qt6-translations-l10n
 )
 test_packages=(
   libgtest-dev libgmock-dev python3 e2fsprogs clang-format
   xvfb xauth x11-utils x11-xserver-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core
   sway xwayland wtype wl-clipboard foot kwin-wayland dbus-daemon dbus-bin
-  pulseaudio-utils espeak-ng sox ffmpeg pocketsphinx-testdata
+  pulseaudio-utils espeak-ng sox ffmpeg
   dpkg-dev file lintian desktop-file-utils appstream
   mesa-vulkan-drivers
 )

@@ -121,7 +121,7 @@ TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
         "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
         "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
         "  --\n"
-        "  Texto ao vivo — Nemotron (716 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\n"
+        "  Texto ao vivo — Nemotron (473 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\n"
         "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
         "Idioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n  English (UK)\n  Español (España)\n"
         "  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n  Italiano\n  Nederlands\n  Türkçe\n"
@@ -192,7 +192,7 @@ TEST_F(StatusMenuTest, ARefusedOrCancelledChoiceLeavesTheMarksAsTheyWere)
     const QStringList before = marks();
     EXPECT_EQ(before.first(), "  ✓ Nemotron (nativo, tempo real)");
     for (const auto& [title, answer] : {std::pair{"Whisper (melhor qualidade) — indisponível", "OK"},
-             std::pair{"Leve — base (60 MB) — baixar", "Cancelar"}, std::pair{"Texto ao vivo — Nemotron (716 MB) — baixar", "Cancelar"}})
+             std::pair{"Leve — base (60 MB) — baixar", "Cancelar"}, std::pair{"Texto ao vivo — Nemotron (473 MB) — baixar", "Cancelar"}})
         EXPECT_EQ(click(title, answer).filter("✓"), before) << title;
 }
 
@@ -204,17 +204,17 @@ TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovabl
     const QString model = LiveSpeechModel::fileName();
     server.setRoute(model, {.body = ModelFiles::gguf({{{3 << 17}}})});
     const QString offer = "Baixar o modelo do motor nativo?\nO motor nativo precisa do modelo Texto ao vivo — Nemotron "
-                          "(716 MB, download único, roda offline).\n[Baixar agora (716 MB) | Cancelar]";
+                          "(473 MB, download único, roda offline).\n[Baixar agora (473 MB) | Cancelar]";
     EXPECT_EQ(click("Nemotron (nativo, tempo real)", "Cancelar").filter("✓").first(), "  ✓ Whisper (melhor qualidade)");
     EXPECT_EQ(lastAlert(), offer);
-    click("Nemotron (nativo, tempo real)", "Baixar agora (716 MB)");
+    click("Nemotron (nativo, tempo real)", "Baixar agora (473 MB)");
     EXPECT_EQ(lastAlert(), offer);
     ASSERT_TRUE(
         TestSupport::waitUntil([&] { return Settings::shared().engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
     ASSERT_TRUE(TestSupport::waitUntil([&] { return marks().join('|').contains("✓ Texto ao vivo"); })) << "the menu was not rebuilt";
     EXPECT_EQ(marks().mid(0, 3),
         (QStringList{"  ✓ Nemotron (nativo, tempo real)", "  ✓ Equilibrado — small (190 MB) {recomendado para a maioria dos computadores}",
-            "  ✓ Texto ao vivo — Nemotron (716 MB) {motor nativo: o texto aparece enquanto você fala}"}))
+            "  ✓ Texto ao vivo — Nemotron (473 MB) {motor nativo: o texto aparece enquanto você fala}"}))
         << "the Whisper model stays the selected one";
 
     Settings::shared().setEngine(TranscriptionEngineKind::whisper);

@@ -7,6 +7,7 @@
 #include "Media/MediaTranscriber.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Permissions.h"
+#include "Platform/SpeechRecognizer.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "StatusIcon.h"
@@ -158,6 +159,7 @@ bool AppDelegate::applicationDidFinishLaunching()
             weakSelf->comeForward();
     });
     MediaTranscriber::removeLeftovers();
+    prepareLiveEngine();
     setupStatusItem();
     requestPermissions();
 
@@ -263,6 +265,17 @@ void AppDelegate::maybeWarnNoEngine()
         return;
     qCWarning(lcApp) << "no engine can dictate in" << language;
     m_services.alerts->runModal(*warning);
+}
+
+// The live model takes seconds to load: with the native engine chosen it loads now, on the
+// recogniser's worker, so the first dictation does not wait for it.
+void AppDelegate::prepareLiveEngine()
+{
+    const Settings& settings = Settings::shared();
+    if (settings.engine() != TranscriptionEngineKind::apple)
+        return;
+    if (const std::shared_ptr<SpeechRecognizer> recognizer = SpeechRecognizer::make(settings.localeIdentifier()))
+        recognizer->prepare();
 }
 
 void AppDelegate::setupStatusItem()
@@ -490,6 +503,7 @@ void AppDelegate::selectEngine(const QString& rawValue)
     const bool ready = *kind == TranscriptionEngineKind::apple ? Model::liveSpeech().isDownloaded() : WhisperTranscriber::isAvailable();
     if (ready) {
         Settings::shared().setEngine(*kind);
+        prepareLiveEngine();
         refreshMenu();
         return;
     }

@@ -98,6 +98,7 @@ private:
     // A Wayland session where nothing can see the dictation key says so once per launch.
     void maybeWarnNoKeySource();
     void maybeWarnNoEngine();
+    void prepareLiveEngine();
     std::unique_ptr<QMenu> buildMenu();
     void addEngineMenu(QMenu& menu);
     void addModelMenu(QMenu& menu);

@@ -58,8 +58,8 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
     }
     m_recognizer = recognizer;
 
-    // PocketSphinx always recognises on the device, so there this only decides the request's flag;
-    // a recogniser that could use the network would honour it.
+    // The live engine always recognises on the device, so there this only decides the request's
+    // flag; a recogniser that could use the network would honour it.
     const bool onDevice = Settings::shared().preferOnDevice() && recognizer->supportsOnDeviceRecognition();
     auto request = recognizer->makeRequest(onDevice);
     m_request = request;

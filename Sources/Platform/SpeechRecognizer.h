@@ -46,6 +46,9 @@ public:
     virtual bool supportsOnDeviceRecognition() const = 0;
     virtual std::shared_ptr<Request> makeRequest(bool requiresOnDeviceRecognition) = 0;
     virtual std::shared_ptr<Task> startTask(std::shared_ptr<Request> request, ResultHandler handler) = 0;
+    // Gets ready for a first recognition ahead of time (the live engine loads its model, in the
+    // background); returns at once.
+    virtual void prepare() = 0;
 
     // The recogniser of this platform for a locale such as "en-US", or nothing when the platform
     // cannot recognise that language.

@@ -8,7 +8,7 @@ namespace LiveSpeechModel {
 
 QString fileName()
 {
-    return QStringLiteral("nemotron-3.5-asr-streaming-0.6b-Q8_0.gguf");
+    return QStringLiteral("nemotron-3.5-asr-streaming-0.6b-Q4_K_M.gguf");
 }
 
 QString installedPath()
@@ -18,8 +18,8 @@ QString installedPath()
 
 int sizeMB()
 {
-    // Q8_0 as published; the Q4_K_M file would be 473.
-    return 716;
+    // Q4_K_M as published; the Q8_0 file would be 716.
+    return 473;
 }
 
 const QList<Locale>& transcriptionLocales()
@@ -52,6 +52,16 @@ bool transcribes(const QString& localeIdentifier)
 {
     const QList<Locale>& locales = transcriptionLocales();
     return std::any_of(locales.begin(), locales.end(), [&](const Locale& locale) { return locale.id == localeIdentifier; });
+}
+
+const QStringList& languages()
+{
+    // Its transcription-ready and broad-coverage locales; the eight it only knows after fine-tuning
+    // are left out, as the model leaves them out of its own list.
+    static const QStringList locales = {"en-US", "en-GB", "es-US", "es-ES", "fr-FR", "fr-CA", "it-IT", "pt-BR", "pt-PT", "nl-NL", "de-DE",
+        "tr-TR", "ru-RU", "ar-AR", "hi-IN", "ja-JP", "ko-KR", "vi-VN", "uk-UA", "pl-PL", "sv-SE", "cs-CZ", "nb-NO", "da-DK", "bg-BG",
+        "fi-FI", "hr-HR", "sk-SK", "zh-CN", "hu-HU", "ro-RO", "et-EE"};
+    return locales;
 }
 
 }

@@ -2,11 +2,12 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 // The model of the live native engine: one GGUF file of the streaming Nemotron recogniser in the
 // models folder, which the downloader installs and the recogniser loads.
 namespace LiveSpeechModel {
-// The file name in the models folder, e.g. "nemotron-3.5-asr-streaming-0.6b-Q8_0.gguf".
+// The file name in the models folder, e.g. "nemotron-3.5-asr-streaming-0.6b-Q4_K_M.gguf".
 QString fileName();
 // AppPaths::modelsFolder() + "/" + fileName().
 QString installedPath();
@@ -22,4 +23,6 @@ struct Locale {
 // others their tokenizer knows need fine-tuning).
 const QList<Locale>& transcriptionLocales();
 bool transcribes(const QString& localeIdentifier);
+// The locales the model transcribes ("pt-BR", "en-US"…), as its "general.languages" lists them.
+const QStringList& languages();
 }

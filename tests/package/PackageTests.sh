@@ -29,8 +29,7 @@ echo "package: $deb"
 # Exactly the program, its whisper-cli and its desktop files: nothing of the tests, helpers or
 # benchmarks. The program and whisper-cli live in their own folder; bin/whisper-cli belongs to the
 # distribution's whisper.cpp. A portable whisper-cli's libraries beside it are left out of the list.
-program_files="./usr/libexec/voxaria/voxaria
-./usr/libexec/voxaria/voxaria-model-check"
+program_files="./usr/libexec/voxaria/voxaria"
 [ "$whisper" = 1 ] && program_files+=$'\n./usr/libexec/voxaria/whisper-cli'
 expected="./usr/bin/voxaria
 $program_files
@@ -47,14 +46,14 @@ files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ && $6 !~ /^[.]\/usr\/libexec\/voxar
 field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Package)" = voxaria ] || fail "Package: $(field Package)"
 [ "$(field Version)" = "$version" ] || fail "Version: $(field Version), expected $version"
-recommends="yt-dlp, pocketsphinx-en-us, pulseaudio-utils"
+recommends="yt-dlp, pulseaudio-utils"
 [ -f "$build/bin/libggml-vulkan.so" ] && recommends+=", libvulkan1"
 [ "$(field Recommends)" = "$recommends" ] || fail "Recommends: $(field Recommends), expected $recommends"
 # whisper-cli's Vulkan module links the loader, yet the package must install where there is none.
 field Depends | grep -q "\blibvulkan1\b" && fail "Depends names the Vulkan loader: $(field Depends)"
 [ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
 # Depends names the packages of the libraries the program really links, and Qt's Portuguese texts.
-for library in libqt6widgets6 libqt6multimedia6 libpocketsphinx3 libsoxr0 libpulse0 libxtst6 qt6-translations-l10n; do
+for library in libqt6widgets6 libqt6multimedia6 libsoxr0 libpulse0 libxtst6 qt6-translations-l10n; do
   field Depends | grep -q "\b$library\b" || fail "Depends lacks $library: $(field Depends)"
 done
 dpkg-deb -f "$deb" | sed 's/^/  /'
@@ -70,10 +69,6 @@ exec_path=$(sed -n 's/^Exec=//p' "$desktop")
 [ "$(readlink -f "$root$exec_path")" = "$root/usr/libexec/voxaria/voxaria" ] || fail "Exec does not name the installed program"
 grep -qx 'X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input' "$desktop" || fail "the desktop file asks KWin for no fake input"
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
-# The model check, where the installed program looks for it, loads the system's model once stripped.
-model=/usr/share/pocketsphinx/model/en-us
-[ ! -d "$model" ] || "$root/usr/libexec/voxaria/voxaria-model-check" "$model/en-us" "$model/en-us.lm.bin" \
-  "$model/cmudict-en-us.dict" || fail "the installed model check refuses the system's model"
 
 # The packaged whisper-cli takes the best of the CPU variants it ships for this CPU; left with the
 # baseline x86-64 one alone, as on the oldest CPU, it still transcribes. No Vulkan driver is offered,

@@ -67,6 +67,12 @@ std::shared_ptr<SpeechRecognizer::Task> FakeSpeechRecognizer::startTask(std::sha
     return std::make_shared<FakeTask>(m_current);
 }
 
+void FakeSpeechRecognizer::prepare()
+{
+    std::lock_guard lock(m_mutex);
+    ++m_prepareCount;
+}
+
 bool FakeSpeechRecognizer::requestRequiredOnDevice() const
 {
     std::lock_guard lock(m_mutex);
@@ -77,6 +83,12 @@ int FakeSpeechRecognizer::taskCount() const
 {
     std::lock_guard lock(m_mutex);
     return m_taskCount;
+}
+
+int FakeSpeechRecognizer::prepareCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_prepareCount;
 }
 
 template <typename T> T FakeSpeechRecognizer::ofCurrent(T Recognition::*field, T none) const

@@ -16,10 +16,12 @@ public:
     bool supportsOnDeviceRecognition() const override { return onDeviceSupported; }
     std::shared_ptr<Request> makeRequest(bool requiresOnDeviceRecognition) override;
     std::shared_ptr<Task> startTask(std::shared_ptr<Request> request, ResultHandler handler) override;
+    void prepare() override;
 
     // What the engine did with the current recognition.
     bool requestRequiredOnDevice() const;
     int taskCount() const;
+    int prepareCount() const;
     std::vector<qint16> receivedSamples() const;
     bool audioEnded() const;
     bool taskCancelled() const;
@@ -42,4 +44,5 @@ private:
     std::shared_ptr<Recognition> m_current;
     ResultHandler m_handler;
     int m_taskCount = 0;
+    int m_prepareCount = 0;
 };
