@@ -345,10 +345,9 @@ TEST_F(EndToEnd, TheTrayMenuChangesTheKeySoundsLanguageEngineAndStartWithTheSess
     chooseInTrayMenu(6, 2);
     ASSERT_TRUE(settingBecomes(QStringLiteral("localeIdentifier"), QStringLiteral("en-US")));
     // With its model in place the native engine is chosen at once, without offering it.
-    TestSupport::writeFile(app.dataFolder() + QStringLiteral("/models/") + LiveSpeechModel::fileName(), "GGUF");
+    installLiveModel();
     chooseInTrayMenu(3, 1);
     ASSERT_TRUE(settingBecomes(QStringLiteral("engine"), QStringLiteral("apple")));
-    installLiveModel();
     speakNatively(QStringLiteral("speech/fleurs-en-000.ogg"), rightSuper);
 
     const QString autostart = app.root() + QStringLiteral("/home/.config/autostart/app.voxaria.Voxaria.desktop");
