@@ -1,7 +1,10 @@
 #include "Engines/ModelFileCheck.h"
+#include "Engines/WhisperModelFile.h"
 #include "ModelFiles.h"
+#include "TestSupport.h"
 
 #include <QBuffer>
+#include <QDir>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +19,9 @@ Verdict check(QByteArray bytes, Format format)
     buffer.open(QIODevice::ReadOnly);
     return ModelFileCheck::check(buffer, format);
 }
+
+// Where the tensors of ModelFiles::whisper begin: after the header, 2 × 3 mel filters and four words.
+constexpr qsizetype kTensorsStart = 48 + 8 + 24 + 4 + 4 * 4 + 1 + 2 + 4;
 
 std::string name(Verdict verdict)
 {
@@ -39,10 +45,32 @@ TEST(ModelFileCheckTest, AWhisperModelIsWholeOnlyWithEveryTensorToTheLastByte)
 
     const QByteArray model = ModelFiles::whisper(64 << 10);
     QByteArray fiveDimensions = model;
-    fiveDimensions[48 + 8 + 24 + 4 + 4 * 4 + 1 + 2 + 4] = 5; // the first tensor's dimension count, after the vocabulary
+    fiveDimensions[kTensorsStart] = 5; // the first tensor's dimension count
     const QByteArray page = "<html><body>Not Found</body></html>";
     for (const QByteArray& other : {page, QByteArray("GGUF").append(model.mid(4)), fiveDimensions})
         EXPECT_EQ(name(check(other, Format::whisperGgml)), "invalid") << other.left(40).toStdString();
+}
+
+// whisper-cli answers nothing for a model cut inside its vocabulary or first tensor, so a dictation
+// that came back empty asks whether the model is cut short; whisper.cpp's own test models end
+// exactly where their tensors would begin and are not, nor is a file of another format.
+TEST(ModelFileCheckTest, AWhisperModelIsCutShortAnywhereButWhereItsTensorsBegin)
+{
+    const QByteArray model = ModelFiles::whisper(64 << 10);
+    const QString path = QDir::temp().filePath("ggml-model.bin");
+    // Every cut through the header, the vocabulary and the first tensors, and some through the last one.
+    QList<qsizetype> cuts{model.size() / 2, model.size() - 1, model.size()};
+    for (qsizetype length = 1; length < 1024; ++length)
+        cuts << length;
+    for (const qsizetype length : cuts) {
+        ASSERT_TRUE(TestSupport::writeFile(path, model.left(length)));
+        ASSERT_EQ(WhisperModelFile::isCutShort(path), length != kTensorsStart && length != model.size()) << "cut at " << length;
+    }
+    for (const QByteArray& other : {QByteArray("<html>Not Found</html>"), model + 'x'}) {
+        ASSERT_TRUE(TestSupport::writeFile(path, other));
+        EXPECT_FALSE(WhisperModelFile::isCutShort(path)) << other.left(20).toStdString();
+    }
+    EXPECT_FALSE(WhisperModelFile::isCutShort(path + ".missing"));
 }
 
 // (whisper.cpp's own copy of the real one goes through the downloader's tests.)

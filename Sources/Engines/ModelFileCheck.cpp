@@ -189,14 +189,17 @@ Verdict readGgmlTensors(Reader& reader, qint64 expectedTensors)
     return found == expectedTensors ? Verdict::complete : Verdict::incomplete;
 }
 
+// 0x67676d6c, "ggml" read as a little-endian number.
+bool readGgmlMagic(Reader& reader)
+{
+    quint32 magic = 0;
+    return reader.read(magic) && magic == 0x67676d6c;
+}
+
 Verdict checkGgml(Reader& reader, ModelFileCheck::Format format)
 {
-    // 0x67676d6c, "ggml" read as a little-endian number.
-    quint32 magic = 0;
-    if (!reader.read(magic))
+    if (!readGgmlMagic(reader))
         return reader.failure();
-    if (magic != 0x67676d6c)
-        return Verdict::invalid;
     const std::optional<qint64> tensors
         = format == ModelFileCheck::Format::whisperGgml ? readWhisperHeader(reader) : readVoiceActivityHeader(reader);
     if (!tensors)
@@ -340,4 +343,12 @@ ModelFileCheck::Verdict ModelFileCheck::check(QIODevice& file, Format format)
 {
     Reader reader(file);
     return format == Format::gguf ? checkGguf(reader) : checkGgml(reader, format);
+}
+
+std::optional<qint64> ModelFileCheck::whisperTensorsStart(QIODevice& file)
+{
+    Reader reader(file);
+    if (!readGgmlMagic(reader) || !readWhisperHeader(reader))
+        return std::nullopt;
+    return qint64(reader.position());
 }

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <optional>
+
 class QIODevice;
 
 // Reads what a model file says about itself — whisper.cpp's ggml header and tensor table, or a GGUF
@@ -24,4 +26,7 @@ public:
     static Verdict check(const QString& path, Format format);
     // Reads from the device's start; it must be open and seekable.
     static Verdict check(QIODevice& file, Format format);
+    // Where a Whisper model's tensors begin, after its header, mel filters and vocabulary; nothing
+    // when the file is no Whisper model or ends before. Reads from the device's start.
+    static std::optional<qint64> whisperTensorsStart(QIODevice& file);
 };

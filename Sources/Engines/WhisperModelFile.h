@@ -8,6 +8,7 @@
 // came back empty looks here before calling it silence.
 class WhisperModelFile {
 public:
-    // Whether the file ends inside one of its parts. A file of another format is not judged.
+    // Whether the file ends inside one of its parts. A file of another format is not judged, and
+    // whisper.cpp's own test models, which end exactly where their tensors would begin, are whole.
     static bool isCutShort(const QString& path);
 };
