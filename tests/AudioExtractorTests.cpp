@@ -18,16 +18,16 @@ namespace {
 // Fixtures are made here at test time from the shared speech samples, with the ffmpeg program.
 QString fixture(const QString& name, QStringList arguments)
 {
-    const QString path = QDir::tempPath() + QStringLiteral("/media/") + name;
+    const QString path = QDir::tempPath() + "/media/" + name;
     QDir().mkpath(QFileInfo(path).path());
     QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"), QStringList{"-hide_banner", "-loglevel", "error", "-y"} + arguments << path);
+    ffmpeg.start("ffmpeg", QStringList{"-hide_banner", "-loglevel", "error", "-y"} + arguments << path);
     EXPECT_TRUE(ffmpeg.waitForFinished(120000) && ffmpeg.exitCode() == 0) << ffmpeg.readAllStandardError().constData();
     return path;
 }
 
-const QString kSpeech = TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"));
-const QString kNoTrack = QStringLiteral("O arquivo não contém trilha de áudio.");
+const QString kSpeech = TestSupport::testDataPath("speech/jfk.wav");
+const QString kNoTrack = "O arquivo não contém trilha de áudio.";
 
 // What the user would read, or "extracted".
 QString extract(const QString& source, const QString& destination, FakeMediaReader* reader = nullptr, std::function<bool()> shouldStop = {},
@@ -41,7 +41,7 @@ QString extract(const QString& source, const QString& destination, FakeMediaRead
     } catch (const Error& error) {
         return error.description();
     }
-    return QStringLiteral("extracted");
+    return "extracted";
 }
 
 QByteArray contents(const QString& path)
@@ -115,7 +115,7 @@ TEST(AudioExtractorTest, DecodesTheFirstAudioTrackOfAnyFormat)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name.toStdString());
         const QString source = fixture(c.name, c.arguments);
-        const QString destination = source + QStringLiteral(".wav");
+        const QString destination = source + ".wav";
         ASSERT_EQ(extract(source, destination), "extracted");
         EXPECT_NEAR(double(checkedDataSize(destination)) / 32000, c.seconds, 0.1);
         if (c.seconds == 11.0) {
@@ -129,7 +129,7 @@ TEST(AudioExtractorTest, DecodesTheFirstAudioTrackOfAnyFormat)
 // Audio already in the target form comes through untouched, replacing whatever the file held.
 TEST(AudioExtractorTest, KeepsTheSamplesOfAWavAlreadyInShapeAndReplacesTheDestination)
 {
-    const QString destination = QDir::tempPath() + QStringLiteral("/replaced.wav");
+    const QString destination = QDir::tempPath() + "/replaced.wav";
     ASSERT_TRUE(TestSupport::writeFile(destination, QByteArray(3'000'000, '\xff')));
     ASSERT_EQ(extract(kSpeech, destination), "extracted");
     EXPECT_EQ(checkedDataSize(destination), QFileInfo(destination).size() - 44);
@@ -138,10 +138,10 @@ TEST(AudioExtractorTest, KeepsTheSamplesOfAWavAlreadyInShapeAndReplacesTheDestin
 
 TEST(AudioExtractorTest, UnusableSourcesFailWithAMessageTheUserCanRead)
 {
-    const QString text = QDir::tempPath() + QStringLiteral("/notas.mp4");
+    const QString text = QDir::tempPath() + "/notas.mp4";
     ASSERT_TRUE(TestSupport::writeFile(text, "Lista de compras: arroz, feijão, café.\n"));
     const QString whole = fixture("inteiro.mp4", {"-i", kSpeech, "-c:a", "aac", "-movflags", "+faststart"});
-    const QString truncated = QDir::tempPath() + QStringLiteral("/cortado.mp4");
+    const QString truncated = QDir::tempPath() + "/cortado.mp4";
     ASSERT_TRUE(TestSupport::writeFile(truncated, contents(whole).left(QFileInfo(whole).size() * 6 / 10)));
     const struct {
         QString source;
@@ -149,12 +149,12 @@ TEST(AudioExtractorTest, UnusableSourcesFailWithAMessageTheUserCanRead)
     } cases[] = {
         {fixture("só vídeo.mp4", {"-f", "lavfi", "-i", "testsrc=size=64x48:rate=5:duration=1", "-c:v", "mpeg4"}), kNoTrack},
         {text, kNoTrack},
-        {QDir::tempPath() + QStringLiteral("/não existe.mp4"), kNoTrack},
-        {truncated, QStringLiteral("Falha ao extrair o áudio: o arquivo está incompleto ou corrompido")},
+        {QDir::tempPath() + "/não existe.mp4", kNoTrack},
+        {truncated, "Falha ao extrair o áudio: o arquivo está incompleto ou corrompido"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.source.toStdString());
-        const QString destination = c.source + QStringLiteral(".wav");
+        const QString destination = c.source + ".wav";
         EXPECT_EQ(extract(c.source, destination), c.message);
         // A track that fails part-way keeps what was decoded, under a header that claims nothing.
         const bool decodedSome = c.source == truncated;

@@ -21,21 +21,21 @@ TEST(FrontApplication, NamesTheFocusedApplicationByItsBrazilianDesktopEntryElseB
     };
     ReceivingWindow receiver;
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
-    EXPECT_EQ(front.localizedName(), QStringLiteral("receiver"));
+    EXPECT_EQ(front.localizedName(), "receiver");
 
     // Matched by its file name alone, untranslated.
-    install(QStringLiteral("Receiver.desktop"), "[Desktop Entry]\nType=Application\nName=Receiving Window\nExec=receiver\n");
-    EXPECT_EQ(front.localizedName(), QStringLiteral("Receiving Window"));
+    install("Receiver.desktop", "[Desktop Entry]\nType=Application\nName=Receiving Window\nExec=receiver\n");
+    EXPECT_EQ(front.localizedName(), "Receiving Window");
 
     // An entry naming the window class wins, in its pt_BR translation; an action's name is no name.
-    install(QStringLiteral("org.example.Inbox.desktop"),
+    install("org.example.Inbox.desktop",
         "[Desktop Entry]\nType=Application\nName=Inbox\nName[pt]=Caixa\nName[pt_BR]=Caixa de Entrada\n"
         "StartupWMClass=Receiver\nActions=new;\n\n[Desktop Action new]\nName=New window\nName[pt_BR]=Nova janela\n");
-    EXPECT_EQ(front.localizedName(), QStringLiteral("Caixa de Entrada"));
+    EXPECT_EQ(front.localizedName(), "Caixa de Entrada");
 
     // Entries are read once, not before every paste: one rewritten in place is not read again.
-    install(QStringLiteral("org.example.Inbox.desktop"), "[Desktop Entry]\nName=Outro nome\nStartupWMClass=Receiver\n");
-    EXPECT_EQ(front.localizedName(), QStringLiteral("Caixa de Entrada"));
+    install("org.example.Inbox.desktop", "[Desktop Entry]\nName=Outro nome\nStartupWMClass=Receiver\n");
+    EXPECT_EQ(front.localizedName(), "Caixa de Entrada");
 }
 
 }

@@ -27,14 +27,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
-const QString portalPath = QStringLiteral("/org/freedesktop/portal/desktop");
-const QString shortcutsInterface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
+const QString portalPath = "/org/freedesktop/portal/desktop";
+const QString shortcutsInterface = "org.freedesktop.portal.GlobalShortcuts";
 
 // The portal's side: what it was asked, in order, and how it answers.
 class FakePortal final : public QDBusVirtualObject {
 public:
-    static inline const QString name = portalService;
+    static inline const QString name = "org.freedesktop.portal.Desktop";
     static inline const QString path = portalPath;
 
     explicit FakePortal(QDBusConnection bus)
@@ -45,7 +44,7 @@ public:
     bool offersShortcuts = true;
     bool offersRegistry = true;
     uint bindAnswer = 0;
-    QString triggerDescription = QStringLiteral("Ctrl+Alt+Espaço (escolhido no diálogo)");
+    QString triggerDescription = "Ctrl+Alt+Espaço (escolhido no diálogo)";
 
     QStringList calls; // "Interface.Method"
     QString registeredAppId;
@@ -59,41 +58,38 @@ public:
     {
         const QString call = message.interface().section(QLatin1Char('.'), -1) + QLatin1Char('.') + message.member();
         if (message.interface() == QLatin1String("org.freedesktop.host.portal.Registry") && !offersRegistry)
-            return reply(connection, message.createErrorReply(QDBusError::UnknownInterface, QStringLiteral("no registry here")));
+            return connection.send(message.createErrorReply(QDBusError::UnknownInterface, "no registry here"));
         if (message.interface() == QLatin1String("org.freedesktop.DBus.Properties"))
-            return reply(connection, version(message));
-        const std::map<QString, QString> signatures{{QStringLiteral("Registry.Register"), QStringLiteral("sa{sv}")},
-            {QStringLiteral("GlobalShortcuts.CreateSession"), QStringLiteral("a{sv}")},
-            {QStringLiteral("GlobalShortcuts.BindShortcuts"), QStringLiteral("oa(sa{sv})sa{sv}")},
-            {QStringLiteral("Session.Close"), QString()}};
+            return connection.send(version(message));
+        const std::map<QString, QString> signatures{{"Registry.Register", "sa{sv}"}, {"GlobalShortcuts.CreateSession", "a{sv}"},
+            {"GlobalShortcuts.BindShortcuts", "oa(sa{sv})sa{sv}"}, {"Session.Close", QString()}};
         const auto expected = signatures.find(call);
         if (expected == signatures.end() || expected->second != message.signature())
-            return reply(connection, message.createErrorReply(QDBusError::InvalidArgs, call + QLatin1Char(' ') + message.signature()));
+            return connection.send(message.createErrorReply(QDBusError::InvalidArgs, call + QLatin1Char(' ') + message.signature()));
         calls << call;
         if (call == QLatin1String("Registry.Register")) {
             registeredAppId = message.arguments().at(0).toString();
-            return reply(connection, message.createReply());
+            return connection.send(message.createReply());
         }
         if (call == QLatin1String("Session.Close")) {
             closedSessions << message.path();
-            return reply(connection, message.createReply());
+            return connection.send(message.createReply());
         }
         const QVariantMap options = qdbus_cast<QVariantMap>(message.arguments().last());
-        const QString request = handle(message, QStringLiteral("request"), options.value(QStringLiteral("handle_token")).toString());
+        const QString request = handle(message, "request", options.value("handle_token").toString());
         if (call == QLatin1String("GlobalShortcuts.CreateSession")) {
-            const QString session
-                = handle(message, QStringLiteral("session"), options.value(QStringLiteral("session_handle_token")).toString());
+            const QString session = handle(message, "session", options.value("session_handle_token").toString());
             sessions << session;
-            respond(request, 0, {{QStringLiteral("session_handle"), session}});
+            respond(request, 0, {{"session_handle", session}});
         } else {
             boundShortcuts.clear();
             message.arguments().at(1).value<QDBusArgument>() >> boundShortcuts;
             QList<PortalShortcut> bound;
             for (const PortalShortcut& shortcut : std::as_const(boundShortcuts))
-                bound << PortalShortcut{shortcut.id, {{QStringLiteral("trigger_description"), triggerDescription}}};
-            respond(request, bindAnswer, {{QStringLiteral("shortcuts"), QVariant::fromValue(bound)}});
+                bound << PortalShortcut{shortcut.id, {{"trigger_description", triggerDescription}}};
+            respond(request, bindAnswer, {{"shortcuts", QVariant::fromValue(bound)}});
         }
-        return reply(connection, message.createReply(QVariant::fromValue(QDBusObjectPath(request))));
+        return connection.send(message.createReply(QVariant::fromValue(QDBusObjectPath(request))));
     }
 
     void press(const QString& session, const QString& id, bool down)
@@ -108,15 +104,9 @@ private:
     QDBusMessage version(const QDBusMessage& get) const
     {
         if (get.member() != QLatin1String("Get") || get.signature() != QLatin1String("ss") || !offersShortcuts
-            || get.arguments() != QVariantList{shortcutsInterface, QStringLiteral("version")})
-            return get.createErrorReply(QDBusError::UnknownProperty, QStringLiteral("no such property"));
+            || get.arguments() != QVariantList{shortcutsInterface, "version"})
+            return get.createErrorReply(QDBusError::UnknownProperty, "no such property");
         return get.createReply(QVariant::fromValue(QDBusVariant(uint(1))));
-    }
-
-    static bool reply(const QDBusConnection& connection, const QDBusMessage& answer)
-    {
-        connection.send(answer);
-        return true;
     }
 
     static QString handle(const QDBusMessage& message, const QString& kind, const QString& token)
@@ -128,8 +118,7 @@ private:
 
     void respond(const QString& request, uint response, const QVariantMap& results)
     {
-        QDBusMessage signal
-            = QDBusMessage::createSignal(request, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
+        QDBusMessage signal = QDBusMessage::createSignal(request, "org.freedesktop.portal.Request", "Response");
         signal << response << results;
         m_bus.send(signal);
     }
@@ -140,8 +129,8 @@ private:
 // kglobalaccel's side: the keys each setShortcut gave our action.
 class FakeKGlobalAccel final : public QDBusVirtualObject {
 public:
-    static inline const QString name = QStringLiteral("org.kde.kglobalaccel");
-    static inline const QString path = QStringLiteral("/kglobalaccel");
+    static inline const QString name = "org.kde.kglobalaccel";
+    static inline const QString path = "/kglobalaccel";
 
     explicit FakeKGlobalAccel(QDBusConnection bus)
         : m_bus(std::move(bus))
@@ -155,8 +144,7 @@ public:
 
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
     {
-        const std::map<QString, QString> signatures{{QStringLiteral("doRegister"), QStringLiteral("as")},
-            {QStringLiteral("setShortcut"), QStringLiteral("asaiu")}, {QStringLiteral("setInactive"), QStringLiteral("as")}};
+        const std::map<QString, QString> signatures{{"doRegister", "as"}, {"setShortcut", "asaiu"}, {"setInactive", "as"}};
         const auto expected = signatures.find(message.member());
         if (message.interface() != QLatin1String("org.kde.KGlobalAccel") || expected == signatures.end()
             || expected->second != message.signature())
@@ -170,8 +158,8 @@ public:
 
     void press(bool down)
     {
-        QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/component/app_voxaria_Voxaria"),
-            QStringLiteral("org.kde.kglobalaccel.Component"), down ? "globalShortcutPressed" : "globalShortcutReleased");
+        QDBusMessage signal = QDBusMessage::createSignal(
+            "/component/app_voxaria_Voxaria", "org.kde.kglobalaccel.Component", down ? "globalShortcutPressed" : "globalShortcutReleased");
         signal << component.value(0) << component.value(1) << qlonglong(1234);
         m_bus.send(signal);
     }
@@ -268,24 +256,21 @@ TEST_F(Portal, TheChordHeldAndLetGoIsThePressAndReleaseOfTheDictationKey)
     GlobalShortcutsKeyMonitor monitor([&chosen] { return chosen; });
     const KeyMonitor::Token token = record(monitor);
     ASSERT_NE(token, 0u);
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return service->calls.contains(QStringLiteral("GlobalShortcuts.BindShortcuts")); }))
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return service->calls.contains("GlobalShortcuts.BindShortcuts"); }))
         << service->calls.join(' ').toStdString();
 
     // The program says who it is before any other portal call, then opens a session and proposes the chord.
-    EXPECT_EQ(service->calls,
-        (QStringList{QStringLiteral("Registry.Register"), QStringLiteral("GlobalShortcuts.CreateSession"),
-            QStringLiteral("GlobalShortcuts.BindShortcuts")}));
+    EXPECT_EQ(service->calls, (QStringList{"Registry.Register", "GlobalShortcuts.CreateSession", "GlobalShortcuts.BindShortcuts"}));
     EXPECT_EQ(service->registeredAppId, AppPaths::applicationId());
     ASSERT_EQ(service->boundShortcuts.size(), 1);
-    EXPECT_EQ(
-        service->boundShortcuts[0].properties.value(QStringLiteral("preferred_trigger")).toString(), QStringLiteral("CTRL+ALT+space"));
-    EXPECT_FALSE(service->boundShortcuts[0].properties.value(QStringLiteral("description")).toString().isEmpty());
+    EXPECT_EQ(service->boundShortcuts[0].properties.value("preferred_trigger").toString(), "CTRL+ALT+space");
+    EXPECT_FALSE(service->boundShortcuts[0].properties.value("description").toString().isEmpty());
     const QString session = service->sessions.value(0);
     const QString id = service->boundShortcuts[0].id;
 
     // Another session's or another shortcut's activations are not ours.
-    service->press(session + QStringLiteral("x"), id, true);
-    service->press(session, id + QStringLiteral("x"), true);
+    service->press(session + "x", id, true);
+    service->press(session, id + "x", true);
     service->press(session, id, true);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return !events.isEmpty(); }));
     // A release stands for the key that was pressed, even when another key was chosen meanwhile.
@@ -293,7 +278,7 @@ TEST_F(Portal, TheChordHeldAndLetGoIsThePressAndReleaseOfTheDictationKey)
     service->press(session, id, false);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return events.size() >= 2; }));
     TestSupport::spin(100ms);
-    EXPECT_EQ(events, (QStringList{QStringLiteral("61/0x80000"), QStringLiteral("61/0x0")}));
+    EXPECT_EQ(events, (QStringList{"61/0x80000", "61/0x0"}));
 
     // The last handler gone, the session closes and an activation that still comes is not delivered.
     monitor.removeMonitor(token);
@@ -304,47 +289,39 @@ TEST_F(Portal, TheChordHeldAndLetGoIsThePressAndReleaseOfTheDictationKey)
 
     // Watching again opens a new session (a session binds once); the program registered already.
     record(monitor);
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return service->calls.count(QStringLiteral("GlobalShortcuts.BindShortcuts")) == 2; }));
-    EXPECT_EQ(service->calls.count(QStringLiteral("Registry.Register")), 1);
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return service->calls.count("GlobalShortcuts.BindShortcuts") == 2; }));
+    EXPECT_EQ(service->calls.count("Registry.Register"), 1);
     ASSERT_EQ(service->sessions.size(), 2);
     service->press(service->sessions[1], id, true);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return events.size() == 3; }));
-    EXPECT_EQ(events.last(), QStringLiteral("54/0x100000"));
+    EXPECT_EQ(events.last(), "54/0x100000");
 }
-
-namespace {
 
 QStringList hotkeyLog;
-
-void keepHotkeyLog(QtMsgType, const QMessageLogContext& context, const QString& message)
-{
-    if (QLatin1String(context.category) == QLatin1String("voxaria.hotkey"))
-        hotkeyLog << message;
-}
-
-}
 
 TEST_F(Portal, APortalWithoutTheRegistryStillBindsAndTheUserIsToldWhichChordToHoldOrThatItWasRefused)
 {
     service->offersRegistry = false;
-    qInstallMessageHandler(keepHotkeyLog);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext& context, const QString& message) {
+        if (QLatin1String(context.category) == QLatin1String("voxaria.hotkey"))
+            hotkeyLog << message;
+    });
     {
         GlobalShortcutsKeyMonitor monitor([] { return HotKey::rightOption; });
         record(monitor);
         EXPECT_TRUE(TestSupport::waitUntil([&] { return hotkeyLog.join('\n').contains(service->triggerDescription); }))
             << hotkeyLog.join('\n').toStdString();
-        EXPECT_EQ(service->calls,
-            (QStringList{QStringLiteral("GlobalShortcuts.CreateSession"), QStringLiteral("GlobalShortcuts.BindShortcuts")}));
+        EXPECT_EQ(service->calls, (QStringList{"GlobalShortcuts.CreateSession", "GlobalShortcuts.BindShortcuts"}));
     }
     service->bindAnswer = 1;
     {
         GlobalShortcutsKeyMonitor monitor([] { return HotKey::rightOption; });
         record(monitor);
-        EXPECT_TRUE(TestSupport::waitUntil([&] { return hotkeyLog.join('\n').contains(QStringLiteral("was not allowed")); }))
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return hotkeyLog.join('\n').contains("was not allowed"); }))
             << hotkeyLog.join('\n').toStdString();
         EXPECT_TRUE(TestSupport::waitUntil([&] { return service->closedSessions.contains(service->sessions.last()); }))
             << "a session without its shortcut stays open";
-        service->press(service->sessions.last(), QStringLiteral("dictation"), true);
+        service->press(service->sessions.last(), "dictation", true);
         TestSupport::spin(100ms);
         EXPECT_TRUE(events.isEmpty());
     }
@@ -358,15 +335,14 @@ TEST_F(Portal, GnomeOnWaylandHearsTheDictationKeyThroughThePortal)
     gnome.kind = SessionInfo::Kind::wayland;
     gnome.compositor = SessionInfo::Compositor::gnome;
     LinuxPlatform platform(gnome, [] { return HotKey::rightOption; });
-    EXPECT_TRUE(platform.keySource().description.startsWith(QStringLiteral("GlobalShortcuts portal")))
-        << platform.keySource().description.toStdString();
+    EXPECT_TRUE(platform.keySource().description.startsWith("GlobalShortcuts portal")) << platform.keySource().description.toStdString();
     EXPECT_TRUE(platform.keySource().works);
-    EXPECT_EQ(platform.keySource().chord, QStringLiteral("Ctrl+Alt+Espaço"));
+    EXPECT_EQ(platform.keySource().chord, "Ctrl+Alt+Espaço");
 
     // A portal without global shortcuts (GNOME 47 and older) holds no key: the keyboards are read.
     service->offersShortcuts = false;
     LinuxPlatform older(gnome, [] { return HotKey::rightOption; });
-    EXPECT_FALSE(older.keySource().description.contains(QStringLiteral("portal"))) << older.keySource().description.toStdString();
+    EXPECT_FALSE(older.keySource().description.contains("portal")) << older.keySource().description.toStdString();
     EXPECT_TRUE(older.keySource().chord.isEmpty());
 }
 
@@ -385,7 +361,7 @@ TEST_F(KGlobalAccel, TheKeyAndTheChordAreBoundAndBoundAgainWhenKGlobalAccelComes
     service->press(true);
     service->press(false);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return events.size() == 2; }));
-    EXPECT_EQ(events, (QStringList{QStringLiteral("61/0x80000"), QStringLiteral("61/0x0")}));
+    EXPECT_EQ(events, (QStringList{"61/0x80000", "61/0x0"}));
 
     restartService();
     ASSERT_TRUE(TestSupport::waitUntil([&] { return service->assigned.size() == 2; })) << "the shortcut was not registered again";

@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QString listening = QStringLiteral("🎙️ Ouvindo… (solte a tecla para inserir)");
+const QString listening = "🎙️ Ouvindo… (solte a tecla para inserir)";
 const QString longText
     = QStringLiteral("No princípio era o silêncio, e depois vieram as palavras, uma depois da outra, sem pressa, enquanto a "
                      "tecla continuava apertada e o microfone ouvia tudo com atenção; a frase cresceu, passou de uma linha, "
@@ -78,7 +78,7 @@ TEST_F(HUDPanelTest, UpdatesNeverShowItAndAnEmptiedTextGivesItsLineBack)
     EXPECT_EQ(frame(), statusOnly);
 
     hud.hide();
-    hud.update(QStringLiteral("depois de esconder"));
+    hud.update("depois de esconder");
     EXPECT_FALSE(hud.panel()->isVisible());
 }
 
@@ -89,7 +89,7 @@ TEST_F(HUDPanelTest, AllItShowsFitsOnThePanelWhichGrowsUpward)
     const QString whisperError
         = QStringLiteral("⚠️ Falha na transcrição Whisper: error: failed to open "
                          "'/home/usuario/.local/share/Voxaria/models/ggml-large-v3-turbo-q5_0-pt-BR-ajustado.bin' as a model file");
-    const QString runaway = QStringLiteral("⚠️ Falha na transcrição Whisper: ") + QStringLiteral("ruído ").repeated(4000);
+    const QString runaway = "⚠️ Falha na transcrição Whisper: " + QStringLiteral("ruído ").repeated(4000);
     for (const QString& status : {listening, nativeEngineError, whisperError, runaway}) {
         SCOPED_TRACE(status.left(100).toStdString());
         hud.show(status, longText);
@@ -109,17 +109,15 @@ TEST_F(HUDPanelTest, SitsDarkOverTheFrontWindowWithoutTakingItsFocusAndLetsClick
     ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     // The light window fills the screen, so the panel's translucency and rounded corners show on it.
     const QString window = QString::number(receiver.windowId());
-    QProcess::execute(QStringLiteral("xdotool"),
-        {QStringLiteral("windowsize"), window, QStringLiteral("1920"), QStringLiteral("1080"), QStringLiteral("windowmove"), window,
-            QStringLiteral("0"), QStringLiteral("0")});
+    QProcess::execute("xdotool", {"windowsize", window, "1920", "1080", "windowmove", window, "0", "0"});
     hud.show(nativeEngineError, longText);
     TestSupport::spin(400ms);
     EXPECT_EQ(XTestKeyboard::focusedWindow(), receiver.windowId());
 
     const QPoint middle = frame().center();
-    QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QString::number(middle.x()), QString::number(middle.y())});
+    QProcess::execute("xdotool", {"mousemove", QString::number(middle.x()), QString::number(middle.y())});
     QProcess where;
-    where.start(QStringLiteral("xdotool"), {QStringLiteral("getmouselocation"), QStringLiteral("--shell")});
+    where.start("xdotool", {"getmouselocation", "--shell"});
     where.waitForFinished();
     const QByteArray location = where.readAllStandardOutput();
     EXPECT_TRUE(location.contains("WINDOW=" + window.toLatin1() + "\n"))
@@ -127,7 +125,7 @@ TEST_F(HUDPanelTest, SitsDarkOverTheFrontWindowWithoutTakingItsFocusAndLetsClick
 
     const QRect around = frame().adjusted(-40, -40, 40, 40);
     const QPixmap shot = QGuiApplication::primaryScreen()->grabWindow(0, around.x(), around.y(), around.width(), around.height());
-    const QString path = Desktop::screenshotFolder() + QStringLiteral("/hud-error-and-long-text.png");
+    const QString path = Desktop::screenshotFolder() + "/hud-error-and-long-text.png";
     ASSERT_TRUE(shot.save(path));
     std::printf("HUD screenshot: %s\n", qPrintable(path));
     const QImage image = shot.toImage();

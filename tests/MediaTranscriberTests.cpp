@@ -24,7 +24,7 @@ using Source = MediaTranscriber::Source;
 
 namespace {
 
-const QString kTranscribing = QStringLiteral("Transcrevendo… (vídeos longos podem levar alguns minutos)");
+const QString kTranscribing = "Transcrevendo… (vídeos longos podem levar alguns minutos)";
 
 QString scratch(const QString& name)
 {
@@ -187,14 +187,6 @@ TEST_F(MediaTranscriberTest, EachPhaseReportsAndTheAnswerFollowsWhatTheChildrenD
         {link, "", "fail=2\nstderr=ERROR: primeira\nstderr=ERROR: última linha",
             retried + started + QStringList{failed + "ERROR: última linha"}, twice},
         {link, "", "fail=2", retried + started + QStringList{failed + "erro desconhecido"}, twice},
-        {link, "",
-            "fail=2\nstderr=ERROR: [generic] None: Unable to download webpage: HTTP Error 404: Not Found (caused by <HTTPError 404>)",
-            retried + started + QStringList{"! O vídeo não foi encontrado (erro 404). Confira o link."}, twice},
-        {link, "", "fail=2\nstderr=ERROR: [youtube] abc: Private video. Sign in if you've been granted access to this video",
-            retried + started + QStringList{"! Este vídeo é privado."}, twice},
-        {link, "",
-            "fail=2\nstderr=ERROR: [generic] Unable to download webpage: <urlopen error [Errno -3] Temporary failure in name resolution>",
-            retried + started + QStringList{"! Sem conexão com a internet."}, twice},
         {link, "", "nopath=1", fetched + update + fetched + QStringList{failed + "arquivo baixado não encontrado"}, twice},
     };
     for (const auto& c : cases) {
@@ -319,6 +311,7 @@ TEST(MediaTranscriberErrorTest, YtDlpLinesReadAsTheFailureTheyReport)
     const QString unsupported = "Este endereço não é de um vídeo suportado.";
     const std::pair<QString, QString> cases[] = {
         {"ERROR: [youtube] abc: Video unavailable", gone},
+        {"ERROR: [youtube] abc: Private video. Sign in if you've been granted access to this video", "Este vídeo é privado."},
         {"ERROR: [youtube] abc: This video has been removed by the uploader", gone},
         {"ERROR: [youtube] abc: This video is no longer available because the YouTube account has been terminated.", gone},
         {"ERROR: [youtube] abc: Sign in to confirm you're not a bot. Use --cookies-from-browser", login},
@@ -326,6 +319,7 @@ TEST(MediaTranscriberErrorTest, YtDlpLinesReadAsTheFailureTheyReport)
         {"ERROR: Unsupported URL: https://exemplo.com/", unsupported},
         {"ERROR: 'abc' is not a valid URL", unsupported},
         {"ERROR: Unable to download webpage: <urlopen error [Errno -2] Name or service not known>", offline},
+        {"ERROR: [generic] Unable to download webpage: <urlopen error [Errno -3] Temporary failure in name resolution>", offline},
         {"ERROR: Unable to download webpage: <urlopen error [Errno 101] Network is unreachable>", offline},
         {"ERROR: Unable to download webpage: <urlopen error [Errno 111] Connection refused>", offline},
         {"ERROR: Unable to download webpage: The read operation timed out", offline},

@@ -20,8 +20,8 @@ QString cpuFolder(const QTemporaryDir& root, const char* file, const QStringList
             TestSupport::writeFile(folder + QLatin1Char('/') + QLatin1String(file), lists[cpu].toUtf8() + '\n');
     }
     // Folders beside the CPUs that are none.
-    TestSupport::writeFile(root.filePath(QStringLiteral("cpufreq/policy0/related_cpus")), "0 1\n");
-    TestSupport::writeFile(root.filePath(QStringLiteral("cpuidle/current_driver")), "none\n");
+    TestSupport::writeFile(root.filePath("cpufreq/policy0/related_cpus"), "0 1\n");
+    TestSupport::writeFile(root.filePath("cpuidle/current_driver"), "none\n");
     return root.path();
 }
 
@@ -48,7 +48,7 @@ TEST(ProcessorCores, EachCoreCountsOnceHoweverManyThreadsItRunsAndNeverMoreThanT
         ASSERT_TRUE(root.isValid());
         EXPECT_EQ(ProcessorCores::physical(cpuFolder(root, machine.file, machine.lists)), std::min(machine.cores, threads));
     }
-    EXPECT_EQ(ProcessorCores::physical(QStringLiteral("/nonexistent")), threads);
+    EXPECT_EQ(ProcessorCores::physical("/nonexistent"), threads);
     // This machine's own answer lies between one core and its hardware threads.
     EXPECT_GE(ProcessorCores::physical(), 1);
     EXPECT_LE(ProcessorCores::physical(), threads);

@@ -32,7 +32,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QString dictation = QStringLiteral("Olá, ação — ñ 🎙️");
+const QString dictation = "Olá, ação — ñ 🎙️";
 
 // A 2×2 PNG image with a translucent pixel row.
 const QByteArray pngImage
@@ -84,9 +84,9 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
         std::function<void()> meanwhile = {}; // 0.3 s after the call: after the paste, before the restoration
     } cases[] = {
         {"types that give no data are dropped, their siblings come back",
-            {{{QStringLiteral("text/html"), std::nullopt}, before[0][0], {QStringLiteral("application/x-lazy"), std::nullopt}}}, commandV},
+            {{{"text/html", std::nullopt}, before[0][0], {"application/x-lazy", std::nullopt}}}, commandV},
         {"a second dictation: the clipboard from before the first comes back", before, {commandV[0], commandV[1], commandV[0], commandV[1]},
-            [&] { insert(QStringLiteral("segundo")); }},
+            [&] { insert("segundo"); }},
         {"the program quits: the restoration runs at once", before, commandV,
             [&] {
                 QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
@@ -125,13 +125,13 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     pasteboard->snapshotDelay = 200ms;
     QStringList pasted;
     keyPoster->onPost = [&](const KeyPoster::KeyEvent& event) { pasted << (event.keyDown ? pasteboard->string().value_or("") : ""); };
-    insert(QStringLiteral("primeiro"));
-    insert(QStringLiteral("segundo"));
+    insert("primeiro");
+    insert("segundo");
     TestSupport::spin(1500ms);
     EXPECT_EQ(pasted, QStringList({"primeiro", "", "segundo", ""}));
     EXPECT_EQ(pasteboard->items, before);
     const int writes = pasteboard->writeCount;
-    insert(QStringLiteral("terceiro"));
+    insert("terceiro");
     QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
     TestSupport::spin(500ms);
     EXPECT_EQ(pasteboard->writeCount, writes);
@@ -141,10 +141,10 @@ TEST(TextInserterTest, PastesOnceAfterFiftyMillisecondsThenTheClipboardEndsWithW
     pasteboard->snapshotDelay = 0ms;
     pasteboard->ownerSilent = true;
     pasted.clear();
-    insert(QStringLiteral("quarto"));
+    insert("quarto");
     TestSupport::spin(1000ms);
     EXPECT_EQ(pasted, QStringList({"quarto", ""}));
-    EXPECT_EQ(pasteboard->string(), QStringLiteral("quarto"));
+    EXPECT_EQ(pasteboard->string(), "quarto");
 }
 
 // GNOME holds the first paste of every run of the program until the user answers its consent
@@ -165,26 +165,39 @@ TEST(TextInserterTest, TheFirstPasteThroughGnomesConsentDialogWaitsForTheAnswerB
     EXPECT_EQ(pasteboard->string(), dictation) << "restored while the dialog may still hold the paste";
     EXPECT_TRUE(TestSupport::waitUntil([&] { return pasteboard->items == before; }, 3s));
 
-    EXPECT_EQ(TextInserter::insert(QStringLiteral("segundo"), target), TextInserter::Mode::paste);
+    EXPECT_EQ(TextInserter::insert("segundo", target), TextInserter::Mode::paste);
     TestSupport::spin(1200ms);
     EXPECT_EQ(keyPoster->posted.size(), 4u);
     EXPECT_EQ(pasteboard->items, before);
 }
 
 // Against the real X server: a real receiving window, foreign clipboard owners, xterm.
-TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEndsAsTheUserLeftIt)
-{
-    if (!TestSupport::hasX11())
-        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+class TextInserterOnX11Test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!TestSupport::hasX11())
+            VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
+        ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+    }
+    // The X server's clipboard, with the keys posted through XTest unless `keys` are given.
+    static TextInserter::Target x11Target(TextInserter::Delays delays = {}, std::shared_ptr<KeyPoster> keys = nullptr)
+    {
+        return {std::make_shared<X11ClipboardPasteboard>(), keys ? keys : std::make_shared<XTestKeyPoster>(), delays};
+    }
+
     ReceivingWindow receiver;
-    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
+};
+
+TEST_F(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEndsAsTheUserLeftIt)
+{
     DesktopApps::Terminal terminal;
     ASSERT_NE(terminal.windowId(), 0u) << "xterm did not come up";
     using Formats = std::vector<std::pair<QString, QByteArray>>;
     const Formats threeFormats = {
-        {QStringLiteral("text/plain"), QByteArray("texto de antes")},
-        {QStringLiteral("image/png"), pngImage},
-        {QStringLiteral("application/x-voxaria-test"), QByteArray("\x01\x02\xff", 3)},
+        {"text/plain", QByteArray("texto de antes")},
+        {"image/png", pngImage},
+        {"application/x-voxaria-test", QByteArray("\x01\x02\xff", 3)},
     };
     const struct {
         const char* name;
@@ -199,8 +212,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"into a terminal", threeFormats, 0, true},
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
-    const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {},
-        TextInserter::Mode::paste, std::make_shared<X11FrontApplication>()};
+    TextInserter::Target target = x11Target();
+    target.frontApplication = std::make_shared<X11FrontApplication>();
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;
@@ -214,7 +227,7 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         if (!before.empty()) {
             ASSERT_TRUE(owner.emplace(before).isReady());
         }
-        const QByteArray targetsBefore = DesktopApps::clipboardData(QStringLiteral("TARGETS"));
+        const QByteArray targetsBefore = DesktopApps::clipboardData("TARGETS");
         const auto received = [&] { return intoTerminal ? terminal.received() : receiver.text().toUtf8(); };
         const QByteArray expected = received() + dictation.toUtf8();
         XTestKeyboard::focus(intoTerminal ? terminal.windowId() : receiver.windowId());
@@ -224,7 +237,7 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         // A timer due now must wait for the event loop: the clipboard writes run none of it.
         bool timerRan = false;
         QTimer::singleShot(0, [&] { timerRan = true; });
-        TextInserter::insert(dictation, x11Target);
+        TextInserter::insert(dictation, target);
         EXPECT_FALSE(timerRan) << "the event loop ran inside insert()";
         EXPECT_TRUE(TestSupport::waitUntil([&] { return received() == expected; }, 5s)) << "got: " << received().toStdString();
         if (heldKey) {
@@ -235,17 +248,17 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         }
         // xclip owns the clipboard once it returns; the event loop, and so the restoration, waits.
         // The copy it leaves serving the selection must not hold on to our output.
-        const QString copyMeanwhile = QStringLiteral("printf '%1' | xclip -selection clipboard -t text/html >/dev/null 2>&1");
+        const QString copyMeanwhile = "printf '%1' | xclip -selection clipboard -t text/html >/dev/null 2>&1";
         if (!copiedMeanwhile.isEmpty())
-            QProcess::execute(QStringLiteral("sh"), {QStringLiteral("-c"), copyMeanwhile.arg(copiedMeanwhile)});
+            QProcess::execute("sh", {"-c", copyMeanwhile.arg(copiedMeanwhile)});
         TestSupport::spin(900ms);
         EXPECT_EQ(received(), expected) << "pasted more than once";
         if (heldKey) {
             EXPECT_EQ(changedKeys.count(heldKey == 108 ? 61 : 56), 2) << "the paste's own release and press were seen";
         }
-        const Formats after = copiedMeanwhile.isEmpty() ? before : Formats{{QStringLiteral("text/html"), copiedMeanwhile}};
+        const Formats after = copiedMeanwhile.isEmpty() ? before : Formats{{"text/html", copiedMeanwhile}};
         if (copiedMeanwhile.isEmpty()) {
-            EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("TARGETS")), targetsBefore);
+            EXPECT_EQ(DesktopApps::clipboardData("TARGETS"), targetsBefore);
         }
         for (const auto& [type, bytes] : after)
             EXPECT_EQ(DesktopApps::clipboardData(type), bytes) << type.toStdString();
@@ -254,30 +267,25 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
 
 // A clipboard manager of the X11 desktop takes back a clipboard left without an owner: twenty
 // dictations in a row never leave it one, so each pastes its own words and the user's copy is back.
-TEST(TextInserterOnX11Test, AClipboardManagerNeverGetsItsItemPasted)
+TEST_F(TextInserterOnX11Test, AClipboardManagerNeverGetsItsItemPasted)
 {
-    if (!TestSupport::hasX11())
-        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
-    ReceivingWindow receiver;
-    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
     DesktopApps::Program manager;
     manager.start(QStringLiteral(VOXARIA_HELPER_x11clipboardmanager), {});
     ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 15s)) << "the clipboard manager did not start";
     manager.readLine();
-    const TextInserter::Target target{
-        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {50ms, 300ms}, TextInserter::Mode::paste};
+    const TextInserter::Target target = x11Target({50ms, 300ms});
     for (int run = 1; run <= 20; ++run) {
         SCOPED_TRACE(run);
         const QByteArray before = "antes do ditado " + QByteArray::number(run);
-        DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), before}});
+        DesktopApps::ClipboardOwner owner({{"text/plain", before}});
         ASSERT_TRUE(owner.isReady());
         const QString dictated = QStringLiteral("ditado número %1 ").arg(run);
         const QString expected = receiver.text() + dictated;
         XTestKeyboard::focus(receiver.windowId());
         TextInserter::insert(dictated, target);
         EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 5s)) << "got: " << receiver.text().toStdString();
-        EXPECT_TRUE(TestSupport::waitUntil([&] { return DesktopApps::clipboardData(QStringLiteral("text/plain")) == before; }, 5s))
-            << "the clipboard holds " << DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return DesktopApps::clipboardData("text/plain") == before; }, 5s))
+            << "the clipboard holds " << DesktopApps::clipboardData("text/plain").toStdString();
     }
     EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was left without an owner for a moment";
 }
@@ -285,17 +293,11 @@ TEST(TextInserterOnX11Test, AClipboardManagerNeverGetsItsItemPasted)
 // An owner that never answers (stopped): the main thread keeps running while the clipboard is
 // read, the dictation is pasted after one deadline, and the clipboard keeps it instead of being
 // emptied as if the owner had held nothing.
-TEST(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothing)
+TEST_F(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothing)
 {
-    if (!TestSupport::hasX11())
-        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
-    ReceivingWindow receiver;
-    ASSERT_TRUE(receiver.start()) << "the receiving window did not come up";
-    DesktopApps::ClipboardOwner owner({{QStringLiteral("text/plain"), QByteArray("do dono parado")}});
+    DesktopApps::ClipboardOwner owner({{"text/plain", QByteArray("do dono parado")}});
     ASSERT_TRUE(owner.isReady());
     ASSERT_EQ(::kill(pid_t(owner.processId()), SIGSTOP), 0);
-    const TextInserter::Target target{
-        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {}, TextInserter::Mode::paste};
     QElapsedTimer clock;
     qint64 lastTick = 0, longestGap = 0;
     QTimer ticker;
@@ -307,20 +309,18 @@ TEST(TextInserterOnX11Test, AnOwnerThatNeverAnswersFreezesNothingAndEmptiesNothi
     XTestKeyboard::focus(receiver.windowId());
     clock.start();
     ticker.start(10);
-    TextInserter::insert(dictation, target);
+    TextInserter::insert(dictation, x11Target());
     EXPECT_TRUE(TestSupport::waitUntil([&] { return receiver.text() == expected; }, 10s)) << "got: " << receiver.text().toStdString();
     TestSupport::spin(1s); // past the restoration
     ticker.stop();
     EXPECT_LT(longestGap, 100) << "the main thread stood still for " << longestGap << " ms";
-    EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")).toStdString(), dictation.toStdString());
+    EXPECT_EQ(DesktopApps::clipboardData("text/plain").toStdString(), dictation.toStdString());
     ::kill(pid_t(owner.processId()), SIGCONT);
 }
 
 // A copy larger than the X server takes in one request comes in pieces (INCR) and goes back whole.
-TEST(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
+TEST_F(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
 {
-    if (!TestSupport::hasX11())
-        VOXARIA_SKIP("needs the X server of scripts/with-harness.sh");
     QTemporaryFile file;
     ASSERT_TRUE(file.open());
     QByteArray large(20 * 1024 * 1024, Qt::Uninitialized);
@@ -328,17 +328,14 @@ TEST(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
     file.write(large);
     file.flush();
     // xclip leaves a child serving the selection until somebody else owns it.
-    ASSERT_EQ(QProcess::execute(QStringLiteral("xclip"),
-                  {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-t"),
-                      QStringLiteral("application/x-voxaria-large"), QStringLiteral("-i"), file.fileName()}),
-        0);
+    ASSERT_EQ(QProcess::execute("xclip", {"-selection", "clipboard", "-t", "application/x-voxaria-large", "-i", file.fileName()}), 0);
     const auto keys = std::make_shared<FakeKeyPoster>();
     bool pasted = false;
     keys->onPost = [&](const KeyPoster::KeyEvent&) { pasted = true; };
-    TextInserter::insert(dictation, {std::make_shared<X11ClipboardPasteboard>(), keys, {50ms, 100ms}});
+    TextInserter::insert(dictation, x11Target({50ms, 100ms}, keys));
     ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted; }, 10s));
     TestSupport::spin(500ms);
-    EXPECT_TRUE(DesktopApps::clipboardData(QStringLiteral("application/x-voxaria-large")) == large);
+    EXPECT_TRUE(DesktopApps::clipboardData("application/x-voxaria-large") == large);
 }
 
 }

@@ -2,6 +2,7 @@
 // bindings reaching the running program through `voxaria --press` / `--release`, and the keyboards
 // read from event devices (fed here through pipes, since test machines have no keyboards).
 #include "AppRun.h"
+#include "DesktopApps.h"
 #include "Dictation/TextInserter.h"
 #include "ExtDataControlServer.h"
 #include "HeadlessKWin.h"
@@ -62,9 +63,8 @@ TEST(Session, IsReadFromTheEnvironment)
         for (const QString& variable : row.variables)
             environment.insert(variable.section('=', 0, 0), variable.section('=', 1));
         const SessionInfo session = SessionInfo::fromEnvironment(environment);
-        EXPECT_EQ(session.kind, row.kind) << row.variables.join(' ').toStdString();
-        EXPECT_EQ(session.compositor, row.compositor) << row.variables.join(' ').toStdString();
-        EXPECT_EQ(session.hasXDisplay, row.hasXDisplay) << row.variables.join(' ').toStdString();
+        EXPECT_EQ(std::tuple(session.kind, session.compositor, session.hasXDisplay), std::tuple(row.kind, row.compositor, row.hasXDisplay))
+            << row.variables.join(' ').toStdString();
     }
 }
 
@@ -83,47 +83,12 @@ TEST(CommandLine, NoDisplayUnknownArgumentsAndNoProgramToTellAreEachSaid)
 {
     QTemporaryDir runtime;
     QProcessEnvironment empty;
-    empty.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
+    empty.insert("XDG_RUNTIME_DIR", runtime.path());
     EXPECT_EQ(runToEnd({}, empty), std::make_pair(1, QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland).")));
     EXPECT_EQ(runToEnd({"--pres"}, empty), std::make_pair(2, QStringLiteral("uso: voxaria [--press | --release]")));
     const auto [status, message] = runToEnd({"--release"}, empty);
     EXPECT_EQ(status, 1);
-    EXPECT_TRUE(message.startsWith(QStringLiteral("O Voxaria não está em execução"))) << message.toStdString();
-}
-
-TEST(CommandLine, CompositorBindingsHoldTheDictationKeyOfTheRunningProgram)
-{
-    if (!TestSupport::hasX11())
-        VOXARIA_SKIP("needs the headless X server to draw on (run under scripts/with-harness.sh)");
-    AppRun app;
-    app.useFakeWhisper(QStringLiteral("text=ditado pelo atalho do compositor\n"));
-    // A sway session as its environment tells it; the windows still go to the harness's X server.
-    app.setEnvironment(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-    app.setEnvironment(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("voxaria-test-no-compositor"));
-    app.setEnvironment(QStringLiteral("SWAYSOCK"), app.root() + QStringLiteral("/sway-ipc.sock"));
-    app.setEnvironment(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-    ASSERT_TRUE(app.start()) << app.log().join('\n').toStdString();
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 0ms));
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("dictated text only copied to the clipboard"), 10s));
-
-    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    EXPECT_EQ(runToEnd({"--press"}, environment).first, 0);
-    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" pressed"), 10s)) << app.log().join('\n').toStdString();
-    EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << app.log().join('\n').toStdString();
-    // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
-    QProcess speech;
-    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
-    TestSupport::spin(3s); // held long enough to count as a dictation, and to hear the speech
-    const int before = app.lineCount();
-    EXPECT_EQ(runToEnd({"--release"}, environment).first, 0);
-    EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s, before)) << app.log().join('\n').toStdString();
-    // No paste reaches a Wayland window from here: the text waits on the clipboard, and the HUD says so.
-    EXPECT_TRUE(app.waitForLog(QStringLiteral("Texto copiado"), 20s, before)) << app.log().join('\n').toStdString();
-    // The second processes neither dictated nor took the program's place.
-    EXPECT_EQ(app.log().filter(QStringLiteral("\"rightOption\" pressed")).size(), 1);
-    EXPECT_EQ(app.process().state(), QProcess::Running);
-    speech.kill();
-    speech.waitForFinished();
+    EXPECT_TRUE(message.startsWith("O Voxaria não está em execução")) << message.toStdString();
 }
 
 // A PNG of noise, so its size stays about three bytes a pixel.
@@ -151,7 +116,7 @@ protected:
     }
 
     // The README's rule for the window that stands in for a missing tray, when it is a native Wayland window.
-    HeadlessSway sway{{QStringLiteral("no_focus [app_id=\"app.voxaria.Voxaria\" title=\"O Voxaria está em execução\"]")}};
+    HeadlessSway sway{{"no_focus [app_id=\"app.voxaria.Voxaria\" title=\"O Voxaria está em execução\"]"}};
 };
 
 // What a user of sway sees: the key held through the bindings, the words pasted into the focused
@@ -167,43 +132,44 @@ TEST_F(Sway, HeldKeyPastesIntoWaylandWindowsAndTerminalsAndPutsTheClipboardBack)
         QString type;
         bool xwayland;
     };
-    for (const Row& row : {Row{ReceivingWindow::OnSway::wayland, "antes do ditado", QStringLiteral("text/plain;charset=utf-8"), true},
-             Row{ReceivingWindow::OnSway::terminal, pngImage(16), QStringLiteral("image/png"), false}}) {
+    for (const Row& row : {Row{ReceivingWindow::OnSway::wayland, "antes do ditado", "text/plain;charset=utf-8", true},
+             Row{ReceivingWindow::OnSway::terminal, pngImage(16), "image/png", false}}) {
         AppRun app;
-        const auto log = [&] { return app.log().join('\n').toStdString(); };
-        app.useFakeWhisper(QStringLiteral("text=ditado pelo sway\n"));
+        app.useFakeWhisper("text=ditado pelo sway\n");
         QProcessEnvironment session = sway.sessionVariables();
         if (!row.xwayland)
-            session.insert(QStringLiteral("DISPLAY"), QString());
+            session.insert("DISPLAY", QString());
         app.setEnvironment(session);
         app.runAs(sway.uid(), sway.gid());
         ReceivingWindow window;
         ASSERT_TRUE(window.start(sway, row.kind)) << "focused: " << sway.focusedApplication().toStdString();
         const QString focused = sway.focusedApplication();
-        ASSERT_TRUE(app.start()) << log();
-        EXPECT_TRUE(app.waitForLog(row.xwayland ? QStringLiteral("windows through xcb") : QStringLiteral("windows through wayland"), 10s))
-            << log();
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through compositor bindings"), 10s)) << log();
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through data-control and a virtual keyboard"), 10s)) << log();
+        ASSERT_TRUE(app.start()) << app.logText();
+        EXPECT_TRUE(app.waitForLog(row.xwayland ? "windows through xcb" : "windows through wayland", 10s)) << app.logText();
+        ASSERT_TRUE(app.waitForLog("dictation key through compositor bindings", 10s)) << app.logText();
+        ASSERT_TRUE(app.waitForLog("pasted through data-control and a virtual keyboard", 10s)) << app.logText();
         // Sway has no tray: the window that stands in for the menu appears over the focused one
         // and leaves it the focus (through XWayland by itself, natively by the README's rule).
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
+        ASSERT_TRUE(app.waitForLog("no system tray", 10s)) << app.logText();
         TestSupport::spin(1s);
         EXPECT_EQ(sway.focusedApplication(), focused);
         // A clipboard manager, as many sway users run, that refills an emptied clipboard at once.
         QProcess manager;
         manager.setProcessEnvironment(sway.clientEnvironment());
-        manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {QStringLiteral("manager")});
+        manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {"manager"});
         ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 10s)) << "the clipboard manager did not start";
         manager.readLine();
         ASSERT_TRUE(sway.copy(row.before, row.type));
         QProcess speech, shift;
-        speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-en-004.ogg"))});
+        speech.start("paplay", {TestSupport::testDataPath("speech/fleurs-en-004.ogg")});
         shift.setProcessEnvironment(sway.clientEnvironment());
-        shift.start(QStringLiteral("wtype"), {"-s", "500", "-M", "shift", "-s", "9000", "-m", "shift"});
+        shift.start("wtype", {"-s", "500", "-M", "shift", "-s", "9000", "-m", "shift"});
         ASSERT_TRUE(sway.type({"-P", "Alt_R", "-s", "2500", "-p", "Alt_R"}));
-        EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s)) << log();
-        EXPECT_TRUE(window.waitForText(QStringLiteral("ditado pelo sway"), 30s)) << window.text().toStdString() << log();
+        EXPECT_TRUE(app.waitForLog("\"rightOption\" released", 10s)) << app.logText();
+        EXPECT_TRUE(window.waitForText("ditado pelo sway", 30s)) << window.text().toStdString() << app.logText();
+        // `voxaria --press` and `--release` reached the running program, and neither took its place.
+        EXPECT_EQ(app.log().filter("\"rightOption\" pressed").size(), 1);
+        EXPECT_EQ(app.process().state(), QProcess::Running);
         EXPECT_TRUE(TestSupport::waitUntil([&] { return sway.paste(row.type) == row.before; }, 10s)) << row.type.toStdString();
         EXPECT_TRUE(sway.clipboardTypes().contains(row.type));
         EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
@@ -236,8 +202,33 @@ protected:
     {
         QFile entry(QStringLiteral(VOXARIA_TESTDATA_DIR "/../../resources/app.voxaria.Voxaria.desktop"));
         return entry.open(QIODevice::ReadOnly)
-            && kwin.installApplication(QStringLiteral("app.voxaria.Voxaria.desktop"),
-                entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + app.program().toUtf8() + '\n'));
+            && kwin.installApplication(
+                "app.voxaria.Voxaria.desktop", entry.readAll().replace("\nExec=voxaria\n", "\nExec=" + app.program().toUtf8() + '\n'));
+    }
+
+    // Starts `app` in the session, its whisper-cli saying `words`, with `window` in front; it must log
+    // each of `says`, and that this KWin has no tray (the window saying so leaves the focus alone).
+    void launch(AppRun& app, ReceivingWindow& window, const QString& words, const QStringList& says)
+    {
+        ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
+        app.useFakeWhisper(QStringLiteral("text=%1\n").arg(words));
+        app.setEnvironment(kwin.sessionVariables());
+        app.runAs(kwin.uid(), kwin.gid());
+        ASSERT_TRUE(app.start()) << app.logText();
+        for (const QString& line : says + QStringList{"no system tray"})
+            ASSERT_TRUE(app.waitForLog(line, 10s)) << app.logText();
+    }
+
+    // Holds `down` through fake input for 3 s of speech (without it the program rightly takes the
+    // dictation for a key held by mistake), then lets go with `up`.
+    void dictate(AppRun& app, const QStringList& down, const QStringList& up)
+    {
+        ASSERT_TRUE(kwin.pressKeys(down));
+        EXPECT_TRUE(app.waitForLog("Ouvindo", 10s)) << app.logText();
+        DesktopApps::Program speech;
+        speech.start("paplay", {TestSupport::testDataPath("speech/jfk.wav")});
+        TestSupport::spin(3s);
+        ASSERT_TRUE(kwin.pressKeys(up));
     }
 
     HeadlessKWin kwin;
@@ -247,7 +238,7 @@ protected:
 class KWin : public KWinSession {
 protected:
     KWin()
-        : KWinSession(QStringLiteral("br"))
+        : KWinSession("br")
     {
     }
 };
@@ -257,7 +248,7 @@ protected:
 class KWinUsDvorak : public KWinSession {
 protected:
     KWinUsDvorak()
-        : KWinSession(QStringLiteral("us(dvorak)"))
+        : KWinSession("us(dvorak)")
     {
     }
 };
@@ -275,38 +266,21 @@ TEST_F(KWin, HeldKeyPastesWhereADesktopFileAllowsTheFakeInputAndOnlyCopiesElsewh
     const QByteArray before = "antes do ditado";
     for (const bool allowed : {false, true}) {
         AppRun& app = apps[allowed];
-        const auto log = [&] { return app.log().join('\n').toStdString(); };
         ReceivingWindow window;
-        ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
-        app.useFakeWhisper(QStringLiteral("text=ditado pelo kwin\n"));
-        app.setEnvironment(kwin.sessionVariables());
-        app.runAs(kwin.uid(), kwin.gid());
-        ASSERT_TRUE(app.start()) << log();
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("dictation key through kglobalaccel"), 10s)) << log();
-        const QString route = allowed ? QStringLiteral("pasted through data-control and KWin's fake input")
-                                      : QStringLiteral("KWin does not offer org_kde_kwin_fake_input to ") + app.program();
-        ASSERT_TRUE(app.waitForLog(route, 10s)) << log();
-        // This KWin has no tray: the window saying so shows up and leaves the focus where it was.
-        ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
-        ASSERT_TRUE(kwin.copy(before, QStringLiteral("text/plain;charset=utf-8")));
-        ASSERT_TRUE(kwin.pressKeys({"+100"}));
-        EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << log();
-        // Speech while the key is held, or the program rightly takes the dictation for a key held by mistake.
-        QProcess speech;
-        speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
-        TestSupport::spin(3s);
-        ASSERT_TRUE(kwin.pressKeys({"-100"}));
-        EXPECT_TRUE(app.waitForLog(QStringLiteral("\"rightOption\" released"), 10s)) << log();
+        const QString route = allowed ? "pasted through data-control and KWin's fake input"
+                                      : "KWin does not offer org_kde_kwin_fake_input to " + app.program();
+        ASSERT_NO_FATAL_FAILURE(launch(app, window, "ditado pelo kwin", {"dictation key through kglobalaccel", route}));
+        ASSERT_TRUE(kwin.copy(before, "text/plain;charset=utf-8"));
+        ASSERT_NO_FATAL_FAILURE(dictate(app, {"+100"}, {"-100"}));
+        EXPECT_TRUE(app.waitForLog("\"rightOption\" released", 10s)) << app.logText();
         if (allowed) {
-            EXPECT_TRUE(window.waitForText(QStringLiteral("ditado pelo kwin"), 30s)) << window.text().toStdString() << log();
-            EXPECT_TRUE(TestSupport::waitUntil([&] { return kwin.paste(QStringLiteral("text/plain")) == before; }, 10s));
+            EXPECT_TRUE(window.waitForText("ditado pelo kwin", 30s)) << window.text().toStdString() << app.logText();
+            EXPECT_TRUE(TestSupport::waitUntil([&] { return kwin.paste("text/plain") == before; }, 10s));
         } else {
-            EXPECT_TRUE(app.waitForLog(QStringLiteral("Texto copiado"), 30s)) << log();
-            EXPECT_EQ(kwin.paste(QStringLiteral("text/plain")), QByteArray("ditado pelo kwin"));
+            EXPECT_TRUE(app.waitForLog("Texto copiado", 30s)) << app.logText();
+            EXPECT_EQ(kwin.paste("text/plain"), QByteArray("ditado pelo kwin"));
             EXPECT_EQ(window.text(), QString());
         }
-        speech.kill();
-        speech.waitForFinished();
         app.stop(); // one Voxaria per session
     }
 }
@@ -319,26 +293,11 @@ TEST_F(KWinUsDvorak, TheChordHoldsTheKeyAndThePasteFindsVInTheLayout)
     ASSERT_TRUE(allowFakeInput(app));
     if (!kwin.start())
         VOXARIA_SKIP("KWin does not start here: " + kwin.failure());
-    const auto log = [&] { return app.log().join('\n').toStdString(); };
     ReceivingWindow window;
-    ASSERT_TRUE(window.start(kwin)) << kwin.log().toStdString();
-    app.useFakeWhisper(QStringLiteral("text=ditado em dvorak\n"));
-    app.setEnvironment(kwin.sessionVariables());
-    app.runAs(kwin.uid(), kwin.gid());
-    ASSERT_TRUE(app.start()) << log();
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("hold Ctrl+Alt+Espaço"), 10s)) << log();
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("pasted through data-control and KWin's fake input"), 10s)) << log();
-    ASSERT_TRUE(app.waitForLog(QStringLiteral("no system tray"), 10s)) << log();
-    // Left Control, Left Alt, Space.
-    ASSERT_TRUE(kwin.pressKeys({"+29", "+56", "+57"}));
-    EXPECT_TRUE(app.waitForLog(QStringLiteral("Ouvindo"), 10s)) << log();
-    QProcess speech;
-    speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/jfk.wav"))});
-    TestSupport::spin(3s);
-    ASSERT_TRUE(kwin.pressKeys({"-57", "-56", "-29"}));
-    EXPECT_TRUE(window.waitForText(QStringLiteral("ditado em dvorak"), 30s)) << window.text().toStdString() << log();
-    speech.kill();
-    speech.waitForFinished();
+    ASSERT_NO_FATAL_FAILURE(
+        launch(app, window, "ditado em dvorak", {"hold Ctrl+Alt+Espaço", "pasted through data-control and KWin's fake input"}));
+    ASSERT_NO_FATAL_FAILURE(dictate(app, {"+29", "+56", "+57"}, {"-57", "-56", "-29"})); // Left Control, Left Alt, Space
+    EXPECT_TRUE(window.waitForText("ditado em dvorak", 30s)) << window.text().toStdString() << app.logText();
 }
 
 // The servers whose clipboard Voxaria manages through data-control: sway (wlroots' protocol), KWin
@@ -355,24 +314,18 @@ class DataControl : public ::testing::TestWithParam<ClipboardServer> {
 protected:
     void SetUp() override
     {
-        switch (GetParam()) {
-        case ClipboardServer::sway:
-            if (!HeadlessSway::available())
-                VOXARIA_SKIP(HeadlessSway::unavailableReason());
+        const QString unavailable = GetParam() == ClipboardServer::sway ? HeadlessSway::unavailableReason()
+            : GetParam() == ClipboardServer::kwin                       ? HeadlessKWin::unavailableReason()
+                                                                        : QString();
+        if (!unavailable.isEmpty())
+            VOXARIA_SKIP(unavailable);
+        if (GetParam() == ClipboardServer::sway)
             server = std::make_unique<HeadlessSway>();
-            ASSERT_TRUE(static_cast<HeadlessSway&>(*server).start()) << server->failure().toStdString();
-            break;
-        case ClipboardServer::kwin:
-            if (!HeadlessKWin::available())
-                VOXARIA_SKIP(HeadlessKWin::unavailableReason());
-            server = std::make_unique<HeadlessKWin>(QStringLiteral("us"));
-            ASSERT_TRUE(static_cast<HeadlessKWin&>(*server).start()) << server->failure().toStdString();
-            break;
-        case ClipboardServer::ext:
+        else if (GetParam() == ClipboardServer::kwin)
+            server = std::make_unique<HeadlessKWin>("us");
+        else
             server = std::make_unique<ExtDataControlServer>();
-            ASSERT_TRUE(static_cast<ExtDataControlServer&>(*server).start()) << server->failure().toStdString();
-            break;
-        }
+        ASSERT_TRUE(server->start()) << server->failure().toStdString();
         client = WaylandClient::connect(server->waylandSocket());
         ASSERT_TRUE(client && client->dataControl());
         EXPECT_STREQ(client->dataControlProtocol(), GetParam() == ClipboardServer::ext ? "ext" : "wlr");
@@ -392,23 +345,23 @@ TEST_P(DataControl, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebo
     ASSERT_TRUE(board.isAvailable());
 
     const QByteArray large = pngImage(1200);
-    ASSERT_TRUE(server->copy(large, QStringLiteral("image/png")));
-    EXPECT_EQ(board.types(0), QStringList{QStringLiteral("image/png")});
-    EXPECT_EQ(board.data(0, QStringLiteral("image/png")), large);
+    ASSERT_TRUE(server->copy(large, "image/png"));
+    EXPECT_EQ(board.types(0), QStringList{"image/png"});
+    EXPECT_EQ(board.data(0, "image/png"), large);
     EXPECT_FALSE(board.ownsContents());
 
     Pasteboard::Item item;
-    item.setData(QStringLiteral("text/html"), "<b>olá</b>");
-    item.setData(QStringLiteral("image/png"), large);
+    item.setData("text/html", "<b>olá</b>");
+    item.setData("image/png", large);
     board.writeItems({item});
     EXPECT_TRUE(board.ownsContents());
-    EXPECT_EQ(server->clipboardTypes(), QStringList({QStringLiteral("text/html"), QStringLiteral("image/png")}));
-    EXPECT_EQ(server->paste(QStringLiteral("image/png")), large);
-    EXPECT_EQ(server->paste(QStringLiteral("text/html")), QByteArray("<b>olá</b>"));
+    EXPECT_EQ(server->clipboardTypes(), QStringList({"text/html", "image/png"}));
+    EXPECT_EQ(server->paste("image/png"), large);
+    EXPECT_EQ(server->paste("text/html"), QByteArray("<b>olá</b>"));
 
-    ASSERT_TRUE(server->copy("de outro programa", QStringLiteral("text/plain")));
+    ASSERT_TRUE(server->copy("de outro programa", "text/plain"));
     EXPECT_FALSE(board.ownsContents());
-    EXPECT_EQ(board.data(0, QStringLiteral("text/plain")), QByteArray("de outro programa"));
+    EXPECT_EQ(board.data(0, "text/plain"), QByteArray("de outro programa"));
 }
 
 // Takes the clipboard on a connection of its own, offering `types`, the way another program would,
@@ -442,18 +395,18 @@ TEST_P(DataControl, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesN
     std::optional<QByteArray> pasted;
     keys->onPost = [&](const KeyPoster::KeyEvent&) {
         ticksAtPaste = ticks;
-        pasted = server->paste(QStringLiteral("text/plain"));
+        pasted = server->paste("text/plain");
     };
     QTimer ticker;
     QObject::connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
     ticker.start(20);
-    TextInserter::insert(QStringLiteral("ditado apesar do dono mudo"), {board, keys, {}});
+    TextInserter::insert("ditado apesar do dono mudo", {board, keys, {}});
     ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted.has_value(); }, 10s));
     EXPECT_GT(ticksAtPaste, 40) << "the main thread stood still while the clipboard was saved";
     EXPECT_LT(ticksAtPaste, 125) << "more than one deadline of 1.5 s";
     EXPECT_EQ(pasted, QByteArray("ditado apesar do dono mudo"));
     TestSupport::spin(1s);
-    EXPECT_EQ(server->paste(QStringLiteral("text/plain")), QByteArray("ditado apesar do dono mudo"));
+    EXPECT_EQ(server->paste("text/plain"), QByteArray("ditado apesar do dono mudo"));
     for (int fd : held)
         ::close(fd);
 }
@@ -465,7 +418,7 @@ TEST_P(DataControl, WithAClipboardManagerEveryDictationPastesItsOwnWordsAndTheCl
 {
     QProcess manager;
     manager.setProcessEnvironment(server->clientEnvironment());
-    manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {QStringLiteral("manager")});
+    manager.start(QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), {"manager"});
     ASSERT_TRUE(TestSupport::waitUntil([&] { return manager.canReadLine(); }, 10s)) << "the clipboard manager did not start";
     manager.readLine();
     const auto board = std::make_shared<DataControlPasteboard>(client);
@@ -474,20 +427,20 @@ TEST_P(DataControl, WithAClipboardManagerEveryDictationPastesItsOwnWordsAndTheCl
     // What the focused window would paste at the moment the keys go down.
     keys->onPost = [&](const KeyPoster::KeyEvent& event) {
         if (event.keyDown)
-            pasted = server->paste(QStringLiteral("text/plain;charset=utf-8"));
+            pasted = server->paste("text/plain;charset=utf-8");
     };
     const TextInserter::Target target{board, keys, {50ms, 300ms}};
     for (int run = 1; run <= 20; ++run) {
         SCOPED_TRACE(run);
         const QByteArray before = "antes do ditado " + QByteArray::number(run);
-        ASSERT_TRUE(server->copy(before, QStringLiteral("text/plain;charset=utf-8")));
+        ASSERT_TRUE(server->copy(before, "text/plain;charset=utf-8"));
         pasted.reset();
         const QString dictated = QStringLiteral("ditado número %1").arg(run);
         TextInserter::insert(dictated, target);
         ASSERT_TRUE(TestSupport::waitUntil([&] { return pasted.has_value(); }, 10s));
         EXPECT_EQ(pasted.value_or("").toStdString(), dictated.toStdString());
-        EXPECT_TRUE(TestSupport::waitUntil([&] { return server->paste(QStringLiteral("text/plain;charset=utf-8")) == before; }, 5s))
-            << "the clipboard holds " << server->paste(QStringLiteral("text/plain;charset=utf-8")).value_or("nothing").toStdString();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return server->paste("text/plain;charset=utf-8") == before; }, 5s))
+            << "the clipboard holds " << server->paste("text/plain;charset=utf-8").value_or("nothing").toStdString();
     }
     EXPECT_EQ(manager.readAll().toStdString(), "") << "the clipboard was empty for a moment";
     manager.kill();
@@ -498,9 +451,9 @@ TEST_P(DataControl, WithAClipboardManagerEveryDictationPastesItsOwnWordsAndTheCl
 TEST(CompositorFrontApplication, HyprlandsActiveWindowIsTheFrontApplication)
 {
     QTemporaryDir runtime;
-    QDir(runtime.path()).mkpath(QStringLiteral("hypr/abc"));
+    QDir(runtime.path()).mkpath("hypr/abc");
     QLocalServer hyprland;
-    ASSERT_TRUE(hyprland.listen(runtime.filePath(QStringLiteral("hypr/abc/.socket.sock"))));
+    ASSERT_TRUE(hyprland.listen(runtime.filePath("hypr/abc/.socket.sock")));
     QByteArray answer;
     QObject::connect(&hyprland, &QLocalServer::newConnection, [&] {
         QLocalSocket* client = hyprland.nextPendingConnection();
@@ -511,8 +464,8 @@ TEST(CompositorFrontApplication, HyprlandsActiveWindowIsTheFrontApplication)
         });
     });
     QProcessEnvironment session;
-    session.insert(QStringLiteral("HYPRLAND_INSTANCE_SIGNATURE"), QStringLiteral("abc"));
-    session.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
+    session.insert("HYPRLAND_INSTANCE_SIGNATURE", "abc");
+    session.insert("XDG_RUNTIME_DIR", runtime.path());
     const auto front = CompositorFrontApplication::forSession(session);
     ASSERT_TRUE(front);
 

@@ -15,7 +15,7 @@ int main(int argc, char** argv)
     // Long texts make each write take long enough to be caught half-way.
     const QString paragraph = QStringLiteral("Ditado número %1 com acentuação, aspas \" e barras / para o arquivo. ").repeated(20);
     for (int n = 0;; ++n) {
-        store.add(paragraph.arg(n), QStringLiteral("Editor de texto"));
+        store.add(paragraph.arg(n), "Editor de texto");
         if (n == 0) {
             std::puts("saving");
             std::fflush(stdout);

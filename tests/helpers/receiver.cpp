@@ -34,14 +34,14 @@ void writeAtomically(const QString& path, const QString& text)
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
-    QApplication::setApplicationName(QStringLiteral("receiver"));
+    QApplication::setApplicationName("receiver");
     if (argc != 2)
         return 2; // the output file is its one argument
     const QString output = QString::fromLocal8Bit(argv[1]);
     writeAtomically(output, {});
 
     QPlainTextEdit field;
-    field.setWindowTitle(QStringLiteral("receiver"));
+    field.setWindowTitle("receiver");
     field.resize(480, 240);
     field.move(40, 40);
     QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&] { writeAtomically(output, field.toPlainText()); });

@@ -14,7 +14,7 @@ namespace {
 
 QString configFolder(const QString& root)
 {
-    return root + QStringLiteral("/home/.config");
+    return root + "/home/.config";
 }
 
 bool copyExecutable(const QString& from, const QString& to)
@@ -26,8 +26,8 @@ bool copyExecutable(const QString& from, const QString& to)
 }
 
 AppRun::AppRun(const QString& program)
-    : m_root(QDir::tempPath() + QStringLiteral("/voxaria-run-XXXXXX"))
-    , m_binary(m_root.path() + QStringLiteral("/bin/voxaria"))
+    : m_root(QDir::tempPath() + "/voxaria-run-XXXXXX")
+    , m_binary(m_root.path() + "/bin/voxaria")
 {
     for (const char* folder : {"bin", "home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
         QDir().mkpath(root() + QLatin1Char('/') + QLatin1String(folder));
@@ -45,47 +45,46 @@ AppRun::~AppRun()
 
 QString AppRun::dataFolder() const
 {
-    return root() + QStringLiteral("/home/.local/share/Voxaria");
+    return root() + "/home/.local/share/Voxaria";
 }
 
 QString AppRun::temporaryFolder() const
 {
-    return root() + QStringLiteral("/tmp");
+    return root() + "/tmp";
 }
 
 void AppRun::setSetting(const QString& key, const QVariant& value)
 {
     // The native store of the program's settings domain on Linux: an INI file named after it.
-    QSettings store(configFolder(root()) + QStringLiteral("/app.voxaria.Voxaria.conf"), QSettings::IniFormat);
+    QSettings store(configFolder(root()) + "/app.voxaria.Voxaria.conf", QSettings::IniFormat);
     store.setValue(key, value);
     store.sync();
 }
 
 QVariant AppRun::setting(const QString& key) const
 {
-    QSettings store(configFolder(root()) + QStringLiteral("/app.voxaria.Voxaria.conf"), QSettings::IniFormat);
+    QSettings store(configFolder(root()) + "/app.voxaria.Voxaria.conf", QSettings::IniFormat);
     return store.value(key);
 }
 
 void AppRun::useFakeWhisper(const QString& control)
 {
-    installWhisper(TestSupport::fakesPath(QStringLiteral("whisper-cli")));
-    TestSupport::writeFile(whisperFolder() + QStringLiteral("/whisper-cli.control"), control.toUtf8());
+    installWhisper(TestSupport::fakesPath("whisper-cli"));
+    TestSupport::writeFile(whisperFolder() + "/whisper-cli.control", control.toUtf8());
 }
 
 void AppRun::useWhisperStandIn(const QByteArray& script)
 {
-    const QString path = root() + QStringLiteral("/whisper-cli.script");
+    const QString path = root() + "/whisper-cli.script";
     TestSupport::writeFile(path, script);
     installWhisper(path);
 }
 
 void AppRun::installWhisper(const QString& program)
 {
-    copyExecutable(program, whisperFolder() + QStringLiteral("/whisper-cli"));
+    copyExecutable(program, whisperFolder() + "/whisper-cli");
 
-    TestSupport::writeFile(
-        dataFolder() + QStringLiteral("/models/ggml-large-v3-turbo-q5_0.bin"), "not a real model; the fake does not read it");
+    TestSupport::writeFile(dataFolder() + "/models/ggml-large-v3-turbo-q5_0.bin", "not a real model; the fake does not read it");
 }
 
 QString AppRun::whisperFolder() const
@@ -99,7 +98,7 @@ void AppRun::runAs(uid_t uid, gid_t gid)
     // The harness's PulseAudio answers other users only on the socket it shares with them.
     const QString sharedPulse = qEnvironmentVariable("VOXARIA_HARNESS_PULSE_SERVER");
     if (!sharedPulse.isEmpty())
-        setEnvironment(QStringLiteral("PULSE_SERVER"), sharedPulse);
+        setEnvironment("PULSE_SERVER", sharedPulse);
 }
 
 bool AppRun::start()
@@ -110,19 +109,20 @@ bool AppRun::start()
         TestSupport::startAs(m_process, m_user->first, m_user->second);
     }
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("HOME"), root() + QStringLiteral("/home"));
-    environment.insert(QStringLiteral("XDG_DATA_HOME"), root() + QStringLiteral("/home/.local/share"));
-    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), configFolder(root()));
-    environment.insert(QStringLiteral("XDG_CACHE_HOME"), root() + QStringLiteral("/home/.cache"));
-    environment.insert(QStringLiteral("TMPDIR"), temporaryFolder());
-    environment.insert(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("voxaria.*.debug=true"));
-    environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    environment.insert("HOME", root() + "/home");
+    environment.insert("XDG_DATA_HOME", root() + "/home/.local/share");
+    environment.insert("XDG_CONFIG_HOME", configFolder(root()));
+    environment.insert("XDG_CACHE_HOME", root() + "/home/.cache");
+    environment.insert("TMPDIR", temporaryFolder());
+    environment.insert("QT_LOGGING_RULES", "voxaria.*.debug=true");
+    environment.remove("QT_QPA_PLATFORM");
     environment.insert(m_environment);
     m_process.setProcessEnvironment(environment);
+    const int from = lineCount(); // a run before this one logged the same
     m_process.start(m_binary, {});
     if (!m_process.waitForStarted(5000))
         return false;
-    return waitForLog(QStringLiteral("watching modifier keys"), std::chrono::seconds(10));
+    return waitForLog("watching modifier keys", std::chrono::seconds(10), from);
 }
 
 bool AppRun::waitForExit(std::chrono::milliseconds timeout)
@@ -184,17 +184,16 @@ bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
     if (kind == OnSway::terminal) {
         m_process.setProcessEnvironment(sway.clientEnvironment());
         // Raw and silent: every byte typed or pasted reaches the file as it comes, and only once.
-        m_process.start(QStringLiteral("foot"),
-            {QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("stty -icanon -echo && exec cat > \"$0\""), outputPath()});
-        return sway.waitForFocus(QStringLiteral("foot"));
+        m_process.start("foot", {"sh", "-c", "stty -icanon -echo && exec cat > \"$0\"", outputPath()});
+        return sway.waitForFocus("foot");
     }
-    return start(sway, kind == OnSway::wayland ? QStringLiteral("wayland") : QStringLiteral("xcb"));
+    return start(sway, kind == OnSway::wayland ? "wayland" : "xcb");
 }
 
 bool ReceivingWindow::start(const HeadlessCompositor& compositor, const QString& platform)
 {
     QProcessEnvironment environment = compositor.clientEnvironment();
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), platform);
+    environment.insert("QT_QPA_PLATFORM", platform);
     m_process.setProcessEnvironment(environment);
     return start();
 }
@@ -207,7 +206,7 @@ bool ReceivingWindow::waitUntilReady()
     const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
     // On Wayland the id is no X window's, only the focus counts.
     m_windowId = line.section(QLatin1Char(' '), 1, 1).toULongLong();
-    return line.startsWith(QStringLiteral("ready"));
+    return line.startsWith("ready");
 }
 
 QString ReceivingWindow::text() const
@@ -235,14 +234,14 @@ QString screenshotFolder()
 
 bool screenshot(const QString& fileName)
 {
-    return QProcess::execute(QStringLiteral("import"), {"-window", "root", screenshotFolder() + '/' + fileName}) == 0;
+    return QProcess::execute("import", {"-window", "root", screenshotFolder() + '/' + fileName}) == 0;
 }
 
 // xdotool's answer to a search, waiting with the event loop running.
 static QStringList search(const QStringList& arguments)
 {
     QProcess xdotool;
-    xdotool.start(QStringLiteral("xdotool"), QStringList{"search", "--onlyvisible"} + arguments);
+    xdotool.start("xdotool", QStringList{"search", "--onlyvisible"} + arguments);
     TestSupport::waitUntil([&] { return xdotool.state() == QProcess::NotRunning; }, std::chrono::seconds(10));
     return QString::fromUtf8(xdotool.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
 }
@@ -253,8 +252,7 @@ bool clickTrayIcon()
     QStringList icons = search({"--class", "^voxaria$"});
     for (const QString& topLevel : search({"--maxdepth", "1", "--class", "^voxaria$"}))
         icons.removeAll(topLevel);
-    return !icons.isEmpty()
-        && QProcess::execute(QStringLiteral("xdotool"), {"mousemove", "--window", icons.first(), "8", "8", "click", "1"}) == 0;
+    return !icons.isEmpty() && QProcess::execute("xdotool", {"mousemove", "--window", icons.first(), "8", "8", "click", "1"}) == 0;
 }
 
 bool waitForWindow(const QString& title, std::chrono::milliseconds timeout)

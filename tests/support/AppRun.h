@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include <sys/types.h>
 
@@ -41,7 +42,7 @@ public:
     // The same with a program of the caller's own (e.g. a script that stamps the time) as whisper-cli.
     void useWhisperStandIn(const QByteArray& script);
     // The copy of its input that the fake whisper-cli keeps from its last run.
-    QString whisperInputCopy() const { return whisperFolder() + QStringLiteral("/whisper-cli.lastinput.wav"); }
+    QString whisperInputCopy() const { return whisperFolder() + "/whisper-cli.lastinput.wav"; }
 
     // A variable the program will see, over the harness's own (e.g. to look like another session).
     void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
@@ -61,6 +62,8 @@ public:
     bool waitForLog(const QString& fragment, std::chrono::milliseconds timeout, int fromLine = 0);
     int lineCount() const { return int(m_lines.size()); }
     QStringList log() const { return m_lines; }
+    // The whole log, for a failure message.
+    std::string logText() const { return m_lines.join(QLatin1Char('\n')).toStdString(); }
 
 private:
     void installWhisper(const QString& program);
@@ -90,10 +93,10 @@ public:
     enum class OnSway { wayland, xwayland, terminal };
     bool start(HeadlessSway& sway, OnSway kind);
     // A Qt window of this compositor's session, through this Qt platform ("wayland": native).
-    bool start(const HeadlessCompositor& compositor, const QString& platform = QStringLiteral("wayland"));
+    bool start(const HeadlessCompositor& compositor, const QString& platform = "wayland");
     quint64 windowId() const { return m_windowId; }
     // The file the window rewrites with its whole text after every change.
-    QString outputPath() const { return m_folder.filePath(QStringLiteral("received.txt")); }
+    QString outputPath() const { return m_folder.filePath("received.txt"); }
     QString text() const;
     bool waitForText(const QString& expected, std::chrono::milliseconds timeout);
 

@@ -39,16 +39,15 @@ public:
     {
         // xterm pastes the CLIPBOARD on Control-Shift-V once told to, as terminal users configure it;
         // raw mode hands `cat` every byte at once, without waiting for a newline.
-        const QString idFile = outputPath() + QStringLiteral(".id");
+        const QString idFile = outputPath() + ".id";
         const QString script = QStringLiteral("stty raw -echo; echo $WINDOWID > '%1'; exec cat > '%2'").arg(idFile, outputPath());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+        environment.insert("LC_ALL", "C.UTF-8");
         m_process.setProcessEnvironment(environment);
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral("xterm"),
-            {QStringLiteral("-u8"), QStringLiteral("-geometry"), QStringLiteral("80x10+600+40"), QStringLiteral("-xrm"),
-                QStringLiteral("XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)"), QStringLiteral("-e"),
-                QStringLiteral("sh"), QStringLiteral("-c"), script});
+        m_process.start("xterm",
+            {"-u8", "-geometry", "80x10+600+40", "-xrm",
+                "XTerm*VT100.translations: #override Shift Ctrl <Key>V: insert-selection(CLIPBOARD)", "-e", "sh", "-c", script});
         TestSupport::waitUntil([&] { return (m_windowId = readAll(idFile).trimmed().toULong()) != 0; }, 15s);
     }
     // 0 when xterm did not come up.
@@ -56,7 +55,7 @@ public:
     QByteArray received() const { return readAll(outputPath()); }
 
 private:
-    QString outputPath() const { return m_folder.filePath(QStringLiteral("received")); }
+    QString outputPath() const { return m_folder.filePath("received"); }
 
     QTemporaryDir m_folder;
     Program m_process;
@@ -89,8 +88,7 @@ private:
 inline QByteArray clipboardData(const QString& target)
 {
     Program xclip;
-    xclip.start(QStringLiteral("xclip"),
-        {QStringLiteral("-selection"), QStringLiteral("clipboard"), QStringLiteral("-o"), QStringLiteral("-t"), target});
+    xclip.start("xclip", {"-selection", "clipboard", "-o", "-t", target});
     TestSupport::waitUntil([&] { return xclip.state() == QProcess::NotRunning; }, 10s);
     return xclip.readAllStandardOutput();
 }

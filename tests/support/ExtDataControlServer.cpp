@@ -5,43 +5,39 @@
 using namespace std::chrono_literals;
 
 ExtDataControlServer::ExtDataControlServer()
-    : HeadlessCompositor(QStringLiteral("extdatacontrol"))
+    : HeadlessCompositor("extdatacontrol")
 {
 }
 
 bool ExtDataControlServer::start()
 {
     if (!prepareFolder() || !TestSupport::handOver(folder(), uid(), gid()))
-        return fail(QStringLiteral("cannot prepare the server's folder ") + folder());
+        return fail("cannot prepare the server's folder " + folder());
     QProcessEnvironment environment;
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
+    environment.insert("XDG_RUNTIME_DIR", runtimeFolder());
     m_compositor.setProcessEnvironment(environment);
     TestSupport::startAs(m_compositor, uid(), gid());
-    m_compositor.start(QStringLiteral(VOXARIA_HELPER_extdatacontrolserver), {QStringLiteral("wayland-1")});
+    m_compositor.start(QStringLiteral(VOXARIA_HELPER_extdatacontrolserver), {"wayland-1"});
     const bool up = TestSupport::waitUntil([&] { return m_compositor.state() == QProcess::Running && findWaylandSocket(); }, 10s);
-    return up || fail(QStringLiteral("the ext data-control server did not offer its socket within 10 s"));
+    return up || fail("the ext data-control server did not offer its socket within 10 s");
 }
 
 QProcessEnvironment ExtDataControlServer::sessionVariables() const
 {
-    QProcessEnvironment environment;
-    environment.insert(QStringLiteral("WAYLAND_DISPLAY"), waylandSocket());
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
-    environment.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-    return environment;
+    return waylandSession();
 }
 
 QStringList ExtDataControlServer::copyCommand(const QString& mimeType) const
 {
-    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), QStringLiteral("copy"), mimeType};
+    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), "copy", mimeType};
 }
 
 QStringList ExtDataControlServer::pasteCommand(const QString& mimeType) const
 {
-    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), QStringLiteral("paste"), mimeType};
+    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), "paste", mimeType};
 }
 
 QStringList ExtDataControlServer::typesCommand() const
 {
-    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), QStringLiteral("types")};
+    return {QStringLiteral(VOXARIA_HELPER_datacontrolclipboard), "types"};
 }

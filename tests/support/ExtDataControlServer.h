@@ -10,7 +10,7 @@ public:
     ExtDataControlServer();
 
     // Starts the server and waits until its socket takes clients.
-    bool start();
+    bool start() override;
     QProcessEnvironment sessionVariables() const override;
 
 protected:

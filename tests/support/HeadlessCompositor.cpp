@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QStandardPaths>
 
 #include <filesystem>
 
@@ -31,7 +32,7 @@ std::optional<SessionUser> sessionUser()
     // Inside a user namespace the overflow id may show in /etc/passwd without being mapped to anyone.
     QProcess probe;
     TestSupport::startAs(probe, nobody->pw_uid, nobody->pw_gid);
-    probe.start(QStringLiteral("true"), {});
+    probe.start("true", {});
     if (!probe.waitForFinished(10000) || probe.exitStatus() != QProcess::NormalExit || probe.exitCode() != 0)
         return std::nullopt;
     return SessionUser{nobody->pw_uid, nobody->pw_gid};
@@ -72,7 +73,7 @@ HeadlessCompositor::HeadlessCompositor(const QString& name)
     , m_name(name)
 {
     m_compositor.setProcessChannelMode(QProcess::MergedChannels);
-    m_compositor.setStandardOutputFile(m_folder.filePath(name + QStringLiteral(".log")));
+    m_compositor.setStandardOutputFile(m_folder.filePath(name + ".log"));
 }
 
 HeadlessCompositor::~HeadlessCompositor()
@@ -87,10 +88,39 @@ HeadlessCompositor::~HeadlessCompositor()
     }
 }
 
+QString HeadlessCompositor::unavailableReason(std::initializer_list<const char*> programs)
+{
+    for (const char* program : programs) {
+        if (QStandardPaths::findExecutable(QLatin1String(program)).isEmpty())
+            return QStringLiteral("%1 is not installed (scripts/install-deps.sh installs it)").arg(QLatin1String(program));
+    }
+    return userUnavailableReason();
+}
+
+QProcessEnvironment HeadlessCompositor::compositorEnvironment() const
+{
+    QProcessEnvironment environment;
+    environment.insert("HOME", m_folder.filePath("home"));
+    environment.insert("XDG_RUNTIME_DIR", runtimeFolder());
+    environment.insert("PATH", qEnvironmentVariable("PATH", "/usr/bin:/bin"));
+    environment.insert("LANG", "C.UTF-8");
+    return environment;
+}
+
+QProcessEnvironment HeadlessCompositor::waylandSession(const QString& desktop) const
+{
+    QProcessEnvironment environment;
+    environment.insert("WAYLAND_DISPLAY", waylandSocket());
+    environment.insert("XDG_RUNTIME_DIR", runtimeFolder());
+    environment.insert("XDG_SESSION_TYPE", "wayland");
+    if (!desktop.isEmpty())
+        environment.insert("XDG_CURRENT_DESKTOP", desktop);
+    return environment;
+}
+
 QString HeadlessCompositor::userUnavailableReason()
 {
-    return sessionUser() ? QString()
-                         : QStringLiteral("the compositor refuses to run as root, and no other user (\"nobody\") can be switched to here");
+    return sessionUser() ? QString() : "the compositor refuses to run as root, and no other user (\"nobody\") can be switched to here";
 }
 
 bool HeadlessCompositor::prepareFolder()
@@ -101,19 +131,19 @@ bool HeadlessCompositor::prepareFolder()
     m_uid = user->uid;
     m_gid = user->gid;
     QDir().mkpath(runtimeFolder());
-    QDir().mkpath(m_folder.filePath(QStringLiteral("home")));
+    QDir().mkpath(m_folder.filePath("home"));
     return QFile::setPermissions(runtimeFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)
-        || fail(QStringLiteral("cannot prepare the folder ") + m_folder.path());
+        || fail("cannot prepare the folder " + m_folder.path());
 }
 
 QString HeadlessCompositor::runtimeFolder() const
 {
-    return m_folder.filePath(QStringLiteral("runtime"));
+    return m_folder.filePath("runtime");
 }
 
 QString HeadlessCompositor::log() const
 {
-    QFile file(m_folder.filePath(m_name + QStringLiteral(".log")));
+    QFile file(m_folder.filePath(m_name + ".log"));
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
@@ -125,7 +155,7 @@ bool HeadlessCompositor::fail(const QString& why)
 
 bool HeadlessCompositor::findWaylandSocket()
 {
-    const QStringList found = QDir(runtimeFolder()).entryList({QStringLiteral("wayland-*[0-9]")}, QDir::System | QDir::Files);
+    const QStringList found = QDir(runtimeFolder()).entryList({"wayland-*[0-9]"}, QDir::System | QDir::Files);
     if (!found.isEmpty())
         m_waylandSocket = runtimeFolder() + QLatin1Char('/') + found.first();
     return !found.isEmpty();
@@ -134,7 +164,7 @@ bool HeadlessCompositor::findWaylandSocket()
 QProcessEnvironment HeadlessCompositor::clientEnvironment() const
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    environment.remove("QT_QPA_PLATFORM");
     environment.insert(sessionVariables());
     return environment;
 }
@@ -197,15 +227,15 @@ std::optional<QByteArray> HeadlessCompositor::paste(const QString& mimeType)
 
 QStringList HeadlessCompositor::copyCommand(const QString& mimeType) const
 {
-    return {QStringLiteral("wl-copy"), QStringLiteral("--foreground"), QStringLiteral("-t"), mimeType};
+    return {"wl-copy", "--foreground", "-t", mimeType};
 }
 
 QStringList HeadlessCompositor::pasteCommand(const QString& mimeType) const
 {
-    return {QStringLiteral("wl-paste"), QStringLiteral("-n"), QStringLiteral("-t"), mimeType};
+    return {"wl-paste", "-n", "-t", mimeType};
 }
 
 QStringList HeadlessCompositor::typesCommand() const
 {
-    return {QStringLiteral("wl-paste"), QStringLiteral("-l")};
+    return {"wl-paste", "-l"};
 }

@@ -6,6 +6,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <initializer_list>
 #include <memory>
 #include <optional>
 
@@ -18,6 +19,9 @@
 class HeadlessCompositor {
 public:
     virtual ~HeadlessCompositor();
+
+    // Starts the server and waits until it answers; false with failure() saying why.
+    virtual bool start() = 0;
 
     // Why start() failed, with the compositor's own log.
     QString failure() const { return m_failure; }
@@ -41,8 +45,14 @@ protected:
     // `name` names the folder and the log ("sway", "kwin").
     explicit HeadlessCompositor(const QString& name);
 
-    // Empty when this user can run a compositor here (ourselves, or "nobody" for root).
+    // Empty when these programs are installed and this user can run a compositor here (ourselves,
+    // or "nobody" for root); otherwise why not.
+    static QString unavailableReason(std::initializer_list<const char*> programs);
     static QString userUnavailableReason();
+    // What the compositor itself runs with: its home, runtime folder, PATH and a UTF-8 locale.
+    QProcessEnvironment compositorEnvironment() const;
+    // A Wayland session of this server's, on `desktop` when named (XDG_CURRENT_DESKTOP).
+    QProcessEnvironment waylandSession(const QString& desktop = {}) const;
     // Takes the user and makes the runtime folder and home; false (with the failure) when it cannot.
     bool prepareFolder();
     // A program of this session run to its end (as the session's user when `asSessionUser`); its

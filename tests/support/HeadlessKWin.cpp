@@ -11,15 +11,11 @@ using namespace std::chrono_literals;
 
 QString HeadlessKWin::unavailableReason()
 {
-    for (const char* program : {"kwin_wayland", "dbus-run-session", "dbus-send", "wl-copy", "wl-paste"}) {
-        if (QStandardPaths::findExecutable(QLatin1String(program)).isEmpty())
-            return QStringLiteral("%1 is not installed (scripts/install-deps.sh installs it)").arg(QLatin1String(program));
-    }
-    return userUnavailableReason();
+    return HeadlessCompositor::unavailableReason({"kwin_wayland", "dbus-run-session", "dbus-send", "wl-copy", "wl-paste"});
 }
 
 HeadlessKWin::HeadlessKWin(const QString& keyboardLayout)
-    : HeadlessCompositor(QStringLiteral("kwin"))
+    : HeadlessCompositor("kwin")
     , m_keyboardLayout(keyboardLayout)
 {
 }
@@ -27,7 +23,7 @@ HeadlessKWin::HeadlessKWin(const QString& keyboardLayout)
 HeadlessKWin::~HeadlessKWin()
 {
     // Ending KWin ends the session: dbus-run-session then stops the bus.
-    QFile pidFile(filePath(QStringLiteral("kwin.pid")));
+    QFile pidFile(filePath("kwin.pid"));
     if (m_compositor.state() != QProcess::NotRunning && pidFile.open(QIODevice::ReadOnly)) {
         if (const int pid = pidFile.readAll().trimmed().toInt(); pid > 0)
             ::kill(pid, SIGTERM);
@@ -39,44 +35,40 @@ bool HeadlessKWin::start()
 {
     if (!prepareFolder())
         return false;
-    const QString kwin = filePath(QStringLiteral("kwin_wayland"));
-    const QString keys = filePath(QStringLiteral("fakeinputkeys"));
-    const QString busFile = filePath(QStringLiteral("bus"));
+    const QString kwin = filePath("kwin_wayland");
+    const QString keys = filePath("fakeinputkeys");
+    const QString busFile = filePath("bus");
     const QString layout = m_keyboardLayout.section(QLatin1Char('('), 0, 0);
     const QString variant = m_keyboardLayout.section(QLatin1Char('('), 1).remove(QLatin1Char(')'));
-    if (!QFile::copy(QStandardPaths::findExecutable(QStringLiteral("kwin_wayland")), kwin)
+    if (!QFile::copy(QStandardPaths::findExecutable("kwin_wayland"), kwin)
         || !QFile::copy(QStringLiteral(VOXARIA_HELPER_fakeinputkeys), keys)
-        || !TestSupport::writeFile(filePath(QStringLiteral("home/.config/kxkbrc")),
+        || !TestSupport::writeFile(filePath("home/.config/kxkbrc"),
             QStringLiteral("[Layout]\nLayoutList=%1\nVariantList=%2\nUse=true\n").arg(layout, variant).toUtf8())
         // Plasma shows a tray, this KWin alone does not: the program's window about the missing tray
         // would then take the focus from the window dictated into, as a native Wayland window cannot
         // decline it. A window rule keeps it out of the focus, as the README's no_focus does on sway.
-        || !TestSupport::writeFile(filePath(QStringLiteral("home/.config/kwinrulesrc")),
+        || !TestSupport::writeFile(filePath("home/.config/kwinrulesrc"),
             QStringLiteral("[General]\ncount=1\nrules=1\n\n[1]\nDescription=Voxaria\nwmclass=app.voxaria.Voxaria\nwmclassmatch=1\n"
                            "title=O Voxaria está em execução\ntitlematch=1\nacceptfocus=false\nacceptfocusrule=2\n")
                 .toUtf8())
-        || !installApplication(QStringLiteral("fakeinputkeys.desktop"),
+        || !installApplication("fakeinputkeys.desktop",
             "[Desktop Entry]\nType=Application\nName=fakeinputkeys\nNoDisplay=true\nExec=" + keys.toUtf8()
                 + "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n")
         || !TestSupport::handOver(folder(), uid(), gid()))
-        return fail(QStringLiteral("cannot prepare KWin's folder ") + folder());
+        return fail("cannot prepare KWin's folder " + folder());
 
-    QProcessEnvironment environment;
-    environment.insert(QStringLiteral("HOME"), filePath(QStringLiteral("home")));
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
-    environment.insert(QStringLiteral("XDG_DATA_DIRS"), filePath(QStringLiteral("share")) + QStringLiteral(":/usr/local/share:/usr/share"));
-    environment.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH", QStringLiteral("/usr/bin:/bin")));
-    environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
+    QProcessEnvironment environment = compositorEnvironment();
+    environment.insert("XDG_DATA_DIRS", filePath("share") + ":/usr/local/share:/usr/share");
     m_compositor.setProcessEnvironment(environment);
     TestSupport::startAs(m_compositor, uid(), gid());
     // The bus address is written down for the session's programs, and KWin's process id for the end.
-    m_compositor.start(QStringLiteral("dbus-run-session"),
-        {QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
+    m_compositor.start("dbus-run-session",
+        {"--", "sh", "-c",
             QStringLiteral("echo \"$DBUS_SESSION_BUS_ADDRESS\" > \"$0.new\" && mv \"$0.new\" \"$0\" && echo $$ > \"$1\" && "
                            "exec \"$2\" --virtual --socket wayland-0 --width 1024 --height 768"),
-            busFile, filePath(QStringLiteral("kwin.pid")), kwin});
+            busFile, filePath("kwin.pid"), kwin});
     if (!m_compositor.waitForStarted(10000))
-        return fail(QStringLiteral("dbus-run-session did not start: ") + m_compositor.errorString());
+        return fail("dbus-run-session did not start: " + m_compositor.errorString());
 
     const bool up = TestSupport::waitUntil(
         [&] {
@@ -84,10 +76,9 @@ bool HeadlessKWin::start()
             if (m_busAddress.isEmpty() && bus.open(QIODevice::ReadOnly))
                 m_busAddress = QString::fromUtf8(bus.readAll()).trimmed();
             return m_compositor.state() == QProcess::Running && findWaylandSocket() && !m_busAddress.isEmpty()
-                && run(QStringLiteral("dbus-send"),
-                    {QStringLiteral("--session"), QStringLiteral("--print-reply"), QStringLiteral("--dest=org.freedesktop.DBus"),
-                        QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.NameHasOwner"),
-                        QStringLiteral("string:org.kde.kglobalaccel")},
+                && run("dbus-send",
+                    {"--session", "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.NameHasOwner",
+                        "string:org.kde.kglobalaccel"},
                     true)
                        .value_or(QByteArray())
                        .contains("boolean true");
@@ -101,23 +92,19 @@ bool HeadlessKWin::start()
 
 QProcessEnvironment HeadlessKWin::sessionVariables() const
 {
-    QProcessEnvironment environment;
-    environment.insert(QStringLiteral("WAYLAND_DISPLAY"), waylandSocket());
-    environment.insert(QStringLiteral("DISPLAY"), QString());
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
-    environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_busAddress);
-    environment.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-    environment.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("KDE"));
+    QProcessEnvironment environment = waylandSession("KDE");
+    environment.insert("DISPLAY", QString());
+    environment.insert("DBUS_SESSION_BUS_ADDRESS", m_busAddress);
     return environment;
 }
 
 bool HeadlessKWin::installApplication(const QString& fileName, const QByteArray& desktopEntry)
 {
-    const QString path = filePath(QStringLiteral("share/applications/") + fileName);
-    return TestSupport::writeFile(path, desktopEntry) && TestSupport::handOver(filePath(QStringLiteral("share")), uid(), gid());
+    const QString path = filePath("share/applications/" + fileName);
+    return TestSupport::writeFile(path, desktopEntry) && TestSupport::handOver(filePath("share"), uid(), gid());
 }
 
 bool HeadlessKWin::pressKeys(const QStringList& steps)
 {
-    return run(filePath(QStringLiteral("fakeinputkeys")), steps, true).has_value();
+    return run(filePath("fakeinputkeys"), steps, true).has_value();
 }

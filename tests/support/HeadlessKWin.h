@@ -17,7 +17,7 @@ public:
     ~HeadlessKWin() override;
 
     // Starts KWin and waits until its Wayland socket and kglobalaccel answer.
-    bool start();
+    bool start() override;
     // No DISPLAY: this KWin runs no Xwayland.
     QProcessEnvironment sessionVariables() const override;
 

@@ -6,7 +6,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QStandardPaths>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -31,15 +30,11 @@ QString firstEntry(const QString& folder, const QString& pattern)
 
 QString HeadlessSway::unavailableReason()
 {
-    for (const char* program : {"sway", "Xwayland", "wtype", "wl-copy", "wl-paste", "swaymsg", "xhost", "xdpyinfo"}) {
-        if (QStandardPaths::findExecutable(QLatin1String(program)).isEmpty())
-            return QStringLiteral("%1 is not installed (scripts/install-deps.sh installs it)").arg(QLatin1String(program));
-    }
-    return userUnavailableReason();
+    return HeadlessCompositor::unavailableReason({"sway", "Xwayland", "wtype", "wl-copy", "wl-paste", "swaymsg", "xhost", "xdpyinfo"});
 }
 
 HeadlessSway::HeadlessSway(const QStringList& extraConfig, const QString& dictationKey)
-    : HeadlessCompositor(QStringLiteral("sway"))
+    : HeadlessCompositor("sway")
     , m_extraConfig(extraConfig)
     , m_dictationKey(dictationKey)
 {
@@ -49,43 +44,39 @@ bool HeadlessSway::start()
 {
     if (!prepareFolder())
         return false;
-    const QString displayFile = filePath(QStringLiteral("xdisplay"));
+    const QString displayFile = filePath("xdisplay");
     // A copy the sway user can reach wherever the build lies (a clone under /root, say).
-    const QString voxaria = filePath(QStringLiteral("voxaria"));
+    const QString voxaria = filePath("voxaria");
     // Xwayland lets in only its own user: the test (root) is let in too, and only then is the
     // display written down, so a display in that file answers.
     QStringList config{
-        QStringLiteral("xwayland force"),
+        "xwayland force",
         QStringLiteral("exec sh -c 'xhost +si:localuser:%1 >/dev/null && echo \"$DISPLAY\" > %2.new && mv %2.new %2'")
             .arg(userName(::geteuid()), displayFile),
         QStringLiteral("bindsym --no-repeat %1 exec %2 --press").arg(m_dictationKey, voxaria),
         QStringLiteral("bindsym --release %1 exec %2 --release").arg(m_dictationKey, voxaria),
     };
     config << m_extraConfig;
-    const QString configFile = filePath(QStringLiteral("config"));
+    const QString configFile = filePath("config");
     if (!QFile::copy(QStringLiteral(VOXARIA_APP_BINARY), voxaria)
         || !TestSupport::writeFile(configFile, config.join(QLatin1Char('\n')).toUtf8() + '\n')
         || !TestSupport::handOver(folder(), uid(), gid()))
-        return fail(QStringLiteral("cannot prepare sway's folder ") + folder());
+        return fail("cannot prepare sway's folder " + folder());
 
-    QProcessEnvironment environment;
-    environment.insert(QStringLiteral("HOME"), filePath(QStringLiteral("home")));
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
-    environment.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH", QStringLiteral("/usr/bin:/bin")));
-    environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
-    environment.insert(QStringLiteral("WLR_BACKENDS"), QStringLiteral("headless"));
-    environment.insert(QStringLiteral("WLR_LIBINPUT_NO_DEVICES"), QStringLiteral("1"));
-    environment.insert(QStringLiteral("WLR_RENDERER"), QStringLiteral("pixman"));
+    QProcessEnvironment environment = compositorEnvironment();
+    environment.insert("WLR_BACKENDS", "headless");
+    environment.insert("WLR_LIBINPUT_NO_DEVICES", "1");
+    environment.insert("WLR_RENDERER", "pixman");
     m_compositor.setProcessEnvironment(environment);
     TestSupport::startAs(m_compositor, uid(), gid());
     // Xwayland ends with its compositor; what the bindings started ends on its own.
-    m_compositor.start(QStringLiteral("sway"), {QStringLiteral("-c"), configFile});
+    m_compositor.start("sway", {"-c", configFile});
     if (!m_compositor.waitForStarted(10000))
-        return fail(QStringLiteral("sway did not start: ") + m_compositor.errorString());
+        return fail("sway did not start: " + m_compositor.errorString());
 
     const bool up = TestSupport::waitUntil(
         [&] {
-            m_swaySocket = firstEntry(runtimeFolder(), QStringLiteral("sway-ipc.*.sock"));
+            m_swaySocket = firstEntry(runtimeFolder(), "sway-ipc.*.sock");
             return m_compositor.state() == QProcess::Running && findWaylandSocket() && !m_swaySocket.isEmpty()
                 && QFile::exists(displayFile);
         },
@@ -96,26 +87,22 @@ bool HeadlessSway::start()
     QFile file(displayFile);
     file.open(QIODevice::ReadOnly);
     m_xDisplay = QString::fromUtf8(file.readAll()).trimmed();
-    if (!run(QStringLiteral("xdpyinfo"), {QStringLiteral("-display"), m_xDisplay}))
+    if (!run("xdpyinfo", {"-display", m_xDisplay}))
         return fail(QStringLiteral("Xwayland on display %1 does not answer").arg(m_xDisplay));
     return true;
 }
 
 QProcessEnvironment HeadlessSway::sessionVariables() const
 {
-    QProcessEnvironment environment;
-    environment.insert(QStringLiteral("WAYLAND_DISPLAY"), waylandSocket());
-    environment.insert(QStringLiteral("DISPLAY"), m_xDisplay);
-    environment.insert(QStringLiteral("SWAYSOCK"), m_swaySocket);
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeFolder());
-    environment.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-    environment.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("sway"));
+    QProcessEnvironment environment = waylandSession("sway");
+    environment.insert("DISPLAY", m_xDisplay);
+    environment.insert("SWAYSOCK", m_swaySocket);
     return environment;
 }
 
 bool HeadlessSway::type(const QStringList& wtypeArguments)
 {
-    return run(QStringLiteral("wtype"), wtypeArguments).has_value();
+    return run("wtype", wtypeArguments).has_value();
 }
 
 QString HeadlessSway::focusedApplication()

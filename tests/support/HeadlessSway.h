@@ -15,10 +15,10 @@ public:
     static bool available() { return unavailableReason().isEmpty(); }
 
     // `extraConfig`: more lines of sway configuration, after the dictation key bindings.
-    explicit HeadlessSway(const QStringList& extraConfig = {}, const QString& dictationKey = QStringLiteral("Alt_R"));
+    explicit HeadlessSway(const QStringList& extraConfig = {}, const QString& dictationKey = "Alt_R");
 
     // Starts sway and waits until its Wayland socket, its IPC socket and Xwayland answer.
-    bool start();
+    bool start() override;
 
     QString xDisplay() const { return m_xDisplay; }
     QString swaySocket() const { return m_swaySocket; }

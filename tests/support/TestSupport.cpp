@@ -24,7 +24,7 @@ namespace {
 bool pactl(const QStringList& arguments, QString* output = nullptr)
 {
     QProcess process;
-    process.start(QStringLiteral("pactl"), arguments);
+    process.start("pactl", arguments);
     const bool ok = process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     if (output)
         *output = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
@@ -34,21 +34,21 @@ bool pactl(const QStringList& arguments, QString* output = nullptr)
 
 void isolateUserFolders()
 {
-    static const QTemporaryDir root(QDir::tempPath() + QStringLiteral("/voxaria-test-XXXXXX"));
+    static const QTemporaryDir root(QDir::tempPath() + "/voxaria-test-XXXXXX");
     const QString base = root.path();
     const auto set = [&](const char* variable, const QString& sub) {
         const QString path = base + QLatin1Char('/') + sub;
         QDir().mkpath(path);
         qputenv(variable, path.toUtf8());
     };
-    set("HOME", QStringLiteral("home"));
-    set("XDG_DATA_HOME", QStringLiteral("home/.local/share"));
-    set("XDG_CONFIG_HOME", QStringLiteral("home/.config"));
-    set("XDG_CACHE_HOME", QStringLiteral("home/.cache"));
-    set("TMPDIR", QStringLiteral("tmp"));
+    set("HOME", "home");
+    set("XDG_DATA_HOME", "home/.local/share");
+    set("XDG_CONFIG_HOME", "home/.config");
+    set("XDG_CACHE_HOME", "home/.cache");
+    set("TMPDIR", "tmp");
     // A whisper-cli installed on PATH must not stand in for the one a test took away.
     QStringList path = qEnvironmentVariable("PATH").split(QLatin1Char(':'));
-    path.removeIf([](const QString& folder) { return QFileInfo::exists(folder + QStringLiteral("/whisper-cli")); });
+    path.removeIf([](const QString& folder) { return QFileInfo::exists(folder + "/whisper-cli"); });
     qputenv("PATH", path.join(QLatin1Char(':')).toUtf8());
 }
 
@@ -100,13 +100,13 @@ bool hasX11()
 
 bool hasPulseAudio()
 {
-    return pactl({QStringLiteral("info")});
+    return pactl({"info"});
 }
 
 QString pulseListing(const QStringList& what)
 {
     QString listing;
-    pactl(QStringList{QStringLiteral("list")} + what, &listing);
+    pactl(QStringList{"list"} + what, &listing);
     return listing;
 }
 
@@ -114,7 +114,7 @@ bool playIntoMicrophone(const QString& path)
 {
     QProcess player;
     player.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    player.start(QStringLiteral("paplay"), {QStringLiteral("--latency-msec=20"), path});
+    player.start("paplay", {"--latency-msec=20", path});
     // Keep the event loop alive meanwhile: engines deliver on the main thread.
     return waitUntil([&] { return player.state() == QProcess::NotRunning; }, std::chrono::minutes(1))
         && player.exitStatus() == QProcess::NormalExit && player.exitCode() == 0;
@@ -123,9 +123,7 @@ bool playIntoMicrophone(const QString& path)
 double audioDuration(const QString& path)
 {
     QProcess probe;
-    probe.start(QStringLiteral("ffprobe"),
-        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"), QStringLiteral("format=duration"),
-            QStringLiteral("-of"), QStringLiteral("csv=p=0"), path});
+    probe.start("ffprobe", {"-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", path});
     probe.waitForFinished();
     return probe.readAllStandardOutput().trimmed().toDouble();
 }
@@ -148,7 +146,7 @@ QStringList dictationFiles(const QString& folder)
 {
     const QDir dir(folder.isEmpty() ? QDir::tempPath() : folder);
     QStringList paths;
-    for (const QString& name : dir.entryList({QStringLiteral("voxaria-*")}, QDir::Files))
+    for (const QString& name : dir.entryList({"voxaria-*"}, QDir::Files))
         paths << dir.filePath(name);
     return paths;
 }
@@ -178,16 +176,14 @@ QString EngineAnswers::startFailure(TranscriptionEngine& engine)
     } catch (const Error& error) {
         return error.description();
     }
-    return QStringLiteral("started");
+    return "started";
 }
 
 Headset::Headset()
     : m_source(QStringLiteral("voxaria_headset_%1").arg(QCoreApplication::applicationPid()))
 {
-    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), QStringLiteral("master=voxaria_speaker.monitor"),
-              QStringLiteral("source_name=") + m_source},
-        &m_module);
-    pactl({QStringLiteral("set-default-source"), m_source});
+    pactl({"load-module", "module-remap-source", "master=voxaria_speaker.monitor", "source_name=" + m_source}, &m_module);
+    pactl({"set-default-source", m_source});
     // Qt learns of new sources a moment later; the microphone is picked from its list.
     waitUntil([this] { return isPlugged(); }, std::chrono::seconds(10));
 }
@@ -195,7 +191,7 @@ Headset::Headset()
 Headset::~Headset()
 {
     unplug();
-    pactl({QStringLiteral("set-default-source"), QStringLiteral("voxaria_mic")});
+    pactl({"set-default-source", "voxaria_mic"});
 }
 
 bool Headset::isPlugged() const
@@ -207,19 +203,18 @@ bool Headset::isPlugged() const
 
 bool Headset::unplug()
 {
-    return !m_module.isEmpty() && pactl({QStringLiteral("unload-module"), std::exchange(m_module, QString())});
+    return !m_module.isEmpty() && pactl({"unload-module", std::exchange(m_module, QString())});
 }
 
 bool Headset::fallSilent()
 {
-    return pactl({QStringLiteral("suspend-source"), m_source, QStringLiteral("1")});
+    return pactl({"suspend-source", m_source, "1"});
 }
 
 NoMicrophone::NoMicrophone()
 {
-    for (const QString& line : pulseListing({QStringLiteral("modules"), QStringLiteral("short")}).split(QLatin1Char('\n'))) {
-        if (line.contains(QLatin1String("source_name=voxaria_mic"))
-            && pactl({QStringLiteral("unload-module"), line.section(QLatin1Char('\t'), 0, 0)}))
+    for (const QString& line : pulseListing({"modules", "short"}).split(QLatin1Char('\n'))) {
+        if (line.contains(QLatin1String("source_name=voxaria_mic")) && pactl({"unload-module", line.section(QLatin1Char('\t'), 0, 0)}))
             m_arguments = line.section(QLatin1Char('\t'), 2);
     }
     waitUntil([] { return !InputDevices::anyListed(); });
@@ -227,16 +222,16 @@ NoMicrophone::NoMicrophone()
 
 NoMicrophone::~NoMicrophone()
 {
-    pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), m_arguments});
-    pactl({QStringLiteral("set-default-source"), QStringLiteral("voxaria_mic")});
+    pactl({"load-module", "module-remap-source", m_arguments});
+    pactl({"set-default-source", "voxaria_mic"});
     waitUntil([] { return InputDevices::anyListed(); });
 }
 
 FakeWhisper::FakeWhisper()
-    : m_binary(QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"))
+    : m_binary(QCoreApplication::applicationDirPath() + "/whisper-cli")
 {
     QFile::remove(m_binary);
-    QFile fake(fakesPath(QStringLiteral("whisper-cli")));
+    QFile fake(fakesPath("whisper-cli"));
     fake.open(QIODevice::ReadOnly);
     writeFile(m_binary, fake.readAll(), true);
     script({});
@@ -250,7 +245,7 @@ FakeWhisper::~FakeWhisper()
 
 QStringList FakeWhisper::lastArguments() const
 {
-    QFile file(m_binary + QStringLiteral(".lastargs"));
+    QFile file(m_binary + ".lastargs");
     if (!file.open(QIODevice::ReadOnly))
         return {};
     // One argument a line, each line ended; an empty argument is an empty line.

@@ -133,10 +133,10 @@ public:
     ~FakeWhisper();
     QString binaryPath() const { return m_binary; }
     // Lines of "key=value" the fake obeys (text=, exit=, stderr=, hold=, notxt=1...).
-    void script(const QString& controlLines) { writeFile(m_binary + QStringLiteral(".control"), controlLines.toUtf8()); }
+    void script(const QString& controlLines) { writeFile(m_binary + ".control", controlLines.toUtf8()); }
     // The arguments and the input WAV of the most recent run, as the fake recorded them.
     QStringList lastArguments() const;
-    QString lastInputCopy() const { return m_binary + QStringLiteral(".lastinput.wav"); }
+    QString lastInputCopy() const { return m_binary + ".lastinput.wav"; }
 
 private:
     QString m_binary;
