@@ -15,7 +15,7 @@
 // test that cannot run here goes through this, never through GTEST_SKIP alone.
 #define VOXARIA_SKIP(reason)                                                                                                               \
     do {                                                                                                                                   \
-        const std::string voxariaSkipReason = TestSupport::reasonText(reason);                                                             \
+        const std::string voxariaSkipReason = QString(reason).toStdString();                                                               \
         if (TestSupport::mustRun())                                                                                                        \
             GTEST_FAIL() << "cannot run, and CI=true requires every test to: " << voxariaSkipReason;                                       \
         GTEST_SKIP() << voxariaSkipReason;                                                                                                 \
@@ -31,18 +31,6 @@ namespace TestSupport {
 
 // Whether every test must run here: in CI (CI=true) a test that cannot run is a failure, not a pass.
 bool mustRun();
-inline std::string reasonText(const char* reason)
-{
-    return reason;
-}
-inline std::string reasonText(const std::string& reason)
-{
-    return reason;
-}
-inline std::string reasonText(const QString& reason)
-{
-    return reason.toStdString();
-}
 
 // Points HOME, the XDG folders and TMPDIR at a fresh folder, so no test touches the user's files.
 // Called once by the test main, before the QApplication exists.
