@@ -1,6 +1,7 @@
 #include "App/Permissions.h"
 #include "HistoryFiles.h"
 #include "Platform/Fakes/FakeSessionPlatform.h"
+#include "Platform/Linux/Audio/InputDevices.h"
 #include "Platform/Linux/Desktop/XdgAutostartLoginItem.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Shared/LiveSpeechModel.h"
@@ -70,7 +71,8 @@ TEST(Permissions, TheAlertMarksWhatThisMachineLacks)
         std::optional<Permissions::Needs> needs;
         const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
         Permissions::check(
-            c.locale, [&needs](Permissions::Needs found) { needs = found; }, Permissions::Checks::system(platform));
+            c.locale, [&needs](Permissions::Needs found) { needs = found; },
+            Permissions::Checks::system(platform, &InputDevices::anyListed));
         ASSERT_TRUE(TestSupport::waitUntil([&] { return needs.has_value(); }));
         const Alerts::Alert alert = Permissions::permissionsAlert(*needs, c.locale);
         const auto mark = [&](int i) { return c.marks.mid(i, 1) == "✅" ? QString("✅ concedida") : QString("❌ pendente"); };
@@ -99,15 +101,15 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         std::optional<TestSupport::NoMicrophone> unplugged;
         if (missing)
             unplugged.emplace();
-        Settings::shared().setLocaleIdentifier(missing ? "he-IL" : "pt-BR");
+        const QString language = missing ? "he-IL" : "pt-BR";
         log.clear();
         QList<bool> answers;
         const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };
         const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
-        const Permissions::Checks checks = Permissions::Checks::system(platform);
+        const Permissions::Checks checks = Permissions::Checks::system(platform, &InputDevices::anyListed);
         Permissions::requestMicrophone(record, checks);
-        Permissions::requestSpeechRecognition(record, checks);
-        Permissions::requestAtLaunch(checks);
+        Permissions::requestSpeechRecognition(language, record, checks);
+        Permissions::requestAtLaunch(language, checks);
         TestSupport::waitUntil([&] { return answers.size() == 2 && log.size() == (missing ? 2 : 0); });
         TestSupport::spin(std::chrono::milliseconds(300));
         EXPECT_EQ(answers, QList<bool>(2, !missing));
@@ -129,7 +131,7 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
     FakeSessionPlatform gnome;
     gnome.sessionInfo = {SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome, true};
     for (const auto route : {SessionPlatform::PasteRoute::xwayland, SessionPlatform::PasteRoute::copyOnly}) {
-        gnome.route = route;
+        gnome.words = LinuxPlatform::wordingFor(gnome.sessionInfo, route);
         const QString text = Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(gnome)).informativeText;
         EXPECT_TRUE(text.section("\n\n", 2, 2)
                         .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45"
@@ -141,15 +143,22 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
 // Only a Wayland session where no source sees the key warns at start-up.
 TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
 {
+    FakeSessionPlatform platform;
+    const auto alertOn = [&](SessionInfo session, bool seen) {
+        platform.sessionInfo = session;
+        platform.source.works = seen;
+        platform.words = LinuxPlatform::wordingFor(session, SessionPlatform::PasteRoute::compositor);
+        return Permissions::noKeySourceAlert(platform).value_or(Alerts::Alert{}).informativeText;
+    };
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
-    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false})
-        || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    EXPECT_TRUE(alertOn({SessionInfo::Kind::x11}, false).isEmpty() && alertOn(gnome, true).isEmpty());
     // GNOME 50 has no X11 session to offer; its portal does without the group.
-    const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
+    const QString text = alertOn(gnome, false);
     EXPECT_TRUE(text.contains("grupo input") && text.contains("portal") && !text.contains("sessão X11")) << text.toStdString();
-    const SessionInfo other{SessionInfo::Kind::wayland, SessionInfo::Compositor::other};
-    EXPECT_TRUE(
-        Permissions::noKeySourceAlert(other, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText.contains("sessão X11"));
+    EXPECT_TRUE(alertOn({SessionInfo::Kind::wayland, SessionInfo::Compositor::other}, false).contains("sessão X11"));
+    // KWin pastes through its fake input, which is no virtual keyboard.
+    alertOn({SessionInfo::Kind::wayland, SessionInfo::Compositor::kde}, true);
+    EXPECT_EQ(platform.wording().pasteRoute, "data-control + entrada sintética do KWin");
 }
 
 TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)

@@ -6,14 +6,12 @@
 #include "History/HistoryWindow.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Permissions.h"
-#include "Platform/Alerts.h"
-#include "Platform/LoginItem.h"
+#include "Platform/PlatformServices.h"
 #include "Platform/SessionPlatform.h"
-#include "Platform/SystemTray.h"
-#include "Platform/UrlOpener.h"
-#include "Platform/WindowFocus.h"
 #include "Shared/Preferences/Settings.h"
+#include "StatusMenu.h"
 #include "TrayMissingWindow.h"
+#include "UpdaterManager.h"
 
 #include <QIcon>
 #include <QLockFile>
@@ -24,54 +22,32 @@
 #include <functional>
 #include <memory>
 
-class QAction;
 class QMenu;
 class QSystemTrayIcon;
 
-// The running program: single instance, the tray icon that follows the dictation state, its menu
-// (the program's whole preferences and command surface), and the dictation key wired to the
-// dictation controller.
+// The running program: single instance, the tray icon that follows the dictation state with its
+// menu, the windows and questions the menu leads to, and the dictation key wired to the dictation
+// controller.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
-    // What the menu's actions reach outside the program: the real ones unless a test brings its own.
-    struct Services {
-        std::unique_ptr<Alerts> alerts = Alerts::makeDefault();
-        std::unique_ptr<LoginItem> loginItem = LoginItem::makeDefault();
-        std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault();
-        ModelDownloader* downloader = &ModelDownloader::shared();
-        std::unique_ptr<SystemTray> systemTray = SystemTray::makeDefault();
-        std::unique_ptr<WindowFocus> windowFocus = WindowFocus::makeDefault();
-    };
-
-    // `platform` is the session's, chosen at start-up; it outlives the delegate.
-    explicit AppDelegate(SessionPlatform& platform, QObject* parent = nullptr);
-    AppDelegate(SessionPlatform& platform, Services services, QObject* parent = nullptr);
+    // `platform` is the session's and `services` the desktop's, chosen at start-up; `settings` are
+    // the user's preferences. The platform, the settings and the downloader outlive the delegate.
+    AppDelegate(
+        SessionPlatform& platform, PlatformServices services, Settings& settings, ModelDownloader& downloader, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The whole start-up; false when another copy already runs and this one must leave (main then
     // asks that copy to come forward).
     bool applicationDidFinishLaunching();
 
-    // When whisper-cli is there but no model is, asks whether to download the recommended one, at
-    // every launch until a model is installed. A model that arrives selects the Whisper engine;
-    // `onDownloadEnded` runs after every download it started, whatever the outcome.
-    static void maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded);
+    // The menu the tray icon opens.
+    StatusMenu& statusMenu() { return m_menu; }
+    QMenu* menu() { return m_menu.menu(); }
 
-    // The menu the tray icon opens, as last built from the settings (built on first use).
-    QMenu* menu();
-
-    // The menu's actions. Those with an argument take the chosen item's value (a raw value, a
-    // model file name or a language identifier) and ignore one they do not know.
-    void selectEngine(const QString& rawValue);
-    void selectModel(const QString& fileName);
-    void selectHotkey(const QString& rawValue);
-    void selectLanguage(const QString& identifier);
-    void toggleOnDevice();
-    void toggleSounds();
+    // What the menu's commands open.
     void openHistory();
     void openVideoTranscription();
-    void toggleLaunchAtLogin();
     void openPermissions();
     void checkForUpdates();
     // The help page, in the user's browser.
@@ -99,22 +75,14 @@ private:
     void maybeWarnNoKeySource();
     void maybeWarnNoEngine();
     void prepareLiveEngine();
-    std::unique_ptr<QMenu> buildMenu();
-    void addEngineMenu(QMenu& menu);
-    void addModelMenu(QMenu& menu);
-    void addRemovalItems(QMenu& models);
-    void confirmRemoval(const QString& title, const QString& warning, const std::function<void()>& remove);
-    void addHotkeyMenu(QMenu& menu);
-    void addLanguageMenu(QMenu& menu);
-    void whenChosen(QAction* item, std::function<void()> action);
-    void refreshMenu();
-    // Downloads a model; once it has arrived its engine (Whisper, or the native one for the live
-    // model) is selected, and the menu is refreshed after every outcome.
-    void download(const ModelDownloader::Model& model);
-    std::function<void()> refreshMenuLater();
+    DictationController::Collaborators dictationCollaborators();
 
     SessionPlatform& m_platform;
-    Services m_services;
+    PlatformServices m_services;
+    Settings& m_settings;
+    ModelDownloader& m_downloader;
+    // Made with the delegate, it starts the daily check where the build has a feed.
+    UpdaterManager m_updater;
     Permissions::Checks m_checks;
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
@@ -122,7 +90,7 @@ private:
     // a scaled copy in the pixmap cache under that icon's own key, so a fresh icon per state change
     // left three dead copies behind per dictation, about 8 kB, until the cache's 10 MB were full.
     std::array<QIcon, 3> m_statusIcons;
-    std::unique_ptr<QMenu> m_menu;
+    StatusMenu m_menu;
     HotkeyManager m_hotkeyManager;
     DictationController m_dictation;
     // Built at their first opening, gone with the delegate (before the application).

@@ -1,10 +1,8 @@
 #include "Permissions.h"
 
 #include "Platform/AccessibilityTrust.h"
-#include "Platform/InputDevices.h"
 #include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -34,10 +32,10 @@ void answerOnMainThread(std::function<bool()> lookUp, std::function<void(bool)> 
 
 }
 
-Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform)
+Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform, std::function<bool()> microphoneListed)
 {
     return {
-        &InputDevices::anyListed,
+        std::move(microphoneListed),
         // One model transcribes every language it knows: installed, it serves each of them.
         [](const QString& localeIdentifier) {
             return LiveSpeechModel::transcribes(localeIdentifier) && QFileInfo::exists(LiveSpeechModel::installedPath());
@@ -58,15 +56,13 @@ void Permissions::requestMicrophone(std::function<void(bool)> completion, const 
     answerOnMainThread(checks.inputDeviceListed, std::move(completion));
 }
 
-void Permissions::requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks)
+void Permissions::requestSpeechRecognition(const QString& localeIdentifier, std::function<void(bool)> completion, const Checks& checks)
 {
-    // Read now, on the main thread: the language the user had chosen when asking is the one answered.
-    const QString localeIdentifier = Settings::shared().localeIdentifier();
     answerOnMainThread([nativeModelFound = checks.nativeModelFound, localeIdentifier] { return nativeModelFound(localeIdentifier); },
         std::move(completion));
 }
 
-void Permissions::requestAtLaunch(const Checks& checks)
+void Permissions::requestAtLaunch(const QString& localeIdentifier, const Checks& checks)
 {
     requestMicrophone(
         [](bool granted) {
@@ -75,6 +71,7 @@ void Permissions::requestAtLaunch(const Checks& checks)
         },
         checks);
     requestSpeechRecognition(
+        localeIdentifier,
         [](bool granted) {
             if (!granted)
                 qCWarning(lcApp).noquote() << "Permissão de reconhecimento de fala negada";
@@ -90,19 +87,8 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const Session
     const SessionInfo session = platform.session();
     if (session.kind != SessionInfo::Kind::wayland)
         return std::nullopt;
-    QString pasteRoute = QStringLiteral("X11 (XWayland)");
-    if (platform.pasteRoute() == SessionPlatform::PasteRoute::copyOnly)
-        pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
-    else if (platform.pasteRoute() == SessionPlatform::PasteRoute::compositor)
-        pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
-    QString note;
-    if (session.compositor == SessionInfo::Compositor::gnome)
-        note = platform.onlyCopies()
-            ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
-                             "colar com Ctrl+V.")
-            : QStringLiteral("Na primeira colagem, a cada início do Voxaria, o GNOME pergunta se permite o controle remoto do teclado: "
-                             "permita, pois é assim que o Voxaria cola o texto ditado no aplicativo em uso.");
-    return WaylandUse{session.description(), platform.keySource().description, pasteRoute, note};
+    const SessionPlatform::Wording wording = platform.wording();
+    return WaylandUse{session.description(), platform.keySource().description, wording.pasteRoute, wording.pasteNote};
 }
 
 namespace {
@@ -155,19 +141,17 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
     };
 }
 
-std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource)
+std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionPlatform& platform)
 {
-    if (session.kind != SessionInfo::Kind::wayland || keySource.works)
+    const SessionInfo session = platform.session();
+    if (session.kind != SessionInfo::Kind::wayland || platform.keySource().works)
         return std::nullopt;
     return Alerts::Alert{
         QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
         QStringLiteral("Nesta sessão ") + session.description()
             + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
                              "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo")
-            + (session.compositor == SessionInfo::Compositor::gnome
-                    ? QStringLiteral(". No GNOME 48 ou mais novo, o portal de atalhos globais (xdg-desktop-portal) dispensa o grupo: "
-                                     "com ele, o Voxaria registra um atalho para segurar no lugar da tecla. ")
-                    : QStringLiteral(", ou use uma sessão X11. "))
+            + platform.wording().keySourceRemedy
             + QStringLiteral("No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
         {{QStringLiteral("OK")}},
     };

@@ -24,8 +24,9 @@ struct Checks {
     std::function<bool(const QString& localeIdentifier)> nativeModelFound;
     std::function<bool()> keyboardAccess; // main thread only
 
-    // The machine's answers, the keyboard asked of the session's backends.
-    static Checks system(const SessionPlatform& platform);
+    // The machine's answers: the microphone as `microphoneListed` says, the keyboard asked of the
+    // session's backends.
+    static Checks system(const SessionPlatform& platform, std::function<bool()> microphoneListed);
 };
 
 // The real checks, for the given language identifier (e.g. "pt-BR"), without holding the main
@@ -33,14 +34,14 @@ struct Checks {
 void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks);
 
 // Each reports on the main thread whether the need is met; the looking-up runs off the main thread.
-// Speech recognition is checked for the language chosen in the settings.
+// Speech recognition is checked for the language given (e.g. "pt-BR").
 void requestMicrophone(std::function<void(bool)> completion, const Checks& checks);
-void requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks);
+void requestSpeechRecognition(const QString& localeIdentifier, std::function<void(bool)> completion, const Checks& checks);
 
 // The start-up round: both requests side by side, each missing need logged ("Permissão de
 // microfone negada", "Permissão de reconhecimento de fala negada"), then the keyboard check (logged
 // when pending). Shows nothing and does not wait.
-void requestAtLaunch(const Checks& checks);
+void requestAtLaunch(const QString& localeIdentifier, const Checks& checks);
 
 // On a Wayland session, what stands in for the X11 keyboard access: the source that watches the
 // dictation key, and whether the text is only copied instead of pasted.
@@ -49,7 +50,7 @@ struct WaylandUse {
     QString keySource;
     // How dictated text arrives, e.g. "wlr data-control + teclado virtual".
     QString pasteRoute;
-    // A paragraph of its own about that route, or empty (GNOME: the one-time question, or why copy only).
+    // A paragraph of its own about that route, or empty.
     QString note = {};
 
     // Nothing on an X11 session.
@@ -61,7 +62,7 @@ struct WaylandUse {
 Alerts::Alert permissionsAlert(
     const Needs& needs, const QString& localeIdentifier, const std::optional<WaylandUse>& wayland = std::nullopt);
 // At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
-std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource);
+std::optional<Alerts::Alert> noKeySourceAlert(const SessionPlatform& platform);
 // The help page installed with the program: <prefix>/share/voxaria/help/ajuda.html, the program being in
 // <prefix>/libexec/voxaria (installed) or <prefix>/bin (the build tree).
 QUrl helpPageURL();

@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxServices.h"
 #include "Platform/SessionInfo.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
@@ -44,15 +45,6 @@ void quitOnTerminationSignals(QApplication& app)
     action.sa_flags = SA_RESTART;
     for (int signal : {SIGTERM, SIGINT, SIGHUP})
         sigaction(signal, &action, nullptr);
-}
-
-// Qt prefers Wayland on a Wayland session. Where XWayland is there, Voxaria's windows go through it
-// instead, so the HUD stays an overlay no window manager places or focuses; only keys, clipboard
-// and paste speak Wayland. A user's own QT_QPA_PLATFORM still wins.
-void preferXWaylandForWindows(const SessionInfo& session)
-{
-    if (session.kind == SessionInfo::Kind::wayland && session.hasXDisplay && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "xcb");
 }
 
 void printLine(const QString& line)
@@ -102,7 +94,7 @@ int main(int argc, char** argv)
         printLine(QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland)."));
         return 1;
     }
-    preferXWaylandForWindows(session);
+    LinuxPlatform::preferXWaylandForWindows(session);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));
@@ -112,8 +104,11 @@ int main(int argc, char** argv)
     QApplication::setQuitOnLastWindowClosed(false);
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
-    LinuxPlatform platform(session, [] { return Settings::shared().hotKey(); });
-    AppDelegate delegate(platform);
+    Settings settings(AppPaths::settingsFile());
+    LinuxPlatform platform(session, [&settings] { return settings.hotKey(); });
+    const PlatformServices services = LinuxServices::make();
+    ModelDownloader downloader(services.alerts);
+    AppDelegate delegate(platform, services, settings, downloader);
     if (!delegate.applicationDidFinishLaunching()) {
         bringRunningCopyForward();
         return 0;

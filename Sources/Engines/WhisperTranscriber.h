@@ -1,7 +1,9 @@
 #pragma once
 
+#include "DictationOptions.h"
 #include "Platform/AudioConverter.h"
 #include "Platform/AudioInput.h"
+#include "Platform/PlatformServices.h"
 #include "SpeechGate.h"
 #include "TranscriptionEngine.h"
 #include "WhisperError.h"
@@ -32,8 +34,9 @@ public:
 
     static constexpr int kSampleRate = 16000;
 
-    explicit WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine = AudioInput::makeDefault(),
-        ConverterFactory makeConverter = &AudioConverter::makeDefault, QObject* parent = nullptr);
+    // `waitsOnStandardInput` tells whether whisper-cli still loads its model at the release.
+    WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter,
+        PlatformServices::InputWaitProbe waitsOnStandardInput, DictationOptions options, QObject* parent = nullptr);
     ~WhisperTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;
@@ -47,8 +50,9 @@ public:
 
     // Looked up afresh at every call: the user may install or remove things at any time.
     static std::optional<QString> binaryURL();
-    static std::optional<QString> modelURL();
-    static bool isAvailable();
+    // The model file named `fileName` in the models folder, or else the first model there.
+    static std::optional<QString> modelURL(const QString& fileName);
+    static bool isAvailable(const QString& modelFileName);
     // Where whisper-cli is looked for, in order: beside our own executable, then the system; PATH
     // comes after all of them.
     static QStringList binaryCandidates();
@@ -93,6 +97,8 @@ private:
 
     std::unique_ptr<AudioInput> m_audioEngine;
     ConverterFactory m_makeConverter;
+    const PlatformServices::InputWaitProbe m_waitsOnStandardInput;
+    const DictationOptions m_options;
     std::shared_ptr<Recording> m_audioFile;
     std::optional<QString> m_wavURL;
     QString m_model;
