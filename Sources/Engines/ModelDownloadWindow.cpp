@@ -1,6 +1,6 @@
 #include "ModelDownloadWindow.h"
 
-#include "Shared/SystemFont.h"
+#include "UI/SystemFont.h"
 
 #include <QCloseEvent>
 #include <QGuiApplication>
