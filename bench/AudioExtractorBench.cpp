@@ -1,6 +1,7 @@
 // How fast and how lean turning an hour of AAC into whisper-cli's WAV is, next to the ffmpeg program
 // doing the same conversion on the same file in the same run.
 #include "Media/AudioExtractor.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "ProcessStats.h"
 
 #include <QCoreApplication>
@@ -69,7 +70,8 @@ Run ours(const QString& source, const QString& destination)
     getrusage(RUSAGE_SELF, &start);
     QElapsedTimer timer;
     timer.start();
-    AudioExtractor::extractWAV(source, destination);
+    FFmpegMediaReader reader;
+    AudioExtractor::extractWAV(reader, source, destination);
     Run run;
     run.wallSeconds = double(timer.nsecsElapsed()) / 1e9;
     rusage end{};

@@ -6,6 +6,7 @@
 #include "BenchClock.h"
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
+#include "Platform/Linux/Audio/SoxrAudioConverter.h"
 #include "Shared/Error.h"
 
 #include <QByteArray>
@@ -39,11 +40,11 @@ struct Result {
 };
 
 // Speaks `samples` at key down, holds the key `holdMs`, releases and waits for the answer.
-inline Result dictate(const QByteArray& samples, int holdMs)
+inline Result dictate(const QByteArray& samples, int holdMs, const DictationOptions& options = {})
 {
     auto input = std::make_unique<FakeAudioInput>();
     FakeAudioInput* microphone = input.get();
-    WhisperTranscriber engine(std::move(input));
+    WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, options);
     Result result;
     QEventLoop waiting;
     engine.start(

@@ -1,7 +1,7 @@
 // CPU time to turn one second of 48 kHz stereo float (a typical desktop microphone) into the
 // 16 kHz mono 16-bit that whisper-cli reads, buffer by buffer as a recording does.
 #include "BenchClock.h"
-#include "Platform/AudioConverter.h"
+#include "Platform/Linux/Audio/SoxrAudioConverter.h"
 
 #include <cmath>
 #include <cstdio>
@@ -18,7 +18,7 @@ int main()
         buffer[2 * i] = buffer[2 * i + 1] = 0.3f * float(std::sin(2 * M_PI * 440 * i / kRate));
     const QByteArrayView bytes(reinterpret_cast<const char*>(buffer.data()), qsizetype(buffer.size() * sizeof(float)));
 
-    auto converter = AudioConverter::makeDefault({kRate, 2, AudioFormat::SampleType::float32}, 16000);
+    auto converter = SoxrAudioConverter::make({kRate, 2, AudioFormat::SampleType::float32}, 16000);
     std::vector<qint16> out;
     out.reserve(8192);
     const int buffers = kSeconds * kRate / kFramesPerBuffer;

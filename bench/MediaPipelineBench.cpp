@@ -8,6 +8,7 @@
 #include "BenchClock.h"
 #include "BenchHome.h"
 #include "Media/MediaTranscriber.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -60,7 +61,7 @@ std::pair<double, double> bareRun(const QString& whisper, const QString& wav, co
 Sample runJob(const QString& media, const QString& whisper)
 {
     Sample sample;
-    MediaTranscriber transcriber;
+    MediaTranscriber transcriber([] { return std::make_unique<FFmpegMediaReader>(); }, {});
     qint64 transcribingAt = 0, finishedAt = 0;
     // A real event loop sleeps until the answer comes; a processEvents() spin would take a core
     // from the child on a small machine and be counted as the pipeline's cost.

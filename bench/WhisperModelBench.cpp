@@ -13,7 +13,6 @@
 #include "Engines/WhisperCliFeatures.h"
 #include "Engines/WhisperDevice.h"
 #include "Shared/AppPaths.h"
-#include "Shared/Preferences/Settings.h"
 #include "Shared/ProcessorCores.h"
 #include "Shared/WavWriter.h"
 
@@ -134,7 +133,8 @@ std::array<PathFigures, 2> dictations(const QByteArray& speech, int holdMs)
     for (int run = 0; run < kRuns; ++run) {
         for (const bool readsStdin : {false, true}) {
             installCli(readsStdin);
-            const BenchDictation::Result dictation = BenchDictation::dictate(speech, holdMs);
+            const BenchDictation::Result dictation
+                = BenchDictation::dictate(speech, holdMs, {QStringLiteral("pt-BR"), QStringLiteral("model.bin")});
             const double workMs = whisperWorkMs(dictation.timing);
             if (!dictation.answered || workMs < 0)
                 continue;
@@ -208,8 +208,6 @@ int main(int argc, char** argv)
     QDir().mkpath(AppPaths::modelsFolder());
     // Voxaria's own voice activity options, with the real Silero model in its place.
     QFile::link(kTestModels + QStringLiteral("/for-tests-silero-v6.2.0-ggml.bin"), WhisperCliFeatures::vadModelPath());
-    Settings::shared().setWhisperModelFileName(QStringLiteral("model.bin"));
-    Settings::shared().setLocaleIdentifier(QStringLiteral("pt-BR"));
 
     const QByteArray speech = BenchDictation::speechSamples(QStringLiteral(VOXARIA_TESTDATA_DIR "/speech/jfk.wav"), 10);
     const QString wav = writeWav(home.path() + QStringLiteral("/speech.wav"), speech);

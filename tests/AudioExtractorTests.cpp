@@ -1,6 +1,7 @@
 #include "Media/AudioExtractor.h"
 #include "Media/AudioExtractorError.h"
 #include "Platform/Fakes/FakeMediaReader.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -34,10 +35,8 @@ QString extract(const QString& source, const QString& destination, FakeMediaRead
     quint64 limit = AudioExtractor::maxDataBytes)
 {
     try {
-        if (reader)
-            AudioExtractor::extractWAV(*reader, source, destination, shouldStop, limit);
-        else
-            AudioExtractor::extractWAV(source, destination, shouldStop);
+        FFmpegMediaReader real;
+        AudioExtractor::extractWAV(reader ? static_cast<MediaReader&>(*reader) : real, source, destination, shouldStop, limit);
     } catch (const Error& error) {
         return error.description();
     }

@@ -7,9 +7,8 @@
 #include "Platform/Fakes/FakeFrontApplication.h"
 #include "Platform/Fakes/FakeKeyPoster.h"
 #include "Platform/Fakes/FakePasteboard.h"
-#include "Platform/Fakes/FakeSounds.h"
+#include "Platform/Fakes/FakePlatformServices.h"
 #include "Shared/AppPaths.h"
-#include "Shared/Preferences/Settings.h"
 
 #include "TestSupport.h"
 
@@ -80,7 +79,6 @@ public:
     // A fresh controller over fresh fakes, with nothing recorded yet; the messages go quickly.
     void restart(bool playSounds = true, DictationController::Timing timing = {300ms, 150ms, errorDelay})
     {
-        Settings::shared().setPlaySounds(playSounds);
         HistoryStore::shared().clear();
         controller.reset();
         script = std::make_shared<EngineScript>();
@@ -88,16 +86,15 @@ public:
         states.clear();
         pasteboard = std::make_shared<FakePasteboard>();
         keyPoster = std::make_shared<FakeKeyPoster>();
-        auto fakeSounds = std::make_unique<FakeSounds>();
+        sounds = std::make_shared<FakeSounds>();
         auto fakeTrust = std::make_unique<FakeAccessibilityTrust>();
         auto fakeFront = std::make_unique<FakeFrontApplication>();
-        sounds = fakeSounds.get();
         trust = fakeTrust.get();
         front = fakeFront.get();
         front->name = QStringLiteral("Editor de texto");
         controller = std::make_unique<DictationController>(
             DictationController::Collaborators{[script = script] { return std::make_unique<ScriptedEngine>(script); },
-                std::move(fakeSounds), std::move(fakeTrust), std::move(fakeFront),
+                FeedbackSounds(sounds, [playSounds] { return playSounds; }), std::move(fakeTrust), std::move(fakeFront),
                 [this](const QString& text, std::function<void()> onPasted) {
                     inserted << text;
                     frontQueriesAtInsertion = front->queryCount;
@@ -124,7 +121,7 @@ public:
     }
 
     std::shared_ptr<EngineScript> script;
-    FakeSounds* sounds = nullptr;
+    std::shared_ptr<FakeSounds> sounds;
     FakeAccessibilityTrust* trust = nullptr;
     FakeFrontApplication* front = nullptr;
     QStringList inserted;
@@ -342,23 +339,21 @@ TEST_F(DictationTest, APasteWaitingForGnomesConsentAsksTheUserToAllowIt)
     EXPECT_TRUE(TestSupport::waitUntil([&] { return keyPoster->posted.size() == 2; })) << "the paste goes out all the same";
 }
 
-// The engine follows the "engine" setting and what is installed.
+// The engine follows the chosen one and what is installed.
 TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSilently)
 {
-    const auto madeNative = [] { return dynamic_cast<SpeechTranscriber*>(DictationController::makeEngine().get()) != nullptr; };
+    const PlatformServices services = FakePlatformServices().services();
+    const auto madeNative = [&](TranscriptionEngineKind chosen) {
+        return dynamic_cast<SpeechTranscriber*>(DictationController::makeEngine(chosen, {}, services).get()) != nullptr;
+    };
     TestSupport::FakeWhisper whisper;
-    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
-    EXPECT_TRUE(madeNative()) << "no model installed yet";
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper) << "the fallback leaves the setting alone";
+    EXPECT_TRUE(madeNative(TranscriptionEngineKind::whisper)) << "no model installed yet";
 
     QDir().mkpath(AppPaths::modelsFolder());
     QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
     ASSERT_TRUE(model.open(QIODevice::WriteOnly) && model.write("model") > 0 && model.flush());
-    EXPECT_FALSE(madeNative()) << "Whisper is chosen and installed";
-
-    Settings::shared().setEngine(TranscriptionEngineKind::apple);
-    EXPECT_TRUE(madeNative());
-    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    EXPECT_FALSE(madeNative(TranscriptionEngineKind::whisper)) << "Whisper is chosen and installed";
+    EXPECT_TRUE(madeNative(TranscriptionEngineKind::apple));
     QDir(AppPaths::modelsFolder()).removeRecursively();
 }
 

@@ -2,7 +2,6 @@
 #include "Platform/CombinedKeyMonitor.h"
 #include "Platform/Fakes/FakeKeyMonitor.h"
 #include "Platform/Linux/X11/XInputKeyMonitor.h"
-#include "Shared/Preferences/Settings.h"
 
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
@@ -17,10 +16,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A manager over a given key source, counting its callbacks and keeping the times they gave.
+// A manager over a given key source and `key` as the chosen one, counting its callbacks and keeping
+// the times they gave.
 struct Watched {
     explicit Watched(std::unique_ptr<KeyMonitor> source)
-        : manager(std::move(source))
+        : manager(std::move(source), [this] { return key; })
     {
         manager.onPress = [this](std::optional<KeyEventTime> time) {
             ++presses;
@@ -31,6 +31,7 @@ struct Watched {
             releasedAt = time;
         };
     }
+    HotKey key = HotKey::rightOption;
     HotkeyManager manager;
     int presses = 0;
     int releases = 0;
@@ -55,7 +56,6 @@ protected:
     {
         if (!TestSupport::hasX11())
             VOXARIA_SKIP("needs an X display (run under scripts/with-harness.sh)");
-        Settings::shared().setHotKey(HotKey::rightOption);
         receiver.resize(200, 100);
         receiver.show();
         ASSERT_TRUE(TestSupport::waitUntil([&] { return receiver.isVisible() && receiver.windowHandle()->isExposed(); }));
@@ -86,7 +86,6 @@ protected:
 // and a source that could not watch does not stop the others.
 TEST(Hotkey, AKeyReportedByTwoSourcesCountsOnce)
 {
-    Settings::shared().setHotKey(HotKey::rightOption);
     auto bindings = std::make_unique<FakeKeyMonitor>();
     auto keyboards = std::make_unique<FakeKeyMonitor>();
     FakeKeyMonitor* first = bindings.get();
@@ -123,7 +122,7 @@ TEST_F(HotkeyOnX11, RightAltDictatesLeftAltOnlyKeepsTheFlagAndAChosenKeyCountsAt
 
     send({{rightSuper, true}, {rightSuper, false}});
     EXPECT_EQ(watched->presses, 2) << "right Super is not the chosen key yet";
-    Settings::shared().setHotKey(HotKey::rightCommand);
+    watched->key = HotKey::rightCommand;
     send({{rightSuper, true}, {rightSuper, false}});
     EXPECT_EQ(watched->presses, 3);
     EXPECT_EQ(watched->releases, 3);

@@ -1,9 +1,9 @@
 #include "Engines/SpeechTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
+#include "Platform/Linux/Audio/SoxrAudioConverter.h"
 #include "Platform/Linux/LiveSpeech/LiveSpeechEngine.h"
 #include "Platform/Linux/LiveSpeech/LiveSpeechRecognizer.h"
 #include "Shared/LiveSpeechModel.h"
-#include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -252,12 +252,14 @@ TEST(LiveSpeechLanguages, TheModelsLocalesAreRecognisedAndOthersAreNot)
 // saying so, and nothing crashes either way.
 TEST(LiveSpeechModelFile, AMissingOrDamagedModelIsAMessageNotACrash)
 {
-    Settings::shared().setLocaleIdentifier(QStringLiteral("pt-BR"));
+    const auto live = [] {
+        return SpeechTranscriber(std::make_unique<FakeAudioInput>(), &LiveSpeechRecognizer::forLocale, &SoxrAudioConverter::make, {});
+    };
     const QString installed = LiveSpeechModel::installedPath();
     QFile::remove(installed);
-    EXPECT_EQ(SpeechRecognizer::make(QStringLiteral("pt-BR")), nullptr);
+    EXPECT_EQ(LiveSpeechRecognizer::forLocale(QStringLiteral("pt-BR")), nullptr);
     {
-        SpeechTranscriber engine(std::make_unique<FakeAudioInput>());
+        SpeechTranscriber engine = live();
         EngineAnswers answers;
         EXPECT_TRUE(answers.startFailure(engine).contains(QStringLiteral("pt-BR")));
     }
@@ -272,7 +274,7 @@ TEST(LiveSpeechModelFile, AMissingOrDamagedModelIsAMessageNotACrash)
     for (const auto& [name, bytes] : damages) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(writeFile(installed, bytes));
-        SpeechTranscriber engine(std::make_unique<FakeAudioInput>());
+        SpeechTranscriber engine = live();
         EngineAnswers answers;
         answers.start(engine);
         ASSERT_TRUE(waitUntil([&] { return answers.answered(); }, 20s));
@@ -282,7 +284,7 @@ TEST(LiveSpeechModelFile, AMissingOrDamagedModelIsAMessageNotACrash)
 
     // Installed whole again, it serves the next dictation.
     ASSERT_TRUE(writeFile(installed, model));
-    SpeechTranscriber engine(std::make_unique<FakeAudioInput>());
+    SpeechTranscriber engine = live();
     EngineAnswers answers;
     answers.start(engine);
     engine.finish();

@@ -2,6 +2,7 @@
 #include "LocalHttpServer.h"
 #include "Media/MediaTranscriber.h"
 #include "Media/MediaTranscriberError.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "Shared/AppPaths.h"
 #include "TestSupport.h"
 
@@ -64,7 +65,8 @@ QStringList readLines(const QString& path)
 // One job: its statuses ("text@progress" when there is one) and its answer ("= text", with
 // " + srt" when an SRT came too, or "! " and the error), in the order the owner got them.
 struct MediaJob {
-    std::unique_ptr<MediaTranscriber> transcriber = std::make_unique<MediaTranscriber>();
+    std::unique_ptr<MediaTranscriber> transcriber
+        = std::make_unique<MediaTranscriber>([] { return std::make_unique<FFmpegMediaReader>(); }, QString());
     QStringList events;
     std::optional<MediaTranscriber::Output> output;
     bool onMainThread = true;

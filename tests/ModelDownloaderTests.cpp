@@ -15,6 +15,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QPushButton>
+#include <QTemporaryDir>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -52,7 +53,8 @@ QByteArray contents(const QString& name)
 }
 
 // The downloader against a server of the test's own (the voice activity model in vad/); each test
-// starts with an earlier model installed and selected, the voice activity model, and the native engine.
+// starts with an earlier model and the voice activity model installed. `selected` keeps the Whisper
+// models it reported installed.
 class ModelDownloaderTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
@@ -60,16 +62,22 @@ protected:
     ModelDownloader downloader{std::unique_ptr<Alerts>(alerts),
         {server.baseUrl(), server.baseUrl().resolved(QUrl("vad/")), server.baseUrl().resolved(QUrl("nemotron/"))}};
     QList<bool> completions;
+    QStringList selected;
+    QTemporaryDir scratch;
+    Settings settings{scratch.filePath("settings.conf")};
 
+    ModelDownloaderTest()
+    {
+        QObject::connect(&downloader, &ModelDownloader::whisperModelInstalled, [this](const QString& name) { selected << name; });
+    }
     void SetUp() override
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
         QFile::remove(AppPaths::modelsFolder());
         TestSupport::writeFile(AppPaths::modelsFolder() + "/ggml-base-q5_1.bin", "earlier model");
         TestSupport::writeFile(vad.filePath(), "voice model");
-        Settings::shared().setWhisperModelFileName("ggml-base-q5_1.bin");
-        Settings::shared().setEngine(TranscriptionEngineKind::apple);
         completions.clear();
+        selected.clear();
     }
     void start(const ModelDownloader::Model& model = small)
     {
@@ -110,7 +118,7 @@ TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
         server.release();
         EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
         EXPECT_EQ(contents(small.fileName), kModel);
-        EXPECT_EQ(Settings::shared().whisperModelFileName(), small.fileName);
+        EXPECT_EQ(selected, QStringList{small.fileName});
         EXPECT_EQ(completions, QList<bool>{true});
         server.ranges.clear();
     }
@@ -222,7 +230,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextDownloadWorks)
         EXPECT_TRUE(failingAlerts->shown[0].informativeText.startsWith(c.reason)) << failingAlerts->shown[0].informativeText.toStdString();
         EXPECT_EQ(completions, QList<bool>{false});
         EXPECT_FALSE(small.isDownloaded());
-        EXPECT_EQ(Settings::shared().whisperModelFileName(), "ggml-base-q5_1.bin");
+        EXPECT_TRUE(selected.isEmpty());
         EXPECT_EQ(contents("ggml-base-q5_1.bin"), folderIsAFile ? "(none)" : "earlier model");
 
         QFile::remove(AppPaths::modelsFolder());
@@ -323,7 +331,7 @@ TEST_F(ModelDownloaderTest, BadServersNeverInstallAWrongFileNorLoseAResumableHal
         }
         EXPECT_EQ(ending, "Download não concluído: " + c.reason);
         EXPECT_FALSE(small.isDownloaded());
-        EXPECT_EQ(Settings::shared().whisperModelFileName(), "ggml-base-q5_1.bin");
+        EXPECT_TRUE(selected.isEmpty());
         EXPECT_EQ(QFile::exists(small.partPath()) ? partSize() : -1, c.keptPart);
         server.setRoute(small.fileName, Route{.body = kModel, .etag = c.route.etag});
         start();
@@ -462,7 +470,7 @@ TEST_F(ModelDownloaderTest, TheLiveModelIsAGgufFileOfItsOwnThatSelectsNoWhisperM
     EXPECT_EQ(contents(live.fileName), gguf);
     EXPECT_EQ(completions, (QList<bool>{false, false, true}));
     EXPECT_FALSE(vad.isDownloaded()) << "whisper-cli's voice activity model came along";
-    EXPECT_EQ(Settings::shared().whisperModelFileName(), "ggml-base-q5_1.bin");
+    EXPECT_TRUE(selected.isEmpty());
 }
 
 TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
@@ -474,7 +482,7 @@ TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
     const auto offer = [&](const QString& answer) {
         alerts->answers = QStringList{answer};
         const qsizetype before = alerts->shown.size();
-        AppDelegate::maybeOfferModelDownload(*alerts, downloader, [&] { completions.append(true); });
+        AppDelegate::maybeOfferModelDownload(*alerts, downloader, settings, [&] { completions.append(true); });
         waitForEnd();
         return alerts->shown.size() > before ? alerts->shown[before].messageText + "\n" + alerts->shown[before].informativeText : "";
     };
@@ -484,10 +492,11 @@ TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
           "computador, offline, e tem qualidade de transcrição superior.\n\nO motor nativo (Nemotron, texto ao vivo enquanto você "
           "fala) também precisa de um modelo, que fica no mesmo menu. Outros tamanhos de modelo ficam no menu, em \"Modelo Whisper\".";
 
+    settings.setEngine(TranscriptionEngineKind::apple);
     EXPECT_EQ(offer("Agora não"), offered);
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple);
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple);
     EXPECT_EQ(offer("Baixar agora (190 MB)"), offered);
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper);
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
     EXPECT_EQ(completions, QList<bool>{true}) << "the menu is refreshed once";
     EXPECT_EQ(offer("Baixar agora (190 MB)"), "") << "a model is installed";
     QFile::remove(AppPaths::modelsFolder() + '/' + small.fileName);

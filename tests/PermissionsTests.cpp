@@ -99,15 +99,15 @@ TEST(Permissions, StartUpLogsEachMissingNeed)
         std::optional<TestSupport::NoMicrophone> unplugged;
         if (missing)
             unplugged.emplace();
-        Settings::shared().setLocaleIdentifier(missing ? "he-IL" : "pt-BR");
+        const QString language = missing ? "he-IL" : "pt-BR";
         log.clear();
         QList<bool> answers;
         const auto record = [&answers](bool granted) { answers.append(granted && QThread::currentThread() == qApp->thread()); };
         const LinuxPlatform platform(SessionInfo::current(), [] { return HotKey::rightOption; });
         const Permissions::Checks checks = Permissions::Checks::system(platform);
         Permissions::requestMicrophone(record, checks);
-        Permissions::requestSpeechRecognition(record, checks);
-        Permissions::requestAtLaunch(checks);
+        Permissions::requestSpeechRecognition(language, record, checks);
+        Permissions::requestAtLaunch(language, checks);
         TestSupport::waitUntil([&] { return answers.size() == 2 && log.size() == (missing ? 2 : 0); });
         TestSupport::spin(std::chrono::milliseconds(300));
         EXPECT_EQ(answers, QList<bool>(2, !missing));

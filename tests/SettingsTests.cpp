@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QSettings>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -16,20 +17,19 @@
 
 namespace {
 
-// The raw store behind Settings, as another writer (or an older version) would see it.
-QSettings rawStore()
-{
-    return QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
-}
-
+// Settings on a file of the test's own; rawStore() is that file as another writer (or an older
+// version) would see it.
 class SettingsTest : public ::testing::Test {
 protected:
-    void SetUp() override { rawStore().clear(); }
+    QTemporaryDir scratch;
+    Settings settings{scratch.filePath("settings.conf")};
+    QSettings rawStore() { return QSettings(scratch.filePath("settings.conf"), QSettings::NativeFormat); }
 };
 
 TEST_F(SettingsTest, FreshInstallationReadsTheDefaults)
 {
-    Settings& settings = Settings::shared();
+    EXPECT_EQ(AppPaths::settingsFile(), QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId()).fileName())
+        << "the user's preferences stay in the file earlier versions wrote";
     EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
     EXPECT_EQ(settings.whisperModelFileName(), "ggml-large-v3-turbo-q5_0.bin");
     EXPECT_EQ(settings.hotKey(), HotKey::rightOption);
@@ -40,7 +40,6 @@ TEST_F(SettingsTest, FreshInstallationReadsTheDefaults)
 
 TEST_F(SettingsTest, WritesAreReadBackAtOnceAndStoredAsRawValuesAndBooleansAreTrueOnlyWhenAbsent)
 {
-    Settings& settings = Settings::shared();
     settings.setEngine(TranscriptionEngineKind::apple);
     settings.setHotKey(HotKey::fn);
     settings.setPlaySounds(false);
@@ -59,17 +58,17 @@ TEST_F(SettingsTest, WritesAreReadBackAtOnceAndStoredAsRawValuesAndBooleansAreTr
 
 TEST_F(SettingsTest, AFileEditedByHandIsReadAsItStandsAndRawValuesMatchExactly)
 {
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper);
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
     QFile file(rawStore().fileName());
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write("[General]\nengine=apple\nhotKey=RightCommand\nlocaleIdentifier=ja-JP\n");
     file.close();
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple) << "the file was not read again";
-    EXPECT_EQ(Settings::shared().hotKey(), HotKey::rightOption);
-    EXPECT_EQ(Settings::shared().localeIdentifier(), "ja-JP") << "unknown languages are returned unchanged";
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple) << "the file was not read again";
+    EXPECT_EQ(settings.hotKey(), HotKey::rightOption);
+    EXPECT_EQ(settings.localeIdentifier(), "ja-JP") << "unknown languages are returned unchanged";
     for (const char* engine : {"Apple", "native"}) {
         rawStore().setValue("engine", engine);
-        EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper) << engine;
+        EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper) << engine;
     }
 }
 
@@ -77,7 +76,7 @@ TEST_F(SettingsTest, AFileEditedByHandIsReadAsItStandsAndRawValuesMatchExactly)
 // file keeps what it held.
 TEST_F(SettingsTest, AWriteThatFailsIsReportedAndLeavesTheFileAsItWas)
 {
-    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    settings.setEngine(TranscriptionEngineKind::whisper);
     const QString file = rawStore().fileName();
     const QString folder = QFileInfo(file).absolutePath();
     const auto immutable = [&](bool on) { return QProcess::execute("chattr", {on ? "+i" : "-i", folder, file}) == 0; };
@@ -89,7 +88,7 @@ TEST_F(SettingsTest, AWriteThatFailsIsReportedAndLeavesTheFileAsItWas)
         if (type == QtWarningMsg && QLatin1String(context.category) == QLatin1String("voxaria.settings"))
             settingsWarnings << message;
     });
-    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    settings.setEngine(TranscriptionEngineKind::apple);
     qInstallMessageHandler(nullptr);
     immutable(false);
     EXPECT_EQ(settingsWarnings.size(), 1);
@@ -101,7 +100,7 @@ TEST_F(SettingsTest, AWriteThatFailsIsReportedAndLeavesTheFileAsItWas)
 TEST_F(SettingsTest, ThreadsReadingWhileOthersWriteSeeOnlyWrittenValues)
 {
     const QStringList written{"en-US", "fr-FR"};
-    Settings::shared().setLocaleIdentifier(written.first());
+    settings.setLocaleIdentifier(written.first());
     std::atomic<int> strangeReads = 0;
     constexpr int writers = 2;
     std::atomic<int> writersLeft = writers;
@@ -110,11 +109,11 @@ TEST_F(SettingsTest, ThreadsReadingWhileOthersWriteSeeOnlyWrittenValues)
         threads.emplace_back([&, thread] {
             if (thread < writers) {
                 for (int round = 0; round < 50; ++round)
-                    Settings::shared().setLocaleIdentifier(written[(round + thread) % 2]);
+                    settings.setLocaleIdentifier(written[(round + thread) % 2]);
                 --writersLeft;
             }
             while (writersLeft > 0) {
-                if (!written.contains(Settings::shared().localeIdentifier()))
+                if (!written.contains(settings.localeIdentifier()))
                     ++strangeReads;
             }
         });

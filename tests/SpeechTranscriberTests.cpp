@@ -1,7 +1,7 @@
 #include "Engines/SpeechTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Fakes/FakeSpeechRecognizer.h"
-#include "Shared/Preferences/Settings.h"
+#include "Platform/Linux/Audio/SoxrAudioConverter.h"
 #include "TestSupport.h"
 
 #include <QElapsedTimer>
@@ -17,8 +17,6 @@ namespace {
 // measures the real one.
 class SpeechTranscriberTest : public ::testing::Test {
 protected:
-    void SetUp() override { Settings::shared().setLocaleIdentifier(QStringLiteral("en-US")); }
-
     std::unique_ptr<SpeechTranscriber> makeEngine(std::chrono::milliseconds finalDelay = 300ms)
     {
         auto input = std::make_unique<FakeAudioInput>();
@@ -29,7 +27,7 @@ protected:
                 askedLocales << locale;
                 return recognizer;
             },
-            &AudioConverter::makeDefault, finalDelay);
+            &SoxrAudioConverter::make, options, finalDelay);
     }
 
     // A new engine already dictating, with nothing answered yet.
@@ -42,6 +40,7 @@ protected:
     }
 
     std::shared_ptr<FakeSpeechRecognizer> recognizer = std::make_shared<FakeSpeechRecognizer>();
+    DictationOptions options{QStringLiteral("en-US")};
     QStringList askedLocales;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
@@ -152,7 +151,7 @@ TEST_F(SpeechTranscriberTest, CancelOrDestructionSilencesEverythingStillOnItsWay
 // followed by a dictation that works is met end to end.)
 TEST_F(SpeechTranscriberTest, AnEmptyLanguageIsRefusedAtOnceLeavingNothingPending)
 {
-    Settings::shared().setLocaleIdentifier(QString());
+    options.localeIdentifier.clear();
     recognizer = nullptr;
     auto engine = makeEngine();
     EXPECT_EQ(answers.startFailure(*engine),

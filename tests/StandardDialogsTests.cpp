@@ -1,8 +1,8 @@
 // Qt's own dialogs and menus as the program opens them (the open and save dialogs, the question
 // before a file is replaced, the alerts, the text fields' context menus), with Qt's Portuguese
 // translations installed as at start-up: none may show a word of Qt's English.
-#include "Platform/Alerts.h"
-#include "Platform/FileDialogs.h"
+#include "Platform/Linux/Desktop/MessageBoxAlerts.h"
+#include "Platform/Linux/Desktop/QtFileDialogs.h"
 #include "Shared/QtTranslations.h"
 #include "TestSupport.h"
 
@@ -130,7 +130,7 @@ TEST_F(StandardDialogsTest, OpenAndSaveDialogsSpeakPortugueseShowShortFiltersAnd
     const QString folder = QDir::homePath() + "/Vídeos/aula", video = folder + "/aula.mp4", notes = folder + "/notas.txt";
     writeFile(video, "mp4");
     writeFile(notes, "texto antigo");
-    const std::unique_ptr<FileDialogs> dialogs = FileDialogs::makeDefault();
+    const std::unique_ptr<FileDialogs> dialogs = std::make_unique<QtFileDialogs>();
     const FileDialogs::Filter media{"Vídeo ou áudio", {"video/*", "audio/*"}}, text{"Texto", {"text/plain"}};
 
     QStringList seen, choices;
@@ -189,7 +189,7 @@ TEST_F(StandardDialogsTest, OpenAndSaveDialogsSpeakPortugueseShowShortFiltersAnd
 
 TEST_F(StandardDialogsTest, AlertsAndTextFieldMenusSpeakPortuguese)
 {
-    const std::unique_ptr<Alerts> alerts = Alerts::makeDefault();
+    const std::unique_ptr<Alerts> alerts = std::make_unique<MessageBoxAlerts>();
     QStringList seen;
     for (const Alerts::Alert& alert : {Alerts::Alert{"Whisper indisponível", "O whisper-cli não foi encontrado.", {}},
              Alerts::Alert{"Remover?", "O arquivo é apagado do disco.",

@@ -6,10 +6,9 @@
 #include "AppRun.h"
 #include "LocalHttpServer.h"
 #include "ModelFiles.h"
-#include "Platform/Fakes/FakeAlerts.h"
+#include "Platform/Fakes/FakePlatformServices.h"
 #include "Platform/Fakes/FakeSessionPlatform.h"
-#include "Platform/Fakes/FakeSystemTray.h"
-#include "Platform/Fakes/FakeUrlOpener.h"
+#include "Platform/Linux/X11/X11WindowFocus.h"
 #include "Shared/AppPaths.h"
 #include "Shared/LiveSpeechModel.h"
 #include "TestSupport.h"
@@ -21,6 +20,7 @@
 #include <QProcess>
 #include <QPushButton>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -29,14 +29,6 @@ namespace {
 
 const QString kSmall = "ggml-small-q5_1.bin", kBase = "ggml-base-q5_1.bin";
 QStringList warnings;
-
-struct FakeLoginItem final : LoginItem {
-    Status current = Status::notRegistered;
-    std::optional<QString> failure;
-    Status status() override { return current; }
-    std::optional<QString> registerItem() override { return failure ? failure : (current = Status::enabled, std::nullopt); }
-    std::optional<QString> unregisterItem() override { return failure ? failure : (current = Status::notRegistered, std::nullopt); }
-};
 
 // The menu as the user reads it: one line per item, "✓" before a marked one, the shortcut and the
 // tooltip after it, submenus indented, "--" for a separator.
@@ -58,24 +50,26 @@ QString describe(const QMenu& menu, const QString& indent = {})
 class StatusMenuTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
-    FakeAlerts* alerts = new FakeAlerts;
-    FakeLoginItem* loginItem = new FakeLoginItem;
-    FakeUrlOpener* urlOpener = new FakeUrlOpener;
-    FakeSystemTray* tray = new FakeSystemTray;
-    ModelDownloader downloader{std::make_unique<FakeAlerts>(), {server.baseUrl(), server.baseUrl(), server.baseUrl()}};
+    FakePlatformServices fakes;
+    FakeAlerts* alerts = fakes.alerts.get();
+    FakeLoginItem* loginItem = fakes.loginItem.get();
+    FakeUrlOpener* urlOpener = fakes.urlOpener.get();
+    FakeSystemTray* tray = fakes.systemTray.get();
+    ModelDownloader downloader{std::make_shared<FakeAlerts>(), {server.baseUrl(), server.baseUrl(), server.baseUrl()}};
     FakeSessionPlatform platform;
+    QTemporaryDir scratch;
+    Settings settings{scratch.filePath("settings.conf")};
     std::unique_ptr<AppDelegate> app;
     const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";
 
     void SetUp() override
     {
-        QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId()).clear();
         QDir(AppPaths::modelsFolder()).removeRecursively();
         QFile::remove(whisperCli);
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
-        app = std::make_unique<AppDelegate>(platform,
-            AppDelegate::Services{std::unique_ptr<Alerts>(alerts), std::unique_ptr<LoginItem>(loginItem),
-                std::unique_ptr<UrlOpener>(urlOpener), &downloader, std::unique_ptr<SystemTray>(tray)});
+        PlatformServices services = fakes.services();
+        services.windowFocus = std::make_shared<X11WindowFocus>(); // the focus is checked on the real X server
+        app = std::make_unique<AppDelegate>(platform, services, settings, downloader);
     }
     void TearDown() override { qInstallMessageHandler(nullptr); }
 
@@ -84,7 +78,7 @@ protected:
         ASSERT_TRUE(TestSupport::writeFile(whisperCli, "#!/bin/sh\n", true));
         for (const QString& model : models)
             ASSERT_TRUE(TestSupport::writeFile(AppPaths::modelsFolder() + '/' + model, "lmgg"));
-        QSettings store(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
+        QSettings store(scratch.filePath("settings.conf"), QSettings::NativeFormat);
         for (const auto& [key, value] : stored)
             store.setValue(key, value);
     }
@@ -151,12 +145,12 @@ TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
     app->selectModel(kSmall);
     app->selectModel(kBase + "-x");
     EXPECT_TRUE(marks().value(1).startsWith("  ✓ Equilibrado — small (190 MB) {")) << marks().join('\n').toStdString();
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::whisper);
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
 }
 
 TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownloadSelectsWhisper)
 {
-    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    settings.setEngine(TranscriptionEngineKind::apple);
     app->selectEngine("whisper");
     EXPECT_EQ(lastAlert(),
         "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
@@ -173,7 +167,7 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
     app->selectModel(kSmall);
     EXPECT_EQ(alerts->shown.size(), 2) << "nothing is asked while a download runs";
     downloader.cancelTapped();
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple) << "a cancelled download changes no engine";
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple) << "a cancelled download changes no engine";
 
     server.setRoute(kSmall, {.body = model});
     alerts->answers = QStringList{"Baixar agora (190 MB)"};
@@ -188,7 +182,7 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
 
 TEST_F(StatusMenuTest, ARefusedOrCancelledChoiceLeavesTheMarksAsTheyWere)
 {
-    Settings::shared().setEngine(TranscriptionEngineKind::apple);
+    settings.setEngine(TranscriptionEngineKind::apple);
     const QStringList before = marks();
     EXPECT_EQ(before.first(), "  ✓ Nemotron (nativo, tempo real)");
     for (const auto& [title, answer] : {std::pair{"Whisper (melhor qualidade) — indisponível", "OK"},
@@ -209,17 +203,16 @@ TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovabl
     EXPECT_EQ(lastAlert(), offer);
     click("Nemotron (nativo, tempo real)", "Baixar agora (473 MB)");
     EXPECT_EQ(lastAlert(), offer);
-    ASSERT_TRUE(
-        TestSupport::waitUntil([&] { return Settings::shared().engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return settings.engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
     ASSERT_TRUE(TestSupport::waitUntil([&] { return marks().join('|').contains("✓ Texto ao vivo"); })) << "the menu was not rebuilt";
     EXPECT_EQ(marks().mid(0, 3),
         (QStringList{"  ✓ Nemotron (nativo, tempo real)", "  ✓ Equilibrado — small (190 MB) {recomendado para a maioria dos computadores}",
             "  ✓ Texto ao vivo — Nemotron (473 MB) {motor nativo: o texto aparece enquanto você fala}"}))
         << "the Whisper model stays the selected one";
 
-    Settings::shared().setEngine(TranscriptionEngineKind::whisper);
+    settings.setEngine(TranscriptionEngineKind::whisper);
     app->selectEngine("apple");
-    EXPECT_EQ(Settings::shared().engine(), TranscriptionEngineKind::apple) << "with its model the engine is chosen at once";
+    EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple) << "with its model the engine is chosen at once";
     const QStringList removals = click("Remover Nemotron (2 MB)", "Remover").filter("Remover");
     EXPECT_FALSE(QFile::exists(LiveSpeechModel::installedPath()));
     EXPECT_EQ(removals, QStringList{"  Remover small (0 MB)"});

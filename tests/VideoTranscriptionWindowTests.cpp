@@ -10,9 +10,9 @@
 #include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Fakes/FakeFileDialogs.h"
 #include "Platform/Fakes/FakeSounds.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 #include "Shared/AppPaths.h"
-#include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
@@ -66,7 +66,8 @@ protected:
     LocalHttpServer server;
     FakeAlerts* alerts = new FakeAlerts;
     FakeFileDialogs* dialogs = new FakeFileDialogs;
-    FakeSounds* sounds = new FakeSounds;
+    std::shared_ptr<FakeSounds> sounds = std::make_shared<FakeSounds>();
+    bool playSounds = true, ytDlpUpdateDeclined = false;
     std::unique_ptr<VideoTranscriptionWindow> view;
     QString systemYtDlp; // the system's copy, when a test gives one
 
@@ -75,15 +76,16 @@ protected:
         if (!hasX11())
             VOXARIA_SKIP("needs the headless desktop (run under scripts/with-harness.sh)");
         writeFile(AppPaths::modelsFolder() + "/ggml-small-q5_1.bin", "ggml");
-        Settings::shared().setPlaySounds(true);
-        view = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{std::unique_ptr<Alerts>(alerts),
-            std::unique_ptr<FileDialogs>(dialogs), std::unique_ptr<Sounds>(sounds), std::make_shared<X11ClipboardPasteboard>(),
-            // Debian's yt-dlp does not count here: only the copy the window installs, or the test's.
-            [this] {
-                const QString installed = YtDlpManager::installedPath();
-                return QFileInfo(installed).isExecutable() ? installed : systemYtDlp.isEmpty() ? std::optional<QString>() : systemYtDlp;
-            },
-            server.baseUrl().resolved(QUrl("yt-dlp"))});
+        view = std::make_unique<VideoTranscriptionWindow>(
+            VideoTranscriptionWindow::Services{std::shared_ptr<Alerts>(alerts), std::shared_ptr<FileDialogs>(dialogs),
+                FeedbackSounds(sounds, [this] { return playSounds; }), std::make_shared<X11ClipboardPasteboard>(),
+                // Debian's yt-dlp does not count here: only the copy the window installs, or the test's.
+                [this] {
+                    const QString installed = YtDlpManager::installedPath();
+                    return QFileInfo(installed).isExecutable() ? installed : systemYtDlp.isEmpty() ? std::optional<QString>() : systemYtDlp;
+                },
+                server.baseUrl().resolved(QUrl("yt-dlp")), [] { return std::make_unique<FFmpegMediaReader>(); }, [] { return QString(); },
+                {[this] { return ytDlpUpdateDeclined; }, [this](const bool& declined) { ytDlpUpdateDeclined = declined; }}});
         view->show();
         ASSERT_TRUE(QTest::qWaitForWindowActive(view->window()));
     }
@@ -230,7 +232,7 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLink
     const QByteArray fakeYtDlp = DesktopApps::readAll(fakesPath("yt-dlp"));
     writeFile(YtDlpManager::installedPath() + ".control", ("source=" + speechVideo()).toUtf8());
     whisper.script("text=baixado pelo yt-dlp novo\nnosrt=1");
-    Settings::shared().setPlaySounds(false);
+    playSounds = false;
     const QString link = "https://videos.exemplo/v/1";
 
     server.setRoute("yt-dlp", {.body = fakeYtDlp, .holdAt = fakeYtDlp.size() / 2});
@@ -269,7 +271,6 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferedYtDlpCanBeStoppedOrFetchesTheLink
 // that fails because the site changed offers the current copy again, and taking it runs the link.
 TEST_F(VideoTranscriptionWindowTest, TheOfferOfACurrentYtDlpComesBackUntilDeclinedAndWhenTheSiteChanged)
 {
-    Settings::shared().setYtDlpUpdateDeclined(false);
     QFile::remove(YtDlpManager::installedPath());
     systemYtDlp = scratch("sistema/yt-dlp");
     QDir().mkpath(scratch("sistema"));
@@ -303,7 +304,7 @@ TEST_F(VideoTranscriptionWindowTest, TheOfferOfACurrentYtDlpComesBackUntilDeclin
         EXPECT_TRUE(waitUntil([&] { return status() == r.outcome && state() == kIdle; }, 120s)) << status().toStdString();
         EXPECT_EQ(alerts->shown.size(), r.offers);
     }
-    EXPECT_TRUE(Settings::shared().ytDlpUpdateDeclined());
+    EXPECT_TRUE(ytDlpUpdateDeclined);
     EXPECT_EQ(alerts->shown.value(1).messageText, "Atualizar o yt-dlp?");
     EXPECT_EQ(alerts->shown.value(1).informativeText,
         "O yt-dlp do sistema é de 04/03/2023 e pode não funcionar com os sites de hoje. Baixar uma versão atual para o Voxaria?");

@@ -7,11 +7,11 @@
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Fakes/FakeFrontApplication.h"
-#include "Platform/Fakes/FakeSounds.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
+#include "Platform/Linux/Audio/SoxrAudioConverter.h"
+#include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "Shared/AppPaths.h"
-#include "Shared/Preferences/Settings.h"
 #include "Shared/ProcessorCores.h"
 #include "TestSupport.h"
 
@@ -21,7 +21,6 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QSettings>
 #include <QWidget>
 
 #include <gtest/gtest.h>
@@ -64,7 +63,6 @@ protected:
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
         installModel(QStringLiteral("ggml-large-v3-turbo-q5_0.bin"));
-        QSettings(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId()).clear();
         for (const QString& leftover : dictationFiles())
             QFile::remove(leftover);
     }
@@ -75,7 +73,7 @@ protected:
         auto input = std::make_unique<FakeAudioInput>();
         input->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};
         microphone = input.get();
-        return std::make_unique<WhisperTranscriber>(std::move(input));
+        return std::make_unique<WhisperTranscriber>(std::move(input), &SoxrAudioConverter::make, options);
     }
 
     // The command line of the whisper-cli started for a dictation, while it runs.
@@ -153,6 +151,7 @@ protected:
     }
 
     FakeWhisper whisper;
+    DictationOptions options{QStringLiteral("pt-BR"), QStringLiteral("ggml-large-v3-turbo-q5_0.bin")};
     bool olderWhisper = false;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
@@ -160,11 +159,10 @@ protected:
 
 TEST_F(WhisperTranscriberTest, ModelIsTheSelectedFileElseTheFirstLargeElseTheFirstBin)
 {
-    EXPECT_EQ(WhisperTranscriber::modelURL(), modelPath("ggml-large-v3-turbo-q5_0.bin"));
+    EXPECT_EQ(WhisperTranscriber::modelURL("ggml-large-v3-turbo-q5_0.bin"), modelPath("ggml-large-v3-turbo-q5_0.bin"));
 
-    Settings::shared().setWhisperModelFileName("ggml-medium.bin");
     installModel("ggml-base-q5_1.bin");
-    EXPECT_EQ(WhisperTranscriber::modelURL(), modelPath("ggml-large-v3-turbo-q5_0.bin"));
+    EXPECT_EQ(WhisperTranscriber::modelURL("ggml-medium.bin"), modelPath("ggml-large-v3-turbo-q5_0.bin"));
 
     QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
     QFile::remove(modelPath("ggml-base-q5_1.bin"));
@@ -172,10 +170,10 @@ TEST_F(WhisperTranscriberTest, ModelIsTheSelectedFileElseTheFirstLargeElseTheFir
     installModel("LEIA-ME.txt");
     installModel("ggml-LARGE.bin.part");
     installModel("ggml-silero-v6.2.0.bin"); // the voice activity model
-    EXPECT_EQ(WhisperTranscriber::modelURL(), modelPath("ggml-small-q5_1.bin"));
+    EXPECT_EQ(WhisperTranscriber::modelURL("ggml-medium.bin"), modelPath("ggml-small-q5_1.bin"));
 
     QFile::remove(modelPath("ggml-small-q5_1.bin"));
-    EXPECT_EQ(WhisperTranscriber::modelURL(), std::nullopt);
+    EXPECT_EQ(WhisperTranscriber::modelURL("ggml-medium.bin"), std::nullopt);
 }
 
 // PATH (Homebrew, Nix, ~/.local/bin) is looked at last: the one beside the program wins over it.
@@ -197,8 +195,7 @@ TEST_F(WhisperTranscriberTest, AStoredModelNameFindsNothingOutsideTheModelsFolde
     QFile::remove(modelPath("ggml-large-v3-turbo-q5_0.bin"));
     writeFile(AppPaths::dataFolder() + "/ggml-outside.bin", "ggml");
     for (const QString name : {"/etc/passwd", "../ggml-outside.bin", "../models/../ggml-outside.bin", ":/sounds/Tink.wav", "", ".."}) {
-        Settings::shared().setWhisperModelFileName(name);
-        EXPECT_EQ(WhisperTranscriber::modelURL(), std::nullopt) << name.toStdString();
+        EXPECT_EQ(WhisperTranscriber::modelURL(name), std::nullopt) << name.toStdString();
     }
 }
 
@@ -245,7 +242,7 @@ TEST_F(WhisperTranscriberTest, WhisperRunsWithTheElevenArgumentsOnA16kHzMonoReco
 {
     // No language at all lets whisper-cli recognise whichever is spoken; it refuses an empty one. A
     // set language ("pt-BR" as "pt") is met by the end-to-end run, which the fake would refuse otherwise.
-    Settings::shared().setLocaleIdentifier(QString());
+    options.localeIdentifier.clear();
     useOlderWhisper();
     dictate();
     EXPECT_EQ(answers.finals, QStringList({"texto de teste"})) << answers.errors.join(' ').toStdString();
@@ -336,7 +333,8 @@ TEST(SpeechGate, HearsEveryVoiceSoftOrInNoiseAndNoneOfTheNoisesOfADesk)
         {"speech/fleurs-en-000.ogg", {0, -10, -20, -30}}, {"speech/fleurs-en-002.ogg", {0, -10, -20}}};
     for (const auto& [clip, levels] : clips) {
         const QString wav = AppPaths::dataFolder() + "/clip.wav";
-        AudioExtractor::extractWAV(testDataPath(clip), wav);
+        FFmpegMediaReader reader;
+        AudioExtractor::extractWAV(reader, testDataPath(clip), wav);
         QFile file(wav);
         ASSERT_TRUE(file.open(QIODevice::ReadOnly));
         const QByteArray pcm = file.readAll().mid(44);
@@ -557,7 +555,7 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
                                         engine->setAnswerBound([](std::chrono::milliseconds) { return 1s; });
                                         return engine;
                                     },
-        std::make_unique<FakeSounds>(), std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
+        {}, std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
         [&](const QString& text, std::function<void()> onPasted) {
             inserted << text;
             onPasted();
@@ -610,7 +608,7 @@ TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsR
         EXPECT_EQ(pulseListing({"clients"}).count("application.name = \"Voxaria\""), 1);
         auto input = std::make_unique<PulseAudioInput>();
         PulseAudioInput& realMicrophone = *input;
-        WhisperTranscriber engine(std::move(input));
+        WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, options);
         answers = {};
         answers.start(engine);
         spin(500ms);
@@ -635,7 +633,7 @@ TEST(WhisperWithoutAudioServer, StartFailsAtOnce)
     if (qEnvironmentVariableIsSet("VOXARIA_CHILD_WITHOUT_AUDIO_SERVER")) {
         FakeWhisper whisper;
         installModel(QStringLiteral("ggml-base.bin"));
-        WhisperTranscriber engine;
+        WhisperTranscriber engine(std::make_unique<PulseAudioInput>(), &SoxrAudioConverter::make, {});
         EngineAnswers answers;
         EXPECT_EQ(answers.startFailure(engine), "Falha na transcrição Whisper: formato de áudio não suportado");
         return;

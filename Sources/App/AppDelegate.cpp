@@ -62,12 +62,12 @@ const Alerts::Button& cancelButton()
 
 // Every download the user asks for ends the same way: a model that arrived is meant to be used, so
 // its engine is selected; whatever the outcome, whoever shows the models hears of it.
-void downloadSelectingItsEngine(ModelDownloader& downloader, const Model& model, std::function<void()> onDownloadEnded)
+void downloadSelectingItsEngine(ModelDownloader& downloader, Settings& settings, const Model& model, std::function<void()> onDownloadEnded)
 {
     const TranscriptionEngineKind engine = model.isLiveSpeech() ? TranscriptionEngineKind::apple : TranscriptionEngineKind::whisper;
-    downloader.download(model, [engine, onDownloadEnded = std::move(onDownloadEnded)](bool success) {
+    downloader.download(model, [&settings, engine, onDownloadEnded = std::move(onDownloadEnded)](bool success) {
         if (success)
-            Settings::shared().setEngine(engine);
+            settings.setEngine(engine);
         onDownloadEnded();
     });
 }
@@ -82,9 +82,9 @@ const Model* replacementFor(const Model& removed)
 }
 
 // Said before the selected model goes: what dictation will use instead.
-QString selectedRemovalWarning(const Model& removed)
+QString selectedRemovalWarning(const Model& removed, const QString& selectedModel)
 {
-    if (removed.fileName != Settings::shared().whisperModelFileName())
+    if (removed.fileName != selectedModel)
         return {};
     const Model* next = replacementFor(removed);
     return next ? QStringLiteral("\n\nÉ o modelo em uso: os ditados passam a usar \"%1\".").arg(next->displayName)
@@ -93,13 +93,13 @@ QString selectedRemovalWarning(const Model& removed)
 }
 
 // The selected model's file gone, another installed one takes its place (and the menu's mark).
-void removeModel(const Model& model)
+void removeModel(const Model& model, Settings& settings)
 {
-    const bool wasSelected = model.fileName == Settings::shared().whisperModelFileName();
+    const bool wasSelected = model.fileName == settings.whisperModelFileName();
     QFile::remove(model.filePath());
     const Model* next = replacementFor(model);
     if (wasSelected && next) {
-        Settings::shared().setWhisperModelFileName(next->fileName);
+        settings.setWhisperModelFileName(next->fileName);
         qCInfo(lcWhisper) << "removed the selected model; now using" << next->fileName;
     }
 }
@@ -128,24 +128,44 @@ QAction* addChoice(QMenu& menu, const QString& title, bool checked)
     return item;
 }
 
-}
-
-AppDelegate::AppDelegate(SessionPlatform& platform, QObject* parent)
-    : AppDelegate(platform, Services{}, parent)
+// What a dictation is asked for, as the user's preferences stand now.
+DictationOptions dictationOptions(const Settings& settings)
 {
+    return {settings.localeIdentifier(), settings.whisperModelFileName(), settings.preferOnDevice()};
 }
 
-AppDelegate::AppDelegate(SessionPlatform& platform, Services services, QObject* parent)
+}
+
+AppDelegate::AppDelegate(
+    SessionPlatform& platform, PlatformServices services, Settings& settings, ModelDownloader& downloader, QObject* parent)
     : QObject(parent)
     , m_platform(platform)
     , m_services(std::move(services))
+    , m_settings(settings)
+    , m_downloader(downloader)
+    , m_updater(UpdaterManager::Channel::fromBuild(), m_services.alerts, m_services.urlOpener)
     , m_checks(Permissions::Checks::system(platform))
-    , m_hotkeyManager(platform.takeKeyMonitor())
-    , m_dictation(DictationController::Collaborators::forSession(platform))
+    , m_hotkeyManager(platform.takeKeyMonitor(), [&settings] { return settings.hotKey(); })
+    , m_dictation(dictationCollaborators())
 {
     // The model menu changes as a download starts and ends: its unfinished part is not offered for
     // removal while it runs.
-    connect(m_services.downloader, &ModelDownloader::downloadingChanged, this, &AppDelegate::refreshMenu, Qt::QueuedConnection);
+    connect(&m_downloader, &ModelDownloader::downloadingChanged, this, &AppDelegate::refreshMenu, Qt::QueuedConnection);
+    // A Whisper model that has just arrived is the one dictation uses from then on.
+    connect(&m_downloader, &ModelDownloader::whisperModelInstalled, this,
+        [&settings](const QString& fileName) { settings.setWhisperModelFileName(fileName); });
+}
+
+// The session's paste and front application; an engine per key press for the preferences at that
+// moment, and the sounds while the user wants them.
+DictationController::Collaborators AppDelegate::dictationCollaborators()
+{
+    DictationController::Collaborators collaborators = DictationController::Collaborators::forSession(m_platform);
+    collaborators.makeEngine = [&settings = m_settings, &services = m_services] {
+        return DictationController::makeEngine(settings.engine(), dictationOptions(settings), services);
+    };
+    collaborators.sounds = FeedbackSounds(m_services.sounds, [&settings = m_settings] { return settings.playSounds(); });
+    return collaborators;
 }
 
 AppDelegate::~AppDelegate() = default;
@@ -179,11 +199,10 @@ bool AppDelegate::applicationDidFinishLaunching()
     // Never stopped: the key is watched for as long as the program runs (started again, not stopped,
     // when the menu chooses another key).
     m_hotkeyManager.start();
-    UpdaterManager::shared();
     // Which of the possible whisper-cli programs a dictation will run, when there is one at all.
     if (const std::optional<QString> whisper = WhisperTranscriber::binaryURL())
         qCInfo(lcWhisper) << "whisper-cli:" << *whisper;
-    qCInfo(lcApp) << "ready; hold" << Settings::shared().hotKey().label() << "to dictate";
+    qCInfo(lcApp) << "ready; hold" << m_settings.hotKey().label() << "to dictate";
     // The questions come last, once the event loop runs: the key already works while they wait for
     // an answer, and "Sair do Voxaria" chosen meanwhile ends the program, as a quit asked before the
     // application's loop has started would be dropped.
@@ -215,17 +234,18 @@ void AppDelegate::requestPermissions()
 {
     // Nothing is shown here: a missing need is only logged, and dictation explains itself when the
     // user tries it.
-    Permissions::requestAtLaunch(m_checks);
+    Permissions::requestAtLaunch(m_settings.localeIdentifier(), m_checks);
 }
 
 void AppDelegate::maybeOfferModelDownload()
 {
-    maybeOfferModelDownload(*m_services.alerts, *m_services.downloader, refreshMenuLater());
+    maybeOfferModelDownload(*m_services.alerts, m_downloader, m_settings, refreshMenuLater());
 }
 
-void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded)
+void AppDelegate::maybeOfferModelDownload(
+    Alerts& alerts, ModelDownloader& downloader, Settings& settings, std::function<void()> onDownloadEnded)
 {
-    if (!WhisperTranscriber::binaryURL() || WhisperTranscriber::modelURL() || downloader.isDownloading())
+    if (!WhisperTranscriber::binaryURL() || WhisperTranscriber::modelURL(settings.whisperModelFileName()) || downloader.isDownloading())
         return;
     const Model& model = Model::recommended();
 #ifdef Q_OS_MACOS
@@ -247,7 +267,7 @@ void AppDelegate::maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downl
     };
     // Nothing remembers a "not now": the offer comes again at the next launch.
     if (alerts.runModal(offer) == 0)
-        downloadSelectingItsEngine(downloader, model, std::move(onDownloadEnded));
+        downloadSelectingItsEngine(downloader, settings, model, std::move(onDownloadEnded));
 }
 
 void AppDelegate::maybeWarnNoKeySource()
@@ -258,7 +278,7 @@ void AppDelegate::maybeWarnNoKeySource()
 
 void AppDelegate::maybeWarnNoEngine()
 {
-    const QString language = Settings::shared().localeIdentifier();
+    const QString language = m_settings.localeIdentifier();
     const std::optional<Alerts::Alert> warning
         = Permissions::noEngineAlert(WhisperTranscriber::binaryURL().has_value(), m_checks.nativeModelFound(language), language);
     if (!warning)
@@ -271,10 +291,9 @@ void AppDelegate::maybeWarnNoEngine()
 // recogniser's worker, so the first dictation does not wait for it.
 void AppDelegate::prepareLiveEngine()
 {
-    const Settings& settings = Settings::shared();
-    if (settings.engine() != TranscriptionEngineKind::apple)
+    if (m_settings.engine() != TranscriptionEngineKind::apple)
         return;
-    if (const std::shared_ptr<SpeechRecognizer> recognizer = SpeechRecognizer::make(settings.localeIdentifier()))
+    if (const std::shared_ptr<SpeechRecognizer> recognizer = m_services.makeRecognizer(m_settings.localeIdentifier()))
         recognizer->prepare();
 }
 
@@ -319,7 +338,7 @@ QMenu* AppDelegate::menu()
 std::unique_ptr<QMenu> AppDelegate::buildMenu()
 {
     auto menu = std::make_unique<QMenu>();
-    const Settings& settings = Settings::shared();
+    const Settings& settings = m_settings;
     menu->addAction(QStringLiteral("Segure ") + settings.hotKey().label() + QStringLiteral(" para ditar"))->setEnabled(false);
     // Where the desktop holds a chord for the key (KDE's US layout, GNOME's portal), the user learns it here.
     if (const QString chord = m_platform.keySource().chord; !chord.isEmpty())
@@ -357,8 +376,8 @@ std::unique_ptr<QMenu> AppDelegate::buildMenu()
 void AppDelegate::addEngineMenu(QMenu& menu)
 {
     QMenu* engines = menu.addMenu(QStringLiteral("Motor de transcrição"));
-    const TranscriptionEngineKind chosen = Settings::shared().engine();
-    const bool whisperAvailable = WhisperTranscriber::isAvailable();
+    const TranscriptionEngineKind chosen = m_settings.engine();
+    const bool whisperAvailable = WhisperTranscriber::isAvailable(m_settings.whisperModelFileName());
     for (TranscriptionEngineKind kind : TranscriptionEngineKind::allCases()) {
         QString title = kind.label();
         // Still selectable: choosing it explains what is missing.
@@ -372,7 +391,7 @@ void AppDelegate::addModelMenu(QMenu& menu)
 {
     QMenu* models = menu.addMenu(QStringLiteral("Modelo Whisper"));
     models->setToolTipsVisible(true);
-    const QString selected = Settings::shared().whisperModelFileName();
+    const QString selected = m_settings.whisperModelFileName();
     for (const Model& model : offeredModels()) {
         const bool downloaded = model.isDownloaded();
         QString title = model.displayName + QStringLiteral(" (") + sizeText(model) + QStringLiteral(" MB)");
@@ -396,13 +415,15 @@ void AppDelegate::addRemovalItems(QMenu& models)
     bool separated = false;
     for (const Model& model : offeredModels()) {
         const QString name = model.displayName.section(QStringLiteral(" — "), -1);
-        const bool running = m_services.downloader->isDownloading() && m_services.downloader->currentModel().fileName == model.fileName;
-        ModelDownloader* downloader = m_services.downloader;
+        const bool running = m_downloader.isDownloading() && m_downloader.currentModel().fileName == model.fileName;
+        ModelDownloader* downloader = &m_downloader;
+        Settings* settings = &m_settings;
         const struct {
             QString path, label, warning;
             std::function<void()> remove;
         } files[] = {
-            {model.filePath(), QStringLiteral("Remover %1 (%2 MB)"), selectedRemovalWarning(model), [model] { removeModel(model); }},
+            {model.filePath(), QStringLiteral("Remover %1 (%2 MB)"), selectedRemovalWarning(model, m_settings.whisperModelFileName()),
+                [settings, model] { removeModel(model, *settings); }},
             {running ? QString() : model.partPath(), QStringLiteral("Remover download incompleto de %1 (%2 MB)"), {},
                 [downloader, model] { downloader->removeUnfinished(model); }},
         };
@@ -433,7 +454,7 @@ void AppDelegate::confirmRemoval(const QString& title, const QString& warning, c
 void AppDelegate::addHotkeyMenu(QMenu& menu)
 {
     QMenu* keys = menu.addMenu(QStringLiteral("Tecla de ditado"));
-    const HotKey chosen = Settings::shared().hotKey();
+    const HotKey chosen = m_settings.hotKey();
     for (HotKey key : HotKey::allCases()) {
         whenChosen(addChoice(*keys, key.label(), key == chosen), [this, raw = key.rawValue()] { selectHotkey(raw); });
     }
@@ -443,7 +464,7 @@ void AppDelegate::addLanguageMenu(QMenu& menu)
 {
     QMenu* languages = menu.addMenu(QStringLiteral("Idioma"));
     // An identifier not in the list is kept as it is and simply marks nothing.
-    const QString chosen = Settings::shared().localeIdentifier();
+    const QString chosen = m_settings.localeIdentifier();
     for (const LanguageOption& language : LanguageOption::all()) {
         whenChosen(addChoice(*languages, language.label, language.id == chosen), [this, id = language.id] { selectLanguage(id); });
     }
@@ -492,7 +513,7 @@ std::function<void()> AppDelegate::refreshMenuLater()
 
 void AppDelegate::download(const Model& model)
 {
-    downloadSelectingItsEngine(*m_services.downloader, model, refreshMenuLater());
+    downloadSelectingItsEngine(m_downloader, m_settings, model, refreshMenuLater());
 }
 
 void AppDelegate::selectEngine(const QString& rawValue)
@@ -500,9 +521,10 @@ void AppDelegate::selectEngine(const QString& rawValue)
     const std::optional<TranscriptionEngineKind> kind = TranscriptionEngineKind::fromRawValue(rawValue);
     if (!kind)
         return;
-    const bool ready = *kind == TranscriptionEngineKind::apple ? Model::liveSpeech().isDownloaded() : WhisperTranscriber::isAvailable();
+    const bool ready = *kind == TranscriptionEngineKind::apple ? Model::liveSpeech().isDownloaded()
+                                                               : WhisperTranscriber::isAvailable(m_settings.whisperModelFileName());
     if (ready) {
-        Settings::shared().setEngine(*kind);
+        m_settings.setEngine(*kind);
         prepareLiveEngine();
         refreshMenu();
         return;
@@ -536,11 +558,11 @@ void AppDelegate::selectModel(const QString& fileName)
     if (model->isDownloaded()) {
         // The live engine's model is the only one of its kind: there is nothing to select.
         if (!model->isLiveSpeech())
-            Settings::shared().setWhisperModelFileName(model->fileName);
+            m_settings.setWhisperModelFileName(model->fileName);
         refreshMenu();
         return;
     }
-    if (m_services.downloader->isDownloading())
+    if (m_downloader.isDownloading())
         return;
     const QString size = sizeText(*model);
     const Alerts::Alert offer{
@@ -556,7 +578,7 @@ void AppDelegate::selectModel(const QString& fileName)
 void AppDelegate::selectHotkey(const QString& rawValue)
 {
     if (const std::optional<HotKey> key = HotKey::fromRawValue(rawValue)) {
-        Settings::shared().setHotKey(*key);
+        m_settings.setHotKey(*key);
         // A key source that binds the key itself (KDE's global shortcuts) binds the new one.
         m_hotkeyManager.start();
         refreshMenu();
@@ -565,19 +587,19 @@ void AppDelegate::selectHotkey(const QString& rawValue)
 
 void AppDelegate::selectLanguage(const QString& identifier)
 {
-    Settings::shared().setLocaleIdentifier(identifier);
+    m_settings.setLocaleIdentifier(identifier);
     refreshMenu();
 }
 
 void AppDelegate::toggleOnDevice()
 {
-    Settings::shared().setPreferOnDevice(!Settings::shared().preferOnDevice());
+    m_settings.setPreferOnDevice(!m_settings.preferOnDevice());
     refreshMenu();
 }
 
 void AppDelegate::toggleSounds()
 {
-    Settings::shared().setPlaySounds(!Settings::shared().playSounds());
+    m_settings.setPlaySounds(!m_settings.playSounds());
     refreshMenu();
 }
 
@@ -591,9 +613,19 @@ void AppDelegate::openHistory()
 void AppDelegate::openVideoTranscription()
 {
     if (!m_videoWindow) {
-        VideoTranscriptionWindow::Services services;
-        services.pasteboard = m_platform.pasteboard();
-        m_videoWindow = std::make_unique<VideoTranscriptionWindow>(std::move(services));
+        Settings& settings = m_settings;
+        m_videoWindow = std::make_unique<VideoTranscriptionWindow>(VideoTranscriptionWindow::Services{
+            .alerts = m_services.alerts,
+            .fileDialogs = m_services.fileDialogs,
+            .sounds = FeedbackSounds(m_services.sounds, [&settings] { return settings.playSounds(); }),
+            .pasteboard = m_platform.pasteboard(),
+            .ytDlpPath = {},
+            .ytDlpSource = {},
+            .makeMediaReader = m_services.makeMediaReader,
+            .whisperModelFileName = [&settings] { return settings.whisperModelFileName(); },
+            .ytDlpUpdateDeclined = {[&settings] { return settings.ytDlpUpdateDeclined(); },
+                [&settings](const bool& declined) { settings.setYtDlpUpdateDeclined(declined); }},
+        });
     }
     m_videoWindow->show();
 }
@@ -610,7 +642,7 @@ void AppDelegate::toggleLaunchAtLogin()
 
 void AppDelegate::openPermissions()
 {
-    const QString language = Settings::shared().localeIdentifier();
+    const QString language = m_settings.localeIdentifier();
     // The sound server is asked off the main thread; the alert comes when it has answered.
     Permissions::check(
         language,
@@ -626,7 +658,7 @@ void AppDelegate::openPermissions()
 
 void AppDelegate::checkForUpdates()
 {
-    UpdaterManager::shared().checkForUpdates();
+    m_updater.checkForUpdates();
 }
 
 void AppDelegate::checkSystemTray()

@@ -6,14 +6,11 @@
 #include "History/HistoryWindow.h"
 #include "Media/VideoTranscriptionWindow.h"
 #include "Permissions.h"
-#include "Platform/Alerts.h"
-#include "Platform/LoginItem.h"
+#include "Platform/PlatformServices.h"
 #include "Platform/SessionPlatform.h"
-#include "Platform/SystemTray.h"
-#include "Platform/UrlOpener.h"
-#include "Platform/WindowFocus.h"
 #include "Shared/Preferences/Settings.h"
 #include "TrayMissingWindow.h"
+#include "UpdaterManager.h"
 
 #include <QIcon>
 #include <QLockFile>
@@ -34,19 +31,10 @@ class QSystemTrayIcon;
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
-    // What the menu's actions reach outside the program: the real ones unless a test brings its own.
-    struct Services {
-        std::unique_ptr<Alerts> alerts = Alerts::makeDefault();
-        std::unique_ptr<LoginItem> loginItem = LoginItem::makeDefault();
-        std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault();
-        ModelDownloader* downloader = &ModelDownloader::shared();
-        std::unique_ptr<SystemTray> systemTray = SystemTray::makeDefault();
-        std::unique_ptr<WindowFocus> windowFocus = WindowFocus::makeDefault();
-    };
-
-    // `platform` is the session's, chosen at start-up; it outlives the delegate.
-    explicit AppDelegate(SessionPlatform& platform, QObject* parent = nullptr);
-    AppDelegate(SessionPlatform& platform, Services services, QObject* parent = nullptr);
+    // `platform` is the session's and `services` the desktop's, chosen at start-up; `settings` are
+    // the user's preferences. The platform, the settings and the downloader outlive the delegate.
+    AppDelegate(
+        SessionPlatform& platform, PlatformServices services, Settings& settings, ModelDownloader& downloader, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The whole start-up; false when another copy already runs and this one must leave (main then
@@ -56,7 +44,8 @@ public:
     // When whisper-cli is there but no model is, asks whether to download the recommended one, at
     // every launch until a model is installed. A model that arrives selects the Whisper engine;
     // `onDownloadEnded` runs after every download it started, whatever the outcome.
-    static void maybeOfferModelDownload(Alerts& alerts, ModelDownloader& downloader, std::function<void()> onDownloadEnded);
+    static void maybeOfferModelDownload(
+        Alerts& alerts, ModelDownloader& downloader, Settings& settings, std::function<void()> onDownloadEnded);
 
     // The menu the tray icon opens, as last built from the settings (built on first use).
     QMenu* menu();
@@ -113,8 +102,14 @@ private:
     void download(const ModelDownloader::Model& model);
     std::function<void()> refreshMenuLater();
 
+    DictationController::Collaborators dictationCollaborators();
+
     SessionPlatform& m_platform;
-    Services m_services;
+    PlatformServices m_services;
+    Settings& m_settings;
+    ModelDownloader& m_downloader;
+    // Made with the delegate, it starts the daily check where the build has a feed.
+    UpdaterManager m_updater;
     Permissions::Checks m_checks;
     std::unique_ptr<QLockFile> m_instanceLock;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;

@@ -4,7 +4,6 @@
 #include "Platform/InputDevices.h"
 #include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -58,15 +57,13 @@ void Permissions::requestMicrophone(std::function<void(bool)> completion, const 
     answerOnMainThread(checks.inputDeviceListed, std::move(completion));
 }
 
-void Permissions::requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks)
+void Permissions::requestSpeechRecognition(const QString& localeIdentifier, std::function<void(bool)> completion, const Checks& checks)
 {
-    // Read now, on the main thread: the language the user had chosen when asking is the one answered.
-    const QString localeIdentifier = Settings::shared().localeIdentifier();
     answerOnMainThread([nativeModelFound = checks.nativeModelFound, localeIdentifier] { return nativeModelFound(localeIdentifier); },
         std::move(completion));
 }
 
-void Permissions::requestAtLaunch(const Checks& checks)
+void Permissions::requestAtLaunch(const QString& localeIdentifier, const Checks& checks)
 {
     requestMicrophone(
         [](bool granted) {
@@ -75,6 +72,7 @@ void Permissions::requestAtLaunch(const Checks& checks)
         },
         checks);
     requestSpeechRecognition(
+        localeIdentifier,
         [](bool granted) {
             if (!granted)
                 qCWarning(lcApp).noquote() << "Permissão de reconhecimento de fala negada";

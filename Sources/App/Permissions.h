@@ -33,14 +33,14 @@ struct Checks {
 void check(const QString& localeIdentifier, std::function<void(Needs)> completion, const Checks& checks);
 
 // Each reports on the main thread whether the need is met; the looking-up runs off the main thread.
-// Speech recognition is checked for the language chosen in the settings.
+// Speech recognition is checked for the language given (e.g. "pt-BR").
 void requestMicrophone(std::function<void(bool)> completion, const Checks& checks);
-void requestSpeechRecognition(std::function<void(bool)> completion, const Checks& checks);
+void requestSpeechRecognition(const QString& localeIdentifier, std::function<void(bool)> completion, const Checks& checks);
 
 // The start-up round: both requests side by side, each missing need logged ("Permissão de
 // microfone negada", "Permissão de reconhecimento de fala negada"), then the keyboard check (logged
 // when pending). Shows nothing and does not wait.
-void requestAtLaunch(const Checks& checks);
+void requestAtLaunch(const QString& localeIdentifier, const Checks& checks);
 
 // On a Wayland session, what stands in for the X11 keyboard access: the source that watches the
 // dictation key, and whether the text is only copied instead of pasted.

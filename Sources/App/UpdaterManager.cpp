@@ -3,7 +3,6 @@
 #include "AppcastRelease.h"
 #include "Shared/Logging.h"
 
-#include <QCoreApplication>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 
@@ -65,7 +64,7 @@ UpdaterManager::Channel UpdaterManager::Channel::fromBuild()
     return channel;
 }
 
-UpdaterManager::UpdaterManager(Channel channel, std::unique_ptr<Alerts> alerts, std::unique_ptr<UrlOpener> urlOpener, QObject* parent)
+UpdaterManager::UpdaterManager(Channel channel, std::shared_ptr<Alerts> alerts, std::shared_ptr<UrlOpener> urlOpener, QObject* parent)
     : QObject(parent)
     , m_channel(std::move(channel))
     , m_alerts(std::move(alerts))
@@ -80,15 +79,6 @@ UpdaterManager::UpdaterManager(Channel channel, std::unique_ptr<Alerts> alerts, 
         checkInBackground();
         m_automaticCheck.start();
     });
-}
-
-UpdaterManager& UpdaterManager::shared()
-{
-    // Owned by the application object, so its network manager goes before Qt does.
-    static QPointer<UpdaterManager> manager;
-    if (!manager)
-        manager = new UpdaterManager(Channel::fromBuild(), Alerts::makeDefault(), UrlOpener::makeDefault(), QCoreApplication::instance());
-    return *manager;
 }
 
 QString UpdaterManager::version()

@@ -31,12 +31,8 @@ public:
         static Channel fromBuild();
     };
 
-    explicit UpdaterManager(Channel channel = Channel::fromBuild(), std::unique_ptr<Alerts> alerts = Alerts::makeDefault(),
-        std::unique_ptr<UrlOpener> urlOpener = UrlOpener::makeDefault(), QObject* parent = nullptr);
-
-    // Created at start-up; creating it starts the daily check where the build has a feed. Lives as
-    // long as the application object.
-    static UpdaterManager& shared();
+    // Creating it starts the daily check where the channel has a feed.
+    UpdaterManager(Channel channel, std::shared_ptr<Alerts> alerts, std::shared_ptr<UrlOpener> urlOpener, QObject* parent = nullptr);
     // The running version ("0.2.0"), or "dev" when the build has none.
     static QString version();
 
@@ -55,8 +51,8 @@ private:
     void say(const QString& text);
 
     Channel m_channel;
-    std::unique_ptr<Alerts> m_alerts;
-    std::unique_ptr<UrlOpener> m_urlOpener;
+    std::shared_ptr<Alerts> m_alerts;
+    std::shared_ptr<UrlOpener> m_urlOpener;
     QNetworkAccessManager m_network;
     QPointer<QNetworkReply> m_reply;
     QTimer m_automaticCheck;

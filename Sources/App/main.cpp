@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxServices.h"
 #include "Platform/SessionInfo.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
@@ -112,8 +113,11 @@ int main(int argc, char** argv)
     QApplication::setQuitOnLastWindowClosed(false);
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
-    LinuxPlatform platform(session, [] { return Settings::shared().hotKey(); });
-    AppDelegate delegate(platform);
+    Settings settings(AppPaths::settingsFile());
+    LinuxPlatform platform(session, [&settings] { return settings.hotKey(); });
+    const PlatformServices services = LinuxServices::make();
+    ModelDownloader downloader(services.alerts);
+    AppDelegate delegate(platform, services, settings, downloader);
     if (!delegate.applicationDidFinishLaunching()) {
         bringRunningCopyForward();
         return 0;

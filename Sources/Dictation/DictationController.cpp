@@ -4,7 +4,6 @@
 #include "Engines/WhisperTranscriber.h"
 #include "History/HistoryStore.h"
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 #include "TextInserter.h"
 
 #include <QDebug>
@@ -56,8 +55,8 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
 
 DictationController::DictationController(Collaborators collaborators, QObject* parent)
     : QObject(parent)
-    , m_makeEngine(collaborators.makeEngine ? std::move(collaborators.makeEngine) : EngineFactory(&makeEngine))
-    , m_sounds(collaborators.sounds ? std::move(collaborators.sounds) : Sounds::makeDefault())
+    , m_makeEngine(std::move(collaborators.makeEngine))
+    , m_sounds(std::move(collaborators.sounds))
     , m_accessibility(std::move(collaborators.accessibility))
     , m_frontApplication(std::move(collaborators.frontApplication))
     , m_insertText(std::move(collaborators.insertText))
@@ -75,11 +74,12 @@ DictationController::~DictationController()
         m_transcriber->cancel();
 }
 
-std::unique_ptr<TranscriptionEngine> DictationController::makeEngine()
+std::unique_ptr<TranscriptionEngine> DictationController::makeEngine(
+    TranscriptionEngineKind chosen, const DictationOptions& options, const PlatformServices& services)
 {
-    if (Settings::shared().engine() == TranscriptionEngineKind::whisper && WhisperTranscriber::isAvailable())
-        return std::make_unique<WhisperTranscriber>();
-    return std::make_unique<SpeechTranscriber>();
+    if (chosen == TranscriptionEngineKind::whisper && WhisperTranscriber::isAvailable(options.whisperModelFileName))
+        return std::make_unique<WhisperTranscriber>(services.makeAudioInput(), services.makeConverter, options);
+    return std::make_unique<SpeechTranscriber>(services.makeAudioInput(), services.makeRecognizer, services.makeConverter, options);
 }
 
 std::chrono::steady_clock::duration DictationController::KeyMoment::until(const KeyMoment& later) const
@@ -247,8 +247,7 @@ void DictationController::setState(State state)
 
 void DictationController::play(const char* sound)
 {
-    if (Settings::shared().playSounds())
-        m_sounds->play(QLatin1String(sound));
+    m_sounds.play(QLatin1String(sound));
 }
 
 void DictationController::hideLaterIfStillIdle(std::chrono::milliseconds delay)

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "Engines/DictationOptions.h"
 #include "Engines/TranscriptionEngine.h"
 #include "HUDPanel.h"
 #include "Platform/AccessibilityTrust.h"
+#include "Platform/FeedbackSounds.h"
 #include "Platform/FrontApplication.h"
 #include "Platform/KeyMonitor.h"
-#include "Platform/Sounds.h"
+#include "Platform/PlatformServices.h"
 #include "Shared/Error.h"
+#include "Shared/Preferences/TranscriptionEngineKind.h"
 #include "TextInserter.h"
 
 #include <QObject>
@@ -43,18 +46,18 @@ public:
         std::chrono::milliseconds liveTextInterval{100};
     };
 
-    // What the controller works with. An empty engine factory or sounds are the real ones; the
-    // trust test, front application and insertion come from the session.
+    // What the controller works with: a fresh engine per dictation, the sounds as the user wants
+    // them; the trust test, front application and insertion come from the session.
     struct Collaborators {
         EngineFactory makeEngine;
-        std::unique_ptr<Sounds> sounds;
+        FeedbackSounds sounds;
         std::unique_ptr<AccessibilityTrust> accessibility;
         std::unique_ptr<FrontApplication> frontApplication;
         TextInsertion insertText;
         Timing timing;
 
-        // The real engines and sounds, with the session's trust test, front application and paste;
-        // `platform` must outlive the controller.
+        // The session's trust test, front application and paste, to which the owner adds the engine
+        // factory and the sounds; `platform` must outlive the controller.
         static Collaborators forSession(const SessionPlatform& platform);
     };
 
@@ -72,9 +75,10 @@ public:
     void startRecording(std::optional<KeyEventTime> pressedAt = std::nullopt);
     void stopRecordingAndInsert(std::optional<KeyEventTime> releasedAt = std::nullopt);
 
-    // A new engine for the current settings: Whisper when chosen and available, otherwise the
-    // native recogniser, silently.
-    static std::unique_ptr<TranscriptionEngine> makeEngine();
+    // A new engine for one dictation: Whisper when chosen and available, otherwise the native
+    // recogniser, silently.
+    static std::unique_ptr<TranscriptionEngine> makeEngine(
+        TranscriptionEngineKind chosen, const DictationOptions& options, const PlatformServices& services);
 
 private:
     // Engines are released while one of their own callbacks may still be on the stack.
@@ -114,7 +118,7 @@ private:
     KeyMoment m_keyPressedAt;
 
     EngineFactory m_makeEngine;
-    std::unique_ptr<Sounds> m_sounds;
+    FeedbackSounds m_sounds;
     std::unique_ptr<AccessibilityTrust> m_accessibility;
     std::unique_ptr<FrontApplication> m_frontApplication;
     TextInsertion m_insertText;

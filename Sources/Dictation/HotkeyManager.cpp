@@ -1,13 +1,13 @@
 #include "HotkeyManager.h"
 
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 
 #include <QPointer>
 
-HotkeyManager::HotkeyManager(std::unique_ptr<KeyMonitor> monitor, QObject* parent)
+HotkeyManager::HotkeyManager(std::unique_ptr<KeyMonitor> monitor, std::function<HotKey()> dictationKey, QObject* parent)
     : QObject(parent)
     , m_source(std::move(monitor))
+    , m_dictationKey(std::move(dictationKey))
 {
 }
 
@@ -38,7 +38,7 @@ void HotkeyManager::stop()
 
 void HotkeyManager::handle(const FlagsChangedEvent& event)
 {
-    const HotKey key = Settings::shared().hotKey();
+    const HotKey key = m_dictationKey();
     if (event.keyCode != key.keyCode())
         return;
     // The flag is the device-independent one: with the left twin still held, the flag stays set and

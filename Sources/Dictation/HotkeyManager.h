@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/KeyMonitor.h"
+#include "Shared/Preferences/HotKey.h"
 
 #include <QObject>
 
@@ -10,11 +11,11 @@
 
 // Turns the holding of the chosen dictation key into one onPress and one onRelease. Only modifier
 // flag changes are watched, so the key types nothing and works whichever application is in front.
-// The key setting is read at every event: a key chosen in the menu counts at once.
+// `dictationKey` is asked at every event: a key chosen in the menu counts at once.
 class HotkeyManager : public QObject {
     Q_OBJECT
 public:
-    explicit HotkeyManager(std::unique_ptr<KeyMonitor> monitor, QObject* parent = nullptr);
+    HotkeyManager(std::unique_ptr<KeyMonitor> monitor, std::function<HotKey()> dictationKey, QObject* parent = nullptr);
     ~HotkeyManager() override;
 
     // Called with the key event's own time, when the source tells it.
@@ -31,6 +32,7 @@ public:
 
 private:
     std::unique_ptr<KeyMonitor> m_source;
+    std::function<HotKey()> m_dictationKey;
     KeyMonitor::Token m_monitor = 0;
     bool m_isDown = false;
 };

@@ -5,7 +5,6 @@
 #include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
-#include "Shared/Preferences/Settings.h"
 #include "WhisperCliFeatures.h"
 
 #include <QApplication>
@@ -177,13 +176,7 @@ void ModelDownloader::Model::removePart() const
     QFile::remove(partPath() + QStringLiteral(".etag"));
 }
 
-ModelDownloader& ModelDownloader::shared()
-{
-    static ModelDownloader* instance = new ModelDownloader();
-    return *instance;
-}
-
-ModelDownloader::ModelDownloader(std::unique_ptr<Alerts> alerts, Addresses addresses, QObject* parent)
+ModelDownloader::ModelDownloader(std::shared_ptr<Alerts> alerts, Addresses addresses, QObject* parent)
     : QObject(parent)
     , m_alerts(std::move(alerts))
     , m_addresses(std::move(addresses))
@@ -544,7 +537,7 @@ void ModelDownloader::moveIntoPlace()
     }
     // The live engine has one model: its engine is what the user selects.
     if (!m_currentModel.isLiveSpeech())
-        Settings::shared().setWhisperModelFileName(m_currentModel.fileName);
+        emit whisperModelInstalled(m_currentModel.fileName);
     finish(true, QStringLiteral("Modelo \"%1\" instalado e selecionado. Segure a tecla de ditado e fale.").arg(m_currentModel.displayName));
 }
 

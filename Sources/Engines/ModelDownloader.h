@@ -73,13 +73,11 @@ public:
     };
     static const Addresses kPublishedAddresses;
 
-    static ModelDownloader& shared();
-
-    explicit ModelDownloader(
-        std::unique_ptr<Alerts> alerts = Alerts::makeDefault(), Addresses addresses = kPublishedAddresses, QObject* parent = nullptr);
+    explicit ModelDownloader(std::shared_ptr<Alerts> alerts, Addresses addresses = kPublishedAddresses, QObject* parent = nullptr);
     ~ModelDownloader() override;
 
-    // Called once on the main thread with true when the model was installed (and, a Whisper model, selected), false
+    // Called once on the main thread with true when the model was installed (a Whisper model, after
+    // whisperModelInstalled), false
     // when the download failed or was cancelled (a cancel stops the voice activity model too).
     // Ignored entirely while a download runs.
     void download(const Model& model, Completion completion = {});
@@ -100,6 +98,8 @@ public:
 signals:
     // A download started or ended: what the menu offers changes with it.
     void downloadingChanged();
+    // A Whisper model has just been installed: it is meant to be the one dictation uses.
+    void whisperModelInstalled(const QString& fileName);
 
 protected:
     // The program's quit reaches the downloader before any window is asked to close.
@@ -140,7 +140,7 @@ private:
     QString validatorPath() const;
     QString destinationPath() const { return current().model.filePath(); }
 
-    std::unique_ptr<Alerts> m_alerts;
+    std::shared_ptr<Alerts> m_alerts;
     Addresses m_addresses;
     QPointer<ModelDownloadWindow> m_window;
     QPointer<QNetworkReply> m_task;

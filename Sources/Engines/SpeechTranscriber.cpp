@@ -1,7 +1,6 @@
 #include "SpeechTranscriber.h"
 
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 #include "TranscriberError.h"
 
 #include <QCoreApplication>
@@ -30,11 +29,12 @@ AudioInput::BufferHandler makeTap(std::shared_ptr<SpeechRecognizer::Request> req
 }
 
 SpeechTranscriber::SpeechTranscriber(std::unique_ptr<AudioInput> audioEngine, RecognizerFactory makeRecognizer,
-    ConverterFactory makeConverter, std::chrono::milliseconds finalDelay, QObject* parent)
+    ConverterFactory makeConverter, DictationOptions options, std::chrono::milliseconds finalDelay, QObject* parent)
     : TranscriptionEngine(parent)
     , m_audioEngine(std::move(audioEngine))
     , m_makeRecognizer(std::move(makeRecognizer))
     , m_makeConverter(std::move(makeConverter))
+    , m_options(std::move(options))
     , m_finalDelay(finalDelay)
 {
 }
@@ -48,7 +48,7 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
 {
     cancel();
 
-    const QString locale = Settings::shared().localeIdentifier();
+    const QString& locale = m_options.localeIdentifier;
     // Checked before the microphone is touched: an unknown language must fail at once and leave
     // the microphone free.
     auto recognizer = m_makeRecognizer(locale);
@@ -60,7 +60,7 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
 
     // The live engine always recognises on the device, so there this only decides the request's
     // flag; a recogniser that could use the network would honour it.
-    const bool onDevice = Settings::shared().preferOnDevice() && recognizer->supportsOnDeviceRecognition();
+    const bool onDevice = m_options.preferOnDevice && recognizer->supportsOnDeviceRecognition();
     auto request = recognizer->makeRequest(onDevice);
     m_request = request;
     m_onFinal = std::move(onFinal);

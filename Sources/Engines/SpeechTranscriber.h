@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DictationOptions.h"
 #include "Platform/AudioConverter.h"
 #include "Platform/AudioInput.h"
 #include "Platform/SpeechRecognizer.h"
@@ -21,9 +22,8 @@ public:
 
     static constexpr std::chrono::milliseconds defaultFinalDelay{2000};
 
-    explicit SpeechTranscriber(std::unique_ptr<AudioInput> audioEngine = AudioInput::makeDefault(),
-        RecognizerFactory makeRecognizer = &SpeechRecognizer::make, ConverterFactory makeConverter = &AudioConverter::makeDefault,
-        std::chrono::milliseconds finalDelay = defaultFinalDelay, QObject* parent = nullptr);
+    SpeechTranscriber(std::unique_ptr<AudioInput> audioEngine, RecognizerFactory makeRecognizer, ConverterFactory makeConverter,
+        DictationOptions options, std::chrono::milliseconds finalDelay = defaultFinalDelay, QObject* parent = nullptr);
     ~SpeechTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;
@@ -57,5 +57,6 @@ private:
     quint64 m_recognition = 0;
     const RecognizerFactory m_makeRecognizer;
     const ConverterFactory m_makeConverter;
+    const DictationOptions m_options;
     const std::chrono::milliseconds m_finalDelay;
 };

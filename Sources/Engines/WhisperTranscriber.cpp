@@ -4,7 +4,6 @@
 #include "Platform/ProcessActivity.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 #include "Shared/ProcessorCores.h"
 #include "Shared/StrictUtf8.h"
 #include "Shared/WavWriter.h"
@@ -129,10 +128,12 @@ struct WhisperTranscriber::Recording {
     }
 };
 
-WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, QObject* parent)
+WhisperTranscriber::WhisperTranscriber(
+    std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, DictationOptions options, QObject* parent)
     : TranscriptionEngine(parent)
     , m_audioEngine(std::move(audioEngine))
     , m_makeConverter(std::move(makeConverter))
+    , m_options(std::move(options))
 {
     m_deadline.setSingleShot(true);
     connect(&m_deadline, &QTimer::timeout, this, &WhisperTranscriber::giveUp);
@@ -152,13 +153,8 @@ WhisperTranscriber::~WhisperTranscriber()
 
 QStringList WhisperTranscriber::binaryCandidates()
 {
-#ifdef Q_OS_MACOS
-    return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"), QStringLiteral("/opt/homebrew/bin/whisper-cli"),
-        QStringLiteral("/usr/local/bin/whisper-cli")};
-#else
     return {QCoreApplication::applicationDirPath() + QStringLiteral("/whisper-cli"), QStringLiteral("/usr/local/bin/whisper-cli"),
         QStringLiteral("/usr/bin/whisper-cli")};
-#endif
 }
 
 std::optional<QString> WhisperTranscriber::firstExecutable(const QStringList& candidates)
@@ -182,10 +178,9 @@ std::optional<QString> WhisperTranscriber::binaryURL()
     return onPath;
 }
 
-std::optional<QString> WhisperTranscriber::modelURL()
+std::optional<QString> WhisperTranscriber::modelURL(const QString& name)
 {
     const QDir models(AppPaths::modelsFolder());
-    const QString name = Settings::shared().whisperModelFileName();
     // The setting names a file inside the models folder: a path out of it (absolute, "../", or a
     // ":" Qt resource) finds nothing there.
     const bool insideModels = !name.contains(QLatin1Char('/')) && !name.startsWith(QLatin1Char(':'));
@@ -211,9 +206,9 @@ std::optional<QString> WhisperTranscriber::modelURL()
     return std::nullopt;
 }
 
-bool WhisperTranscriber::isAvailable()
+bool WhisperTranscriber::isAvailable(const QString& modelFileName)
 {
-    return binaryURL() && modelURL();
+    return binaryURL() && modelURL(modelFileName);
 }
 
 void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCallback onError)
@@ -221,7 +216,7 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     const std::optional<QString> binary = binaryURL();
     if (!binary)
         throw WhisperError::notInstalled();
-    const std::optional<QString> model = modelURL();
+    const std::optional<QString> model = modelURL(m_options.whisperModelFileName);
     if (!model)
         throw WhisperError::modelMissing();
 
@@ -330,7 +325,7 @@ void WhisperTranscriber::finish()
         return;
     }
     const std::optional<QString> binary = binaryURL();
-    const std::optional<QString> model = modelURL();
+    const std::optional<QString> model = modelURL(m_options.whisperModelFileName);
     if (!binary || !model) {
         // The program or the model vanished while the key was held: the controller still waits for
         // an answer, so say which one is missing.
@@ -382,7 +377,7 @@ void WhisperTranscriber::giveUp()
 QStringList WhisperTranscriber::arguments(const QString& model, const QString& input, bool segmented) const
 {
     static const int threads = ProcessorCores::physical();
-    const QString language = Settings::shared().localeIdentifier().left(2).toLower();
+    const QString language = m_options.localeIdentifier.left(2).toLower();
     // whisper-cli refuses an empty language (it prints its usage and exits with status 0); with no
     // language set, it should recognise whichever one is spoken.
     QStringList args{QStringLiteral("-m"), model, QStringLiteral("-f"), input, QStringLiteral("-l"),

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DictationOptions.h"
 #include "Platform/AudioConverter.h"
 #include "Platform/AudioInput.h"
 #include "SpeechGate.h"
@@ -32,8 +33,8 @@ public:
 
     static constexpr int kSampleRate = 16000;
 
-    explicit WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine = AudioInput::makeDefault(),
-        ConverterFactory makeConverter = &AudioConverter::makeDefault, QObject* parent = nullptr);
+    WhisperTranscriber(
+        std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, DictationOptions options, QObject* parent = nullptr);
     ~WhisperTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;
@@ -47,8 +48,9 @@ public:
 
     // Looked up afresh at every call: the user may install or remove things at any time.
     static std::optional<QString> binaryURL();
-    static std::optional<QString> modelURL();
-    static bool isAvailable();
+    // The model file named `fileName` in the models folder, or else the first model there.
+    static std::optional<QString> modelURL(const QString& fileName);
+    static bool isAvailable(const QString& modelFileName);
     // Where whisper-cli is looked for, in order: beside our own executable, then the system; PATH
     // comes after all of them.
     static QStringList binaryCandidates();
@@ -93,6 +95,7 @@ private:
 
     std::unique_ptr<AudioInput> m_audioEngine;
     ConverterFactory m_makeConverter;
+    const DictationOptions m_options;
     std::shared_ptr<Recording> m_audioFile;
     std::optional<QString> m_wavURL;
     QString m_model;

@@ -20,12 +20,6 @@ PlatformError destinationError(const WavWriter& file)
 
 } // namespace
 
-void AudioExtractor::extractWAV(const QString& source, const QString& destination, const std::function<bool()>& shouldStop)
-{
-    const auto reader = MediaReader::makeDefault();
-    extractWAV(*reader, source, destination, shouldStop);
-}
-
 void AudioExtractor::extractWAV(
     MediaReader& reader, const QString& source, const QString& destination, const std::function<bool()>& shouldStop, quint64 dataLimit)
 {

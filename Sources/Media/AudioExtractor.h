@@ -15,13 +15,11 @@ namespace AudioExtractor {
 // hours at 16 kHz mono 16-bit.
 constexpr quint64 maxDataBytes = 0xFFFFFFFFull - 36;
 
-// Blocking: call it on a worker thread, never on the main thread. Throws AudioExtractorError, or a
-// PlatformError when the destination cannot be written. `shouldStop` is asked between chunks; when
-// it answers true the extraction ends early and the WAV is left incomplete (the job was cancelled).
-void extractWAV(const QString& source, const QString& destination, const std::function<bool()>& shouldStop = {});
-
-// The same through a given reader, refusing audio longer than `dataLimit` bytes of PCM.
-void extractWAV(MediaReader& reader, const QString& source, const QString& destination, const std::function<bool()>& shouldStop,
+// Through `reader`, refusing audio longer than `dataLimit` bytes of PCM. Blocking: call it on a
+// worker thread, never on the main thread. Throws AudioExtractorError, or a PlatformError when the
+// destination cannot be written. `shouldStop` is asked between chunks; when it answers true the
+// extraction ends early and the WAV is left incomplete (the job was cancelled).
+void extractWAV(MediaReader& reader, const QString& source, const QString& destination, const std::function<bool()>& shouldStop = {},
     quint64 dataLimit = maxDataBytes);
 
 }

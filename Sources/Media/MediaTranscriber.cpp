@@ -85,6 +85,8 @@ public:
         : owner(transcriber)
         , directory(std::move(folder))
         , ytDlpProgram(std::move(ytDlp))
+        , makeReader(transcriber->m_makeReader)
+        , whisperModelFileName(transcriber->m_whisperModelFileName)
     {
     }
 
@@ -97,6 +99,8 @@ public:
     const QPointer<MediaTranscriber> owner; // read on the main thread only
     const QString directory;
     const std::optional<QString> ytDlpProgram; // found when the job started
+    const MediaReaderFactory makeReader;
+    const QString whisperModelFileName;
     std::atomic<bool> cancelled = false;
     bool delivered = false; // main thread: an answer reached the main thread
     bool directoryKept = true; // main thread: the folder has not been removed yet
@@ -177,8 +181,10 @@ private:
     bool m_quitHooked = false;
 };
 
-MediaTranscriber::MediaTranscriber(QObject* parent)
+MediaTranscriber::MediaTranscriber(MediaReaderFactory makeReader, QString whisperModelFileName, QObject* parent)
     : QObject(parent)
+    , m_makeReader(std::move(makeReader))
+    , m_whisperModelFileName(std::move(whisperModelFileName))
 {
 }
 
@@ -193,7 +199,7 @@ void MediaTranscriber::transcribe(const Source& source)
         qCWarning(lcMedia) << "a transcriber serves one job; ignored a second one";
         return;
     }
-    if (!WhisperTranscriber::binaryURL() || !WhisperTranscriber::modelURL()) {
+    if (!WhisperTranscriber::isAvailable(m_whisperModelFileName)) {
         if (onError)
             onError(MediaTranscriberError::modelMissing());
         return;
@@ -242,7 +248,7 @@ void MediaTranscriber::Job::run(const Source& source)
         status(QStringLiteral("Extraindo áudio…"), std::nullopt);
         const QString wavURL = directory + QStringLiteral("/audio.wav");
         // Stopping the extraction on cancel spares decoding the rest of a long video.
-        AudioExtractor::extractWAV(media, wavURL, [this] { return cancelled.load(); });
+        AudioExtractor::extractWAV(*makeReader(), media, wavURL, [this] { return cancelled.load(); });
         makeFilesPrivate(directory);
         throwIfCancelled();
         const Output output = runWhisper(wavURL);
@@ -333,7 +339,7 @@ void MediaTranscriber::Job::selfUpdateYtDlp(const QString& ytdlp)
 MediaTranscriber::Output MediaTranscriber::Job::runWhisper(const QString& wavURL)
 {
     const std::optional<QString> binary = WhisperTranscriber::binaryURL();
-    const std::optional<QString> model = WhisperTranscriber::modelURL();
+    const std::optional<QString> model = WhisperTranscriber::modelURL(whisperModelFileName);
     if (!binary || !model)
         throw MediaTranscriberError::modelMissing();
     status(QStringLiteral("Transcrevendo… (vídeos longos podem levar alguns minutos)"), std::nullopt);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/MediaReader.h"
 #include "Shared/Error.h"
 #include "YtDlpManager.h"
 
@@ -43,7 +44,11 @@ public:
     using FinishedCallback = std::function<void(const Output& output)>;
     using ErrorCallback = std::function<void(const Error& error)>;
 
-    explicit MediaTranscriber(QObject* parent = nullptr);
+    using MediaReaderFactory = std::function<std::unique_ptr<MediaReader>()>;
+
+    // `makeReader` opens the media file on the job's worker; `whisperModelFileName` names the model
+    // whisper-cli loads, as dictation's (the first installed one when it is missing).
+    MediaTranscriber(MediaReaderFactory makeReader, QString whisperModelFileName, QObject* parent = nullptr);
     ~MediaTranscriber() override;
 
     // Set before transcribe(); called on the main thread only. Exactly one of onFinished and
@@ -72,5 +77,7 @@ private:
     class Job;
     class Workers;
 
+    const MediaReaderFactory m_makeReader;
+    const QString m_whisperModelFileName;
     std::shared_ptr<Job> m_job;
 };

@@ -7,7 +7,6 @@
 #include "Platform/Pasteboard.h"
 #include "Platform/Sounds.h"
 #include "Shared/Logging.h"
-#include "Shared/Preferences/Settings.h"
 #include "UI/SystemFont.h"
 #include "UI/WindowPlacement.h"
 #include "YtDlpManager.h"
@@ -108,12 +107,6 @@ VideoTranscriptionWindow::VideoTranscriptionWindow(Services services, QObject* p
     : QObject(parent)
     , m_services(std::move(services))
 {
-    if (!m_services.alerts)
-        m_services.alerts = Alerts::makeDefault();
-    if (!m_services.fileDialogs)
-        m_services.fileDialogs = FileDialogs::makeDefault();
-    if (!m_services.sounds)
-        m_services.sounds = Sounds::makeDefault();
     if (!m_services.ytDlpPath)
         m_services.ytDlpPath = &YtDlpManager::binaryURL;
     if (m_services.ytDlpSource.isEmpty())
@@ -310,7 +303,7 @@ void VideoTranscriptionWindow::startTranscription()
     const QString text = m_urlField->text().trimmed();
     if (text.isEmpty() || !m_transcribeButton->isEnabled())
         return;
-    if (!WhisperTranscriber::isAvailable()) {
+    if (!WhisperTranscriber::isAvailable(m_services.whisperModelFileName())) {
         m_statusLabel->setText(QStringLiteral("⚠️ Baixe um modelo primeiro (menu → Modelo Whisper)."));
         return;
     }
@@ -334,7 +327,7 @@ void VideoTranscriptionWindow::transcribe(const MediaTranscriber::Source& source
     enableResultButtons(false, false);
 
     // The previous transcriber goes now: one that still ran is cancelled and answers nothing.
-    m_transcriber = std::make_unique<MediaTranscriber>();
+    m_transcriber = std::make_unique<MediaTranscriber>(m_services.makeMediaReader, m_services.whisperModelFileName());
     // The job runs the yt-dlp this window checked and offered to replace.
     m_transcriber->ytDlpPath = m_services.ytDlpPath;
     QPointer<VideoTranscriptionWindow> weakSelf(this);
@@ -377,8 +370,7 @@ void VideoTranscriptionWindow::finish(const MediaTranscriber::Output& output)
     m_lastSrt = output.srtURL;
     enableResultButtons(true, m_lastSrt.has_value());
     showOutcome(QStringLiteral("✅ Concluído — %1 caracteres.").arg(characterCount(output.text)));
-    if (Settings::shared().playSounds())
-        m_services.sounds->play(QStringLiteral("Glass"));
+    m_services.sounds.play(QStringLiteral("Glass"));
 }
 
 void VideoTranscriptionWindow::fail(const QString& message, const QString& details)
@@ -428,7 +420,7 @@ void VideoTranscriptionWindow::transcribeLink(const QString& link)
         });
         return;
     }
-    if (*ytdlp == YtDlpManager::installedPath() || Settings::shared().ytDlpUpdateDeclined())
+    if (*ytdlp == YtDlpManager::installedPath() || m_services.ytDlpUpdateDeclined.read())
         return transcribe(MediaTranscriber::Source::url(link));
     m_transcribeButton->setEnabled(false);
     YtDlpManager::readVersion(*ytdlp, this, [this, link](std::optional<QDate> version) {
@@ -462,7 +454,7 @@ bool VideoTranscriptionWindow::offerYtDlpUpdate(const QString& reason)
     if (offerYtDlpInstall(offer))
         return true;
     // Only a "no" is remembered: an offer taken whose installation then failed comes again.
-    Settings::shared().setYtDlpUpdateDeclined(true);
+    m_services.ytDlpUpdateDeclined.write(true);
     return false;
 }
 

@@ -2,9 +2,10 @@
 
 #include "MediaTranscriber.h"
 #include "Platform/Alerts.h"
+#include "Platform/FeedbackSounds.h"
 #include "Platform/FileDialogs.h"
 #include "Platform/Pasteboard.h"
-#include "Platform/Sounds.h"
+#include "Shared/Preferences/Preference.h"
 
 #include <QObject>
 #include <QPointer>
@@ -33,15 +34,19 @@ class YtDlpInstallation;
 class VideoTranscriptionWindow : public QObject {
     Q_OBJECT
 public:
-    // What the window reaches outside the program; empty members get the real ones, but the
-    // clipboard is always the session's, handed in.
+    // What the window reaches outside the program, and the preferences it reads and writes.
     struct Services {
-        std::unique_ptr<Alerts> alerts;
-        std::unique_ptr<FileDialogs> fileDialogs;
-        std::unique_ptr<Sounds> sounds;
+        std::shared_ptr<Alerts> alerts;
+        std::shared_ptr<FileDialogs> fileDialogs;
+        FeedbackSounds sounds;
         std::shared_ptr<Pasteboard> pasteboard;
         std::function<std::optional<QString>()> ytDlpPath; // default: YtDlpManager::binaryURL
         QUrl ytDlpSource; // default: YtDlpManager::downloadURL()
+        MediaTranscriber::MediaReaderFactory makeMediaReader;
+        // The Whisper model dictation uses, asked at each job.
+        std::function<QString()> whisperModelFileName;
+        // Whether the user answered "Agora não" to a current yt-dlp in place of the system's outdated one.
+        Preference<bool> ytDlpUpdateDeclined;
     };
 
     explicit VideoTranscriptionWindow(Services services, QObject* parent = nullptr);

@@ -31,7 +31,4 @@ public:
     // Blocks in a nested event loop until the user answers; returns the index of the chosen button
     // in `alert.buttons` (0 for the default "OK" when there are none).
     virtual int runModal(const Alert& alert) = 0;
-
-    // The real alerts of this platform.
-    static std::unique_ptr<Alerts> makeDefault();
 };

@@ -17,7 +17,4 @@ public:
     virtual bool convert(QByteArrayView interleavedFrames, std::vector<qint16>& out) = 0;
     // Appends what the resampling filter still holds: the last few milliseconds of speech.
     virtual void flush(std::vector<qint16>& out) = 0;
-
-    // The real converter, or nothing when `from` cannot be converted (no channels, no rate...).
-    static std::unique_ptr<AudioConverter> makeDefault(const AudioFormat& from, int targetSampleRate);
 };

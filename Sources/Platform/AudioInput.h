@@ -30,7 +30,4 @@ public:
 
     // What the failure handler receives when the device went away.
     static PlatformError disconnected() { return PlatformError(QStringLiteral("O microfone foi desconectado durante o ditado.")); }
-
-    // The real microphone of this platform.
-    static std::unique_ptr<AudioInput> makeDefault();
 };

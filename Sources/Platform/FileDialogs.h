@@ -24,7 +24,4 @@ public:
     // Where the user chose to save, starting at `suggestedName`; nothing when cancelled. An existing
     // file there has already been confirmed for replacing.
     virtual std::optional<QString> saveFile(QWidget* parent, const QString& title, const Filter& filter, const QString& suggestedName) = 0;
-
-    // The real dialogs of this platform.
-    static std::unique_ptr<FileDialogs> makeDefault();
 };

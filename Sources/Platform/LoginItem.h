@@ -15,6 +15,4 @@ public:
     // Each returns the reason when it fails, nothing when it worked.
     virtual std::optional<QString> registerItem() = 0;
     virtual std::optional<QString> unregisterItem() = 0;
-
-    static std::unique_ptr<LoginItem> makeDefault();
 };

@@ -31,6 +31,4 @@ public:
     // track or when reading failed.
     virtual std::optional<std::span<const qint16>> nextChunk() = 0;
     virtual Outcome outcome() const = 0;
-
-    static std::unique_ptr<MediaReader> makeDefault();
 };

@@ -12,6 +12,4 @@ public:
 
     // An unknown name is logged and otherwise ignored.
     virtual void play(const QString& name) = 0;
-
-    static std::unique_ptr<Sounds> makeDefault();
 };

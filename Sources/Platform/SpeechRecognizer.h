@@ -49,8 +49,4 @@ public:
     // Gets ready for a first recognition ahead of time (the live engine loads its model, in the
     // background); returns at once.
     virtual void prepare() = 0;
-
-    // The recogniser of this platform for a locale such as "en-US", or nothing when the platform
-    // cannot recognise that language.
-    static std::shared_ptr<SpeechRecognizer> make(const QString& localeIdentifier);
 };

@@ -14,6 +14,4 @@ public:
 
     // Runs on the main thread when a tray may have come or gone; isAvailable() tells which.
     std::function<void()> onChange;
-
-    static std::unique_ptr<SystemTray> makeDefault();
 };

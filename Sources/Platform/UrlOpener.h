@@ -10,6 +10,4 @@ public:
     virtual ~UrlOpener() = default;
     // False when nothing on the desktop could open it.
     virtual bool open(const QUrl& url) = 0;
-
-    static std::unique_ptr<UrlOpener> makeDefault();
 };

@@ -13,6 +13,4 @@ public:
 
     // Before the window is first shown. Its buttons still answer the mouse.
     virtual void keepFromTakingFocus(QWidget& window) = 0;
-
-    static std::unique_ptr<WindowFocus> makeDefault();
 };

@@ -11,6 +11,12 @@ QString applicationId()
     return QStringLiteral("app.voxaria.Voxaria");
 }
 
+QString settingsFile()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QLatin1Char('/') + applicationId()
+        + QStringLiteral(".conf");
+}
+
 QString dataFolder()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Voxaria");

@@ -6,6 +6,8 @@
 namespace AppPaths {
 // Names the settings domain, the desktop file and the files in the runtime folder.
 QString applicationId();
+// The user's preferences: ~/.config/<applicationId()>.conf.
+QString settingsFile();
 // ~/.local/share/Voxaria (the application-support folder).
 QString dataFolder();
 // dataFolder() + "/models".

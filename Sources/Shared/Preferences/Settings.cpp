@@ -1,6 +1,5 @@
 #include "Settings.h"
 
-#include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 
 #include <QFile>
@@ -17,6 +16,7 @@ constexpr auto kLocaleIdentifier = "localeIdentifier";
 constexpr auto kPreferOnDevice = "preferOnDevice";
 constexpr auto kPlaySounds = "playSounds";
 constexpr auto kYtDlpUpdateDeclined = "ytDlpUpdateDeclined";
+}
 
 // A store of its own for every access, rather than one shared object: QSettings objects are
 // reentrant, not thread-safe, and Qt lets distinct objects on the same file be used from several
@@ -25,10 +25,12 @@ constexpr auto kYtDlpUpdateDeclined = "ytDlpUpdateDeclined";
 // value written by another process or by hand is seen at the next read. A shared object behind a
 // mutex would not be enough: Qt saves its pending changes later from its own thread's event loop,
 // outside any lock of ours.
-std::unique_ptr<QSettings> openStore()
+std::unique_ptr<QSettings> Settings::openStore() const
 {
-    return std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, AppPaths::applicationId());
+    return std::make_unique<QSettings>(m_filePath, QSettings::NativeFormat);
 }
+
+namespace {
 
 // What tells one version of the file from another: QSettings replaces it by a rename (a new inode),
 // an editor may rewrite it in place (a new time or size); a missing file is a version too.
@@ -56,20 +58,19 @@ struct Settings::Snapshot {
     QHash<QString, QVariant> values;
 };
 
-Settings& Settings::shared()
+Settings::Settings(QString filePath)
+    : m_filePath(std::move(filePath))
 {
-    static Settings instance;
-    return instance;
 }
 
-Settings::Settings() = default;
+Settings::~Settings() = default;
 
 QVariant Settings::storedValue(const char* key) const
 {
     QMutexLocker lock(&m_mutex);
     if (!m_snapshot) {
         m_snapshot = std::make_unique<Snapshot>();
-        m_snapshot->path = QFile::encodeName(openStore()->fileName());
+        m_snapshot->path = QFile::encodeName(m_filePath);
         m_snapshot->version.size = -2; // never a file's: the first read loads
     }
     const FileVersion now = versionOf(m_snapshot->path);

@@ -9,12 +9,18 @@
 
 #include <memory>
 
+class QSettings;
+
 // The six user preferences, and what the program remembers having asked. The store is read again only when its file changed (by this
 // program, by another, or by hand), so a choice made in the menu takes effect at the very next read while a read per key event costs one
 // stat(). Safe to read and write from any thread.
 class Settings {
 public:
-    static Settings& shared();
+    // The preferences kept in the file at `filePath` (the user's is AppPaths::settingsFile()).
+    explicit Settings(QString filePath);
+    ~Settings();
+    Settings(const Settings&) = delete;
+    Settings& operator=(const Settings&) = delete;
 
     TranscriptionEngineKind engine() const;
     void setEngine(TranscriptionEngineKind engine);
@@ -39,7 +45,7 @@ public:
     void setYtDlpUpdateDeclined(bool declined);
 
 private:
-    Settings();
+    std::unique_ptr<QSettings> openStore() const;
     QVariant storedValue(const char* key) const;
     QString stringValue(const char* key, const QString& fallback) const;
     bool boolValue(const char* key) const;
@@ -47,6 +53,7 @@ private:
 
     // The file as last read: what identifies its version on disk, and every value it held.
     struct Snapshot;
+    const QString m_filePath;
     mutable QMutex m_mutex;
     mutable std::unique_ptr<Snapshot> m_snapshot;
 };

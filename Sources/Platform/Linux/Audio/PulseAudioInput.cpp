@@ -11,11 +11,6 @@
 
 #include <algorithm>
 
-std::unique_ptr<AudioInput> AudioInput::makeDefault()
-{
-    return std::make_unique<PulseAudioInput>();
-}
-
 namespace {
 
 AudioFormat::SampleType sampleTypeOf(QAudioFormat::SampleFormat format)

@@ -7,11 +7,6 @@
 #include <cmath>
 #include <cstring>
 
-std::unique_ptr<AudioConverter> AudioConverter::makeDefault(const AudioFormat& from, int targetSampleRate)
-{
-    return SoxrAudioConverter::make(from, targetSampleRate);
-}
-
 std::unique_ptr<SoxrAudioConverter> SoxrAudioConverter::make(const AudioFormat& from, int targetSampleRate)
 {
     if (!from.isUsable() || targetSampleRate <= 0)

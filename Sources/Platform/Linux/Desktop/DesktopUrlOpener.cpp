@@ -4,11 +4,6 @@
 
 #include <QDesktopServices>
 
-std::unique_ptr<UrlOpener> UrlOpener::makeDefault()
-{
-    return std::make_unique<DesktopUrlOpener>();
-}
-
 bool DesktopUrlOpener::open(const QUrl& url)
 {
     if (QDesktopServices::openUrl(url))

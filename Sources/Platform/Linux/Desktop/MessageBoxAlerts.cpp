@@ -25,11 +25,6 @@ QMessageBox::ButtonRole messageBoxRole(Alerts::Button::Role role)
 
 }
 
-std::unique_ptr<Alerts> Alerts::makeDefault()
-{
-    return std::make_unique<MessageBoxAlerts>();
-}
-
 int MessageBoxAlerts::runModal(const Alert& alert)
 {
     QMessageBox box;

@@ -6,11 +6,6 @@
 #include <QMimeDatabase>
 #include <QSet>
 
-std::unique_ptr<FileDialogs> FileDialogs::makeDefault()
-{
-    return std::make_unique<QtFileDialogs>();
-}
-
 namespace {
 
 // The shared-mime-info types a name like "audio/*" stands for; a plain name stands for itself.

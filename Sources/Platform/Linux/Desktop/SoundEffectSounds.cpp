@@ -5,11 +5,6 @@
 #include <QSoundEffect>
 #include <QUrl>
 
-std::unique_ptr<Sounds> Sounds::makeDefault()
-{
-    return std::make_unique<SoundEffectSounds>();
-}
-
 // The sounds are compiled into the static core library, whose resource registration the linker
 // drops unless something refers to it. Outside any namespace, as the macro requires.
 static void registerBundledSounds()

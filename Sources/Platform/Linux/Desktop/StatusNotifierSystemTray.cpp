@@ -13,11 +13,6 @@ const QString watcherPath = QStringLiteral("/StatusNotifierWatcher");
 
 }
 
-std::unique_ptr<SystemTray> SystemTray::makeDefault()
-{
-    return std::make_unique<StatusNotifierSystemTray>();
-}
-
 StatusNotifierSystemTray::StatusNotifierSystemTray()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();

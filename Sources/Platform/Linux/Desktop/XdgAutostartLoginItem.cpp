@@ -10,11 +10,6 @@
 #include <QSaveFile>
 #include <QStandardPaths>
 
-std::unique_ptr<LoginItem> LoginItem::makeDefault()
-{
-    return std::make_unique<XdgAutostartLoginItem>();
-}
-
 // The desktop entry lives in the static core library's resources, which the linker drops unless
 // something refers to them. Outside any namespace, as the macro requires.
 static void registerBundledDesktopEntry()

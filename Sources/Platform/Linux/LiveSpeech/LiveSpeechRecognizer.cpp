@@ -5,7 +5,7 @@
 
 #include <QFileInfo>
 
-std::shared_ptr<SpeechRecognizer> SpeechRecognizer::make(const QString& localeIdentifier)
+std::shared_ptr<SpeechRecognizer> LiveSpeechRecognizer::forLocale(const QString& localeIdentifier)
 {
     const auto language = LiveSpeechRecognizer::languageFor(localeIdentifier);
     if (!language)

@@ -9,6 +9,10 @@ class LiveSpeechRecognizer final : public SpeechRecognizer {
 public:
     LiveSpeechRecognizer(std::shared_ptr<LiveSpeechEngine> engine, QString language);
 
+    // The recogniser for a locale such as "en-US" over the installed model, or nothing when the
+    // model does not transcribe that language or is not installed.
+    static std::shared_ptr<SpeechRecognizer> forLocale(const QString& localeIdentifier);
+
     // The model's language for a locale identifier such as "pt_br" ("pt-BR"), or nothing when the
     // model does not transcribe that language.
     static std::optional<QString> languageFor(const QString& localeIdentifier);

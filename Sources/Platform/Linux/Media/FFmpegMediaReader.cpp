@@ -64,11 +64,6 @@ void forwardLog(void* context, int level, const char* format, va_list arguments)
 
 } // namespace
 
-std::unique_ptr<MediaReader> MediaReader::makeDefault()
-{
-    return std::make_unique<FFmpegMediaReader>();
-}
-
 FFmpegMediaReader::FFmpegMediaReader()
 {
     static std::once_flag logForwarded;

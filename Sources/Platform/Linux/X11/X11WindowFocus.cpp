@@ -23,11 +23,6 @@ xcb_atom_t atomNamed(xcb_connection_t* connection, const char* name)
 
 }
 
-std::unique_ptr<WindowFocus> WindowFocus::makeDefault()
-{
-    return std::make_unique<X11WindowFocus>();
-}
-
 void X11WindowFocus::keepFromTakingFocus(QWidget& window)
 {
     auto* x11 = qApp->nativeInterface<QNativeInterface::QX11Application>();
