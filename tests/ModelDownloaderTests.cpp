@@ -1,4 +1,4 @@
-#include "App/AppDelegate.h"
+#include "App/StatusMenu.h"
 #include "Engines/ModelDownloadWindow.h"
 #include "Engines/ModelDownloader.h"
 #include "LocalHttpServer.h"
@@ -15,6 +15,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -53,8 +54,7 @@ QByteArray contents(const QString& name)
 }
 
 // The downloader against a server of the test's own (the voice activity model in vad/); each test
-// starts with an earlier model and the voice activity model installed. `selected` keeps the Whisper
-// models it reported installed.
+// starts with an earlier model and the voice activity model installed.
 class ModelDownloaderTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
@@ -62,14 +62,10 @@ protected:
     ModelDownloader downloader{std::unique_ptr<Alerts>(alerts),
         {server.baseUrl(), server.baseUrl().resolved(QUrl("vad/")), server.baseUrl().resolved(QUrl("nemotron/"))}};
     QList<bool> completions;
-    QStringList selected;
+    QSignalSpy selected{&downloader, &ModelDownloader::whisperModelInstalled};
     QTemporaryDir scratch;
     Settings settings{scratch.filePath("settings.conf")};
 
-    ModelDownloaderTest()
-    {
-        QObject::connect(&downloader, &ModelDownloader::whisperModelInstalled, [this](const QString& name) { selected << name; });
-    }
     void SetUp() override
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
@@ -118,7 +114,7 @@ TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
         server.release();
         EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
         EXPECT_EQ(contents(small.fileName), kModel);
-        EXPECT_EQ(selected, QStringList{small.fileName});
+        EXPECT_EQ(selected, QList<QVariantList>{{small.fileName}});
         EXPECT_EQ(completions, QList<bool>{true});
         server.ranges.clear();
     }
@@ -482,7 +478,7 @@ TEST_F(ModelDownloaderTest, StartUpOfferDownloadsAndSelectsWhisper)
     const auto offer = [&](const QString& answer) {
         alerts->answers = QStringList{answer};
         const qsizetype before = alerts->shown.size();
-        AppDelegate::maybeOfferModelDownload(*alerts, downloader, settings, [&] { completions.append(true); });
+        StatusMenu::maybeOfferModelDownload(*alerts, downloader, settings, [&] { completions.append(true); });
         waitForEnd();
         return alerts->shown.size() > before ? alerts->shown[before].messageText + "\n" + alerts->shown[before].informativeText : "";
     };

@@ -129,7 +129,7 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
     FakeSessionPlatform gnome;
     gnome.sessionInfo = {SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome, true};
     for (const auto route : {SessionPlatform::PasteRoute::xwayland, SessionPlatform::PasteRoute::copyOnly}) {
-        gnome.route = route;
+        gnome.words = LinuxPlatform::wordingFor(gnome.sessionInfo, route);
         const QString text = Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(gnome)).informativeText;
         EXPECT_TRUE(text.section("\n\n", 2, 2)
                         .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45"
@@ -141,15 +141,23 @@ TEST(Permissions, OnWaylandTheAlertNamesTheKeySourceAndHowTheTextArrives)
 // Only a Wayland session where no source sees the key warns at start-up.
 TEST(Permissions, NoKeySourceAlertOnlyOnWaylandWhenNothingSeesTheKey)
 {
+    FakeSessionPlatform platform;
+    const auto alertOn = [&](SessionInfo session, bool seen) {
+        platform.sessionInfo = session;
+        platform.source.works = seen;
+        platform.words = LinuxPlatform::wordingFor(session, SessionPlatform::PasteRoute::compositor);
+        return Permissions::noKeySourceAlert(platform).value_or(Alerts::Alert{}).informativeText;
+    };
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome};
-    EXPECT_FALSE(Permissions::noKeySourceAlert({SessionInfo::Kind::x11}, {"XInput2", false})
-        || Permissions::noKeySourceAlert(gnome, {"/dev/input", true}));
+    EXPECT_TRUE(alertOn({SessionInfo::Kind::x11}, false).isEmpty() && alertOn(gnome, true).isEmpty());
     // GNOME 50 has no X11 session to offer; its portal does without the group.
-    const QString text = Permissions::noKeySourceAlert(gnome, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText;
+    const QString text = alertOn(gnome, false);
     EXPECT_TRUE(text.contains("grupo input") && text.contains("portal") && !text.contains("sessão X11")) << text.toStdString();
-    const SessionInfo other{SessionInfo::Kind::wayland, SessionInfo::Compositor::other};
-    EXPECT_TRUE(
-        Permissions::noKeySourceAlert(other, {"/dev/input", false}).value_or(Alerts::Alert{}).informativeText.contains("sessão X11"));
+    EXPECT_TRUE(alertOn({SessionInfo::Kind::wayland, SessionInfo::Compositor::other}, false).contains("sessão X11"));
+    // KWin pastes through its fake input, which is no virtual keyboard.
+    EXPECT_EQ(platform.wording().pasteRoute, "wlr data-control + teclado virtual");
+    alertOn({SessionInfo::Kind::wayland, SessionInfo::Compositor::kde}, true);
+    EXPECT_EQ(platform.wording().pasteRoute, "data-control + entrada sintética do KWin");
 }
 
 TEST(Permissions, NoEngineAlertOnlyWhenNeitherEngineCanDictate)

@@ -51,10 +51,6 @@ class StatusMenuTest : public ::testing::Test {
 protected:
     LocalHttpServer server;
     FakePlatformServices fakes;
-    FakeAlerts* alerts = fakes.alerts.get();
-    FakeLoginItem* loginItem = fakes.loginItem.get();
-    FakeUrlOpener* urlOpener = fakes.urlOpener.get();
-    FakeSystemTray* tray = fakes.systemTray.get();
     ModelDownloader downloader{std::make_shared<FakeAlerts>(), {server.baseUrl(), server.baseUrl(), server.baseUrl()}};
     FakeSessionPlatform platform;
     QTemporaryDir scratch;
@@ -86,17 +82,18 @@ protected:
     // Clicks the item of the real menu titled so, answers the alert it leads to, and reads the menu.
     QStringList click(const QString& title, const QString& answer)
     {
-        alerts->answers = QStringList{answer};
-        const qsizetype asked = alerts->shown.size() + 1;
+        fakes.alerts->answers = QStringList{answer};
+        const qsizetype asked = fakes.alerts->shown.size() + 1;
         for (QAction* item : app->menu()->findChildren<QAction*>())
             if (item->text() == title)
                 item->trigger();
-        EXPECT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == asked; }, std::chrono::seconds(10))) << title.toStdString();
+        EXPECT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == asked; }, std::chrono::seconds(10)))
+            << title.toStdString();
         return describe(*app->menu()).split('\n');
     }
     QString lastAlert() const
     {
-        const Alerts::Alert alert = alerts->shown.value(alerts->shown.size() - 1);
+        const Alerts::Alert alert = fakes.alerts->shown.value(fakes.alerts->shown.size() - 1);
         QStringList buttons;
         for (const Alerts::Button& button : alert.buttons)
             buttons << button.title;
@@ -132,7 +129,7 @@ TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
 TEST_F(StatusMenuTest, AChordTheDesktopHoldsForTheKeyIsNamedUnderIt)
 {
     platform.source.chord = "Ctrl+Alt+Espaço";
-    app->selectHotkey("rightOption"); // rebuilds the menu
+    app->statusMenu().selectHotkey("rightOption"); // rebuilds the menu
     EXPECT_EQ(describe(*app->menu()).split('\n').mid(0, 2),
         (QStringList{"Segure Alt direito (AltGr) para ditar (off)", "ou segure Ctrl+Alt+Espaço (atalho do sistema) (off)"}));
 }
@@ -142,8 +139,8 @@ TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
     arrange({kSmall}, {{"engine", "banana"}, {"hotKey", ""}, {"localeIdentifier", "xx-YY"}, {"playSounds", false}});
     EXPECT_EQ(marks(), (QStringList{"  ✓ Whisper (melhor qualidade)", "  ✓ Alt direito (AltGr)", "✓ Preferir transcrição local (offline)"}))
         << "the selected large model is missing, so no model is marked";
-    app->selectModel(kSmall);
-    app->selectModel(kBase + "-x");
+    app->statusMenu().selectModel(kSmall);
+    app->statusMenu().selectModel(kBase + "-x");
     EXPECT_TRUE(marks().value(1).startsWith("  ✓ Equilibrado — small (190 MB) {")) << marks().join('\n').toStdString();
     EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
 }
@@ -151,27 +148,27 @@ TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
 TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownloadSelectsWhisper)
 {
     settings.setEngine(TranscriptionEngineKind::apple);
-    app->selectEngine("whisper");
+    app->statusMenu().selectEngine("whisper");
     EXPECT_EQ(lastAlert(),
         "Whisper indisponível\nO whisper-cli não foi encontrado junto do Voxaria nem no sistema. Instale o whisper.cpp "
         "da sua distribuição (por exemplo: sudo apt install whisper.cpp).\n[]");
     arrange({});
     const QByteArray model = ModelFiles::whisper(1 << 16);
     server.setRoute(kBase, {.body = model, .holdAt = 100});
-    alerts->answers = QStringList{"Baixar (60 MB)"};
-    app->selectModel(kBase);
+    fakes.alerts->answers = QStringList{"Baixar (60 MB)"};
+    app->statusMenu().selectModel(kBase);
     EXPECT_EQ(lastAlert(),
         "Baixar \"Leve — base\"?\nDownload único de 60 MB (máquinas antigas; qualidade menor). O modelo roda 100% "
         "offline.\n[Baixar (60 MB) | Cancelar]");
     ASSERT_TRUE(downloader.isDownloading());
-    app->selectModel(kSmall);
-    EXPECT_EQ(alerts->shown.size(), 2) << "nothing is asked while a download runs";
+    app->statusMenu().selectModel(kSmall);
+    EXPECT_EQ(fakes.alerts->shown.size(), 2) << "nothing is asked while a download runs";
     downloader.cancelTapped();
     EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple) << "a cancelled download changes no engine";
 
     server.setRoute(kSmall, {.body = model});
-    alerts->answers = QStringList{"Baixar agora (190 MB)"};
-    app->selectEngine("whisper");
+    fakes.alerts->answers = QStringList{"Baixar agora (190 MB)"};
+    app->statusMenu().selectEngine("whisper");
     EXPECT_EQ(lastAlert(),
         "Baixar o modelo Whisper?\nO motor Whisper precisa de um modelo. Recomendado: Equilibrado — small (190 MB, "
         "download único, roda offline).\n[Baixar agora (190 MB) | Cancelar]");
@@ -211,7 +208,7 @@ TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovabl
         << "the Whisper model stays the selected one";
 
     settings.setEngine(TranscriptionEngineKind::whisper);
-    app->selectEngine("apple");
+    app->statusMenu().selectEngine("apple");
     EXPECT_EQ(settings.engine(), TranscriptionEngineKind::apple) << "with its model the engine is chosen at once";
     const QStringList removals = click("Remover Nemotron (2 MB)", "Remover").filter("Remover");
     EXPECT_FALSE(QFile::exists(LiveSpeechModel::installedPath()));
@@ -269,9 +266,9 @@ TEST_F(StatusMenuTest, TheMenuFollowsDownloadsAndAStaleItemLeavesTheRunningPart)
 
     server.setRoute(kBase, {.body = model, .holdAt = 100});
     downloader.download(ModelDownloader::Model::catalog().at(2));
-    alerts->answers = QStringList{"Remover"};
+    fakes.alerts->answers = QStringList{"Remover"};
     (*stale)->trigger();
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return !alerts->shown.isEmpty() && removals().isEmpty(); }));
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return !fakes.alerts->shown.isEmpty() && removals().isEmpty(); }));
     EXPECT_TRUE(QFile::exists(part));
     downloader.cancelTapped();
     EXPECT_TRUE(TestSupport::waitUntil([&] { return removals() == QStringList{removal}; })) << removals().join('\n').toStdString();
@@ -279,25 +276,25 @@ TEST_F(StatusMenuTest, TheMenuFollowsDownloadsAndAStaleItemLeavesTheRunningPart)
 
 TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
 {
-    loginItem->failure = "sem permissão de escrita";
-    app->toggleLaunchAtLogin();
+    fakes.loginItem->failure = "sem permissão de escrita";
+    app->statusMenu().toggleLaunchAtLogin();
     EXPECT_TRUE(warnings.contains("Falha ao alternar início com o sistema: sem permissão de escrita")) << warnings.join('\n').toStdString();
-    loginItem->failure.reset();
-    loginItem->current = LoginItem::Status::requiresApproval;
-    app->toggleLaunchAtLogin();
+    fakes.loginItem->failure.reset();
+    fakes.loginItem->current = LoginItem::Status::requiresApproval;
+    app->statusMenu().toggleLaunchAtLogin();
     EXPECT_EQ(marks().last(), "✓ Iniciar com o sistema");
 }
 
 TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
 {
-    alerts->answers = QStringList{"OK", "Abrir ajuda"};
+    fakes.alerts->answers = QStringList{"OK", "Abrir ajuda"};
     app->openPermissions();
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 1; }, std::chrono::seconds(10)));
-    EXPECT_TRUE(urlOpener->opened.isEmpty());
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == 1; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(fakes.urlOpener->opened.isEmpty());
     app->openPermissions();
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return alerts->shown.size() == 2; }, std::chrono::seconds(10)));
-    EXPECT_EQ(alerts->shown.last().messageText, "Permissões do Voxaria");
-    EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == 2; }, std::chrono::seconds(10)));
+    EXPECT_EQ(fakes.alerts->shown.last().messageText, "Permissões do Voxaria");
+    EXPECT_EQ(fakes.urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
 }
 
 // Last: it ends the application's loop. Without a tray, at start-up or when it goes away later, a
@@ -317,7 +314,7 @@ TEST_F(StatusMenuTest, WithoutATrayAWindowOffersTheMainCommandsAndLeavesTheFocus
     if (TestSupport::hasX11()) {
         ASSERT_TRUE(receiver.emplace().start());
     }
-    tray->available = false;
+    fakes.systemTray->available = false;
     app->checkSystemTray();
     QWidget* window = shown(title);
     ASSERT_TRUE(window);
@@ -339,13 +336,13 @@ TEST_F(StatusMenuTest, WithoutATrayAWindowOffersTheMainCommandsAndLeavesTheFocus
     click("Transcrever vídeo ou link…");
     click("Ajuda");
     EXPECT_TRUE(shown("Histórico de ditados") && shown("Transcrever vídeo ou link"));
-    EXPECT_EQ(urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
+    EXPECT_EQ(fakes.urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
     click("Fechar");
     app->checkSystemTray();
     EXPECT_FALSE(shown(title)) << "not again while the tray stays away";
-    tray->available = true;
+    fakes.systemTray->available = true;
     app->checkSystemTray();
-    tray->available = false;
+    fakes.systemTray->available = false;
     app->checkSystemTray();
     EXPECT_TRUE(shown(title)) << "again when the tray went away once more";
     QTimer::singleShot(0, [&] { click("Sair do Voxaria"); });

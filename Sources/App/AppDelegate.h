@@ -9,6 +9,7 @@
 #include "Platform/PlatformServices.h"
 #include "Platform/SessionPlatform.h"
 #include "Shared/Preferences/Settings.h"
+#include "StatusMenu.h"
 #include "TrayMissingWindow.h"
 #include "UpdaterManager.h"
 
@@ -21,13 +22,12 @@
 #include <functional>
 #include <memory>
 
-class QAction;
 class QMenu;
 class QSystemTrayIcon;
 
-// The running program: single instance, the tray icon that follows the dictation state, its menu
-// (the program's whole preferences and command surface), and the dictation key wired to the
-// dictation controller.
+// The running program: single instance, the tray icon that follows the dictation state with its
+// menu, the windows and questions the menu leads to, and the dictation key wired to the dictation
+// controller.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
@@ -41,26 +41,13 @@ public:
     // asks that copy to come forward).
     bool applicationDidFinishLaunching();
 
-    // When whisper-cli is there but no model is, asks whether to download the recommended one, at
-    // every launch until a model is installed. A model that arrives selects the Whisper engine;
-    // `onDownloadEnded` runs after every download it started, whatever the outcome.
-    static void maybeOfferModelDownload(
-        Alerts& alerts, ModelDownloader& downloader, Settings& settings, std::function<void()> onDownloadEnded);
+    // The menu the tray icon opens.
+    StatusMenu& statusMenu() { return m_menu; }
+    QMenu* menu() { return m_menu.menu(); }
 
-    // The menu the tray icon opens, as last built from the settings (built on first use).
-    QMenu* menu();
-
-    // The menu's actions. Those with an argument take the chosen item's value (a raw value, a
-    // model file name or a language identifier) and ignore one they do not know.
-    void selectEngine(const QString& rawValue);
-    void selectModel(const QString& fileName);
-    void selectHotkey(const QString& rawValue);
-    void selectLanguage(const QString& identifier);
-    void toggleOnDevice();
-    void toggleSounds();
+    // What the menu's commands open.
     void openHistory();
     void openVideoTranscription();
-    void toggleLaunchAtLogin();
     void openPermissions();
     void checkForUpdates();
     // The help page, in the user's browser.
@@ -88,20 +75,6 @@ private:
     void maybeWarnNoKeySource();
     void maybeWarnNoEngine();
     void prepareLiveEngine();
-    std::unique_ptr<QMenu> buildMenu();
-    void addEngineMenu(QMenu& menu);
-    void addModelMenu(QMenu& menu);
-    void addRemovalItems(QMenu& models);
-    void confirmRemoval(const QString& title, const QString& warning, const std::function<void()>& remove);
-    void addHotkeyMenu(QMenu& menu);
-    void addLanguageMenu(QMenu& menu);
-    void whenChosen(QAction* item, std::function<void()> action);
-    void refreshMenu();
-    // Downloads a model; once it has arrived its engine (Whisper, or the native one for the live
-    // model) is selected, and the menu is refreshed after every outcome.
-    void download(const ModelDownloader::Model& model);
-    std::function<void()> refreshMenuLater();
-
     DictationController::Collaborators dictationCollaborators();
 
     SessionPlatform& m_platform;
@@ -117,7 +90,7 @@ private:
     // a scaled copy in the pixmap cache under that icon's own key, so a fresh icon per state change
     // left three dead copies behind per dictation, about 8 kB, until the cache's 10 MB were full.
     std::array<QIcon, 3> m_statusIcons;
-    std::unique_ptr<QMenu> m_menu;
+    StatusMenu m_menu;
     HotkeyManager m_hotkeyManager;
     DictationController m_dictation;
     // Built at their first opening, gone with the delegate (before the application).

@@ -88,19 +88,8 @@ std::optional<Permissions::WaylandUse> Permissions::WaylandUse::of(const Session
     const SessionInfo session = platform.session();
     if (session.kind != SessionInfo::Kind::wayland)
         return std::nullopt;
-    QString pasteRoute = QStringLiteral("X11 (XWayland)");
-    if (platform.pasteRoute() == SessionPlatform::PasteRoute::copyOnly)
-        pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
-    else if (platform.pasteRoute() == SessionPlatform::PasteRoute::compositor)
-        pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
-    QString note;
-    if (session.compositor == SessionInfo::Compositor::gnome)
-        note = platform.onlyCopies()
-            ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
-                             "colar com Ctrl+V.")
-            : QStringLiteral("Na primeira colagem, a cada início do Voxaria, o GNOME pergunta se permite o controle remoto do teclado: "
-                             "permita, pois é assim que o Voxaria cola o texto ditado no aplicativo em uso.");
-    return WaylandUse{session.description(), platform.keySource().description, pasteRoute, note};
+    const SessionPlatform::Wording wording = platform.wording();
+    return WaylandUse{session.description(), platform.keySource().description, wording.pasteRoute, wording.pasteNote};
 }
 
 namespace {
@@ -153,19 +142,17 @@ std::optional<Alerts::Alert> Permissions::noEngineAlert(bool whisperFound, bool 
     };
 }
 
-std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource)
+std::optional<Alerts::Alert> Permissions::noKeySourceAlert(const SessionPlatform& platform)
 {
-    if (session.kind != SessionInfo::Kind::wayland || keySource.works)
+    const SessionInfo session = platform.session();
+    if (session.kind != SessionInfo::Kind::wayland || platform.keySource().works)
         return std::nullopt;
     return Alerts::Alert{
         QStringLiteral("O Voxaria não consegue ver a tecla de ditado"),
         QStringLiteral("Nesta sessão ") + session.description()
             + QStringLiteral(", o Voxaria só vê a tecla de ditado lendo os teclados em /dev/input, e o seu usuário não pode lê-los.\n\n"
                              "Entre no grupo input (sudo usermod -aG input $USER) e abra a sessão de novo")
-            + (session.compositor == SessionInfo::Compositor::gnome
-                    ? QStringLiteral(". No GNOME 48 ou mais novo, o portal de atalhos globais (xdg-desktop-portal) dispensa o grupo: "
-                                     "com ele, o Voxaria registra um atalho para segurar no lugar da tecla. ")
-                    : QStringLiteral(", ou use uma sessão X11. "))
+            + platform.wording().keySourceRemedy
             + QStringLiteral("No grupo input, qualquer programa seu pode ler tudo o que você digita, inclusive senhas."),
         {{QStringLiteral("OK")}},
     };

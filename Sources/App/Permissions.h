@@ -49,7 +49,7 @@ struct WaylandUse {
     QString keySource;
     // How dictated text arrives, e.g. "wlr data-control + teclado virtual".
     QString pasteRoute;
-    // A paragraph of its own about that route, or empty (GNOME: the one-time question, or why copy only).
+    // A paragraph of its own about that route, or empty.
     QString note = {};
 
     // Nothing on an X11 session.
@@ -61,7 +61,7 @@ struct WaylandUse {
 Alerts::Alert permissionsAlert(
     const Needs& needs, const QString& localeIdentifier, const std::optional<WaylandUse>& wayland = std::nullopt);
 // At start-up, on a Wayland session where nothing can see the dictation key: what the user can do.
-std::optional<Alerts::Alert> noKeySourceAlert(const SessionInfo& session, const SessionPlatform::KeySource& keySource);
+std::optional<Alerts::Alert> noKeySourceAlert(const SessionPlatform& platform);
 // The help page installed with the program: <prefix>/share/voxaria/help/ajuda.html, the program being in
 // <prefix>/libexec/voxaria (installed) or <prefix>/bin (the build tree).
 QUrl helpPageURL();

@@ -47,15 +47,6 @@ void quitOnTerminationSignals(QApplication& app)
         sigaction(signal, &action, nullptr);
 }
 
-// Qt prefers Wayland on a Wayland session. Where XWayland is there, Voxaria's windows go through it
-// instead, so the HUD stays an overlay no window manager places or focuses; only keys, clipboard
-// and paste speak Wayland. A user's own QT_QPA_PLATFORM still wins.
-void preferXWaylandForWindows(const SessionInfo& session)
-{
-    if (session.kind == SessionInfo::Kind::wayland && session.hasXDisplay && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "xcb");
-}
-
 void printLine(const QString& line)
 {
     std::fprintf(stderr, "%s\n", line.toUtf8().constData());
@@ -103,7 +94,7 @@ int main(int argc, char** argv)
         printLine(QStringLiteral("O Voxaria precisa de uma sessão gráfica (X11 ou Wayland)."));
         return 1;
     }
-    preferXWaylandForWindows(session);
+    LinuxPlatform::preferXWaylandForWindows(session);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Voxaria"));

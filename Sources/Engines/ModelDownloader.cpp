@@ -32,17 +32,6 @@ const QString kCutShort = QStringLiteral("A conexão caiu antes do fim do downlo
 const QString kRangeRefused = QStringLiteral("O servidor não pôde continuar o download de onde ele parou (HTTP 416). O que tinha "
                                              "chegado foi descartado: tente de novo para baixar do início.");
 
-QString platformNote(const char* onLinux, const char* onMac)
-{
-#ifdef Q_OS_MACOS
-    Q_UNUSED(onLinux);
-    return QString::fromUtf8(onMac);
-#else
-    Q_UNUSED(onMac);
-    return QString::fromUtf8(onLinux);
-#endif
-}
-
 // The system's own description is English; the usual causes are said in words the user can act on.
 QString saveFailureReason(const QString& systemDescription)
 {
@@ -116,11 +105,9 @@ const QList<ModelDownloader::Model>& ModelDownloader::Model::catalog()
     // No SHA-256 nor exact size yet: none is known from a source to trust, so these are checked by their structure.
     static const QList<Model> models = {
         {QStringLiteral("ggml-large-v3-turbo-q5_0.bin"), QStringLiteral("Máxima qualidade — large-v3-turbo"), 547,
-            platformNote("para processadores rápidos ou GPU", "recomendado para Apple Silicon"), {}, 0,
-            ModelFileCheck::Format::whisperGgml},
+            QStringLiteral("para processadores rápidos ou GPU"), {}, 0, ModelFileCheck::Format::whisperGgml},
         {QStringLiteral("ggml-small-q5_1.bin"), QStringLiteral("Equilibrado — small"), 190,
-            platformNote("recomendado para a maioria dos computadores", "recomendado para Macs Intel"), {}, 0,
-            ModelFileCheck::Format::whisperGgml},
+            QStringLiteral("recomendado para a maioria dos computadores"), {}, 0, ModelFileCheck::Format::whisperGgml},
         {QStringLiteral("ggml-base-q5_1.bin"), QStringLiteral("Leve — base"), 60, QStringLiteral("máquinas antigas; qualidade menor"), {},
             0, ModelFileCheck::Format::whisperGgml},
     };

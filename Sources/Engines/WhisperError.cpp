@@ -4,18 +4,8 @@ QString WhisperError::description() const
 {
     switch (errorCase()) {
     case Case::transcriptionFailed: return QStringLiteral("Falha na transcrição Whisper: ") + detail();
-    case Case::notInstalled:
-#ifdef Q_OS_MACOS
-        return QStringLiteral("whisper-cli não encontrado. Instale com: brew install whisper-cpp");
-#else
-        return QStringLiteral("whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
-#endif
-    case Case::modelMissing:
-#ifdef Q_OS_MACOS
-        return QStringLiteral("Modelo Whisper não encontrado em ~/Library/Application Support/Voxaria/models/");
-#else
-        return QStringLiteral("Modelo Whisper não encontrado em ~/.local/share/Voxaria/models/");
-#endif
+    case Case::notInstalled: return QStringLiteral("whisper-cli não encontrado. Instale com: sudo apt install whisper.cpp");
+    case Case::modelMissing: return QStringLiteral("Modelo Whisper não encontrado em ~/.local/share/Voxaria/models/");
     case Case::modelDamaged:
         return QStringLiteral("O modelo Whisper %1 está danificado: remova-o e baixe-o de novo no menu Modelo Whisper.").arg(detail());
     case Case::timedOut: return QStringLiteral("O Whisper não respondeu a tempo e foi interrompido. Tente de novo.");

@@ -40,13 +40,8 @@ QStringList YtDlpManager::candidates()
 {
     return {
         installedPath(),
-#ifdef Q_OS_MACOS
-        QStringLiteral("/opt/homebrew/bin/yt-dlp"),
-        QStringLiteral("/usr/local/bin/yt-dlp"),
-#else
         QStringLiteral("/usr/local/bin/yt-dlp"),
         QStringLiteral("/usr/bin/yt-dlp"),
-#endif
     };
 }
 

@@ -6,9 +6,7 @@ QUrl YtDlpManager::downloadURL()
 {
     // The stand-alone builds carry their own Python; elsewhere the zip application needs the
     // system's python3.
-#if defined(Q_OS_MACOS)
-    static const QString asset = QStringLiteral("yt-dlp_macos");
-#elif defined(Q_PROCESSOR_X86_64)
+#if defined(Q_PROCESSOR_X86_64)
     static const QString asset = QStringLiteral("yt-dlp_linux");
 #elif defined(Q_PROCESSOR_ARM_64)
     static const QString asset = QStringLiteral("yt-dlp_linux_aarch64");

@@ -33,12 +33,26 @@ public:
         QString chord = {};
     };
 
+    // The session's ways, as the user reads them.
+    struct Wording {
+        // How dictated text arrives, e.g. "wlr data-control + teclado virtual".
+        QString pasteRoute;
+        // A paragraph of its own about that route, or empty (GNOME: its question at every start, or
+        // why the text is only copied).
+        QString pasteNote;
+        // Where nothing can see the dictation key: what the user can do besides joining the input
+        // group, said between that advice and the warning about the group.
+        QString keySourceRemedy;
+    };
+
     virtual ~SessionPlatform() = default;
 
     virtual SessionInfo session() const = 0;
     virtual KeySource keySource() const = 0;
     // Known at start-up, except on GNOME: copy only until the shell has said its version, a moment later.
     virtual PasteRoute pasteRoute() const = 0;
+    // For the current paste route.
+    virtual Wording wording() const = 0;
 
     // The key source, handed over once (later calls answer nothing).
     virtual std::unique_ptr<KeyMonitor> takeKeyMonitor() = 0;

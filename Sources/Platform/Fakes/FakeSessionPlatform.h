@@ -13,6 +13,7 @@ public:
     SessionInfo sessionInfo{SessionInfo::Kind::x11};
     KeySource source{QStringLiteral("XInput2"), true};
     PasteRoute route = PasteRoute::x11;
+    Wording words{QStringLiteral("X11"), {}, QStringLiteral(", ou use uma sessão X11. ")};
     std::unique_ptr<FakeKeyMonitor> keyMonitor = std::make_unique<FakeKeyMonitor>();
     std::shared_ptr<FakePasteboard> fakePasteboard = std::make_shared<FakePasteboard>();
     std::shared_ptr<FakeKeyPoster> fakeKeyPoster = std::make_shared<FakeKeyPoster>();
@@ -22,6 +23,7 @@ public:
     SessionInfo session() const override { return sessionInfo; }
     KeySource keySource() const override { return source; }
     PasteRoute pasteRoute() const override { return route; }
+    Wording wording() const override { return words; }
     std::unique_ptr<KeyMonitor> takeKeyMonitor() override { return std::move(keyMonitor); }
     std::shared_ptr<Pasteboard> pasteboard() const override { return fakePasteboard; }
     std::shared_ptr<KeyPoster> keyPoster() const override { return fakeKeyPoster; }

@@ -199,6 +199,38 @@ SessionPlatform::PasteRoute LinuxPlatform::pasteRouteFor(
     return PasteRoute::copyOnly;
 }
 
+SessionPlatform::Wording LinuxPlatform::wordingFor(const SessionInfo& session, PasteRoute route)
+{
+    Wording wording;
+    wording.pasteRoute = QStringLiteral("X11 (XWayland)");
+    if (route == PasteRoute::copyOnly)
+        wording.pasteRoute = QStringLiteral("copiar apenas (cole com Ctrl+V)");
+    else if (route == PasteRoute::compositor && session.compositor == Compositor::kde)
+        wording.pasteRoute = QStringLiteral("data-control + entrada sintética do KWin");
+    else if (route == PasteRoute::compositor)
+        wording.pasteRoute = QStringLiteral("wlr data-control + teclado virtual");
+    if (session.compositor == Compositor::gnome)
+        wording.pasteNote = route == PasteRoute::copyOnly
+            ? QStringLiteral("O GNOME só aceita a colagem do Voxaria a partir da versão 45: aqui o texto ditado fica copiado para você "
+                             "colar com Ctrl+V.")
+            : QStringLiteral("Na primeira colagem, a cada início do Voxaria, o GNOME pergunta se permite o controle remoto do teclado: "
+                             "permita, pois é assim que o Voxaria cola o texto ditado no aplicativo em uso.");
+    wording.keySourceRemedy = session.compositor == Compositor::gnome
+        ? QStringLiteral(". No GNOME 48 ou mais novo, o portal de atalhos globais (xdg-desktop-portal) dispensa o grupo: "
+                         "com ele, o Voxaria registra um atalho para segurar no lugar da tecla. ")
+        : QStringLiteral(", ou use uma sessão X11. ");
+    return wording;
+}
+
+// Qt prefers Wayland on a Wayland session. Where XWayland is there, Voxaria's windows go through it
+// instead, so the HUD stays an overlay no window manager places or focuses; only keys, clipboard
+// and paste speak Wayland. A user's own QT_QPA_PLATFORM still wins.
+void LinuxPlatform::preferXWaylandForWindows(const SessionInfo& session)
+{
+    if (session.kind == SessionInfo::Kind::wayland && session.hasXDisplay && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "xcb");
+}
+
 std::unique_ptr<KeyMonitor> LinuxPlatform::takeKeyMonitor()
 {
     return std::move(m_keyMonitor);

@@ -24,6 +24,7 @@ public:
     SessionInfo session() const override { return m_session; }
     KeySource keySource() const override { return m_keySource; }
     PasteRoute pasteRoute() const override { return m_pasteRoute; }
+    Wording wording() const override { return wordingFor(m_session, m_pasteRoute); }
     std::unique_ptr<KeyMonitor> takeKeyMonitor() override;
     std::shared_ptr<Pasteboard> pasteboard() const override { return m_pasteboard; }
     std::shared_ptr<KeyPoster> keyPoster() const override { return m_keyPoster; }
@@ -38,6 +39,13 @@ public:
     // so; the others only copy.
     static PasteRoute pasteRouteFor(
         const SessionInfo& session, std::optional<int> gnomeShellMajor, const std::function<bool()>& canSynthesisePaste);
+
+    // What the user reads of a session whose text takes `route`.
+    static Wording wordingFor(const SessionInfo& session, PasteRoute route);
+
+    // Before the application object exists: on a Wayland session with XWayland, the program's
+    // windows go through XWayland, unless the user chose a Qt platform.
+    static void preferXWaylandForWindows(const SessionInfo& session);
 
     // From a short-lived copy of the program (started by a compositor key binding, or by the user
     // while a copy runs): hands a press or release of the dictation key, or a request to show

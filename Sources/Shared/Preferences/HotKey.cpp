@@ -26,19 +26,11 @@ QString HotKey::rawValue() const
 
 QString HotKey::label() const
 {
-#ifdef Q_OS_MACOS
-    switch (m_value) {
-    case rightOption: return QStringLiteral("⌥ direita (Option)");
-    case rightCommand: return QStringLiteral("⌘ direita (Command)");
-    case fn: return QStringLiteral("fn / 🌐");
-    }
-#else
     switch (m_value) {
     case rightOption: return QStringLiteral("Alt direito (AltGr)");
     case rightCommand: return QStringLiteral("Super direito");
     case fn: return QStringLiteral("fn");
     }
-#endif
     return {};
 }
 

@@ -23,9 +23,5 @@ QString TranscriptionEngineKind::label() const
 {
     if (m_value == whisper)
         return QStringLiteral("Whisper (melhor qualidade)");
-#ifdef Q_OS_MACOS
-    return QStringLiteral("Apple (nativo, tempo real)");
-#else
     return QStringLiteral("Nemotron (nativo, tempo real)");
-#endif
 }
