@@ -7,6 +7,7 @@
 #include "Engines/WhisperTranscriber.h"
 #include "Platform/Fakes/FakeAudioInput.h"
 #include "Platform/Linux/Audio/SoxrAudioConverter.h"
+#include "Platform/Linux/Desktop/ProcessActivity.h"
 #include "Shared/Error.h"
 
 #include <QByteArray>
@@ -44,7 +45,7 @@ inline Result dictate(const QByteArray& samples, int holdMs, const DictationOpti
 {
     auto input = std::make_unique<FakeAudioInput>();
     FakeAudioInput* microphone = input.get();
-    WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, options);
+    WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, &ProcessActivity::waitsOnStandardInput, options);
     Result result;
     QEventLoop waiting;
     engine.start(

@@ -16,8 +16,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A manager over a given key source and `key` as the chosen one, counting its callbacks and keeping
-// the times they gave.
+// A manager over a given key source and chosen `key`, counting its callbacks and the times they gave.
 struct Watched {
     explicit Watched(std::unique_ptr<KeyMonitor> source)
         : manager(std::move(source), [this] { return key; })

@@ -11,6 +11,7 @@
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/PulseDefaultSource.h"
 #include "Platform/Linux/Audio/SoxrAudioConverter.h"
+#include "Platform/Linux/Desktop/ProcessActivity.h"
 #include "Platform/Linux/Media/FFmpegMediaReader.h"
 #include "Shared/AppPaths.h"
 #include "Shared/ProcessorCores.h"
@@ -74,7 +75,8 @@ protected:
         auto input = std::make_unique<FakeAudioInput>();
         input->deviceFormat = AudioFormat{48000, 2, AudioFormat::SampleType::float32};
         microphone = input.get();
-        return std::make_unique<WhisperTranscriber>(std::move(input), &SoxrAudioConverter::make, options);
+        return std::make_unique<WhisperTranscriber>(
+            std::move(input), &SoxrAudioConverter::make, &ProcessActivity::waitsOnStandardInput, options);
     }
 
     // The command line of the whisper-cli started for a dictation, while it runs.
@@ -611,7 +613,7 @@ TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsR
         EXPECT_EQ(pulseListing({"clients"}).count("application.name = \"Voxaria\""), 1);
         auto input = std::make_unique<PulseAudioInput>();
         PulseAudioInput& realMicrophone = *input;
-        WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, options);
+        WhisperTranscriber engine(std::move(input), &SoxrAudioConverter::make, &ProcessActivity::waitsOnStandardInput, options);
         answers = {};
         answers.start(engine);
         spin(500ms);
@@ -636,7 +638,8 @@ TEST(WhisperWithoutAudioServer, StartFailsAtOnce)
     if (qEnvironmentVariableIsSet("VOXARIA_CHILD_WITHOUT_AUDIO_SERVER")) {
         FakeWhisper whisper;
         installModel(QStringLiteral("ggml-base.bin"));
-        WhisperTranscriber engine(std::make_unique<PulseAudioInput>(), &SoxrAudioConverter::make, {});
+        WhisperTranscriber engine(
+            std::make_unique<PulseAudioInput>(), &SoxrAudioConverter::make, &ProcessActivity::waitsOnStandardInput, {});
         EngineAnswers answers;
         EXPECT_EQ(answers.startFailure(engine), "Falha na transcrição Whisper: formato de áudio não suportado");
         return;

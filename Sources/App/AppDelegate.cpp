@@ -41,7 +41,7 @@ AppDelegate::AppDelegate(
     , m_settings(settings)
     , m_downloader(downloader)
     , m_updater(UpdaterManager::Channel::fromBuild(), m_services.alerts, m_services.urlOpener)
-    , m_checks(Permissions::Checks::system(platform))
+    , m_checks(Permissions::Checks::system(platform, m_services.microphoneListed))
     , m_menu(platform, settings, downloader, *m_services.alerts, *m_services.loginItem,
           {
               .openVideoTranscription = [this] { openVideoTranscription(); },

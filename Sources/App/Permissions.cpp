@@ -1,7 +1,6 @@
 #include "Permissions.h"
 
 #include "Platform/AccessibilityTrust.h"
-#include "Platform/InputDevices.h"
 #include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 
@@ -33,10 +32,10 @@ void answerOnMainThread(std::function<bool()> lookUp, std::function<void(bool)> 
 
 }
 
-Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform)
+Permissions::Checks Permissions::Checks::system(const SessionPlatform& platform, std::function<bool()> microphoneListed)
 {
     return {
-        &InputDevices::anyListed,
+        std::move(microphoneListed),
         // One model transcribes every language it knows: installed, it serves each of them.
         [](const QString& localeIdentifier) {
             return LiveSpeechModel::transcribes(localeIdentifier) && QFileInfo::exists(LiveSpeechModel::installedPath());

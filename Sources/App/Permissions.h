@@ -24,8 +24,9 @@ struct Checks {
     std::function<bool(const QString& localeIdentifier)> nativeModelFound;
     std::function<bool()> keyboardAccess; // main thread only
 
-    // The machine's answers, the keyboard asked of the session's backends.
-    static Checks system(const SessionPlatform& platform);
+    // The machine's answers: the microphone as `microphoneListed` says, the keyboard asked of the
+    // session's backends.
+    static Checks system(const SessionPlatform& platform, std::function<bool()> microphoneListed);
 };
 
 // The real checks, for the given language identifier (e.g. "pt-BR"), without holding the main

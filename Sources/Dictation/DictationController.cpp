@@ -79,7 +79,8 @@ std::unique_ptr<TranscriptionEngine> DictationController::makeEngine(
     TranscriptionEngineKind chosen, const DictationOptions& options, const PlatformServices& services)
 {
     if (chosen == TranscriptionEngineKind::whisper && WhisperTranscriber::isAvailable(options.whisperModelFileName))
-        return std::make_unique<WhisperTranscriber>(services.makeAudioInput(), services.makeConverter, options);
+        return std::make_unique<WhisperTranscriber>(
+            services.makeAudioInput(), services.makeConverter, services.waitsOnStandardInput, options);
     return std::make_unique<SpeechTranscriber>(services.makeAudioInput(), services.makeRecognizer, services.makeConverter, options);
 }
 

@@ -1,7 +1,6 @@
 #include "WhisperTranscriber.h"
 
 #include "PhantomPhrases.h"
-#include "Platform/ProcessActivity.h"
 #include "Shared/AppPaths.h"
 #include "Shared/Logging.h"
 #include "Shared/ProcessorCores.h"
@@ -128,11 +127,12 @@ struct WhisperTranscriber::Recording {
     }
 };
 
-WhisperTranscriber::WhisperTranscriber(
-    std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, DictationOptions options, QObject* parent)
+WhisperTranscriber::WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter,
+    PlatformServices::InputWaitProbe waitsOnStandardInput, DictationOptions options, QObject* parent)
     : TranscriptionEngine(parent)
     , m_audioEngine(std::move(audioEngine))
     , m_makeConverter(std::move(makeConverter))
+    , m_waitsOnStandardInput(std::move(waitsOnStandardInput))
     , m_options(std::move(options))
 {
     m_deadline.setSingleShot(true);
@@ -320,7 +320,7 @@ void WhisperTranscriber::finish()
     if (m_process) {
         // whisper-cli reads its standard input only once its model is loaded: waiting in that read
         // now, it loaded while the user spoke.
-        m_modelReadyAtRelease = ProcessActivity::waitsOnStandardInput(m_process->processId());
+        m_modelReadyAtRelease = m_waitsOnStandardInput(m_process->processId());
         sendRecording();
         return;
     }

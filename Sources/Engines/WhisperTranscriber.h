@@ -3,6 +3,7 @@
 #include "DictationOptions.h"
 #include "Platform/AudioConverter.h"
 #include "Platform/AudioInput.h"
+#include "Platform/PlatformServices.h"
 #include "SpeechGate.h"
 #include "TranscriptionEngine.h"
 #include "WhisperError.h"
@@ -33,8 +34,9 @@ public:
 
     static constexpr int kSampleRate = 16000;
 
-    WhisperTranscriber(
-        std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter, DictationOptions options, QObject* parent = nullptr);
+    // `waitsOnStandardInput` tells whether whisper-cli still loads its model at the release.
+    WhisperTranscriber(std::unique_ptr<AudioInput> audioEngine, ConverterFactory makeConverter,
+        PlatformServices::InputWaitProbe waitsOnStandardInput, DictationOptions options, QObject* parent = nullptr);
     ~WhisperTranscriber() override;
 
     void start(PartialCallback onPartial, FinalCallback onFinal, ErrorCallback onError) override;
@@ -95,6 +97,7 @@ private:
 
     std::unique_ptr<AudioInput> m_audioEngine;
     ConverterFactory m_makeConverter;
+    const PlatformServices::InputWaitProbe m_waitsOnStandardInput;
     const DictationOptions m_options;
     std::shared_ptr<Recording> m_audioFile;
     std::optional<QString> m_wavURL;

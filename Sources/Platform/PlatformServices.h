@@ -16,6 +16,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 // The desktop services a component reaches, built once where the program starts and handed down:
 // one shared instance of each service the whole program uses, and a factory for each one made per
@@ -26,6 +27,9 @@ struct PlatformServices {
     using MediaReaderFactory = std::function<std::unique_ptr<MediaReader>()>;
     // Nothing for a language no recogniser of this platform knows.
     using RecognizerFactory = std::function<std::shared_ptr<SpeechRecognizer>(const QString& localeIdentifier)>;
+    // Whether a running child process waits in a read of its standard input; nothing when the
+    // system does not say.
+    using InputWaitProbe = std::function<std::optional<bool>(qint64 pid)>;
 
     std::shared_ptr<Alerts> alerts;
     std::shared_ptr<FileDialogs> fileDialogs;
@@ -43,4 +47,8 @@ struct PlatformServices {
     MediaReaderFactory makeMediaReader;
     // A recogniser per dictation language.
     RecognizerFactory makeRecognizer;
+    // Whether the sound system lists a microphone (it may wait for the sound server: ask off the
+    // main thread).
+    std::function<bool()> microphoneListed;
+    InputWaitProbe waitsOnStandardInput;
 };

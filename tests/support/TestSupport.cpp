@@ -1,6 +1,6 @@
 #include "TestSupport.h"
 
-#include "Platform/InputDevices.h"
+#include "Platform/Linux/Audio/InputDevices.h"
 
 #include <QAudioDevice>
 #include <QCoreApplication>

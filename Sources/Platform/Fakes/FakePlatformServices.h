@@ -13,7 +13,8 @@
 #include "Platform/PlatformServices.h"
 
 // Every desktop service as a recording fake, kept here for the test to script and read. The
-// factories make fresh fakes; the recogniser is the one `recognizer`, and no format converts.
+// factories make fresh fakes; the recogniser is the one `recognizer`, no format converts, a
+// microphone is always listed and no process says what it waits for.
 struct FakePlatformServices {
     std::shared_ptr<FakeAlerts> alerts = std::make_shared<FakeAlerts>();
     std::shared_ptr<FakeFileDialogs> fileDialogs = std::make_shared<FakeFileDialogs>();
@@ -28,6 +29,7 @@ struct FakePlatformServices {
     {
         return {alerts, fileDialogs, sounds, loginItem, urlOpener, systemTray, windowFocus,
             [] { return std::make_unique<FakeAudioInput>(); }, [](const AudioFormat&, int) { return std::unique_ptr<AudioConverter>(); },
-            [] { return std::make_unique<FakeMediaReader>(); }, [recognizer = recognizer](const QString&) { return recognizer; }};
+            [] { return std::make_unique<FakeMediaReader>(); }, [recognizer = recognizer](const QString&) { return recognizer; },
+            [] { return true; }, [](qint64) { return std::optional<bool>(); }};
     }
 };

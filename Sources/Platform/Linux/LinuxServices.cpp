@@ -1,9 +1,11 @@
 #include "LinuxServices.h"
 
+#include "Platform/Linux/Audio/InputDevices.h"
 #include "Platform/Linux/Audio/PulseAudioInput.h"
 #include "Platform/Linux/Audio/SoxrAudioConverter.h"
 #include "Platform/Linux/Desktop/DesktopUrlOpener.h"
 #include "Platform/Linux/Desktop/MessageBoxAlerts.h"
+#include "Platform/Linux/Desktop/ProcessActivity.h"
 #include "Platform/Linux/Desktop/QtFileDialogs.h"
 #include "Platform/Linux/Desktop/SoundEffectSounds.h"
 #include "Platform/Linux/Desktop/StatusNotifierSystemTray.h"
@@ -26,5 +28,7 @@ PlatformServices LinuxServices::make()
     services.makeConverter = &SoxrAudioConverter::make;
     services.makeMediaReader = [] { return std::make_unique<FFmpegMediaReader>(); };
     services.makeRecognizer = &LiveSpeechRecognizer::forLocale;
+    services.microphoneListed = &InputDevices::anyListed;
+    services.waitsOnStandardInput = &ProcessActivity::waitsOnStandardInput;
     return services;
 }

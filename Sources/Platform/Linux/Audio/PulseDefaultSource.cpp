@@ -1,6 +1,6 @@
 #include "PulseDefaultSource.h"
 
-#include "Platform/InputDevices.h"
+#include "InputDevices.h"
 #include "Shared/Logging.h"
 
 #include <pulse/pulseaudio.h>

@@ -1,4 +1,4 @@
-#include "Platform/ProcessActivity.h"
+#include "ProcessActivity.h"
 
 #include <QFile>
 
