@@ -1,4 +1,5 @@
 #include "Dictation/DictationController.h"
+#include "Dictation/HUDPanel.h"
 #include "Engines/SpeechTranscriber.h"
 #include "Engines/WhisperError.h"
 #include "Engines/WhisperTranscriber.h"
@@ -92,6 +93,8 @@ public:
         trust = fakeTrust.get();
         front = fakeFront.get();
         front->name = QStringLiteral("Editor de texto");
+        auto panel = std::make_unique<HUDPanel>();
+        hud = panel.get();
         controller = std::make_unique<DictationController>(
             DictationController::Collaborators{[script = script] { return std::make_unique<ScriptedEngine>(script); },
                 FeedbackSounds(sounds, [playSounds] { return playSounds; }), std::move(fakeTrust), std::move(fakeFront),
@@ -100,18 +103,18 @@ public:
                     frontQueriesAtInsertion = front->queryCount;
                     return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode}, std::move(onPasted));
                 },
-                timing});
+                timing, std::move(panel)});
         controller->onStateChange = [this](State state) { states << state; };
     }
 
-    bool hudVisible() { return controller->hud().panel()->isVisible(); }
+    bool hudVisible() { return hud->panel()->isVisible(); }
     // The live text under the status, as the user reads it ("" when its line is hidden).
     QString hudText()
     {
-        const QLabel* label = controller->hud().panel()->findChild<QLabel*>("textLabel");
-        return label->isVisibleTo(controller->hud().panel()) ? label->text().remove(QChar(0x200B)) : QString();
+        const QLabel* label = hud->panel()->findChild<QLabel*>("textLabel");
+        return label->isVisibleTo(hud->panel()) ? label->text().remove(QChar(0x200B)) : QString();
     }
-    QString hudStatus() { return controller->hud().panel()->accessibleName(); }
+    QString hudStatus() { return hud->panel()->accessibleName(); }
 
     // The key held for 0.4 s by its events' times.
     void dictate()
@@ -131,6 +134,7 @@ public:
     int frontQueriesAtInsertion = -1;
     QList<State> states;
     std::unique_ptr<DictationController> controller;
+    HUDPanel* hud = nullptr;
 };
 
 TEST_F(DictationTest, TheApplicationIsNamedBeforeThePasteAndADashStandsForNoName)

@@ -8,6 +8,7 @@
 #include "Shared/Preferences/Settings.h"
 #include "TestSupport.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
@@ -66,6 +67,7 @@ protected:
     QTemporaryDir scratch;
     Settings settings{scratch.filePath("settings.conf")};
 
+    ModelDownloaderTest() { ModelDownloadWindow::follow(downloader); }
     void SetUp() override
     {
         QDir(AppPaths::modelsFolder()).removeRecursively();
@@ -86,7 +88,15 @@ protected:
         EXPECT_TRUE(waitUntil([this] { return !downloader.isDownloading(); }, 30s));
         return alerts->shown.size() > before ? alerts->shown.last().messageText + ": " + alerts->shown.last().informativeText : "";
     }
-    QString status() const { return downloader.window() ? downloader.window()->statusText() : "(no window)"; }
+    // The download's window on screen, if any.
+    static ModelDownloadWindow* shownWindow()
+    {
+        for (QWidget* widget : QApplication::topLevelWidgets())
+            if (auto* shown = qobject_cast<ModelDownloadWindow*>(widget); shown && shown->isVisible())
+                return shown;
+        return nullptr;
+    }
+    QString status() const { return shownWindow() ? shownWindow()->statusText() : "(no window)"; }
 };
 
 TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
@@ -110,7 +120,7 @@ TEST_F(ModelDownloaderTest, ShowsProgressThenReplacesAndSelectsTheModel)
         EXPECT_TRUE(waitUntil([&] { return server.ranges.size() == 2 && status() == c.atStart; })) << status().toStdString();
         server.release(kModel.size() / 2);
         EXPECT_TRUE(waitUntil([&] { return status() == c.atHalf; })) << status().toStdString();
-        EXPECT_EQ(downloader.window()->fraction(), c.sendLength ? 0.5 : 0);
+        EXPECT_EQ(shownWindow()->fraction(), c.sendLength ? 0.5 : 0);
         server.release();
         EXPECT_EQ(waitForEnd(), "Modelo instalado: " + kInstalled);
         EXPECT_EQ(contents(small.fileName), kModel);
@@ -128,10 +138,10 @@ TEST_F(ModelDownloaderTest, CancelClosesAtOnceAndTheNextTryResumes)
         server.setRoute(small.fileName, Route{.body = kModel, .holdAt = 1 << 20, .etag = "\"v1\""});
         start();
         EXPECT_TRUE(waitUntil([&] { return status() == "1 MB de 3 MB (33%)"; })) << status().toStdString();
-        const QPointer<ModelDownloadWindow> window = downloader.window();
+        const QPointer<ModelDownloadWindow> window = shownWindow();
         bool secondCalled = false;
         downloader.download(ModelDownloader::Model::catalog().at(2), [&](bool) { secondCalled = true; });
-        EXPECT_EQ(downloader.window(), window);
+        EXPECT_EQ(shownWindow(), window);
 
         alerts->answers = QStringList{"Continuar", "Cancelar download"};
         for (int ask = 1; byClosing && ask <= 2; ++ask) {
@@ -433,7 +443,7 @@ TEST_F(ModelDownloaderTest, TheVoiceActivityModelComesAlongAndNeverBlocks)
     QFile::remove(vad.filePath());
     server.setRoute("vad/" + vad.fileName, Route{.body = kModel, .holdAt = 1 << 20});
     start();
-    EXPECT_TRUE(waitUntil([&] { return status() == "Baixando o modelo de detecção de voz…" && downloader.window()->fraction() > 0; }));
+    EXPECT_TRUE(waitUntil([&] { return status() == "Baixando o modelo de detecção de voz…" && shownWindow()->fraction() > 0; }));
     downloader.cancelTapped();
     EXPECT_EQ(completions, (QList<bool>{true, false}));
     EXPECT_FALSE(QFile::exists(small.partPath())) << "the Whisper model was started";

@@ -1,4 +1,5 @@
 #include "Dictation/DictationController.h"
+#include "Dictation/HUDPanel.h"
 #include "Engines/PhantomPhrases.h"
 #include "Engines/SpeechGate.h"
 #include "Engines/WhisperTranscriber.h"
@@ -552,6 +553,8 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
             timingLines << message;
     });
     QStringList inserted;
+    auto panel = std::make_unique<HUDPanel>();
+    const HUDPanel* hud = panel.get();
     DictationController controller({[this] {
                                         auto engine = makeEngine();
                                         engine->setAnswerBound([](std::chrono::milliseconds) { return 1s; });
@@ -563,14 +566,14 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
             onPasted();
             return TextInserter::Mode::paste;
         },
-        {}});
+        {}, std::move(panel)});
     const auto dictateFor = [&](KeyEventTime at, float loudness) {
         controller.startRecording(at);
         speak(11, loudness);
         controller.stopRecordingAndInsert(at + 1000);
         return waitUntil([&] { return controller.state() == DictationController::State::idle; }, 20s);
     };
-    const auto hudStatus = [&] { return controller.hud().panel()->accessibleName(); };
+    const auto hudStatus = [&] { return hud->panel()->accessibleName(); };
     ASSERT_TRUE(dictateFor(1000, 0.00012F));
     EXPECT_EQ(hudStatus(), "⚠️ Fale mais perto do microfone ou aumente o volume de entrada.");
     whisper.script("hold=1");

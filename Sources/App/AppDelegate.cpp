@@ -1,6 +1,8 @@
 #include "AppDelegate.h"
 
+#include "Dictation/HUDPanel.h"
 #include "Dictation/TextInserter.h"
+#include "Engines/ModelDownloadWindow.h"
 #include "Engines/WhisperTranscriber.h"
 #include "History/HistoryWindow.h"
 #include "Media/MediaTranscriber.h"
@@ -52,6 +54,7 @@ AppDelegate::AppDelegate(
     , m_hotkeyManager(platform.takeKeyMonitor(), [&settings] { return settings.hotKey(); })
     , m_dictation(dictationCollaborators())
 {
+    ModelDownloadWindow::follow(m_downloader);
     // A Whisper model that has just arrived is the one dictation uses from then on.
     connect(&m_downloader, &ModelDownloader::whisperModelInstalled, this,
         [&settings](const QString& fileName) { settings.setWhisperModelFileName(fileName); });
@@ -66,6 +69,7 @@ DictationController::Collaborators AppDelegate::dictationCollaborators()
         return DictationController::makeEngine(settings.engine(), dictationOptions(settings), services);
     };
     collaborators.sounds = FeedbackSounds(m_services.sounds, [&settings = m_settings] { return settings.playSounds(); });
+    collaborators.display = std::make_unique<HUDPanel>();
     return collaborators;
 }
 

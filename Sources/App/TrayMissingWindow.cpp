@@ -1,7 +1,7 @@
 #include "TrayMissingWindow.h"
 
 #include "Platform/WindowFocus.h"
-#include "Shared/WindowPlacement.h"
+#include "UI/WindowPlacement.h"
 
 #include <QHBoxLayout>
 #include <QLabel>

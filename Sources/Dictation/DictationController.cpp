@@ -61,6 +61,7 @@ DictationController::DictationController(Collaborators collaborators, QObject* p
     , m_frontApplication(std::move(collaborators.frontApplication))
     , m_insertText(std::move(collaborators.insertText))
     , m_timing(collaborators.timing)
+    , m_display(std::move(collaborators.display))
 {
     m_liveTextTimer.setSingleShot(true);
     m_liveTextTimer.setInterval(m_timing.liveTextInterval);
@@ -102,7 +103,7 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
     const KeyMoment pressed{pressedAt};
     if (!m_accessibility->isTrusted(true)) {
         qCInfo(lcDictation) << "key pressed without keyboard access; no dictation";
-        m_hud.show(accessibilityWarning, QString());
+        m_display->show(accessibilityWarning, QString());
         hideLaterIfStillIdle(m_timing.accessibilityMessage);
         return;
     }
@@ -112,7 +113,7 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
     m_keyPressedAt = pressed;
     play("Tink");
     dropLiveText();
-    m_hud.show(listeningMessage, QString());
+    m_display->show(listeningMessage, QString());
 }
 
 bool DictationController::startEngine()
@@ -152,7 +153,7 @@ void DictationController::showLiveText(const QString& textSoFar)
         m_pendingLiveText = textSoFar;
         return;
     }
-    m_hud.update(textSoFar);
+    m_display->update(textSoFar);
     m_liveTextTimer.start();
 }
 
@@ -182,11 +183,11 @@ void DictationController::stopRecordingAndInsert(std::optional<KeyEventTime> rel
         m_transcriber.reset();
         setState(State::idle);
         dropLiveText();
-        m_hud.hide();
+        m_display->hide();
         return;
     }
     setState(State::finishing);
-    m_hud.show(transcribingMessage, QString());
+    m_display->show(transcribingMessage, QString());
     if (m_transcriber)
         m_transcriber->finish();
 }
@@ -199,7 +200,7 @@ void DictationController::handleFinal(const QString& text)
     const std::optional<TranscriptionEngine::Timing> timing = m_transcriber ? m_transcriber->timing() : std::nullopt;
     m_transcriber.reset();
     dropLiveText();
-    m_hud.hide();
+    m_display->hide();
     const QString trimmed = text.trimmed();
     if (trimmed.isEmpty()) {
         qCInfo(lcDictation) << "nothing was heard";
@@ -220,7 +221,7 @@ void DictationController::insert(const QString& text, std::optional<Transcriptio
     const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
     if (mode != TextInserter::Mode::paste) {
-        m_hud.show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());
+        m_display->show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());
         hideLaterIfStillIdle(m_timing.copiedMessage);
     }
 }
@@ -233,7 +234,7 @@ void DictationController::handleError(const Error& error)
         logTiming(m_transcriber->timing(), QStringLiteral("failure shown"));
     m_transcriber.reset();
     dropLiveText();
-    m_hud.show(QStringLiteral("⚠️ ") + error.description(), QString());
+    m_display->show(QStringLiteral("⚠️ ") + error.description(), QString());
     play("Basso");
     hideLaterIfStillIdle(m_timing.errorMessage);
 }
@@ -257,7 +258,7 @@ void DictationController::hideLaterIfStillIdle(std::chrono::milliseconds delay)
     // Precise: a coarse timer of this length may fire a fifth of a second early.
     QTimer::singleShot(delay, Qt::PreciseTimer, this, [this] {
         if (m_state == State::idle)
-            m_hud.hide();
+            m_display->hide();
     });
 }
 

@@ -2,7 +2,6 @@
 
 #include "Engines/DictationOptions.h"
 #include "Engines/TranscriptionEngine.h"
-#include "HUDPanel.h"
 #include "Platform/AccessibilityTrust.h"
 #include "Platform/FeedbackSounds.h"
 #include "Platform/FrontApplication.h"
@@ -10,6 +9,7 @@
 #include "Platform/PlatformServices.h"
 #include "Shared/Error.h"
 #include "Shared/Preferences/TranscriptionEngineKind.h"
+#include "StatusDisplay.h"
 #include "TextInserter.h"
 
 #include <QObject>
@@ -55,6 +55,8 @@ public:
         std::unique_ptr<FrontApplication> frontApplication;
         TextInsertion insertText;
         Timing timing;
+        // Where the status shows: the HUD, which the program's widgets provide.
+        std::unique_ptr<StatusDisplay> display;
 
         // The session's trust test, front application and paste, to which the owner adds the engine
         // factory and the sounds; `platform` must outlive the controller.
@@ -68,7 +70,6 @@ public:
     std::function<void(State)> onStateChange;
 
     State state() const { return m_state; }
-    HUDPanel& hud() { return m_hud; }
 
     // The key went down / up, at the key event's own time when the caller has it; without one, the
     // moment of the call counts.
@@ -109,7 +110,6 @@ private:
 
     State m_state = State::idle;
     EnginePtr m_transcriber;
-    HUDPanel m_hud;
     // Running from the moment a live text is shown until the next may be; one that comes meanwhile
     // waits in m_pendingLiveText, replaced by any later one.
     QTimer m_liveTextTimer;
@@ -123,6 +123,7 @@ private:
     std::unique_ptr<FrontApplication> m_frontApplication;
     TextInsertion m_insertText;
     Timing m_timing;
+    std::unique_ptr<StatusDisplay> m_display;
 };
 
 QDebug operator<<(QDebug debug, DictationController::State state);

@@ -1,7 +1,7 @@
 #include "HUDPanel.h"
 
 #include "Shared/Logging.h"
-#include "Shared/SystemFont.h"
+#include "UI/SystemFont.h"
 
 #include <QApplication>
 #include <QCursor>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Dictation/StatusDisplay.h"
+
 #include <QList>
 #include <QPoint>
 #include <QRect>
@@ -17,7 +19,7 @@ class QWidget;
 // upward) and up to three lines of text under it.
 // It never takes the focus, never activates the application and lets clicks through. It has no
 // timers and never hides itself; its owner decides. Main thread only.
-class HUDPanel {
+class HUDPanel final : public StatusDisplay {
 public:
     static constexpr int width = 420;
     static constexpr int minimumHeight = 44;
@@ -31,16 +33,16 @@ public:
     };
 
     HUDPanel();
-    ~HUDPanel();
+    ~HUDPanel() override;
     HUDPanel(const HUDPanel&) = delete;
     HUDPanel& operator=(const HUDPanel&) = delete;
 
     // Shows the status with the text under it (no second line when the text is empty) and brings
     // the panel to the front without taking the focus.
-    void show(const QString& status, const QString& text);
+    void show(const QString& status, const QString& text) override;
     // Replaces the text and refits the panel; a hidden panel stays hidden.
-    void update(const QString& text);
-    void hide();
+    void update(const QString& text) override;
+    void hide() override;
 
     // The on-screen surface, for looking at it (tests, screenshots).
     QWidget* panel() const;

@@ -1,10 +1,12 @@
 #include "ModelDownloadWindow.h"
 
-#include "Shared/SystemFont.h"
+#include "ModelDownloader.h"
+#include "UI/SystemFont.h"
 
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QLabel>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScreen>
@@ -47,6 +49,28 @@ ModelDownloadWindow::ModelDownloadWindow(const QString& displayName, std::functi
 
     if (QScreen* screen = QGuiApplication::primaryScreen())
         move(screen->availableGeometry().center() - rect().center());
+}
+
+void ModelDownloadWindow::follow(ModelDownloader& downloader)
+{
+    if (auto* application = qobject_cast<QGuiApplication*>(QCoreApplication::instance()))
+        connect(application, &QGuiApplication::commitDataRequest, &downloader, &ModelDownloader::stopForQuit);
+    connect(&downloader, &ModelDownloader::progressShown, &downloader, [&downloader](const QString& displayName) {
+        // The question waits for the event loop: the window may be gone by the time it is answered.
+        QPointer<ModelDownloadWindow> window = new ModelDownloadWindow(
+            displayName, [&downloader] { downloader.cancelTapped(); },
+            [&downloader] { QMetaObject::invokeMethod(&downloader, &ModelDownloader::askToCancel, Qt::QueuedConnection); });
+        connect(&downloader, &ModelDownloader::progressChanged, window, &ModelDownloadWindow::setProgress);
+        connect(&downloader, &ModelDownloader::progressHidden, window, [window, &downloader] {
+            disconnect(&downloader, nullptr, window, nullptr);
+            window->hide();
+            window->deleteLater();
+        });
+        connect(&downloader, &QObject::destroyed, window, [window] { delete window; });
+        window->show();
+        window->raise();
+        window->activateWindow();
+    });
 }
 
 void ModelDownloadWindow::closeEvent(QCloseEvent* event)

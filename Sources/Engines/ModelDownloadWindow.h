@@ -4,6 +4,7 @@
 
 #include <functional>
 
+class ModelDownloader;
 class QLabel;
 class QProgressBar;
 
@@ -13,6 +14,10 @@ class ModelDownloadWindow final : public QWidget {
     Q_OBJECT
 public:
     ModelDownloadWindow(const QString& displayName, std::function<void()> onCancel, std::function<void()> onClose);
+
+    // From now on every download of `downloader` shows a window of its own, which goes with the
+    // download; a logout stops the download as a quit does.
+    static void follow(ModelDownloader& downloader);
 
     // fraction in 0…1
     void setProgress(double fraction, const QString& status);

@@ -1,13 +1,12 @@
 #include "ModelDownloader.h"
 
-#include "ModelDownloadWindow.h"
 #include "Shared/AppPaths.h"
 #include "Shared/LiveSpeechModel.h"
 #include "Shared/Logging.h"
 #include "Shared/NetworkFailure.h"
 #include "WhisperCliFeatures.h"
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QEvent>
@@ -169,11 +168,8 @@ ModelDownloader::ModelDownloader(std::shared_ptr<Alerts> alerts, Addresses addre
     , m_addresses(std::move(addresses))
     , m_currentModel(Model::recommended())
 {
-    // A logout does not wait for a download: it ends like a quit, the ".part" kept.
-    if (auto* application = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
-        connect(application, &QGuiApplication::commitDataRequest, this, &ModelDownloader::stopForQuit);
+    if (QCoreApplication* application = QCoreApplication::instance())
         application->installEventFilter(this);
-    }
 }
 
 ModelDownloader::~ModelDownloader()
@@ -181,7 +177,6 @@ ModelDownloader::~ModelDownloader()
     // Going away mid-download reports nothing: the ".part" stays for the next run.
     if (m_task)
         m_task->disconnect(this);
-    delete m_window;
 }
 
 QString ModelDownloader::progressText(qint64 written, qint64 expected)
@@ -228,7 +223,7 @@ void ModelDownloader::download(const Model& model, Completion completion)
     m_completion = std::move(completion);
     // A failure shows up when the ".part" cannot be opened.
     QDir().mkpath(AppPaths::modelsFolder());
-    showWindow(model);
+    emit progressShown(model.displayName);
     m_session = std::make_unique<QNetworkAccessManager>();
     m_queue.clear();
     // Only whisper-cli uses the voice activity model.
@@ -238,25 +233,13 @@ void ModelDownloader::download(const Model& model, Completion completion)
     startTransfer();
 }
 
-void ModelDownloader::showWindow(const Model& model)
-{
-    // The question waits for the event loop: the window may be gone by the time it is answered.
-    m_window = new ModelDownloadWindow(
-        model.displayName, [this] { cancelTapped(); },
-        [this] { QMetaObject::invokeMethod(this, &ModelDownloader::askToCancel, Qt::QueuedConnection); });
-    m_window->show();
-    m_window->raise();
-    m_window->activateWindow();
-}
-
 void ModelDownloader::startTransfer()
 {
     m_part.setFileName(partPath());
     m_responseChecked = false;
     m_expected = -1;
-    if (m_window)
-        m_window->setProgress(0,
-            current().isWhisperModel ? QStringLiteral("Conectando… (%1 MB no total)").arg(current().model.sizeMB) : kVoiceActivityStatus);
+    emit progressChanged(
+        0, current().isWhisperModel ? QStringLiteral("Conectando… (%1 MB no total)").arg(current().model.sizeMB) : kVoiceActivityStatus);
     // Unbuffered, so that a full disk fails the write that meets it rather than a silent flush.
     if (!m_part.open(QIODevice::ReadWrite | QIODevice::Unbuffered)) {
         const QString reason = saveFailure(m_part.errorString());
@@ -419,10 +402,9 @@ void ModelDownloader::onData(QNetworkReply* reply)
 
 void ModelDownloader::showProgress(qint64 written)
 {
-    if (m_expected < 1 || !m_window)
+    if (m_expected < 1)
         return;
-    m_window->setProgress(
-        double(written) / m_expected, current().isWhisperModel ? progressText(written, m_expected) : kVoiceActivityStatus);
+    emit progressChanged(double(written) / m_expected, current().isWhisperModel ? progressText(written, m_expected) : kVoiceActivityStatus);
 }
 
 void ModelDownloader::onFinished(QNetworkReply* reply)
@@ -608,11 +590,7 @@ void ModelDownloader::finish(bool success, const std::optional<QString>& message
     if (m_session)
         m_session.release()->deleteLater();
     m_part.close();
-    if (m_window) {
-        m_window->hide();
-        m_window->deleteLater();
-    }
-    m_window = nullptr;
+    emit progressHidden();
 
     emit downloadingChanged();
     if (message)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "ModelDownloadWindow.h"
 #include "ModelFileCheck.h"
 #include "Platform/Alerts.h"
 
@@ -88,9 +87,11 @@ public:
     bool removeUnfinished(const Model& model) const;
     // The model asked for, also while the voice activity model comes first.
     const Model& currentModel() const { return m_currentModel; }
-    ModelDownloadWindow* window() const { return m_window; }
+    // The window's cancel button, and its close button (which asks first).
     void cancelTapped();
     void askToCancel();
+    // The program quits or the session ends: the download stops now, without asking.
+    void stopForQuit();
 
     // "273 MB de 547 MB (50%)"
     static QString progressText(qint64 written, qint64 expected);
@@ -100,6 +101,11 @@ signals:
     void downloadingChanged();
     // A Whisper model has just been installed: it is meant to be the one dictation uses.
     void whisperModelInstalled(const QString& fileName);
+    // What the download window shows: it opens when a download starts, follows its progress
+    // (fraction in 0…1) and goes when the download ends.
+    void progressShown(const QString& displayName);
+    void progressChanged(double fraction, const QString& status);
+    void progressHidden();
 
 protected:
     // The program's quit reaches the downloader before any window is asked to close.
@@ -113,7 +119,6 @@ private:
         bool isWhisperModel = true; // the model asked for: installed, or the download failed; else only logged
     };
 
-    void showWindow(const Model& model);
     void startTransfer();
     void startNextTransfer();
     void showProgress(qint64 written);
@@ -132,7 +137,6 @@ private:
     void moveIntoPlace();
     void dropTransfer();
     void startOver();
-    void stopForQuit();
     void fail(const QString& reason, bool keepPart);
     void finish(bool success, const std::optional<QString>& message);
     const Transfer& current() const { return m_queue.first(); }
@@ -142,7 +146,6 @@ private:
 
     std::shared_ptr<Alerts> m_alerts;
     Addresses m_addresses;
-    QPointer<ModelDownloadWindow> m_window;
     QPointer<QNetworkReply> m_task;
     std::unique_ptr<QNetworkAccessManager> m_session;
     Completion m_completion;

@@ -2,7 +2,7 @@
 
 #include "Platform/Alerts.h"
 #include "Platform/Pasteboard.h"
-#include "Shared/WindowPlacement.h"
+#include "UI/WindowPlacement.h"
 
 #include <QAbstractTableModel>
 #include <QApplication>

@@ -7,8 +7,8 @@
 #include "Platform/Pasteboard.h"
 #include "Platform/Sounds.h"
 #include "Shared/Logging.h"
-#include "Shared/SystemFont.h"
-#include "Shared/WindowPlacement.h"
+#include "UI/SystemFont.h"
+#include "UI/WindowPlacement.h"
 #include "YtDlpManager.h"
 
 #include <QCoreApplication>
