@@ -199,8 +199,8 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         {"into a terminal", threeFormats, 0, true},
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
-    const TextInserter::Target x11Target{std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {},
-        TextInserter::Mode::paste, std::make_shared<X11FrontApplication>()};
+    TextInserter::Target x11Target{
+        std::make_shared<X11ClipboardPasteboard>(), std::make_shared<XTestKeyPoster>(), {}, TextInserter::Mode::paste};
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;
@@ -224,6 +224,7 @@ TEST(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboardEn
         // A timer due now must wait for the event loop: the clipboard writes run none of it.
         bool timerRan = false;
         QTimer::singleShot(0, [&] { timerRan = true; });
+        x11Target.terminalInFront = FrontApplication::Answer{{}, X11FrontApplication().windowClass()}.isTerminal();
         TextInserter::insert(dictation, x11Target);
         EXPECT_FALSE(timerRan) << "the event loop ran inside insert()";
         EXPECT_TRUE(TestSupport::waitUntil([&] { return received() == expected; }, 5s)) << "got: " << received().toStdString();

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -113,11 +114,15 @@ int main(int argc, char** argv)
     qCInfo(lcApp).noquote() << "windows through" << QGuiApplication::platformName();
 
     LinuxPlatform platform(session, [] { return Settings::shared().hotKey(); });
-    AppDelegate delegate(platform);
-    if (!delegate.applicationDidFinishLaunching()) {
-        bringRunningCopyForward();
-        return 0;
-    }
-    quitOnTerminationSignals(app);
+    std::optional<AppDelegate> delegate;
+    // The program starts on the event loop once the session's key source is chosen.
+    platform.whenReady([&] {
+        if (!delegate.emplace(platform).applicationDidFinishLaunching()) {
+            bringRunningCopyForward();
+            QCoreApplication::exit(0);
+            return;
+        }
+        quitOnTerminationSignals(app);
+    });
     return app.exec();
 }

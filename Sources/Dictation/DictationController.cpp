@@ -46,11 +46,12 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     collaborators.frontApplication = platform.makeFrontApplication();
     // The platform outlives the controller. Its mode is asked at each dictation: GNOME's is known
     // only once the shell has answered.
-    collaborators.insertText
-        = [&platform, target = TextInserter::Target::of(platform)](const QString& text, std::function<void()> onPasted) mutable {
-              target.mode = TextInserter::modeOf(platform);
-              return TextInserter::insert(text, target, std::move(onPasted));
-          };
+    collaborators.insertText = [&platform, target = TextInserter::Target::of(platform)](
+                                   const QString& text, const FrontApplication::Answer& front, std::function<void()> onPasted) mutable {
+        target.mode = TextInserter::modeOf(platform);
+        target.terminalInFront = front.isTerminal();
+        return TextInserter::insert(text, target, std::move(onPasted));
+    };
     return collaborators;
 }
 
@@ -210,13 +211,21 @@ void DictationController::handleFinal(const QString& text)
     insert(trimmed, timing);
 }
 
+// The application in front is asked once, before pasting, so the name is that of the application
+// receiving the text; the same answer tells the paste whether a terminal takes it.
 void DictationController::insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing)
 {
-    // Asked before pasting, so the name is that of the application receiving the text.
-    const QString appName = m_frontApplication->localizedName().value_or(QString());
+    m_frontApplication->ask(
+        this, [this, text, timing = std::move(timing)](const FrontApplication::Answer& front) { insertInto(text, front, timing); });
+}
+
+void DictationController::insertInto(
+    const QString& text, const FrontApplication::Answer& front, const std::optional<TranscriptionEngine::Timing>& timing)
+{
+    const QString appName = front.name.value_or(QString());
     const QString shownName = appName.isEmpty() ? noApplicationName : appName;
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
-    const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
+    const TextInserter::Mode mode = m_insertText(text, front, [timing] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
     if (mode != TextInserter::Mode::paste) {
         m_hud.show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());

@@ -27,8 +27,9 @@ public:
 
     using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
     // Answers how the text went: pasted, or only copied for the user to paste; `onPasted` follows
-    // once it was.
-    using TextInsertion = std::function<TextInserter::Mode(const QString& text, std::function<void()> onPasted)>;
+    // once it was. `front` is what was in front when the text was ready.
+    using TextInsertion
+        = std::function<TextInserter::Mode(const QString& text, const FrontApplication::Answer& front, std::function<void()> onPasted)>;
 
     struct Timing {
         // A press shorter than this was a slip, not a dictation (key down to key up).
@@ -99,6 +100,7 @@ private:
     void handleFinal(const QString& text);
     void handleError(const Error& error);
     void insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing);
+    void insertInto(const QString& text, const FrontApplication::Answer& front, const std::optional<TranscriptionEngine::Timing>& timing);
     void setState(State state);
     void play(const char* sound);
     void hideLaterIfStillIdle(std::chrono::milliseconds delay);
