@@ -145,12 +145,15 @@ PulseAudioInput::PulseAudioInput()
 {
     m_thread.setObjectName(QStringLiteral("voxaria-capture"));
     m_worker->moveToThread(&m_thread);
-    m_thread.start();
 }
 
 // Whatever was posted before runs first, so the wait is at most for a capture stream to close.
 PulseAudioInput::~PulseAudioInput()
 {
+    if (!m_thread.isRunning()) {
+        delete m_worker;
+        return;
+    }
     QMetaObject::invokeMethod(
         m_worker,
         [this] {
@@ -184,6 +187,9 @@ void PulseAudioInput::start(BufferHandler handler, StartedHandler onStarted, Fai
         return;
     if (!format())
         throw PlatformError(QStringLiteral("Nenhum microfone disponível."));
+    // From the first recording on, for as long as this input lives.
+    if (!m_thread.isRunning())
+        m_thread.start();
     m_running = true;
     m_onStarted = std::move(onStarted);
     m_onFailure = std::move(onFailure);

@@ -11,8 +11,8 @@
 class CaptureWorker;
 
 // The microphone through Qt Multimedia on PulseAudio's default source, in the device's preferred
-// format. Capture runs on a thread of its own, as long as this input lives, which also runs the
-// buffer handler; the main thread only posts to it.
+// format. Capture runs on a thread of its own, from the first recording for as long as this input
+// lives, which also runs the buffer handler; the main thread only posts to it.
 class PulseAudioInput final : public AudioInput {
 public:
     PulseAudioInput();
