@@ -106,6 +106,7 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
         hideLaterIfStillIdle(m_timing.accessibilityMessage);
         return;
     }
+    askFrontApplication();
     if (!startEngine())
         return;
     setState(State::recording);
@@ -113,6 +114,20 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
     play("Tink");
     dropLiveText();
     m_hud.show(listeningMessage, QString());
+}
+
+// Asked once per dictation at the key press, before the HUD shows: the application the user
+// dictates into. Its answer comes while they speak, names the history entry and tells the paste
+// whether a terminal takes it.
+void DictationController::askFrontApplication()
+{
+    auto asking = std::make_shared<FrontAsking>();
+    m_front = asking;
+    m_frontApplication->ask(this, [asking](const FrontApplication::Answer& answer) {
+        asking->answer = answer;
+        if (auto waiting = std::exchange(asking->waiting, nullptr))
+            waiting(answer);
+    });
 }
 
 bool DictationController::startEngine()
@@ -211,12 +226,14 @@ void DictationController::handleFinal(const QString& text)
     insert(trimmed, timing);
 }
 
-// The application in front is asked once, before pasting, so the name is that of the application
-// receiving the text; the same answer tells the paste whether a terminal takes it.
+// A text that comes before the application in front was named waits for its answer.
 void DictationController::insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing)
 {
-    m_frontApplication->ask(
-        this, [this, text, timing = std::move(timing)](const FrontApplication::Answer& front) { insertInto(text, front, timing); });
+    auto paste = [this, text, timing = std::move(timing)](const FrontApplication::Answer& front) { insertInto(text, front, timing); };
+    if (!m_front || m_front->answer)
+        paste(m_front ? *m_front->answer : FrontApplication::Answer{});
+    else
+        m_front->waiting = std::move(paste);
 }
 
 void DictationController::insertInto(

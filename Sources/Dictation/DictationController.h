@@ -93,6 +93,7 @@ private:
         std::chrono::steady_clock::duration until(const KeyMoment& later) const;
     };
 
+    void askFrontApplication();
     bool startEngine();
     void showLiveText(const QString& textSoFar);
     void showPendingLiveText();
@@ -114,6 +115,12 @@ private:
     std::optional<QString> m_pendingLiveText;
     // Set whenever a recording starts.
     KeyMoment m_keyPressedAt;
+    // The application in front at a dictation's key press, and its text when that came first.
+    struct FrontAsking {
+        std::optional<FrontApplication::Answer> answer;
+        std::function<void(const FrontApplication::Answer&)> waiting;
+    };
+    std::shared_ptr<FrontAsking> m_front;
 
     EngineFactory m_makeEngine;
     std::unique_ptr<Sounds> m_sounds;
