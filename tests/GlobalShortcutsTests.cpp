@@ -334,7 +334,13 @@ TEST_F(Portal, GnomeOnWaylandHearsTheDictationKeyThroughThePortal)
     SessionInfo gnome;
     gnome.kind = SessionInfo::Kind::wayland;
     gnome.compositor = SessionInfo::Compositor::gnome;
+    const auto ready = [](LinuxPlatform& platform) {
+        bool chosen = false;
+        platform.whenReady([&] { chosen = true; });
+        return TestSupport::waitUntil([&] { return chosen; });
+    };
     LinuxPlatform platform(gnome, [] { return HotKey::rightOption; });
+    ASSERT_TRUE(ready(platform));
     EXPECT_TRUE(platform.keySource().description.startsWith("GlobalShortcuts portal")) << platform.keySource().description.toStdString();
     EXPECT_TRUE(platform.keySource().works);
     EXPECT_EQ(platform.keySource().chord, "Ctrl+Alt+Espaço");
@@ -342,6 +348,7 @@ TEST_F(Portal, GnomeOnWaylandHearsTheDictationKeyThroughThePortal)
     // A portal without global shortcuts (GNOME 47 and older) holds no key: the keyboards are read.
     service->offersShortcuts = false;
     LinuxPlatform older(gnome, [] { return HotKey::rightOption; });
+    ASSERT_TRUE(ready(older));
     EXPECT_FALSE(older.keySource().description.contains("portal")) << older.keySource().description.toStdString();
     EXPECT_TRUE(older.keySource().chord.isEmpty());
 }

@@ -213,7 +213,6 @@ TEST_F(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboard
         {"the user copies during the dictation: that copy stays", threeFormats, 0, false, "copiado durante o ditado"},
     };
     TextInserter::Target target = x11Target();
-    target.frontApplication = std::make_shared<X11FrontApplication>();
     // What the dictation key's watcher sees: the user's own key changes, never the paste's.
     XInputKeyMonitor monitor;
     QList<quint16> changedKeys;
@@ -237,6 +236,7 @@ TEST_F(TextInserterOnX11Test, TextArrivesOnceWhateverTheUserHoldsAndTheClipboard
         // A timer due now must wait for the event loop: the clipboard writes run none of it.
         bool timerRan = false;
         QTimer::singleShot(0, [&] { timerRan = true; });
+        target.terminalInFront = FrontApplication::Answer{{}, X11FrontApplication().windowClass()}.isTerminal();
         TextInserter::insert(dictation, target);
         EXPECT_FALSE(timerRan) << "the event loop ran inside insert()";
         EXPECT_TRUE(TestSupport::waitUntil([&] { return received() == expected; }, 5s)) << "got: " << received().toStdString();

@@ -223,9 +223,12 @@ TEST_F(WhisperTranscriberTest, StartFailsAtOnceWithTheMessageOfWhatIsMissing)
         EXPECT_EQ(microphone->startCount, 0);
     }
 
+    // A microphone that cannot open answers later, as the dictation's error.
     auto busy = makeEngine();
     microphone->startFailure = "O dispositivo de áudio está ocupado";
-    EXPECT_EQ(answers.startFailure(*busy), "O dispositivo de áudio está ocupado");
+    EXPECT_EQ(answers.startFailure(*busy), "started");
+    ASSERT_TRUE(waitUntil([&] { return answers.answered(); }));
+    EXPECT_EQ(answers.errors, QStringList({"O dispositivo de áudio está ocupado"}));
 
     // A temporary "folder" that is a plain file cannot be written into, even by root.
     const QByteArray savedTmp = qgetenv("TMPDIR");
@@ -561,7 +564,7 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
                                         return engine;
                                     },
         {}, std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
-        [&](const QString& text, std::function<void()> onPasted) {
+        [&](const QString& text, const FrontApplication::Answer&, std::function<void()> onPasted) {
             inserted << text;
             onPasted();
             return TextInserter::Mode::paste;

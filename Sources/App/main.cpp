@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -108,11 +109,15 @@ int main(int argc, char** argv)
     LinuxPlatform platform(session, [&settings] { return settings.hotKey(); });
     const PlatformServices services = LinuxServices::make();
     ModelDownloader downloader(services.alerts);
-    AppDelegate delegate(platform, services, settings, downloader);
-    if (!delegate.applicationDidFinishLaunching()) {
-        bringRunningCopyForward();
-        return 0;
-    }
-    quitOnTerminationSignals(app);
+    std::optional<AppDelegate> delegate;
+    // The program starts on the event loop once the session's key source is chosen.
+    platform.whenReady([&] {
+        if (!delegate.emplace(platform, services, settings, downloader).applicationDidFinishLaunching()) {
+            bringRunningCopyForward();
+            QCoreApplication::exit(0);
+            return;
+        }
+        quitOnTerminationSignals(app);
+    });
     return app.exec();
 }

@@ -45,11 +45,12 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     collaborators.frontApplication = platform.makeFrontApplication();
     // The platform outlives the controller. Its mode is asked at each dictation: GNOME's is known
     // only once the shell has answered.
-    collaborators.insertText
-        = [&platform, target = TextInserter::Target::of(platform)](const QString& text, std::function<void()> onPasted) mutable {
-              target.mode = TextInserter::modeOf(platform);
-              return TextInserter::insert(text, target, std::move(onPasted));
-          };
+    collaborators.insertText = [&platform, target = TextInserter::Target::of(platform)](
+                                   const QString& text, const FrontApplication::Answer& front, std::function<void()> onPasted) mutable {
+        target.mode = TextInserter::modeOf(platform);
+        target.terminalInFront = front.isTerminal();
+        return TextInserter::insert(text, target, std::move(onPasted));
+    };
     return collaborators;
 }
 
@@ -107,6 +108,7 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
         hideLaterIfStillIdle(m_timing.accessibilityMessage);
         return;
     }
+    askFrontApplication();
     if (!startEngine())
         return;
     setState(State::recording);
@@ -114,6 +116,20 @@ void DictationController::startRecording(std::optional<KeyEventTime> pressedAt)
     play("Tink");
     dropLiveText();
     m_display->show(listeningMessage, QString());
+}
+
+// Asked once per dictation at the key press, before the HUD shows: the application the user
+// dictates into. Its answer comes while they speak, names the history entry and tells the paste
+// whether a terminal takes it.
+void DictationController::askFrontApplication()
+{
+    auto asking = std::make_shared<FrontAsking>();
+    m_front = asking;
+    m_frontApplication->ask(this, [asking](const FrontApplication::Answer& answer) {
+        asking->answer = answer;
+        if (auto waiting = std::exchange(asking->waiting, nullptr))
+            waiting(answer);
+    });
 }
 
 bool DictationController::startEngine()
@@ -212,13 +228,23 @@ void DictationController::handleFinal(const QString& text)
     insert(trimmed, timing);
 }
 
+// A text that comes before the application in front was named waits for its answer.
 void DictationController::insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing)
 {
-    // Asked before pasting, so the name is that of the application receiving the text.
-    const QString appName = m_frontApplication->localizedName().value_or(QString());
+    auto paste = [this, text, timing = std::move(timing)](const FrontApplication::Answer& front) { insertInto(text, front, timing); };
+    if (!m_front || m_front->answer)
+        paste(m_front ? *m_front->answer : FrontApplication::Answer{});
+    else
+        m_front->waiting = std::move(paste);
+}
+
+void DictationController::insertInto(
+    const QString& text, const FrontApplication::Answer& front, const std::optional<TranscriptionEngine::Timing>& timing)
+{
+    const QString appName = front.name.value_or(QString());
     const QString shownName = appName.isEmpty() ? noApplicationName : appName;
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
-    const TextInserter::Mode mode = m_insertText(text, [timing = std::move(timing)] { logTiming(timing, QStringLiteral("paste done")); });
+    const TextInserter::Mode mode = m_insertText(text, front, [timing] { logTiming(timing, QStringLiteral("paste done")); });
     HistoryStore::shared().add(text, shownName);
     if (mode != TextInserter::Mode::paste) {
         m_display->show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());

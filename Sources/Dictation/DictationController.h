@@ -30,8 +30,9 @@ public:
 
     using EngineFactory = std::function<std::unique_ptr<TranscriptionEngine>()>;
     // Answers how the text went: pasted, or only copied for the user to paste; `onPasted` follows
-    // once it was.
-    using TextInsertion = std::function<TextInserter::Mode(const QString& text, std::function<void()> onPasted)>;
+    // once it was. `front` is what was in front when the text was ready.
+    using TextInsertion
+        = std::function<TextInserter::Mode(const QString& text, const FrontApplication::Answer& front, std::function<void()> onPasted)>;
 
     struct Timing {
         // A press shorter than this was a slip, not a dictation (key down to key up).
@@ -97,6 +98,7 @@ private:
         std::chrono::steady_clock::duration until(const KeyMoment& later) const;
     };
 
+    void askFrontApplication();
     bool startEngine();
     void showLiveText(const QString& textSoFar);
     void showPendingLiveText();
@@ -104,6 +106,7 @@ private:
     void handleFinal(const QString& text);
     void handleError(const Error& error);
     void insert(const QString& text, std::optional<TranscriptionEngine::Timing> timing);
+    void insertInto(const QString& text, const FrontApplication::Answer& front, const std::optional<TranscriptionEngine::Timing>& timing);
     void setState(State state);
     void play(const char* sound);
     void hideLaterIfStillIdle(std::chrono::milliseconds delay);
@@ -116,6 +119,12 @@ private:
     std::optional<QString> m_pendingLiveText;
     // Set whenever a recording starts.
     KeyMoment m_keyPressedAt;
+    // The application in front at a dictation's key press, and its text when that came first.
+    struct FrontAsking {
+        std::optional<FrontApplication::Answer> answer;
+        std::function<void(const FrontApplication::Answer&)> waiting;
+    };
+    std::shared_ptr<FrontAsking> m_front;
 
     EngineFactory m_makeEngine;
     FeedbackSounds m_sounds;

@@ -32,9 +32,8 @@ void postCommandV(KeyPoster& keyPoster, quint64 flags)
 
 // Command stands for Control; a terminal passes a plain Control-V to its program as ^V and pastes
 // on Control-Shift-V.
-quint64 pasteFlags(FrontApplication* frontApplication)
+quint64 pasteFlags(bool terminal)
 {
-    const bool terminal = frontApplication && frontApplication->isTerminalInFront();
     return KeyPoster::commandFlag | (terminal ? KeyPoster::shiftFlag : 0);
 }
 
@@ -101,7 +100,7 @@ private:
     {
         if (m_finished)
             return;
-        postCommandV(*m_target.keyPoster, pasteFlags(m_target.frontApplication.get()));
+        postCommandV(*m_target.keyPoster, pasteFlags(m_target.terminalInFront));
         m_pasted = true;
         if (m_onPasted)
             m_onPasted();
@@ -152,7 +151,7 @@ Mode modeOf(const SessionPlatform& platform)
 
 Target Target::of(const SessionPlatform& platform)
 {
-    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, modeOf(platform), platform.makeFrontApplication()};
+    return Target{platform.pasteboard(), platform.keyPoster(), Delays{}, modeOf(platform)};
 }
 
 Mode insert(const QString& text, const Target& target, std::function<void()> onPasted)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Platform/FrontApplication.h"
 #include "Platform/KeyPoster.h"
 #include "Platform/Pasteboard.h"
 #include "Platform/SessionPlatform.h"
@@ -43,9 +42,8 @@ struct Target {
     std::shared_ptr<KeyPoster> keyPoster;
     Delays delays;
     Mode mode = Mode::paste;
-    // Asked at each paste whether a terminal is in front, which pastes on Control-Shift-V where
-    // others paste on Control-V; none: never a terminal.
-    std::shared_ptr<FrontApplication> frontApplication = nullptr;
+    // A terminal in front pastes on Control-Shift-V where others paste on Control-V.
+    bool terminalInFront = false;
 
     static Target of(const SessionPlatform& platform);
 };

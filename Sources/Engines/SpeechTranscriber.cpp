@@ -69,7 +69,9 @@ void SpeechTranscriber::start(PartialCallback onPartial, FinalCallback onFinal, 
     ++m_recognition;
 
     try {
-        m_audioEngine->start(makeTap(request, makeConverterForMicrophone()), [this, onError](const Error& error) { fail(error, onError); });
+        m_audioEngine->start(
+            makeTap(request, makeConverterForMicrophone()), [] { qCDebug(lcSpeech) << "microphone capturing"; },
+            [this, onError](const Error& error) { fail(error, onError); });
     } catch (const Error& error) {
         qCWarning(lcSpeech) << "microphone did not start:" << error.description();
         cancel();
@@ -154,7 +156,6 @@ void SpeechTranscriber::fail(const Error& error, const ErrorCallback& onError)
 void SpeechTranscriber::finish()
 {
     stopAudio();
-    endAudio();
     QTimer::singleShot(m_finalDelay, Qt::PreciseTimer, this, [this, recognition = m_recognition] {
         if (recognition == m_recognition)
             deliverFinal();
@@ -171,25 +172,34 @@ void SpeechTranscriber::deliverFinal()
         onFinal(m_lastTranscription);
 }
 
+// A request still waiting for the capture thread's last buffers hears its end now: the engine may
+// go before they come, and any that still come are ignored once it is cancelled.
 void SpeechTranscriber::cancel()
 {
     stopAudio();
-    endAudio();
+    if (auto request = std::exchange(m_draining, nullptr))
+        request->endAudio();
     cancelTask();
     m_onFinal = nullptr;
     m_finished = true;
 }
 
+// The request hears the end of its audio once the capture thread has handed it the last buffer.
 void SpeechTranscriber::stopAudio()
 {
-    if (m_audioEngine->isRunning())
-        m_audioEngine->stop();
-}
-
-void SpeechTranscriber::endAudio()
-{
-    if (auto request = std::exchange(m_request, nullptr))
+    std::shared_ptr<SpeechRecognizer::Request> request = std::exchange(m_request, nullptr);
+    if (!request)
+        return;
+    if (!m_audioEngine->isRunning()) {
         request->endAudio();
+        return;
+    }
+    m_draining = request;
+    m_audioEngine->stop([this, request] {
+        request->endAudio();
+        if (m_draining == request)
+            m_draining.reset();
+    });
 }
 
 void SpeechTranscriber::cancelTask()

@@ -42,12 +42,13 @@ private:
     void fail(const Error& error, const ErrorCallback& onError);
     void deliverFinal();
     void stopAudio();
-    void endAudio();
     void cancelTask();
 
     const std::unique_ptr<AudioInput> m_audioEngine;
     std::shared_ptr<SpeechRecognizer> m_recognizer;
     std::shared_ptr<SpeechRecognizer::Request> m_request;
+    // Stopped, until the capture thread has handed it its last buffer.
+    std::shared_ptr<SpeechRecognizer::Request> m_draining;
     std::shared_ptr<SpeechRecognizer::Task> m_task;
     QString m_lastTranscription;
     bool m_finished = false;

@@ -248,28 +248,36 @@ void WhisperTranscriber::start(PartialCallback, FinalCallback onFinal, ErrorCall
     m_audioFile = recording;
     try {
         // The capture thread holds the recording itself, never the engine.
-        m_audioEngine->start(
-            [recording](QByteArrayView buffer) { recording->append(buffer); }, [this](const Error& error) { abandonRecording(error); });
+        m_audioEngine->start([recording](QByteArrayView buffer) { recording->append(buffer); },
+            [path = *m_wavURL] { qCDebug(lcWhisper) << "recording to" << path; }, [this](const Error& error) { abandonRecording(error); });
     } catch (const Error&) {
         m_audioFile.reset();
         cleanup();
         throw;
     }
-    qCDebug(lcWhisper) << "recording to" << *m_wavURL;
     launchWhenStdinIsRead(*binary, *model);
 }
 
-WhisperTranscriber::Recorded WhisperTranscriber::stopRecording()
+// The recording is closed and heard once the capture thread has handled its last buffer and let go
+// of it; one dropped meanwhile (a cancel, a lost microphone) is not answered for.
+void WhisperTranscriber::stopRecording(std::function<void(const Recorded&)> onStopped)
 {
-    if (m_audioEngine->isRunning())
-        m_audioEngine->stop();
-    const std::shared_ptr<Recording> recording = std::exchange(m_audioFile, nullptr);
-    if (!recording)
-        return {};
-    // The capture thread is done with the recording now; closing writes the WAV's final sizes.
-    recording->finalise();
-    m_timeline.capturing = recording->capturing.load(std::memory_order_relaxed);
-    return {recording->file->dataBytes(), recording->gate.hearing()};
+    m_audioEngine->stop([this, recording = m_audioFile, onStopped = std::move(onStopped)] {
+        if (recording != m_audioFile)
+            return;
+        m_audioFile.reset();
+        // Closing writes the WAV's final sizes.
+        recording->finalise();
+        m_timeline.capturing = recording->capturing.load(std::memory_order_relaxed);
+        onStopped({recording->file->dataBytes(), recording->gate.hearing()});
+    });
+}
+
+// Nothing recorded is wanted any more: the capture thread lets go of the recording by itself.
+void WhisperTranscriber::dropRecording()
+{
+    m_audioEngine->stop({});
+    m_audioFile.reset();
 }
 
 // Starts whisper-cli now, reading the recording from standard input at release, if it can; the
@@ -293,7 +301,7 @@ void WhisperTranscriber::launchWhenStdinIsRead(const QString& binary, const QStr
 void WhisperTranscriber::abandonRecording(const Error& error)
 {
     qCWarning(lcWhisper) << "recording abandoned:" << error.description();
-    stopRecording();
+    dropRecording();
     retireProcess();
     cleanup();
     answerWithError(error);
@@ -302,11 +310,15 @@ void WhisperTranscriber::abandonRecording(const Error& error)
 void WhisperTranscriber::finish()
 {
     m_timeline.released = m_sinceKeyDown.elapsed();
-    const Recorded recorded = stopRecording();
-    if (m_cancelled || !m_wavURL) {
+    if (m_cancelled || !m_audioFile) {
         cleanup();
         return;
     }
+    stopRecording([this](const Recorded& recorded) { transcribe(recorded); });
+}
+
+void WhisperTranscriber::transcribe(const Recorded& recorded)
+{
     m_heard = recorded.hearing;
     if (m_heard.verdict != SpeechGate::Verdict::speech) {
         dropUnheard(m_heard.verdict);
@@ -550,7 +562,7 @@ void WhisperTranscriber::cancel()
     m_cancelled = true;
     m_exitedEarly = nullptr;
     m_deadline.stop();
-    stopRecording();
+    dropRecording();
     retireProcess();
     cleanup();
     m_onFinal = nullptr;

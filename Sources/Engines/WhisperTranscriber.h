@@ -77,7 +77,9 @@ private:
         SpeechGate::Hearing hearing;
     };
 
-    Recorded stopRecording();
+    void stopRecording(std::function<void(const Recorded&)> onStopped);
+    void dropRecording();
+    void transcribe(const Recorded& recorded);
     void abandonRecording(const Error& error);
     void dropUnheard(SpeechGate::Verdict verdict);
     void armDeadline(qint64 recordedBytes);

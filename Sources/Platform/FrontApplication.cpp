@@ -1,6 +1,19 @@
 #include "Platform/FrontApplication.h"
 
+#include <QCoreApplication>
 #include <QSet>
+
+// The context is looked at on the main thread only; the application object outlives every asking.
+void FrontApplication::answerLater(QPointer<QObject> context, AnswerHandler done, Answer answer)
+{
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [context = std::move(context), done = std::move(done), answer = std::move(answer)] {
+            if (context)
+                done(answer);
+        },
+        Qt::QueuedConnection);
+}
 
 // Window classes (X11) and application ids (Wayland) of the terminal emulators people use.
 bool FrontApplication::isTerminal(const FrontApplication::WindowClass& windowClass)

@@ -9,6 +9,8 @@ public:
     std::optional<WindowClass> focusedWindowClass;
     int queryCount = 0;
 
+    // Answers on the event loop, as a compositor asked on another thread does.
+    void ask(QObject* context, AnswerHandler done) override;
     std::optional<QString> localizedName() override;
     std::optional<WindowClass> windowClass() override;
 };

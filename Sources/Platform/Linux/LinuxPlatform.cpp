@@ -20,6 +20,7 @@
 #include "Shared/Logging.h"
 
 #include <QCoreApplication>
+#include <QTimer>
 
 namespace {
 
@@ -76,13 +77,29 @@ LinuxPlatform::LinuxPlatform(const SessionInfo& session, std::function<HotKey()>
     , m_commands(std::make_shared<CommandSocket>(commandSocketPath()))
     , m_wayland(session.kind == SessionInfo::Kind::wayland ? WaylandClient::connect() : nullptr)
 {
-    chooseKeySource(std::move(dictationKey));
     chooseClipboardAndKeys();
+    if (session.kind == SessionInfo::Kind::wayland && session.compositor == Compositor::gnome) {
+        GlobalShortcutsKeyMonitor::askAvailability(&m_replies, [this, dictationKey](bool available) {
+            chooseKeySource(dictationKey, available);
+            if (std::function<void()> ready = std::exchange(m_whenReady, nullptr))
+                ready();
+        });
+    } else {
+        chooseKeySource(std::move(dictationKey), false);
+    }
+}
+
+void LinuxPlatform::whenReady(std::function<void()> ready)
+{
+    if (m_ready)
+        QTimer::singleShot(0, &m_replies, std::move(ready));
+    else
+        m_whenReady = std::move(ready);
 }
 
 LinuxPlatform::~LinuxPlatform() = default;
 
-void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
+void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey, bool portalShortcuts)
 {
     std::vector<std::unique_ptr<KeyMonitor>> sources;
     QStringList chosen;
@@ -101,7 +118,7 @@ void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
         chord = KGlobalAccelKeyMonitor::chordLabel;
     }
     // GNOME's portal binds a chord that stands for the dictation key; the alert and the log show it.
-    if (wayland && m_session.compositor == Compositor::gnome && GlobalShortcutsKeyMonitor::isAvailable()) {
+    if (wayland && m_session.compositor == Compositor::gnome && portalShortcuts) {
         use(QStringLiteral("GlobalShortcuts portal (%1)").arg(GlobalShortcutsKeyMonitor::defaultTriggerLabel),
             std::make_unique<GlobalShortcutsKeyMonitor>(dictationKey));
         chord = GlobalShortcutsKeyMonitor::defaultTriggerLabel;
@@ -128,6 +145,7 @@ void LinuxPlatform::chooseKeySource(std::function<HotKey()> dictationKey)
     qCInfo(lcHotkey).noquote() << "session:" << m_session.description() << "- dictation key through" << description;
     m_keyMonitor = sources.size() == 1 ? std::move(sources.front()) : std::make_unique<CombinedKeyMonitor>(std::move(sources));
     m_keySource = {description, works, chord};
+    m_ready = true;
 }
 
 void LinuxPlatform::chooseClipboardAndKeys()

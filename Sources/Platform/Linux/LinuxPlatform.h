@@ -21,6 +21,10 @@ public:
     LinuxPlatform(const SessionInfo& session, std::function<HotKey()> dictationKey);
     ~LinuxPlatform() override;
 
+    // Runs `ready`, later on the event loop, once the key source is chosen: on GNOME that waits for
+    // the desktop portal to say whether it binds shortcuts, without the main thread waiting.
+    void whenReady(std::function<void()> ready);
+
     SessionInfo session() const override { return m_session; }
     KeySource keySource() const override { return m_keySource; }
     PasteRoute pasteRoute() const override { return m_pasteRoute; }
@@ -53,7 +57,7 @@ public:
     static bool sendToRunningProgram(CommandSocket::Command command, QString* error);
 
 private:
-    void chooseKeySource(std::function<HotKey()> dictationKey);
+    void chooseKeySource(std::function<HotKey()> dictationKey, bool portalShortcuts);
     void chooseClipboardAndKeys();
     void choosePasteRoute(std::optional<int> gnomeShellMajor);
     static void logMissingFakeInput();
@@ -67,6 +71,8 @@ private:
     std::shared_ptr<Pasteboard> m_pasteboard;
     std::shared_ptr<KeyPoster> m_keyPoster;
     PasteRoute m_pasteRoute = PasteRoute::x11;
-    // Owns the question to GNOME Shell: its answer is dropped with the platform.
+    bool m_ready = false;
+    std::function<void()> m_whenReady;
+    // Owns the questions to GNOME Shell and the portal: their answers are dropped with the platform.
     QObject m_replies;
 };

@@ -69,17 +69,18 @@ public:
         return {};
     }
 
+    // Lets go of the handler in any case: what it holds may be waited for elsewhere.
     void stop()
     {
-        if (!m_source)
-            return;
-        deliverPending();
-        m_source->stop();
-        delete m_source;
-        delete m_watch;
-        m_source = nullptr;
-        m_watch = nullptr;
-        m_io = nullptr;
+        if (m_source) {
+            deliverPending();
+            m_source->stop();
+            delete m_source;
+            delete m_watch;
+            m_source = nullptr;
+            m_watch = nullptr;
+            m_io = nullptr;
+        }
         m_handler = nullptr;
         m_onLost = nullptr;
     }
@@ -135,14 +136,26 @@ private:
 
 PulseAudioInput::PulseAudioInput()
     : m_mainThread(std::make_unique<QObject>())
+    , m_worker(new CaptureWorker)
 {
     m_thread.setObjectName(QStringLiteral("voxaria-capture"));
+    m_worker->moveToThread(&m_thread);
 }
 
+// Whatever was posted before runs first, so the wait is at most for a capture stream to close.
 PulseAudioInput::~PulseAudioInput()
 {
-    stop();
-    m_thread.quit();
+    if (!m_thread.isRunning()) {
+        delete m_worker;
+        return;
+    }
+    QMetaObject::invokeMethod(
+        m_worker,
+        [this] {
+            m_worker->stop();
+            m_thread.quit();
+        },
+        Qt::QueuedConnection);
     m_thread.wait();
     delete m_worker;
 }
@@ -163,53 +176,42 @@ std::optional<AudioFormat> PulseAudioInput::format()
     return format;
 }
 
-void PulseAudioInput::start(BufferHandler handler, FailureHandler onFailure)
+void PulseAudioInput::start(BufferHandler handler, StartedHandler onStarted, FailureHandler onFailure)
 {
     if (m_running)
         return;
     if (!format())
         throw PlatformError(QStringLiteral("Nenhum microfone disponível."));
-    if (!m_worker) {
-        m_worker = new CaptureWorker;
-        m_worker->moveToThread(&m_thread);
-    }
-    m_thread.start();
-    m_onFailure = std::move(onFailure);
-    const auto onLost = [this, capture = ++m_capture] { reportLoss(capture); };
-    QString failure;
-    QMetaObject::invokeMethod(
-        m_worker, [&] { failure = m_worker->start(m_device, handler, onLost); }, Qt::BlockingQueuedConnection);
-    if (!failure.isEmpty()) {
-        m_thread.quit();
-        m_thread.wait();
-        throw PlatformError(failure);
-    }
+    // From the first recording on, for as long as this input lives.
+    if (!m_thread.isRunning())
+        m_thread.start();
     m_running = true;
+    m_onStarted = std::move(onStarted);
+    m_onFailure = std::move(onFailure);
+    const quint64 capture = ++m_capture;
+    // Opening the stream talks to the sound server: that happens on the capture thread.
+    QMetaObject::invokeMethod(
+        m_worker,
+        [this, capture, device = m_device, handler = std::move(handler)] {
+            const QString failure = m_worker->start(device, handler, [this, capture] { reportLoss(capture); });
+            postToMainThread([this, capture, failure] { answerStart(capture, failure); });
+        },
+        Qt::QueuedConnection);
 }
 
-void PulseAudioInput::stop()
+void PulseAudioInput::stop(DrainedHandler onDrained)
 {
     if (!m_running)
         return;
-    QMetaObject::invokeMethod(
-        m_worker, [this] { m_worker->stop(); }, Qt::BlockingQueuedConnection);
-    m_thread.quit();
-    m_thread.wait();
     m_running = false;
+    m_onStarted = nullptr;
     m_onFailure = nullptr;
-}
-
-// Called on the capture thread; the failure handler runs on the main thread, unless that capture was
-// stopped (or this input destroyed, taking m_mainThread and the queued call with it) meanwhile.
-void PulseAudioInput::reportLoss(quint64 capture)
-{
     QMetaObject::invokeMethod(
-        m_mainThread.get(),
-        [this, capture] {
-            if (capture != m_capture || !m_running)
-                return;
-            if (FailureHandler onFailure = std::exchange(m_onFailure, nullptr))
-                onFailure(disconnected());
+        m_worker,
+        [this, onDrained = std::move(onDrained)] {
+            m_worker->stop();
+            if (onDrained)
+                postToMainThread(onDrained);
         },
         Qt::QueuedConnection);
 }
@@ -217,4 +219,41 @@ void PulseAudioInput::reportLoss(quint64 capture)
 bool PulseAudioInput::isRunning() const
 {
     return m_running;
+}
+
+void PulseAudioInput::answerStart(quint64 capture, const QString& failure)
+{
+    if (capture != m_capture || !m_running)
+        return;
+    if (!failure.isEmpty()) {
+        fail(PlatformError(failure));
+        return;
+    }
+    if (StartedHandler onStarted = std::exchange(m_onStarted, nullptr))
+        onStarted();
+}
+
+// Called on the capture thread; the failure handler runs on the main thread, unless that capture was
+// stopped meanwhile.
+void PulseAudioInput::reportLoss(quint64 capture)
+{
+    postToMainThread([this, capture] {
+        if (capture == m_capture && m_running)
+            fail(disconnected());
+    });
+}
+
+void PulseAudioInput::fail(const Error& error)
+{
+    FailureHandler onFailure = std::exchange(m_onFailure, nullptr);
+    stop({});
+    if (onFailure)
+        onFailure(error);
+}
+
+// From the capture thread. This input, and so m_mainThread, outlives that thread; a call still
+// queued when this input goes is dropped with m_mainThread.
+void PulseAudioInput::postToMainThread(std::function<void()> call) const
+{
+    QMetaObject::invokeMethod(m_mainThread.get(), std::move(call), Qt::QueuedConnection);
 }

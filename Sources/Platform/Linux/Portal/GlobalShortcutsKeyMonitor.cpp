@@ -57,15 +57,19 @@ GlobalShortcutsKeyMonitor::~GlobalShortcutsKeyMonitor()
 // Asked once, while the program starts: a portal that runs answers at once; one the bus would have
 // to start, or that hangs, is given up after a moment and the keyboards are read instead. The wait
 // runs a local event loop, so a portal served by this very process can answer as well.
-bool GlobalShortcutsKeyMonitor::isAvailable()
+void GlobalShortcutsKeyMonitor::askAvailability(QObject* context, std::function<void(bool available)> answer)
 {
     QDBusMessage get = QDBusMessage::createMethodCall(
         PortalNames::service, PortalNames::objectPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
     get << shortcutsInterface << QStringLiteral("version");
-    const QDBusMessage reply = QDBusConnection::sessionBus().call(get, QDBus::BlockWithGui, availabilityTimeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage)
-        qCInfo(lcHotkey).noquote() << "no global shortcuts in the desktop portal:" << reply.errorMessage();
-    return reply.type() == QDBusMessage::ReplyMessage;
+    auto* watcher = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(get, availabilityTimeoutMs), context);
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context, [watcher, answer = std::move(answer)] {
+        watcher->deleteLater();
+        const QDBusMessage reply = watcher->reply();
+        if (reply.type() != QDBusMessage::ReplyMessage)
+            qCInfo(lcHotkey).noquote() << "no global shortcuts in the desktop portal:" << reply.errorMessage();
+        answer(reply.type() == QDBusMessage::ReplyMessage);
+    });
 }
 
 KeyMonitor::Token GlobalShortcutsKeyMonitor::addMonitor(Handler handler)

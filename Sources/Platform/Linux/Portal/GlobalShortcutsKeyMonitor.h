@@ -30,8 +30,10 @@ public:
     explicit GlobalShortcutsKeyMonitor(DictationKey dictationKey);
     ~GlobalShortcutsKeyMonitor() override;
 
-    // Whether the desktop portal on the session bus offers global shortcuts (GNOME 48 and later).
-    static bool isAvailable();
+    // Asks, without waiting, whether the desktop portal on the session bus offers global shortcuts
+    // (GNOME 48 and later): `answer` follows on the main thread, within 1.5 s, unless `context` is
+    // gone by then.
+    static void askAvailability(QObject* context, std::function<void(bool available)> answer);
 
     // Answers at once; the portal's session follows (a refusal is logged).
     Token addMonitor(Handler handler) override;

@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QLocalSocket>
+#include <QThreadPool>
 #include <QtEndian>
 
 namespace {
@@ -131,22 +132,41 @@ std::optional<CompositorFrontApplication::Window> CompositorFrontApplication::fo
         window->value(QLatin1String("pid")).toInteger()};
 }
 
-std::optional<QString> CompositorFrontApplication::localizedName()
+// Each compositor step may wait up to half a second: the asking runs on a pooled thread, on a copy
+// of its own, so no state is shared with another asking.
+void CompositorFrontApplication::ask(QObject* context, AnswerHandler done)
+{
+    QThreadPool::globalInstance()->start(
+        [protocol = m_protocol, socketPath = m_socketPath, context = QPointer<QObject>(context), done = std::move(done)]() mutable {
+            CompositorFrontApplication asker(protocol, socketPath);
+            answerLater(std::move(context), std::move(done), asker.answerNow());
+        });
+}
+
+FrontApplication::Answer CompositorFrontApplication::answerNow()
 {
     const std::optional<Window> window = focusedWindow();
     if (!window)
-        return std::nullopt;
-    if (std::optional<QString> name = m_desktopNames.nameFor(window->windowClass))
+        return {};
+    const bool classless = window->windowClass.className.isEmpty() && window->windowClass.instance.isEmpty();
+    return {nameOf(*window), classless ? std::nullopt : std::optional(window->windowClass)};
+}
+
+std::optional<QString> CompositorFrontApplication::nameOf(const Window& window)
+{
+    if (std::optional<QString> name = m_desktopNames.nameFor(window.windowClass))
         return name;
-    if (!window->windowClass.className.isEmpty())
-        return window->windowClass.className;
-    return DesktopEntryNames::processName(window->pid);
+    if (!window.windowClass.className.isEmpty())
+        return window.windowClass.className;
+    return DesktopEntryNames::processName(window.pid);
+}
+
+std::optional<QString> CompositorFrontApplication::localizedName()
+{
+    return answerNow().name;
 }
 
 std::optional<FrontApplication::WindowClass> CompositorFrontApplication::windowClass()
 {
-    const std::optional<Window> window = focusedWindow();
-    if (!window || (window->windowClass.className.isEmpty() && window->windowClass.instance.isEmpty()))
-        return std::nullopt;
-    return window->windowClass;
+    return answerNow().windowClass;
 }

@@ -20,6 +20,8 @@ public:
     // The compositor of this session's environment, or nothing when it has no socket to ask.
     static std::unique_ptr<CompositorFrontApplication> forSession(const QProcessEnvironment& environment);
 
+    // Asked on a pooled thread, one compositor request per answer.
+    void ask(QObject* context, AnswerHandler done) override;
     std::optional<QString> localizedName() override;
     std::optional<WindowClass> windowClass() override;
 
@@ -30,6 +32,8 @@ private:
     };
 
     std::optional<Window> focusedWindow();
+    std::optional<QString> nameOf(const Window& window);
+    Answer answerNow();
     std::optional<QJsonObject> askSway();
     std::optional<QJsonObject> askHyprland();
 

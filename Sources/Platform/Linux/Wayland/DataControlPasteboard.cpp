@@ -313,7 +313,7 @@ void DataControlPasteboard::onCancelled(void* data, zwlr_data_control_source_v1*
 void DataControlPasteboard::synchronise()
 {
     if (m_client)
-        m_client->roundtrip();
+        m_client->readArrived();
 }
 
 int DataControlPasteboard::itemCount()
@@ -383,9 +383,22 @@ std::optional<QByteArray> DataControlPasteboard::receive(const QString& type)
     return bytes;
 }
 
+// The compositor answers a sync after every selection event it sent before: the clipboard seen
+// then is the one the user left, without the main thread waiting for the answer.
 void DataControlPasteboard::snapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
 {
-    synchronise();
+    if (!m_client) {
+        takeSnapshot(context, std::move(done));
+        return;
+    }
+    m_client->sync(&m_answers, [this, context = QPointer<QObject>(context), done = std::move(done)] {
+        if (context)
+            takeSnapshot(context, done);
+    });
+}
+
+void DataControlPasteboard::takeSnapshot(QObject* context, std::function<void(std::optional<Contents>)> done)
+{
     // Our own contents come from memory, as in data().
     if (m_source) {
         Item own;

@@ -2,6 +2,7 @@
 
 #include "Platform/Pasteboard.h"
 
+#include <QObject>
 #include <QPointer>
 #include <QStringList>
 
@@ -52,8 +53,9 @@ private:
     static void onSend(void* data, zwlr_data_control_source_v1* source, const char* mimeType, int32_t fd);
     static void onCancelled(void* data, zwlr_data_control_source_v1* source);
 
-    // Brings the clipboard state up to date with the compositor's.
+    // Handles what the compositor has sent so far, without waiting for more.
     void synchronise();
+    void takeSnapshot(QObject* context, std::function<void(std::optional<Contents>)> done);
     // Becomes the clipboard owner, offering `entries` (nothing: an empty clipboard).
     void offer(Entries entries);
     void dropOwnSource();
@@ -75,4 +77,6 @@ private:
     std::unique_ptr<WorkerThreads> m_writers;
     // Snapshots still reading; whatever is left of them ends with the pasteboard.
     std::vector<QPointer<QObject>> m_snapshots;
+    // The compositor's answers that a snapshot awaits belong to it: none comes after it is gone.
+    QObject m_answers;
 };

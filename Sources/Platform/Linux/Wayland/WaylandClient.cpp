@@ -3,6 +3,7 @@
 #include "Shared/Logging.h"
 
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include "ext-data-control-v1-client-protocol.h"
 #include "fake-input-client-protocol.h"
@@ -54,6 +55,8 @@ WaylandClient::WaylandClient(wl_display* display)
 
 WaylandClient::~WaylandClient()
 {
+    for (const auto& [callback, pending] : m_syncs)
+        wl_callback_destroy(callback);
     if (m_fakeInput)
         org_kde_kwin_fake_input_destroy(m_fakeInput);
     if (m_virtualKeyboards)
@@ -115,6 +118,32 @@ bool WaylandClient::roundtrip()
     return true;
 }
 
+void WaylandClient::sync(QObject* context, std::function<void()> done)
+{
+    if (!isConnected()) {
+        QTimer::singleShot(0, context, std::move(done));
+        return;
+    }
+    static const wl_callback_listener listener = {.done = &WaylandClient::onSyncDone};
+    wl_callback* callback = wl_display_sync(m_display);
+    wl_callback_add_listener(callback, &listener, this);
+    m_syncs.emplace(callback, Sync{context, std::move(done)});
+    flush();
+}
+
+void WaylandClient::onSyncDone(void* data, wl_callback* callback, uint32_t)
+{
+    auto* self = static_cast<WaylandClient*>(data);
+    const auto found = self->m_syncs.find(callback);
+    wl_callback_destroy(callback);
+    if (found == self->m_syncs.end())
+        return;
+    const Sync pending = std::move(found->second);
+    self->m_syncs.erase(found);
+    if (pending.context)
+        pending.done();
+}
+
 void WaylandClient::flush()
 {
     if (isConnected() && wl_display_flush(m_display) < 0 && errno != EAGAIN)
@@ -147,6 +176,12 @@ void WaylandClient::reportLostConnection()
         return;
     m_lossReported = true;
     m_notifier->setEnabled(false);
+    // No answer will come: whoever waits for one goes on, and finds the connection gone.
+    for (auto& [callback, pending] : std::exchange(m_syncs, {})) {
+        wl_callback_destroy(callback);
+        if (pending.context)
+            QTimer::singleShot(0, pending.context, std::move(pending.done));
+    }
     qCWarning(lcInsert) << "Lost the connection to the Wayland compositor (error" << wl_display_get_error(m_display)
                         << "); the clipboard and the paste keys stop working until Voxaria starts again";
 }

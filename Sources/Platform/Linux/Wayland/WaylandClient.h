@@ -1,10 +1,14 @@
 #pragma once
 
 #include <QObject>
+#include <QPointer>
 #include <QString>
 
+#include <functional>
+#include <map>
 #include <memory>
 
+struct wl_callback;
 struct wl_display;
 struct wl_registry;
 struct wl_seat;
@@ -40,10 +44,15 @@ public:
     org_kde_kwin_fake_input* fakeInput() const { return m_fakeInput; }
 
     // Sends what is queued and waits until the compositor has answered it, handling the events that
-    // came meanwhile. Answers whether the connection still works.
+    // came meanwhile. Answers whether the connection still works. For start-up only.
     bool roundtrip();
+    // Sends what is queued; `done` runs once the compositor has answered it, every event it sent
+    // before handled, unless `context` is gone by then. A lost connection answers at once.
+    void sync(QObject* context, std::function<void()> done);
     // Sends what is queued without waiting.
     void flush();
+    // Handles the events already read or waiting in the socket, without waiting for more.
+    void readArrived() { dispatchIncoming(); }
     // False once the compositor went away or ended the connection for an error of ours.
     bool isConnected() const;
 
@@ -55,6 +64,12 @@ private:
     void bindDataControl();
     void dispatchIncoming();
     void reportLostConnection();
+    static void onSyncDone(void* data, wl_callback* callback, uint32_t);
+
+    struct Sync {
+        QPointer<QObject> context;
+        std::function<void()> done;
+    };
 
     wl_display* m_display = nullptr;
     wl_registry* m_registry = nullptr;
@@ -67,4 +82,5 @@ private:
     org_kde_kwin_fake_input* m_fakeInput = nullptr;
     QSocketNotifier* m_notifier = nullptr;
     bool m_lossReported = false;
+    std::map<wl_callback*, Sync> m_syncs;
 };

@@ -68,6 +68,11 @@ std::optional<QString> X11FrontApplication::desktopEntryName(const WindowClass& 
     return m_desktopNames.nameFor(windowClass);
 }
 
+void X11FrontApplication::ask(QObject* context, AnswerHandler done)
+{
+    answerLater(context, std::move(done), Answer{localizedName(), windowClass()});
+}
+
 std::optional<QString> X11FrontApplication::localizedName()
 {
     Display* display = X11Display::shared();

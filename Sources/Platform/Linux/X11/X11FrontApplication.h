@@ -7,6 +7,8 @@
 // with no window manager, the top-level window above the one holding the input focus.
 class X11FrontApplication final : public FrontApplication {
 public:
+    // The X server answers at once, on the main thread's own connection.
+    void ask(QObject* context, AnswerHandler done) override;
     std::optional<QString> localizedName() override;
     std::optional<WindowClass> windowClass() override;
 
