@@ -15,7 +15,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QLabel>
 #include <QSet>
 #include <QWidget>
@@ -358,9 +357,7 @@ TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSile
     TestSupport::FakeWhisper whisper;
     EXPECT_TRUE(madeNative(TranscriptionEngineKind::whisper)) << "no model installed yet";
 
-    QDir().mkpath(AppPaths::modelsFolder());
-    QFile model(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"));
-    ASSERT_TRUE(model.open(QIODevice::WriteOnly) && model.write("model") > 0 && model.flush());
+    ASSERT_TRUE(TestSupport::writeFile(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"), "model"));
     EXPECT_FALSE(madeNative(TranscriptionEngineKind::whisper)) << "Whisper is chosen and installed";
     EXPECT_TRUE(madeNative(TranscriptionEngineKind::apple));
     QDir(AppPaths::modelsFolder()).removeRecursively();
