@@ -41,7 +41,7 @@ void SpeechGate::add(std::span<const qint16> samples)
     for (const qint16 sample : samples) {
         const float value = float(sample / kFullScale);
         m_energy += double(value) * value;
-        m_window[size_t(kLongestPeriod + m_filled)] = value - kPreEmphasis * m_previousSample;
+        m_window[size_t(kLongestPeriod) + size_t(m_filled)] = value - kPreEmphasis * m_previousSample;
         m_previousSample = value;
         if (++m_filled == kFrameSamples)
             closeFrame();

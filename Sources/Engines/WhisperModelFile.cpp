@@ -82,7 +82,7 @@ bool WhisperModelFile::isCutShort(const QString& path)
     Reader reader(file);
     if (quint32(reader.next()) != kGgmlMagic)
         return false;
-    reader.skip(kHeaderFields * 4);
+    reader.skip(qint64(kHeaderFields) * 4);
     const qint32 mels = reader.next(), fftBins = reader.next();
     reader.skip(qint64(mels) * fftBins * 4);
     // The vocabulary: its own count of words, then each word's length and bytes.
