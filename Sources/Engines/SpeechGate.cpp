@@ -77,6 +77,8 @@ float SpeechGate::framePeriodicity() const
             product += frame[n] * frame[n - period];
         if (product > 0 && shiftedEnergy > 0)
             best = std::max(best, product / std::sqrt(frameEnergy * shiftedEnergy));
+        if (period == kLongestPeriod)
+            break; // the window holds no sample before this period's shift
         const float entering = frame[-period - 1], leaving = frame[kFrameSamples - period - 1];
         shiftedEnergy += entering * entering - leaving * leaving;
     }
