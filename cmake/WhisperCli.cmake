@@ -64,6 +64,27 @@ function(voxaria_download_whisper_source out)
   endif()
 endfunction()
 
+# whisper.cpp's own test models (a vocabulary-only Whisper model, the real Silero VAD model) the
+# tests and benchmarks run whisper-cli on.
+set(VOXARIA_WHISPER_MODELS_DIR "${PROJECT_BINARY_DIR}/_deps/whisper.cpp/source/models")
+
+# A sanitizer build runs the whisper-cli another build of this tree made, uninstrumented like the
+# distribution's: whisper-cli is only ever a child process, so instrumenting it would find nothing of
+# ours, and building it again would cost as much as the rest of the tree.
+set(VOXARIA_WHISPER_CLI_FROM "" CACHE PATH "Another build folder whose whisper-cli this one copies beside voxaria instead of building its own")
+if(VOXARIA_WHISPER_CLI_FROM)
+  set(VOXARIA_WHISPER_BIN_DIR "${VOXARIA_WHISPER_CLI_FROM}/_deps/whisper.cpp/build/bin")
+  set(VOXARIA_WHISPER_MODELS_DIR "${VOXARIA_WHISPER_CLI_FROM}/_deps/whisper.cpp/source/models")
+  if(NOT EXISTS "${VOXARIA_WHISPER_BIN_DIR}/whisper-cli")
+    message(FATAL_ERROR "VOXARIA_WHISPER_CLI_FROM=${VOXARIA_WHISPER_CLI_FROM} holds no built whisper-cli "
+      "(${VOXARIA_WHISPER_BIN_DIR}/whisper-cli): build that folder first.")
+  endif()
+  add_custom_target(whisper_cli ALL
+    COMMAND ${CMAKE_COMMAND} -E copy_directory "${VOXARIA_WHISPER_BIN_DIR}" "${PROJECT_BINARY_DIR}/bin"
+    BYPRODUCTS "${PROJECT_BINARY_DIR}/bin/whisper-cli")
+  return()
+endif()
+
 if(NOT VOXARIA_BUILD_WHISPER_CLI)
   return()
 endif()

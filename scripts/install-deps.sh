@@ -24,7 +24,7 @@ run_packages=(
   yt-dlp qt6-translations-l10n
 )
 test_packages=(
-  libgtest-dev libgmock-dev python3 e2fsprogs clang-format
+  libgtest-dev libgmock-dev python3 e2fsprogs clang-format clang-tidy
   xvfb xauth x11-utils x11-xserver-utils xdotool xclip imagemagick trayer xterm fonts-dejavu-core
   sway xwayland wtype wl-clipboard foot kwin-wayland dbus-daemon dbus-bin
   pulseaudio-utils espeak-ng sox ffmpeg

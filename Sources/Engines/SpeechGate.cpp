@@ -41,7 +41,7 @@ void SpeechGate::add(std::span<const qint16> samples)
     for (const qint16 sample : samples) {
         const float value = float(sample / kFullScale);
         m_energy += double(value) * value;
-        m_window[size_t(kLongestPeriod + m_filled)] = value - kPreEmphasis * m_previousSample;
+        m_window[size_t(kLongestPeriod) + size_t(m_filled)] = value - kPreEmphasis * m_previousSample;
         m_previousSample = value;
         if (++m_filled == kFrameSamples)
             closeFrame();
@@ -77,6 +77,8 @@ float SpeechGate::framePeriodicity() const
             product += frame[n] * frame[n - period];
         if (product > 0 && shiftedEnergy > 0)
             best = std::max(best, product / std::sqrt(frameEnergy * shiftedEnergy));
+        if (period == kLongestPeriod)
+            break; // the window holds no sample before this period's shift
         const float entering = frame[-period - 1], leaving = frame[kFrameSamples - period - 1];
         shiftedEnergy += entering * entering - leaving * leaving;
     }

@@ -294,7 +294,7 @@ void DataControlPasteboard::onSend(void* data, zwlr_data_control_source_v1* sour
         for (const auto& [offered, bytes] : self->m_sourceEntries) {
             if (offered == type) {
                 // One thread per reader, so a slow one never stalls the main thread.
-                self->m_writers->start([fd, bytes](const std::atomic<bool>& stop) { writeAll(fd, bytes, stop); });
+                self->m_writers->start([fd, bytes = bytes](const std::atomic<bool>& stop) { writeAll(fd, bytes, stop); });
                 return;
             }
         }
