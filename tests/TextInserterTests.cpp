@@ -327,8 +327,10 @@ TEST_F(TextInserterOnX11Test, AClipboardTooLargeForOneRequestComesBackWhole)
     QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(large.data()), large.size() / 4);
     file.write(large);
     file.flush();
-    // xclip leaves a child serving the selection until somebody else owns it.
-    ASSERT_EQ(QProcess::execute("xclip", {"-selection", "clipboard", "-t", "application/x-voxaria-large", "-i", file.fileName()}), 0);
+    // xclip leaves a child serving the selection until somebody else owns it, or for ever when a
+    // reader leaves a transfer unfinished: with no pipe of ours, that one cannot hold up the test run.
+    const QString copy = "xclip -selection clipboard -t application/x-voxaria-large -i '%1' >/dev/null 2>&1";
+    ASSERT_EQ(QProcess::execute("sh", {"-c", copy.arg(file.fileName())}), 0);
     const auto keys = std::make_shared<FakeKeyPoster>();
     bool pasted = false;
     keys->onPost = [&](const KeyPoster::KeyEvent&) { pasted = true; };
