@@ -365,23 +365,53 @@ TEST_P(DataControl, TheClipboardIsReadAndOfferedUnderEveryTypeAndLetGoWhenSomebo
 }
 
 // Takes the clipboard on a connection of its own, offering `types`, the way another program would,
-// and never writes a byte: the pipes readers hand it stay open in `held`.
-std::shared_ptr<WaylandClient> ownClipboardSilently(const QString& socket, const QStringList& types, std::vector<int>& held)
-{
-    static const zwlr_data_control_source_v1_listener keep = {
-        .send
-        = [](void* fds, zwlr_data_control_source_v1*, const char*, int32_t fd) { static_cast<std::vector<int>*>(fds)->push_back(fd); },
-        .cancelled = [](void*, zwlr_data_control_source_v1*) {},
-    };
-    auto client = WaylandClient::connect(socket);
-    zwlr_data_control_source_v1* source = zwlr_data_control_manager_v1_create_data_source(client->dataControl());
-    zwlr_data_control_source_v1_add_listener(source, &keep, &held);
-    for (const QString& type : types)
-        zwlr_data_control_source_v1_offer(source, type.toUtf8().constData());
-    zwlr_data_control_device_v1_set_selection(zwlr_data_control_manager_v1_get_data_device(client->dataControl(), client->seat()), source);
-    client->roundtrip();
-    return client;
-}
+// and never writes a byte: the pipes readers hand it stay open in `held`. It lets go of all it made
+// when it goes.
+class SilentOwner {
+public:
+    SilentOwner(const QString& socket, const QStringList& types, std::vector<int>& held)
+        : m_client(WaylandClient::connect(socket))
+        , m_source(zwlr_data_control_manager_v1_create_data_source(m_client->dataControl()))
+        , m_device(zwlr_data_control_manager_v1_get_data_device(m_client->dataControl(), m_client->seat()))
+    {
+        static const zwlr_data_control_source_v1_listener keep = {
+            .send
+            = [](void* fds, zwlr_data_control_source_v1*, const char*, int32_t fd) { static_cast<std::vector<int>*>(fds)->push_back(fd); },
+            .cancelled = [](void*, zwlr_data_control_source_v1*) {},
+        };
+        static const zwlr_data_control_device_v1_listener dropOffers = {
+            .data_offer = [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1*) {},
+            .selection = [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) { drop(offer); },
+            .finished = [](void*, zwlr_data_control_device_v1*) {},
+            .primary_selection = [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) { drop(offer); },
+        };
+        zwlr_data_control_source_v1_add_listener(m_source, &keep, &held);
+        zwlr_data_control_device_v1_add_listener(m_device, &dropOffers, nullptr);
+        for (const QString& type : types)
+            zwlr_data_control_source_v1_offer(m_source, type.toUtf8().constData());
+        zwlr_data_control_device_v1_set_selection(m_device, m_source);
+        m_client->roundtrip();
+    }
+    ~SilentOwner()
+    {
+        zwlr_data_control_device_v1_destroy(m_device);
+        zwlr_data_control_source_v1_destroy(m_source);
+        m_client->roundtrip();
+    }
+    SilentOwner(const SilentOwner&) = delete;
+    SilentOwner& operator=(const SilentOwner&) = delete;
+
+private:
+    static void drop(zwlr_data_control_offer_v1* offer)
+    {
+        if (offer)
+            zwlr_data_control_offer_v1_destroy(offer);
+    }
+
+    std::shared_ptr<WaylandClient> m_client;
+    zwlr_data_control_source_v1* m_source;
+    zwlr_data_control_device_v1* m_device;
+};
 
 // Such an owner costs the paste one deadline for all its types, the main thread runs meanwhile, and
 // the clipboard keeps the dictation rather than being emptied as if the owner had held nothing.
@@ -389,7 +419,7 @@ TEST_P(DataControl, AClipboardOwnerThatNeverAnswersDelaysThePasteOnceAndFreezesN
 {
     const auto board = std::make_shared<DataControlPasteboard>(client);
     std::vector<int> held;
-    const auto owner = ownClipboardSilently(server->waylandSocket(), {"text/plain", "text/html", "image/png"}, held);
+    const SilentOwner owner(server->waylandSocket(), {"text/plain", "text/html", "image/png"}, held);
     const auto keys = std::make_shared<FakeKeyPoster>();
     int ticks = 0, ticksAtPaste = 0;
     std::optional<QByteArray> pasted;
