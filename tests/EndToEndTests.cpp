@@ -215,7 +215,7 @@ TEST_F(EndToEnd, AShortPressOrASilentHoldInsertsNothingAndAHeldOnePastesWhatWhis
 TEST_F(EndToEnd, ASecondCopyOpensTheFirstsMenuEndingTheFirstMidDictationLeavesNoRecordingAndACrashLeavesNoLock)
 {
     app.useFakeWhisper({});
-    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(app.start()) << app.logText();
     const int from = app.lineCount();
     QProcess second;
     second.setProcessEnvironment(app.process().processEnvironment());
@@ -237,7 +237,7 @@ TEST_F(EndToEnd, ASecondCopyOpensTheFirstsMenuEndingTheFirstMidDictationLeavesNo
     EXPECT_EQ(app.process().exitCode(), 0);
     EXPECT_TRUE(TestSupport::dictationFiles(app.temporaryFolder()).isEmpty());
 
-    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(app.start()) << app.logText();
     app.process().kill();
     ASSERT_TRUE(app.waitForExit(5s));
     EXPECT_TRUE(app.start()) << app.logText();

@@ -120,9 +120,18 @@ bool AppRun::start()
     m_process.setProcessEnvironment(environment);
     const int from = lineCount(); // a run before this one logged the same
     m_process.start(m_binary, {});
-    if (!m_process.waitForStarted(5000))
+    // Generous: a build under a sanitizer on a loaded machine takes seconds to come up. Why a start
+    // failed goes into the log the failing test prints.
+    if (!m_process.waitForStarted(10000)) {
+        m_lines << "[test] the program did not start: " + m_process.errorString();
         return false;
-    return waitForLog("watching modifier keys", std::chrono::seconds(10), from);
+    }
+    if (waitForLog("watching modifier keys", std::chrono::seconds(30), from))
+        return true;
+    m_lines << (m_process.state() == QProcess::NotRunning
+            ? QStringLiteral("[test] the program ended with code %1 before watching the keys").arg(m_process.exitCode())
+            : QStringLiteral("[test] the program did not watch the keys within 30 s"));
+    return false;
 }
 
 bool AppRun::waitForExit(std::chrono::milliseconds timeout)
