@@ -157,6 +157,10 @@ HUDPanel::HUDPanel()
     fill->setSizeConstraint(QLayout::SetNoConstraint);
     fill->addWidget(background);
     m_panel->resize(width, 64);
+    // The native window and the style sheets cost the first show tens of milliseconds: paid here, at
+    // start-up, rather than in the key press of the first dictation.
+    m_panel->ensurePolished();
+    m_panel->winId();
 }
 
 HUDPanel::~HUDPanel() = default;
