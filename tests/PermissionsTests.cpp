@@ -83,15 +83,13 @@ TEST(Permissions, TheAlertsSayWhatWaylandAndAMissingEngineChange)
     FakeSessionPlatform platform;
     const SessionInfo gnome{SessionInfo::Kind::wayland, SessionInfo::Compositor::gnome, true};
     platform.sessionInfo = gnome;
-    for (const auto route : {SessionPlatform::PasteRoute::xwayland, SessionPlatform::PasteRoute::copyOnly}) {
+    const auto gnomeNote = [&](SessionPlatform::PasteRoute route) {
         platform.words = LinuxPlatform::wordingFor(gnome, route);
-        const QString text
-            = Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(platform)).informativeText;
-        EXPECT_TRUE(text.section("\n\n", 2, 2)
-                        .contains(route == SessionPlatform::PasteRoute::copyOnly ? "a partir da versão 45"
-                                                                                 : "a cada início do Voxaria, o GNOME pergunta"))
-            << text.toStdString();
-    }
+        return Permissions::permissionsAlert({true, true, true}, "pt-BR", Permissions::WaylandUse::of(platform))
+            .informativeText.section("\n\n", 2, 2);
+    };
+    EXPECT_TRUE(gnomeNote(SessionPlatform::PasteRoute::xwayland).contains("a cada início do Voxaria, o GNOME pergunta"));
+    EXPECT_TRUE(gnomeNote(SessionPlatform::PasteRoute::copyOnly).contains("a partir da versão 45"));
 
     const auto noKeySource = [&](SessionInfo session, bool seen) {
         platform.sessionInfo = session;
