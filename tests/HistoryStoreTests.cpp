@@ -28,7 +28,6 @@ QList<Entry> numberedEntries(int count)
     return entries;
 }
 
-// What the history logged since the test began listening.
 QStringList historyLog;
 
 class HistoryStoreTest : public ::testing::Test {
@@ -37,13 +36,14 @@ protected:
     QString path = folder.filePath("Voxaria/history.json");
 };
 
-TEST_F(HistoryStoreTest, AnOversizedFileLoadsWholeAndAddKeepsTheNewest200)
+// A save that fails (here the disk fills up part-way) says why in the log, keeps the change in
+// memory and announces it, and never puts a torn file in place of the last good one.
+TEST_F(HistoryStoreTest, AnOversizedFileLoadsWholeAddKeepsTheNewest200AndAFailedSaveLosesNothing)
 {
     const QList<Entry> old = numberedEntries(250);
     ASSERT_TRUE(TestSupport::writeFile(path, HistoryFiles::json(old)));
     HistoryStore store(path);
     EXPECT_EQ(store.entries(), old);
-
     store.add("  igual  ", "Terminal");
     store.add("  igual  ", "—");
     const QList<Entry> saved = HistoryStore(path).entries();
@@ -52,21 +52,12 @@ TEST_F(HistoryStoreTest, AnOversizedFileLoadsWholeAndAddKeepsTheNewest200)
     EXPECT_EQ(saved[0].appName, "—");
     EXPECT_NE(saved[0].id, saved[1].id);
     EXPECT_LT(qAbs(saved[0].dateTime().secsTo(QDateTime::currentDateTimeUtc())), 60) << "dates count from 2001-01-01 UTC";
-}
 
-// A save that fails says why in the log, keeps the change in memory and announces it, and never
-// puts a torn file in place of the last good one.
-TEST_F(HistoryStoreTest, AFailedSaveIsLoggedWithItsReasonAndLosesNothing)
-{
-    const QList<Entry> old = numberedEntries(3);
-    ASSERT_TRUE(TestSupport::writeFile(path, HistoryFiles::json(old)));
-    HistoryStore store(path);
     QSignalSpy changes(&store, &HistoryStore::didChange);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext& context, const QString& message) {
         if (qstrcmp(context.category, "voxaria.history") == 0)
             historyLog.append(message);
     });
-    // No file may grow past 100 bytes: the write fails part-way, as on a full disk.
     rlimit normal{};
     getrlimit(RLIMIT_FSIZE, &normal);
     const rlimit full{100, normal.rlim_max};
@@ -76,30 +67,27 @@ TEST_F(HistoryStoreTest, AFailedSaveIsLoggedWithItsReasonAndLosesNothing)
     setrlimit(RLIMIT_FSIZE, &normal);
     qInstallMessageHandler(nullptr);
     EXPECT_TRUE(historyLog.join('\n').contains("File too large")) << historyLog.join('\n').toStdString();
-    EXPECT_EQ(HistoryStore(path).entries(), old) << "the last good file stays in place";
-    EXPECT_EQ(store.entries().size(), 4);
+    EXPECT_EQ(HistoryStore(path).entries(), saved) << "the last good file stays in place";
+    EXPECT_EQ(store.entries().value(0).text, "não cabe no disco");
     EXPECT_EQ(changes.count(), 1);
 }
 
-TEST_F(HistoryStoreTest, AnUnreadableFileLeavesTheHistoryEmptyAndIsCopiedAsideOnce)
-{
-    const QByteArray bytes = HistoryFiles::json(numberedEntries(2)).replace("\"text\": \"ditado 1\"", "\"txt\": \"ditado 1\"");
-    ASSERT_TRUE(TestSupport::writeFile(path, bytes));
-    for (int launch = 0; launch < 2; ++launch)
-        EXPECT_TRUE(HistoryStore(path).entries().isEmpty());
-    EXPECT_EQ(HistoryFiles::read(path), bytes) << "untouched until the next save";
-    const QStringList copies = QDir(folder.filePath("Voxaria")).entryList({"history.json.corrupt-*"});
-    ASSERT_EQ(copies.size(), 1) << "one copy, however many launches meet the file";
-    EXPECT_EQ(HistoryFiles::read(folder.filePath("Voxaria/" + copies.first())), bytes);
-}
-
 // Damaged or hostile files never crash the app; the history is then either whole or empty, also
-// when a single element is bad among good ones.
-TEST_F(HistoryStoreTest, DamagedAndHostileFilesLoadWholeOrEmpty)
+// when a single element is bad among good ones, and such a file is kept aside.
+TEST_F(HistoryStoreTest, DamagedAndHostileFilesLoadWholeOrEmptyAndAreCopiedAsideOnce)
 {
     const QList<Entry> four = numberedEntries(4);
     const QByteArray good = HistoryFiles::json(four).replace("ditado 2", "ação/“aspas” 😀 \\n \\u00e9");
     const QByteArray id = four[0].id.toByteArray(QUuid::WithoutBraces);
+    const QByteArray badElement = QByteArray(good).replace("\"text\": \"ditado 3\"", "\"txt\": \"x\"");
+    ASSERT_TRUE(TestSupport::writeFile(path, badElement));
+    for (int launch = 0; launch < 2; ++launch)
+        EXPECT_TRUE(HistoryStore(path).entries().isEmpty());
+    EXPECT_EQ(HistoryFiles::read(path), badElement) << "untouched until the next save";
+    const QStringList copies = QDir(folder.filePath("Voxaria")).entryList({"history.json.corrupt-*"});
+    ASSERT_EQ(copies.size(), 1) << "one copy, however many launches meet the file";
+    EXPECT_EQ(HistoryFiles::read(folder.filePath("Voxaria/" + copies.first())), badElement);
+
     QList<QByteArray> inputs;
     for (qsizetype length = 0; length < good.size(); length += 2)
         inputs.append(good.left(length));
@@ -112,8 +100,8 @@ TEST_F(HistoryStoreTest, DamagedAndHostileFilesLoadWholeOrEmpty)
     for (const char* date : {"1e999", "-0", "123456789012345678901234567890", "NaN", "\"1\""})
         inputs.append(QByteArray(good).replace("785000000.25", date));
     inputs << QByteArray(good).replace("\"ditado 1\"", "1") << QByteArray(good).replace(id, "{" + id + "}")
-           << QByteArray(good).replace("[", "[[],") << QByteArray(good).replace("\"text\": \"ditado 3\"", "\"txt\": \"x\"");
-    inputs << QByteArray(200000, '[') << "[" + QByteArray("{\"a\":").repeated(50000) << "null" << QByteArray("\0[]", 3) << "[]x";
+           << QByteArray(good).replace("[", "[[],") << QByteArray(200000, '[') << "[" + QByteArray("{\"a\":").repeated(50000) << "null"
+           << QByteArray("\0[]", 3) << "[]x";
 
     for (const QByteArray& input : inputs) {
         ASSERT_TRUE(TestSupport::writeFile(path, input));

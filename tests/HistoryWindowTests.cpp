@@ -1,7 +1,7 @@
 #include "History/HistoryStore.h"
 #include "History/HistoryWindow.h"
 #include "HistoryFiles.h"
-#include "Platform/Linux/Desktop/MessageBoxAlerts.h"
+#include "Platform/Fakes/FakeAlerts.h"
 #include "Platform/Linux/X11/X11ClipboardPasteboard.h"
 #include "TestSupport.h"
 
@@ -9,14 +9,12 @@
 #include <QClipboard>
 #include <QLabel>
 #include <QLineEdit>
-#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPointer>
 #include <QPushButton>
 #include <QTableView>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -35,36 +33,18 @@ Entry entry(const QString& text, const QString& appName, double date = localDate
     return {QUuid::createUuid(), date, appName, text};
 }
 
-// Drives the real window and its real alerts over a store of the test's own.
+// Drives the real window over a store of the test's own; the alerts answer from a script.
 class HistoryWindowTest : public ::testing::Test {
 protected:
     QTemporaryDir folder;
     QString path = folder.filePath("history.json");
     std::unique_ptr<HistoryStore> store;
-    MessageBoxAlerts alerts;
-    QString answer; // the button the user clicks in an alert; none: Escape
-    QStringList asked; // the informative texts of the alerts shown
-    QTimer user;
+    FakeAlerts alerts;
     std::unique_ptr<HistoryWindow> history;
-
-    void SetUp() override
-    {
-        QObject::connect(&user, &QTimer::timeout, [this] {
-            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            if (!box)
-                return;
-            asked.append(box->informativeText());
-            for (QAbstractButton* button : box->buttons()) {
-                if (button->text() == answer)
-                    return button->click();
-            }
-            QTest::keyClick(box, Qt::Key_Escape);
-        });
-        user.start(50);
-    }
 
     void open(const QList<Entry>& entries)
     {
+        history.reset();
         ASSERT_TRUE(TestSupport::writeFile(path, HistoryFiles::json(entries)));
         store = std::make_unique<HistoryStore>(path);
         history = std::make_unique<HistoryWindow>(*store, alerts, std::make_shared<X11ClipboardPasteboard>());
@@ -75,7 +55,6 @@ protected:
     template <typename Widget> Widget* find(const char* name) const { return history->window()->findChild<Widget*>(name); }
     QTableView* table() const { return find<QTableView>("table"); }
     QString status() const { return find<QLabel>("statusLabel")->text(); }
-    QString detail() const { return find<QPlainTextEdit>("detailView")->toPlainText(); }
     QString cell(int row, int column) const { return table()->model()->index(row, column).data().toString(); }
 
     // As pasted: QTest cannot type non-ASCII keys.
@@ -94,7 +73,7 @@ protected:
     void click(const char* buttonName) { QTest::mouseClick(find<QPushButton>(buttonName), Qt::LeftButton); }
 };
 
-TEST_F(HistoryWindowTest, SearchIsCaseInsensitiveAccentSensitiveAndBlindToUnicodeForms)
+TEST_F(HistoryWindowTest, SearchIsCaseInsensitiveAccentSensitiveAndBlindToUnicodeFormsAndCopiesDictationsWhole)
 {
     const QString composed = "Reunião às três";
     const QString decomposed = "Reunia\u0303o de equipe"; // ã as a + combining tilde
@@ -120,10 +99,7 @@ TEST_F(HistoryWindowTest, SearchIsCaseInsensitiveAccentSensitiveAndBlindToUnicod
         EXPECT_EQ(shownTexts(), c.expected);
         EXPECT_EQ(status(), c.status);
     }
-}
 
-TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineAtItsLocalTimeButIsCopiedWhole)
-{
     const QString text = "Lista de compras:\nleite\npão";
     open({entry(text, "Notas", localDate(3, 5, 9, 41)), entry("outro", "—", localDate(12, 31, 14, 27))});
     EXPECT_EQ(QStringList({cell(0, 0), cell(1, 0), cell(1, 1)}), QStringList({"05/03 09:41", "31/12 14:27", "—"}));
@@ -131,7 +107,7 @@ TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineAtItsLocalTimeButIsCo
 
     EXPECT_EQ(cell(0, 2), "Lista de compras: leite pão");
     clickRow(0);
-    EXPECT_EQ(detail(), text);
+    EXPECT_EQ(find<QPlainTextEdit>("detailView")->toPlainText(), text);
     click("copyButton");
     EXPECT_EQ(QGuiApplication::clipboard()->text(), text);
     EXPECT_EQ(status(), "Copiado ✓");
@@ -141,27 +117,9 @@ TEST_F(HistoryWindowTest, AMultiLineDictationShowsOnOneLineAtItsLocalTimeButIsCo
     EXPECT_EQ(QGuiApplication::clipboard()->text(), "outro") << "a double click copies";
 }
 
-TEST_F(HistoryWindowTest, ClearingAsksAndOnlyClearsWhenConfirmed)
-{
-    open({});
-    click("clearButton");
-    EXPECT_TRUE(asked.isEmpty()) << "an empty history asks nothing";
-
-    store->add("único", "App");
-    store->add("segundo", "App");
-    type("nada disso");
-    click("clearButton"); // Escape
-    ASSERT_EQ(asked.size(), 1);
-    EXPECT_TRUE(asked[0].startsWith("Todos os 2 ditados")) << "counts all, not the shown";
-    EXPECT_EQ(store->entries().size(), 2);
-
-    answer = "Limpar tudo";
-    click("clearButton");
-    EXPECT_EQ(HistoryFiles::read(path), "[]");
-    EXPECT_EQ(status(), "0 ditados");
-}
-
-TEST_F(HistoryWindowTest, UnderAFilterNewDictationsAppearAtOnceAndDeletingRemovesTheSelectedOneWithoutAsking)
+// Under a filter new dictations appear at once; deleting removes the selected one without asking;
+// clearing asks first, counting all, and clears only when confirmed; closing only hides.
+TEST_F(HistoryWindowTest, UnderAFilterNewDictationsAppearDeletingDoesNotAskAndClearingDoes)
 {
     const QList<Entry> entries = {entry("nota um", "Notas"), entry("outra coisa", "Firefox"), entry("nota dois", "Notas")};
     open(entries);
@@ -171,16 +129,27 @@ TEST_F(HistoryWindowTest, UnderAFilterNewDictationsAppearAtOnceAndDeletingRemove
     EXPECT_EQ(shownTexts(), QStringList({"nova nota", "nota um", "nota dois"}));
     clickRow(2);
     click("deleteButton");
-    EXPECT_TRUE(asked.isEmpty());
+    EXPECT_TRUE(alerts.shown.isEmpty());
     EXPECT_EQ(shownTexts(), QStringList({"nova nota", "nota um"}));
     EXPECT_EQ(status(), "2 ditados");
     EXPECT_EQ(HistoryStore(path).entries().mid(2), entries.mid(0, 2));
+
+    click("clearButton"); // Cancelar
+    ASSERT_EQ(alerts.shown.size(), 1);
+    EXPECT_TRUE(alerts.shown[0].informativeText.startsWith("Todos os 4 ditados")) << "counts all, not the shown";
+    EXPECT_EQ(store->entries().size(), 4);
+    alerts.answers = QStringList{"Limpar tudo"};
+    click("clearButton");
+    EXPECT_EQ(HistoryFiles::read(path), "[]");
+    EXPECT_EQ(status(), "0 ditados");
+    click("clearButton");
+    EXPECT_EQ(alerts.shown.size(), 2) << "an empty history asks nothing";
 
     QPointer<QWidget> window = history->window();
     window->close();
     ASSERT_FALSE(window.isNull()) << "closing only hides";
     store->add("nota escondida", "Notas");
-    EXPECT_EQ(shownTexts().first(), "nota escondida");
+    EXPECT_EQ(shownTexts(), QStringList{"nota escondida"});
 }
 
 }
