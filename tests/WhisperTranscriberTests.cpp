@@ -29,6 +29,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 
 using namespace std::chrono_literals;
@@ -95,13 +96,6 @@ protected:
         const QByteArray loud(reinterpret_cast<const char*>(tone.data()), qsizetype(tone.size() * sizeof(float)));
         for (int i = 0; i < buffers; ++i)
             microphone->deliver(i % 2 == 1 ? loud : QByteArray(loud.size(), 0));
-    }
-
-    // The real whisper-cli in place of the fake, with `model`'s bytes as the dictation model.
-    void useRealWhisper(const QByteArray& model)
-    {
-        ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(VOXARIA_BUILT_WHISPER_CLI, whisper.binaryPath()));
-        writeFile(modelPath("ggml-large-v3-turbo-q5_0.bin"), model);
     }
 
     // Real speech on a 16 kHz microphone.
@@ -272,8 +266,8 @@ TEST_F(WhisperTranscriberTest, WhatWhisperCliLeavesBecomesTheTextOrTheError)
     EXPECT_TRUE(dictationFiles().isEmpty());
 }
 
-// Our recordings, quieter and under fan noise, are speech; a desk's noises are nothing. fleurs-en-002
-// at -30 dB (60 below the others) is a few steps of a 16-bit sample: only the hint to speak up helps.
+// Our recordings, quieter and under fan noise, are speech; a desk's noises are nothing (the table is
+// printed). fleurs-en-002 at -30 dB (60 below the others) is a few steps of a 16-bit sample: too quiet.
 TEST(SpeechGate, HearsEveryVoiceSoftOrInNoiseAndNoneOfTheNoisesOfADesk)
 {
     using namespace GateSounds;
@@ -302,11 +296,15 @@ TEST(SpeechGate, HearsEveryVoiceSoftOrInNoiseAndNoneOfTheNoisesOfADesk)
         {"cough", cough()}, {"door", door()}, {"typing", typing(3)}, {"dictation key click", keyClick()}};
     for (const auto& [name, sound] : noises)
         cases.emplace_back(name, sound, nothing);
+    const char* verdicts[] = {"speech", "too quiet", "nothing"};
+    std::printf("%-48s %-10s %-10s %s\n", "recording", "expected", "heard", "voiced ms");
     for (const auto& [name, sound, expected] : cases) {
         SpeechGate gate;
         gate.add(toPcm(sound));
         const SpeechGate::Hearing heard = gate.hearing();
-        EXPECT_EQ(heard.verdict, expected) << name << ": " << heard.voiced.count() << " ms voiced";
+        std::printf("%-48s %-10s %-10s %lld\n", name.c_str(), verdicts[int(expected)], verdicts[int(heard.verdict)],
+            qlonglong(heard.voiced.count()));
+        EXPECT_EQ(heard.verdict, expected) << name;
     }
 }
 
@@ -364,7 +362,8 @@ TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndAModelI
     if (!QFileInfo::exists(VOXARIA_BUILT_WHISPER_CLI) || !QFileInfo::exists(kRealTestModel))
         VOXARIA_SKIP("whisper-cli is not built here (VOXARIA_BUILD_WHISPER_CLI=OFF or no whisper.cpp source)");
     const QByteArray bytes = DesktopApps::readAll(kRealTestModel);
-    useRealWhisper(bytes);
+    ASSERT_TRUE(QFile::remove(whisper.binaryPath()) && QFile::link(VOXARIA_BUILT_WHISPER_CLI, whisper.binaryPath()));
+    writeFile(modelPath("ggml-large-v3-turbo-q5_0.bin"), bytes);
     qputenv("VK_ICD_FILENAMES", "/nonexistent/icd.json");
     g_whisperLog.clear();
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext& context, const QString& message) {
@@ -391,7 +390,7 @@ TEST_F(WhisperTranscriberTest, TheRealWhisperCliLoadsWhileTheKeyIsHeldAndAModelI
 
     for (const qsizetype kept : {bytes.size() / 4, qsizetype{2}}) {
         SCOPED_TRACE(kept);
-        useRealWhisper(bytes.left(kept));
+        writeFile(modelPath("ggml-large-v3-turbo-q5_0.bin"), bytes.left(kept));
         auto engine = recordRealSpeech();
         // Long enough for whisper-cli to give up on a 2-byte model before the release.
         spin(1500ms);
@@ -463,7 +462,6 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
         EXPECT_TRUE(timingLines[i].contains(QRegularExpression(timings[i]))) << timingLines[i].toStdString();
 }
 
-// The other engine meets the same through the fake microphone (SpeechTranscriberTests).
 TEST_F(WhisperTranscriberTest, AMicrophoneUnpluggedOrFallenSilentMidDictationIsReportedOnceAndLeavesNothingBehind)
 {
     if (!hasPulseAudio())
