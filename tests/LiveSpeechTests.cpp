@@ -126,9 +126,7 @@ TEST_F(LiveSpeechTest, TextsGrowWhileTheAudioComesAndEachDictationKeepsItsOwn)
     for (std::size_t i = 0; i + 1 < seen.results.size(); ++i) {
         EXPECT_FALSE(seen.results[i].text.isEmpty());
         EXPECT_FALSE(seen.results[i].isFinal) << "a final text before the last";
-        if (i > 0) {
-            EXPECT_NE(seen.results[i].text, seen.results[i - 1].text) << "a partial text repeated the one before";
-        }
+        EXPECT_TRUE(i == 0 || seen.results[i].text != seen.results[i - 1].text) << "a partial text repeated the one before";
     }
     EXPECT_TRUE(seen.errors.isEmpty()) << seen.errors.join(' ').toStdString();
 
@@ -192,7 +190,6 @@ TEST(LiveSpeechLanguages, TheModelsLocalesAreRecognisedAndOthersAreNot)
 TEST(LiveSpeechModelFile, ADamagedModelIsAMessageNotACrash)
 {
     const QByteArray model = DesktopApps::readAll(kToyModel);
-    ASSERT_FALSE(model.isEmpty());
     for (const QByteArray& bytes : {QByteArray("GGUF but nothing after it"), model.left(model.size() / 2), model}) {
         SCOPED_TRACE(bytes.size());
         ASSERT_TRUE(writeFile(LiveSpeechModel::installedPath(), bytes));

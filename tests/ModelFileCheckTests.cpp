@@ -45,22 +45,18 @@ TEST(ModelFileCheckTest, AModelIsWholeOnlyToTheLastByteItsStructureCallsFor)
     EXPECT_EQ(check(ModelFiles::gguf({}), Format::gguf), Verdict::complete);
 
     const QByteArray whisper = ModelFiles::whisper(64 << 10);
-    QByteArray fiveDimensions = whisper;
-    fiveDimensions[kTensorsStart] = 5; // the first tensor's dimension count
-    QByteArray version1 = ModelFiles::gguf(tensors);
-    version1[4] = 1;
     const struct {
         QByteArray file;
         Format format;
         const char* why;
     } others[] = {
         {QByteArray("GGUF").append(whisper.mid(4)), Format::whisperGgml, "another magic number"},
-        {fiveDimensions, Format::whisperGgml, "a tensor of five dimensions"},
+        {QByteArray(whisper).replace(kTensorsStart, 1, "\x05"), Format::whisperGgml, "a first tensor of five dimensions"},
         {whisper, Format::voiceActivityGgml, "a Whisper model"},
         {ModelFiles::gguf(tensors, 48), Format::gguf, "an alignment that is no power of two"},
         {ModelFiles::gguf({{{33, 2}, 8}}), Format::gguf, "a row that is no whole number of q8_0 blocks"},
         {ModelFiles::gguf({{{4}, 4}}), Format::gguf, "a type that no longer exists"},
-        {version1, Format::gguf, "version 1"},
+        {ModelFiles::gguf(tensors).replace(4, 1, "\x01"), Format::gguf, "version 1"},
     };
     for (const auto& other : others)
         EXPECT_EQ(check(other.file, other.format), Verdict::invalid) << other.why;
