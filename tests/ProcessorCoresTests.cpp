@@ -9,27 +9,10 @@
 
 #include <algorithm>
 
-namespace {
-
-// A /sys/devices/system/cpu of `lists` CPUs, each with this topology file's contents (none: no file).
-QString cpuFolder(const QTemporaryDir& root, const char* file, const QStringList& lists)
-{
-    for (int cpu = 0; cpu < lists.size(); ++cpu) {
-        const QString folder = root.filePath(QStringLiteral("cpu%1/topology").arg(cpu));
-        if (!lists[cpu].isEmpty())
-            TestSupport::writeFile(folder + QLatin1Char('/') + QLatin1String(file), lists[cpu].toUtf8() + '\n');
-    }
-    // Folders beside the CPUs that are none.
-    TestSupport::writeFile(root.filePath("cpufreq/policy0/related_cpus"), "0 1\n");
-    TestSupport::writeFile(root.filePath("cpuidle/current_driver"), "none\n");
-    return root.path();
-}
-
-}
-
 TEST(ProcessorCores, EachCoreCountsOnceHoweverManyThreadsItRunsAndNeverMoreThanThisProcessMayUse)
 {
     const int threads = std::max(1, QThread::idealThreadCount());
+    // A /sys/devices/system/cpu whose CPUs each have this topology file ("": none), beside folders that are no CPU.
     const struct {
         const char* name;
         const char* file;
@@ -45,8 +28,13 @@ TEST(ProcessorCores, EachCoreCountsOnceHoweverManyThreadsItRunsAndNeverMoreThanT
     for (const auto& machine : machines) {
         SCOPED_TRACE(machine.name);
         QTemporaryDir root;
-        ASSERT_TRUE(root.isValid());
-        EXPECT_EQ(ProcessorCores::physical(cpuFolder(root, machine.file, machine.lists)), std::min(machine.cores, threads));
+        for (int cpu = 0; cpu < machine.lists.size(); ++cpu)
+            if (!machine.lists[cpu].isEmpty())
+                TestSupport::writeFile(
+                    root.filePath(QString("cpu%1/topology/%2").arg(cpu).arg(machine.file)), machine.lists[cpu].toUtf8() + '\n');
+        TestSupport::writeFile(root.filePath("cpufreq/policy0/related_cpus"), "0 1\n");
+        TestSupport::writeFile(root.filePath("cpuidle/current_driver"), "none\n");
+        EXPECT_EQ(ProcessorCores::physical(root.path()), std::min(machine.cores, threads));
     }
     EXPECT_EQ(ProcessorCores::physical("/nonexistent"), threads);
     // This machine's own answer lies between one core and its hardware threads.

@@ -22,12 +22,8 @@ protected:
         auto input = std::make_unique<FakeAudioInput>();
         microphone = input.get();
         return std::make_unique<SpeechTranscriber>(
-            std::move(input),
-            [this](const QString& locale) -> std::shared_ptr<SpeechRecognizer> {
-                askedLocales << locale;
-                return recognizer;
-            },
-            &SoxrAudioConverter::make, options, finalDelay);
+            std::move(input), [this](const QString&) -> std::shared_ptr<SpeechRecognizer> { return recognizer; }, &SoxrAudioConverter::make,
+            options, finalDelay);
     }
 
     // A new engine already dictating, with nothing answered yet.
@@ -41,7 +37,6 @@ protected:
 
     std::shared_ptr<FakeSpeechRecognizer> recognizer = std::make_shared<FakeSpeechRecognizer>();
     DictationOptions options{QStringLiteral("en-US")};
-    QStringList askedLocales;
     FakeAudioInput* microphone = nullptr;
     EngineAnswers answers;
 };
@@ -65,7 +60,7 @@ TEST_F(SpeechTranscriberTest, PartialsAreWholeTextsOnTheMainThreadAndTheLastIsTh
 
 // A dictation answers once, with the recogniser's text untrimmed or with an error; an error ends it
 // only while recording with nothing heard yet, or when the microphone goes.
-TEST_F(SpeechTranscriberTest, EachWayADictationEndsAnswersItOnce)
+TEST_F(SpeechTranscriberTest, EachWayADictationEndsAnswersItOnceAndACancelOrARefusedStartNever)
 {
     const auto finalThenError = [this] {
         recognizer->sendFinal("go forward ten meters ");
@@ -113,51 +108,33 @@ TEST_F(SpeechTranscriberTest, EachWayADictationEndsAnswersItOnce)
         EXPECT_FALSE(microphone->isRunning());
         EXPECT_TRUE(recognizer->audioEnded() && recognizer->taskCancelled());
     }
-}
 
-TEST_F(SpeechTranscriberTest, CancelOrDestructionSilencesEverythingStillOnItsWay)
-{
-    using Ending = std::function<void(std::unique_ptr<SpeechTranscriber>&)>;
-    const std::pair<const char*, Ending> endings[] = {
-        {"cancel while recording", [](auto& engine) { engine->cancel(); }},
-        {"cancel during the final wait",
-            [](auto& engine) {
-                engine->finish();
-                engine->cancel();
-            }},
-        {"engine destroyed during the final wait",
-            [](auto& engine) {
-                engine->finish();
-                engine.reset();
-            }},
-    };
-    for (const auto& [name, end] : endings) {
+    // A cancel or the engine's end silences everything still on its way.
+    for (const auto& [name, released, destroyed] : {std::tuple{"cancel while recording", false, false},
+             {"cancel during the final wait", true, false}, {"engine destroyed during the final wait", true, true}}) {
         SCOPED_TRACE(name);
         auto engine = startEngine();
         recognizer->sendPartial("in flight"); // queued, not yet on the main thread
-        end(engine);
+        if (released)
+            engine->finish();
+        destroyed ? engine.reset() : engine->cancel();
         recognizer->sendFinal("in flight too");
         spin(500ms); // past the final timer
         EXPECT_TRUE(answers.partials.isEmpty());
         EXPECT_EQ(answers.count(), 0);
         EXPECT_TRUE(recognizer->audioEnded() && recognizer->taskCancelled());
-        if (engine) {
-            EXPECT_FALSE(microphone->isRunning());
-        }
+        EXPECT_TRUE(destroyed || !microphone->isRunning());
     }
-}
 
-// A language stored empty is asked for as it is, and no recogniser knows it. (A refused language
-// followed by a dictation that works is met end to end.)
-TEST_F(SpeechTranscriberTest, AnEmptyLanguageIsRefusedAtOnceLeavingNothingPending)
-{
+    // A language no recogniser knows is refused at once, before the microphone is touched, and leaves
+    // nothing pending. (A refused language followed by a dictation that works is met end to end.)
     options.localeIdentifier.clear();
     recognizer = nullptr;
     auto engine = makeEngine();
+    answers = {};
     EXPECT_EQ(answers.startFailure(*engine),
         "Reconhecimento de fala indisponível para o idioma . Baixe o modelo do motor nativo no menu ou escolha outro idioma.");
-    EXPECT_EQ(askedLocales, QStringList({""}));
-    EXPECT_EQ(microphone->startCount, 0) << "a language without a model never touches the microphone";
+    EXPECT_EQ(microphone->startCount, 0);
     engine->finish();
     spin(500ms);
     EXPECT_EQ(answers.count(), 0);
