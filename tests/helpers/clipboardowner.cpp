@@ -1,9 +1,6 @@
 // Owns the X11 clipboard with chosen contents, the way another application would, for tests.
-//
-// Usage: clipboardowner TYPE BASE64 [TYPE BASE64 ...]
-//
-// Offers each BASE64's bytes under its MIME TYPE on the CLIPBOARD selection, prints "ready" on
-// standard output, and keeps serving the selection until terminated.
+// Usage: clipboardowner TYPE BASE64 [TYPE BASE64 ...]: offers each BASE64's bytes as its MIME TYPE,
+// prints "ready" and serves the clipboard until terminated.
 
 #include <QApplication>
 #include <QClipboard>
@@ -14,10 +11,8 @@
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
-    if (argc < 3 || argc % 2 == 0) {
-        std::fprintf(stderr, "usage: clipboardowner TYPE BASE64 [TYPE BASE64 ...]\n");
+    if (argc < 3 || argc % 2 == 0)
         return 2;
-    }
     auto contents = new QMimeData;
     for (int index = 1; index + 1 < argc; index += 2)
         contents->setData(QString::fromLocal8Bit(argv[index]), QByteArray::fromBase64(argv[index + 1]));

@@ -1,13 +1,9 @@
 // The Wayland clipboard through data-control (the standard protocol where the compositor has it,
-// else wlroots'), the way other programs use it, for tests on servers wl-clipboard cannot speak to.
-//
-// Usage: datacontrolclipboard copy TYPE   owns the clipboard with standard input's bytes as TYPE
-//                                         until somebody else copies
-//        datacontrolclipboard paste TYPE  writes the clipboard's TYPE bytes; status 1 if it has none
-//        datacontrolclipboard types       writes the clipboard's types, one a line
-//        datacontrolclipboard manager     a clipboard manager: remembers the newest text copied and
-//                                         puts it back at once whenever the clipboard is emptied,
-//                                         printing "refilled" each time; "ready" once it watches
+// else wlroots'), as other programs use it, for tests on servers wl-clipboard cannot speak to.
+// Usage: datacontrolclipboard copy TYPE (owns the clipboard with standard input's bytes until
+// somebody else copies) | paste TYPE (status 1 if it has none) | types | manager (a clipboard
+// manager: puts the newest text copied back whenever the clipboard is emptied, printing "refilled";
+// "ready" once it watches).
 
 #include "Platform/Linux/Wayland/DataControlPasteboard.h"
 #include "Platform/Linux/Wayland/WaylandClient.h"

@@ -1,11 +1,8 @@
 // A Wayland server with a seat and the standard data-control protocol and nothing else, for the
-// clipboard tests: no compositor Debian 12 ships offers ext_data_control_manager_v1.
-//
-// Usage: extdatacontrolserver SOCKET   (a name in XDG_RUNTIME_DIR)
-//
-// Keeps one selection: a client's source, offered to every data-control device, read through the
-// source's send event, replaced (the old source cancelled) and gone with its source. The primary
-// selection is accepted and ignored. Prints "ready" once the socket takes clients.
+// clipboard tests: no compositor Debian 12 ships offers ext_data_control_manager_v1. Usage:
+// extdatacontrolserver SOCKET (a name in XDG_RUNTIME_DIR). Keeps one selection: a client's source,
+// offered to every data-control device, read through the source's send event, replaced (the old
+// source cancelled) and gone with its source. The primary selection is accepted and ignored.
 
 #include "ext-data-control-v1-server-protocol.h"
 
@@ -39,19 +36,19 @@ template <typename T> T* objectOf(wl_resource* resource)
     return static_cast<T*>(wl_resource_get_user_data(resource));
 }
 
-void offerReceive(wl_client*, wl_resource* resource, const char* type, int32_t fd)
-{
-    if (Source* source = objectOf<Offer>(resource)->source)
-        ext_data_control_source_v1_send_send(source->resource, type, fd);
-    ::close(fd);
-}
-
 void destroyResource(wl_client*, wl_resource* resource)
 {
     wl_resource_destroy(resource);
 }
 
-const struct ext_data_control_offer_v1_interface offerImplementation = {.receive = offerReceive, .destroy = destroyResource};
+const struct ext_data_control_offer_v1_interface offerImplementation
+    = {.receive =
+            [](wl_client*, wl_resource* resource, const char* type, int32_t fd) {
+                if (Source* source = objectOf<Offer>(resource)->source)
+                    ext_data_control_source_v1_send_send(source->resource, type, fd);
+                ::close(fd);
+            },
+        .destroy = destroyResource};
 
 void destroyOffer(wl_resource* resource)
 {
@@ -89,12 +86,9 @@ void select(Source* source)
         announce(device);
 }
 
-void sourceOffer(wl_client*, wl_resource* resource, const char* type)
-{
-    objectOf<Source>(resource)->types.emplace_back(type);
-}
-
-const struct ext_data_control_source_v1_interface sourceImplementation = {.offer = sourceOffer, .destroy = destroyResource};
+const struct ext_data_control_source_v1_interface sourceImplementation
+    = {.offer = [](wl_client*, wl_resource* resource, const char* type) { objectOf<Source>(resource)->types.emplace_back(type); },
+        .destroy = destroyResource};
 
 // A source that goes takes the selection with it, as on every compositor.
 void destroySource(wl_resource* resource)
@@ -112,22 +106,10 @@ void destroySource(wl_resource* resource)
     delete source;
 }
 
-void deviceSetSelection(wl_client*, wl_resource*, wl_resource* source)
-{
-    select(source ? objectOf<Source>(source) : nullptr);
-}
-
-void deviceSetPrimarySelection(wl_client*, wl_resource*, wl_resource*)
-{
-}
-
 const struct ext_data_control_device_v1_interface deviceImplementation
-    = {.set_selection = deviceSetSelection, .destroy = destroyResource, .set_primary_selection = deviceSetPrimarySelection};
-
-void destroyDevice(wl_resource* resource)
-{
-    std::erase(devices, resource);
-}
+    = {.set_selection = [](wl_client*, wl_resource*, wl_resource* source) { select(source ? objectOf<Source>(source) : nullptr); },
+        .destroy = destroyResource,
+        .set_primary_selection = [](wl_client*, wl_resource*, wl_resource*) {}};
 
 void managerCreateSource(wl_client* client, wl_resource* manager, uint32_t id)
 {
@@ -138,7 +120,7 @@ void managerCreateSource(wl_client* client, wl_resource* manager, uint32_t id)
 void managerGetDevice(wl_client* client, wl_resource* manager, uint32_t id, wl_resource*)
 {
     wl_resource* resource = wl_resource_create(client, &ext_data_control_device_v1_interface, wl_resource_get_version(manager), id);
-    wl_resource_set_implementation(resource, &deviceImplementation, nullptr, destroyDevice);
+    wl_resource_set_implementation(resource, &deviceImplementation, nullptr, [](wl_resource* device) { std::erase(devices, device); });
     devices.push_back(resource);
     announce(resource);
 }
@@ -183,8 +165,6 @@ int main(int argc, char** argv)
     }
     wl_global_create(display, &wl_seat_interface, 1, nullptr, bindSeat);
     wl_global_create(display, &ext_data_control_manager_v1_interface, 1, nullptr, bindManager);
-    std::printf("ready\n");
-    std::fflush(stdout);
     wl_display_run(display);
     return 0;
 }

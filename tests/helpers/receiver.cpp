@@ -1,50 +1,34 @@
-// A window that receives what other programs type or paste into it, for tests.
-//
-// Usage: receiver OUTPUT_FILE
-//
-// Shows a multi-line text field that takes the keyboard focus, then prints "ready WINDOW_ID" (the
-// X11 window id, in decimal; on Wayland only a handle) on standard output. After every change it rewrites OUTPUT_FILE with
-// the field's whole text in UTF-8, so the file always holds everything received so far. Its
-// WM_CLASS is "receiver" / "receiver" and its window title "receiver". It runs until terminated.
+// A window that receives what other programs type or paste into it, for tests. Usage: receiver
+// OUTPUT_FILE. Shows a text field (window title and class "receiver") that takes the keyboard focus,
+// then prints "ready WINDOW_ID" (the X11 window id; on Wayland only a handle). After every change
+// it rewrites OUTPUT_FILE with the field's whole text in UTF-8. It runs until terminated.
 
 #include <QApplication>
 #include <QPlainTextEdit>
 #include <QSaveFile>
-#include <QTextStream>
 #include <QWindow>
 
 #include <cstdio>
-
-namespace {
-
-void writeAtomically(const QString& path, const QString& text)
-{
-    // A reader polling the file sees the old or the new text, never half of it.
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        std::fprintf(stderr, "receiver: cannot write %s\n", qPrintable(path));
-        return;
-    }
-    file.write(text.toUtf8());
-    file.commit();
-}
-
-}
 
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
     QApplication::setApplicationName("receiver");
     if (argc != 2)
-        return 2; // the output file is its one argument
-    const QString output = QString::fromLocal8Bit(argv[1]);
-    writeAtomically(output, {});
+        return 2;
+    // A reader polling the file sees the old or the new text, never half of it.
+    const auto write = [output = QString::fromLocal8Bit(argv[1])](const QString& text) {
+        QSaveFile file(output);
+        if (!file.open(QIODevice::WriteOnly) || file.write(text.toUtf8()) < 0 || !file.commit())
+            std::fprintf(stderr, "receiver: cannot write %s\n", qPrintable(output));
+    };
+    write({});
 
     QPlainTextEdit field;
     field.setWindowTitle("receiver");
     field.resize(480, 240);
     field.move(40, 40);
-    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&] { writeAtomically(output, field.toPlainText()); });
+    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&] { write(field.toPlainText()); });
 
     bool announced = false;
     const auto announceWhenFocused = [&] {

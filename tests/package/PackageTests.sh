@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
-# The Debian package of this very build: built with cpack, its contents and control fields checked,
-# passed through lintian, desktop-file-validate and appstreamcli, unpacked into a scratch root, and
-# the unpacked whisper-cli run on the CPU code it ships, and the unpacked voxaria started on the
-# harness's desktop until its tray icon shows.
+# The Debian package of this build: its contents and fields checked, passed through lintian,
+# desktop-file-validate and appstreamcli, unpacked, its whisper-cli run on the CPU code it ships and
+# its voxaria started on the harness's desktop until its tray icon shows.
 # Usage: PackageTests.sh BUILD_DIR VERSION WHISPER_BUILT (1 when the build made whisper-cli).
-# Exit 77 (skipped) says why on standard output.
 set -uo pipefail
 build=$1 version=$2 whisper=$3
 app=app.voxaria.Voxaria
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-skip() { echo "SKIPPED: $*"; exit 77; }
+skip() { echo "SKIPPED: $*"; [ "${CI:-}" = true ] && exit 1; exit 77; } # in CI a skip fails
 
 for tool in cpack dpkg-deb dpkg-shlibdeps lintian desktop-file-validate appstreamcli xwininfo xprop; do
   command -v "$tool" >/dev/null || skip "$tool is not installed (scripts/install-deps.sh installs it)"
@@ -21,14 +19,12 @@ app_pid=""
 cleanup() { [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null && wait "$app_pid" 2>/dev/null; rm -rf "$work"; }
 trap cleanup EXIT
 
-# The build tree is already built by now; cpack only installs it (stripped) and packs it.
 (cd "$build" && cpack -G DEB -B "$work/out" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; exit 1; }
 deb=$(ls "$work"/out/voxaria_"$version"_*.deb 2>/dev/null) || { cat "$work/cpack.log"; exit 1; }
 echo "package: $deb"
 
-# Exactly the program, its whisper-cli and its desktop files: nothing of the tests, helpers or
-# benchmarks. The program and whisper-cli live in their own folder; bin/whisper-cli belongs to the
-# distribution's whisper.cpp. A portable whisper-cli's libraries beside it are left out of the list.
+# Exactly the program, its whisper-cli (in a folder of their own: bin/whisper-cli belongs to the
+# distribution's whisper.cpp) and its desktop files; whisper-cli's libraries are left out of the list.
 program_files="./usr/libexec/voxaria/voxaria"
 [ "$whisper" = 1 ] && program_files+=$'\n./usr/libexec/voxaria/whisper-cli'
 expected="./usr/bin/voxaria
@@ -52,7 +48,7 @@ recommends="yt-dlp, pulseaudio-utils"
 # whisper-cli's Vulkan module links the loader, yet the package must install where there is none.
 field Depends | grep -q "\blibvulkan1\b" && fail "Depends names the Vulkan loader: $(field Depends)"
 [ "$(field Suggests)" = whisper.cpp ] || fail "Suggests: $(field Suggests)"
-# Depends names the packages of the libraries the program really links, and Qt's Portuguese texts.
+# Depends names the libraries the program really links, and Qt's Portuguese texts.
 for library in libqt6widgets6 libqt6multimedia6 libsoxr0 libpulse0 libxtst6 qt6-translations-l10n; do
   field Depends | grep -q "\b$library\b" || fail "Depends lacks $library: $(field Depends)"
 done
@@ -63,16 +59,14 @@ dpkg-deb -x "$deb" "$root" || fail "dpkg-deb could not unpack the package"
 desktop=$root/usr/share/applications/$app.desktop
 desktop-file-validate "$desktop" || fail "desktop-file-validate"
 appstreamcli validate --no-net --explain "$root/usr/share/metainfo/$app.metainfo.xml" || fail "appstreamcli validate"
-# The entry must start the installed program by an absolute path (KWin lets only the program it
-# names type the paste keys), with the icon installed beside it.
+# An absolute path to the installed program: KWin lets only the program it names type the paste keys.
 exec_path=$(sed -n 's/^Exec=//p' "$desktop")
 [ "$(readlink -f "$root$exec_path")" = "$root/usr/libexec/voxaria/voxaria" ] || fail "Exec does not name the installed program"
 grep -qx 'X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input' "$desktop" || fail "the desktop file asks KWin for no fake input"
 [ -f "$root/usr/share/icons/hicolor/scalable/apps/$(sed -n 's/^Icon=//p' "$desktop").svg" ] || fail "Icon names no installed icon"
 
-# The packaged whisper-cli takes the best of the CPU variants it ships for this CPU; left with the
-# baseline x86-64 one alone, as on the oldest CPU, it still transcribes. No Vulkan driver is offered,
-# so both runs are on the CPU.
+# The packaged whisper-cli takes the best CPU variant it ships for this CPU, and still transcribes
+# with the baseline x86-64 one alone, as on the oldest CPU; no Vulkan driver is offered.
 whisper_runs() { # FOLDER NAME: runs FOLDER/whisper-cli on the test clip; its log in $work/NAME.log
   VK_ICD_FILENAMES=/nonexistent "$1/whisper-cli" -m "$build/_deps/whisper.cpp/source/models/for-tests-ggml-tiny.bin" \
     -f "$(dirname "$0")/../data/speech/jfk.wav" -l en -ac 64 -bs 1 -bo 1 -nf -otxt -of "$work/$2" >/dev/null 2>"$work/$2.log" &&
@@ -91,7 +85,6 @@ if [ "$whisper" = 1 ]; then
   grep -q "loaded CPU backend from $work/baseline/libggml-cpu-x64.so" "$work/baseline.log" || fail "the baseline run did not load libggml-cpu-x64.so"
 fi
 
-# Lintian's errors fail the package; its warnings are shown.
 lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"
 [ "${PIPESTATUS[0]}" -eq 0 ] || fail "lintian reports errors"
 
@@ -99,26 +92,22 @@ lintian --fail-on error --display-info "$deb" | tee "$work/lintian.log"
 tray=$(xwininfo -root -tree 2>/dev/null | awk '/\("panel" "trayer"\)/ {print $1; exit}')
 [ -n "$tray" ] || skip "no desktop with a tray to start the unpacked program on (run under scripts/with-harness.sh)"
 
-# The unpacked program, with folders of its own, until its icon is embedded in the tray.
+# The unpacked program, with folders of its own, until its icon is embedded in the tray and it
+# names the whisper-cli of its own folder (started through the /usr/bin link).
 home=$work/home
 mkdir -p "$home/.config" "$home/.local/share" "$home/.cache" "$work/tmp"
 HOME=$home XDG_CONFIG_HOME=$home/.config XDG_DATA_HOME=$home/.local/share XDG_CACHE_HOME=$home/.cache \
   TMPDIR=$work/tmp env -u QT_QPA_PLATFORM "$root/usr/bin/voxaria" >"$work/voxaria.log" 2>&1 &
 app_pid=$!
-# Ours by its process id: a voxaria left running by someone else would also have an icon there.
-shows_icon() {
+shows_icon() { # ours by its process id: another voxaria would have an icon there too
   for window in $(xwininfo -tree -id "$tray" | awk '/\("voxaria" "Voxaria"\)/ {print $1}'); do
     xprop -id "$window" _NET_WM_PID | grep -q "= $app_pid\$" && return 0
   done
   return 1
 }
-# Started through the /usr/bin link, it runs the whisper-cli of its own folder (its start-up log names it).
-finds_its_whisper() {
-  [ "$whisper" = 1 ] || return 0
-  grep -qF "whisper-cli: \"$root/usr/libexec/voxaria/whisper-cli\"" "$work/voxaria.log"
-}
 for _ in $(seq 300); do
-  shows_icon && finds_its_whisper && { echo "tray icon shown"; exit 0; }
+  shows_icon && { [ "$whisper" != 1 ] || grep -qF "whisper-cli: \"$program/whisper-cli\"" "$work/voxaria.log"; } &&
+    { echo "tray icon shown"; exit 0; }
   kill -0 "$app_pid" 2>/dev/null || break
   sleep 0.1
 done

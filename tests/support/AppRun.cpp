@@ -12,11 +12,6 @@
 
 namespace {
 
-QString configFolder(const QString& root)
-{
-    return root + "/home/.config";
-}
-
 bool copyExecutable(const QString& from, const QString& to)
 {
     QFile::remove(to);
@@ -30,11 +25,10 @@ AppRun::AppRun(const QString& program)
     , m_binary(m_root.path() + "/bin/voxaria")
 {
     for (const char* folder : {"bin", "home/.local/share/Voxaria", "home/.config", "home/.cache", "tmp"})
-        QDir().mkpath(root() + QLatin1Char('/') + QLatin1String(folder));
+        QDir().mkpath(m_root.filePath(folder));
     // A copy in a folder of its own: beside the build's voxaria is the real whisper-cli, and only the
     // whisper-cli a test installs may be beside the program it runs.
     copyExecutable(program, m_binary);
-    m_process.setProcessChannelMode(QProcess::SeparateChannels);
     QObject::connect(&m_process, &QProcess::readyReadStandardError, &m_process, [this] { readLog(); });
 }
 
@@ -43,53 +37,33 @@ AppRun::~AppRun()
     stop();
 }
 
-QString AppRun::dataFolder() const
-{
-    return root() + "/home/.local/share/Voxaria";
-}
-
-QString AppRun::temporaryFolder() const
-{
-    return root() + "/tmp";
-}
-
+// The native store of the program's settings domain on Linux: an INI file named after it.
 void AppRun::setSetting(const QString& key, const QVariant& value)
 {
-    // The native store of the program's settings domain on Linux: an INI file named after it.
-    QSettings store(configFolder(root()) + "/app.voxaria.Voxaria.conf", QSettings::IniFormat);
-    store.setValue(key, value);
-    store.sync();
+    QSettings(root() + "/home/.config/app.voxaria.Voxaria.conf", QSettings::IniFormat).setValue(key, value);
 }
 
 QVariant AppRun::setting(const QString& key) const
 {
-    QSettings store(configFolder(root()) + "/app.voxaria.Voxaria.conf", QSettings::IniFormat);
-    return store.value(key);
+    return QSettings(root() + "/home/.config/app.voxaria.Voxaria.conf", QSettings::IniFormat).value(key);
 }
 
 void AppRun::useFakeWhisper(const QString& control)
 {
     installWhisper(TestSupport::fakesPath("whisper-cli"));
-    TestSupport::writeFile(whisperFolder() + "/whisper-cli.control", control.toUtf8());
+    TestSupport::writeFile(root() + "/bin/whisper-cli.control", control.toUtf8());
 }
 
 void AppRun::useWhisperStandIn(const QByteArray& script)
 {
-    const QString path = root() + "/whisper-cli.script";
-    TestSupport::writeFile(path, script);
-    installWhisper(path);
+    TestSupport::writeFile(root() + "/whisper-cli.script", script);
+    installWhisper(root() + "/whisper-cli.script");
 }
 
 void AppRun::installWhisper(const QString& program)
 {
-    copyExecutable(program, whisperFolder() + "/whisper-cli");
-
+    copyExecutable(program, root() + "/bin/whisper-cli");
     TestSupport::writeFile(dataFolder() + "/models/ggml-large-v3-turbo-q5_0.bin", "not a real model; the fake does not read it");
-}
-
-QString AppRun::whisperFolder() const
-{
-    return QFileInfo(m_binary).absolutePath();
 }
 
 void AppRun::runAs(uid_t uid, gid_t gid)
@@ -109,11 +83,9 @@ bool AppRun::start()
         TestSupport::startAs(m_process, m_user->first, m_user->second);
     }
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("HOME", root() + "/home");
-    environment.insert("XDG_DATA_HOME", root() + "/home/.local/share");
-    environment.insert("XDG_CONFIG_HOME", configFolder(root()));
-    environment.insert("XDG_CACHE_HOME", root() + "/home/.cache");
-    environment.insert("TMPDIR", temporaryFolder());
+    for (const auto& [variable, folder] : {std::pair{"HOME", "/home"}, {"XDG_DATA_HOME", "/home/.local/share"},
+             {"XDG_CONFIG_HOME", "/home/.config"}, {"XDG_CACHE_HOME", "/home/.cache"}, {"TMPDIR", "/tmp"}})
+        environment.insert(variable, root() + folder);
     environment.insert("QT_LOGGING_RULES", "voxaria.*.debug=true");
     environment.remove("QT_QPA_PLATFORM");
     environment.insert(m_environment);
@@ -154,38 +126,23 @@ void AppRun::stop()
 void AppRun::readLog()
 {
     m_partialLine += m_process.readAllStandardError();
-    qsizetype end = 0;
-    while ((end = m_partialLine.indexOf('\n')) >= 0) {
+    for (qsizetype end = 0; (end = m_partialLine.indexOf('\n')) >= 0; m_partialLine.remove(0, end + 1))
         m_lines << QString::fromUtf8(m_partialLine.left(end));
-        m_partialLine.remove(0, end + 1);
-    }
 }
 
 bool AppRun::waitForLog(const QString& fragment, std::chrono::milliseconds timeout, int fromLine)
 {
-    return TestSupport::waitUntil(
-        [&] {
-            for (qsizetype i = fromLine; i < m_lines.size(); ++i) {
-                if (m_lines.at(i).contains(fragment))
-                    return true;
-            }
-            return false;
-        },
-        timeout);
-}
-
-ReceivingWindow::ReceivingWindow() = default;
-
-ReceivingWindow::~ReceivingWindow()
-{
-    m_process.kill();
-    m_process.waitForFinished(2000);
+    return TestSupport::waitUntil([&] { return !m_lines.mid(fromLine).filter(fragment).isEmpty(); }, timeout);
 }
 
 bool ReceivingWindow::start()
 {
     m_process.start(QStringLiteral(VOXARIA_HELPER_receiver), {outputPath()});
-    return waitUntilReady();
+    if (!TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10)))
+        return false;
+    const QString line = QString::fromUtf8(m_process.readLine()).trimmed(); // "ready WINDOW_ID"
+    m_windowId = line.section(QLatin1Char(' '), 1, 1).toULongLong();
+    return line.startsWith("ready");
 }
 
 bool ReceivingWindow::start(HeadlessSway& sway, OnSway kind)
@@ -207,25 +164,6 @@ bool ReceivingWindow::start(const HeadlessCompositor& compositor, const QString&
     return start();
 }
 
-bool ReceivingWindow::waitUntilReady()
-{
-    const bool ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, std::chrono::seconds(10));
-    if (!ready)
-        return false;
-    const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
-    // On Wayland the id is no X window's, only the focus counts.
-    m_windowId = line.section(QLatin1Char(' '), 1, 1).toULongLong();
-    return line.startsWith("ready");
-}
-
-QString ReceivingWindow::text() const
-{
-    QFile file(outputPath());
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll());
-}
-
 bool ReceivingWindow::waitForText(const QString& expected, std::chrono::milliseconds timeout)
 {
     return TestSupport::waitUntil([&] { return text().contains(expected, Qt::CaseInsensitive); }, timeout);
@@ -235,8 +173,7 @@ namespace Desktop {
 
 QString screenshotFolder()
 {
-    const QString chosen = qEnvironmentVariable("VOXARIA_SCREENSHOT_DIR");
-    const QString folder = chosen.isEmpty() ? QCoreApplication::applicationDirPath() : chosen;
+    const QString folder = qEnvironmentVariable("VOXARIA_SCREENSHOT_DIR", QCoreApplication::applicationDirPath());
     QDir().mkpath(folder);
     return folder;
 }
@@ -266,8 +203,7 @@ bool clickTrayIcon()
 
 bool waitForWindow(const QString& title, std::chrono::milliseconds timeout)
 {
-    const QStringList arguments{"--maxdepth", "1", "--name", '^' + title + '$'};
-    return TestSupport::waitUntil([&] { return !search(arguments).isEmpty(); }, timeout) || !search(arguments).isEmpty();
+    return TestSupport::waitUntil([&] { return !search({"--maxdepth", "1", "--name", '^' + title + '$'}).isEmpty(); }, timeout);
 }
 
 }

@@ -32,13 +32,12 @@ public:
     }
 };
 
-// xterm running `cat` in raw mode, so every byte the terminal sends is recorded.
+// xterm running `cat` in raw mode, so every byte the terminal sends is recorded at once. It pastes
+// the CLIPBOARD on Control-Shift-V, as terminal users configure it.
 class Terminal {
 public:
     Terminal()
     {
-        // xterm pastes the CLIPBOARD on Control-Shift-V once told to, as terminal users configure it;
-        // raw mode hands `cat` every byte at once, without waiting for a newline.
         const QString idFile = outputPath() + ".id";
         const QString script = QStringLiteral("stty raw -echo; echo $WINDOWID > '%1'; exec cat > '%2'").arg(idFile, outputPath());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -72,7 +71,6 @@ public:
             arguments << type << QString::fromLatin1(bytes.toBase64());
         m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_process.start(QStringLiteral(VOXARIA_HELPER_clipboardowner), arguments);
-        // The helper says "ready" once it owns the clipboard.
         m_ready = TestSupport::waitUntil([&] { return m_process.canReadLine(); }, 15s);
     }
     bool isReady() const { return m_ready; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <numeric>
 #include <random>
 
 namespace GateSounds {
@@ -70,6 +71,16 @@ void addBurst(Samples& samples, double at, double peak, double attack, double de
     }
 }
 
+// `samples` with a steady tone of `fundamental` Hz, its harmonic h at amplitudes[h - 1].
+Samples withHarmonics(Samples samples, double fundamental, const std::vector<double>& amplitudes)
+{
+    for (size_t i = 0; i < samples.size(); ++i) {
+        for (size_t h = 0; h < amplitudes.size(); ++h)
+            samples[i] += amplitudes[h] * std::sin(kTwoPi * fundamental * double(h + 1) * double(i) / kRate);
+    }
+    return samples;
+}
+
 void addClick(Samples& samples, double at, double peak, unsigned seed)
 {
     addBurst(samples, at, peak, 0.0005, 0.004, {Resonator(2500, 800), Resonator(5000, 1500)}, seed);
@@ -89,23 +100,15 @@ Samples silence(double seconds)
 
 Samples hum(double seconds)
 {
-    Samples samples = room(seconds, 2);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = double(i) / kRate;
-        samples[i] += fromDb(-30) * (std::sin(kTwoPi * 50 * t) + 0.5 * std::sin(kTwoPi * 100 * t) + 0.3 * std::sin(kTwoPi * 150 * t));
-    }
-    return samples;
+    return withHarmonics(room(seconds, 2), 50, {fromDb(-30), 0.5 * fromDb(-30), 0.3 * fromDb(-30)});
 }
 
 Samples buzz(double seconds)
 {
-    Samples samples = room(seconds, 15);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = double(i) / kRate;
-        for (int harmonic = 1; harmonic <= 12; ++harmonic)
-            samples[i] += fromDb(-36) * std::sin(kTwoPi * 100 * harmonic * t) / harmonic;
-    }
-    return samples;
+    std::vector<double> amplitudes;
+    for (int harmonic = 1; harmonic <= 12; ++harmonic)
+        amplitudes.push_back(fromDb(-36) / harmonic);
+    return withHarmonics(room(seconds, 15), 100, amplitudes);
 }
 
 Samples fan(double seconds)
@@ -176,29 +179,14 @@ Samples louder(Samples samples, double decibels)
 
 Samples withNoise(const Samples& speech, const Samples& noise, double snr)
 {
-    constexpr size_t frame = 320;
-    std::vector<double> powers;
-    for (size_t at = 0; at + frame <= speech.size(); at += frame) {
-        double sum = 0;
-        for (size_t i = at; i < at + frame; ++i)
-            sum += speech[i] * speech[i];
-        powers.push_back(sum / frame);
-    }
-    const double loudest = *std::max_element(powers.begin(), powers.end());
-    double active = 0;
-    int count = 0;
-    for (const double power : powers) {
-        if (power >= loudest * std::pow(10.0, -25.0 / 10)) {
-            active += power;
-            ++count;
-        }
-    }
-    active /= count;
-    double noisePower = 0;
-    for (const double sample : noise)
-        noisePower += sample * sample;
-    noisePower /= double(noise.size());
-    const double gain = std::sqrt(active / noisePower) * fromDb(-snr);
+    const auto power = [](auto begin, auto end) { return std::inner_product(begin, end, begin, 0.0) / double(end - begin); };
+    std::vector<double> frames; // of 20 ms
+    for (auto at = speech.begin(); speech.end() - at >= 320; at += 320)
+        frames.push_back(power(at, at + 320));
+    const double loudest = *std::max_element(frames.begin(), frames.end());
+    std::erase_if(frames, [&](double frame) { return frame < loudest * std::pow(10.0, -25.0 / 10); });
+    const double active = std::accumulate(frames.begin(), frames.end(), 0.0) / double(frames.size());
+    const double gain = std::sqrt(active / power(noise.begin(), noise.end())) * fromDb(-snr);
     Samples mixed = speech;
     for (size_t i = 0; i < mixed.size(); ++i)
         mixed[i] += gain * noise[i % noise.size()];

@@ -16,16 +16,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct SessionUser {
-    uid_t uid;
-    gid_t gid;
-};
-
 // Ourselves, unless we are root: then "nobody", whom compositors accept and who owns nothing of ours.
-std::optional<SessionUser> sessionUser()
+std::optional<std::pair<uid_t, gid_t>> sessionUser()
 {
     if (::geteuid() != 0)
-        return SessionUser{::geteuid(), ::getegid()};
+        return std::pair{::geteuid(), ::getegid()};
     const passwd* nobody = ::getpwnam("nobody");
     if (!nobody)
         return std::nullopt;
@@ -35,8 +30,10 @@ std::optional<SessionUser> sessionUser()
     probe.start("true", {});
     if (!probe.waitForFinished(10000) || probe.exitStatus() != QProcess::NormalExit || probe.exitCode() != 0)
         return std::nullopt;
-    return SessionUser{nobody->pw_uid, nobody->pw_gid};
+    return std::pair{nobody->pw_uid, nobody->pw_gid};
 }
+
+const char* const kNoUser = "the compositor refuses to run as root, and no other user (\"nobody\") can be switched to here";
 
 }
 
@@ -68,9 +65,10 @@ bool handOver(const QString& folder, uid_t uid, gid_t gid)
 
 }
 
-HeadlessCompositor::HeadlessCompositor(const QString& name)
+HeadlessCompositor::HeadlessCompositor(const QString& name, const QString& clipboardHelper)
     : m_folder(QDir::tempPath() + QStringLiteral("/voxaria-%1-XXXXXX").arg(name))
     , m_name(name)
+    , m_clipboardHelper(clipboardHelper)
 {
     m_compositor.setProcessChannelMode(QProcess::MergedChannels);
     m_compositor.setStandardOutputFile(m_folder.filePath(name + ".log"));
@@ -78,7 +76,7 @@ HeadlessCompositor::HeadlessCompositor(const QString& name)
 
 HeadlessCompositor::~HeadlessCompositor()
 {
-    dropClipboardOwner();
+    m_clipboardOwner.reset();
     if (m_compositor.state() == QProcess::NotRunning)
         return;
     m_compositor.terminate();
@@ -94,13 +92,13 @@ QString HeadlessCompositor::unavailableReason(std::initializer_list<const char*>
         if (QStandardPaths::findExecutable(QLatin1String(program)).isEmpty())
             return QStringLiteral("%1 is not installed (scripts/install-deps.sh installs it)").arg(QLatin1String(program));
     }
-    return userUnavailableReason();
+    return sessionUser() ? QString() : kNoUser;
 }
 
 QProcessEnvironment HeadlessCompositor::compositorEnvironment() const
 {
     QProcessEnvironment environment;
-    environment.insert("HOME", m_folder.filePath("home"));
+    environment.insert("HOME", filePath("home"));
     environment.insert("XDG_RUNTIME_DIR", runtimeFolder());
     environment.insert("PATH", qEnvironmentVariable("PATH", "/usr/bin:/bin"));
     environment.insert("LANG", "C.UTF-8");
@@ -118,47 +116,48 @@ QProcessEnvironment HeadlessCompositor::waylandSession(const QString& desktop) c
     return environment;
 }
 
-QString HeadlessCompositor::userUnavailableReason()
-{
-    return sessionUser() ? QString() : "the compositor refuses to run as root, and no other user (\"nobody\") can be switched to here";
-}
-
 bool HeadlessCompositor::prepareFolder()
 {
-    const std::optional<SessionUser> user = sessionUser();
+    const auto user = sessionUser();
     if (!user)
-        return fail(userUnavailableReason());
-    m_uid = user->uid;
-    m_gid = user->gid;
-    QDir().mkpath(runtimeFolder());
-    QDir().mkpath(m_folder.filePath("home"));
-    return QFile::setPermissions(runtimeFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)
-        || fail("cannot prepare the folder " + m_folder.path());
+        return fail(kNoUser);
+    std::tie(m_uid, m_gid) = *user;
+    QDir().mkpath(filePath("home"));
+    return (QDir().mkpath(runtimeFolder())
+               && QFile::setPermissions(runtimeFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner))
+        || fail("cannot prepare the folder " + folder());
 }
 
-QString HeadlessCompositor::runtimeFolder() const
+bool HeadlessCompositor::launch(
+    const QStringList& command, const QProcessEnvironment& environment, const std::function<bool()>& up, const QString& awaited)
 {
-    return m_folder.filePath("runtime");
+    if (!TestSupport::handOver(folder(), m_uid, m_gid))
+        return fail("cannot hand the folder " + folder() + " over to its user");
+    m_compositor.setProcessEnvironment(environment);
+    TestSupport::startAs(m_compositor, m_uid, m_gid);
+    m_compositor.start(command.first(), command.mid(1));
+    const bool ready = TestSupport::waitUntil(
+        [&] { return m_compositor.state() == QProcess::Running && !(m_waylandSocket = runtimeEntry("wayland-*[0-9]")).isEmpty() && up(); },
+        60s);
+    const QString state = m_compositor.state() == QProcess::Running ? QStringLiteral("running") : m_compositor.errorString();
+    return ready || fail(QStringLiteral("%1 (%2) did not offer its Wayland socket and %3 within 60 s").arg(m_name, state, awaited));
+}
+
+QString HeadlessCompositor::runtimeEntry(const QString& pattern) const
+{
+    const QStringList found = QDir(runtimeFolder()).entryList({pattern}, QDir::System | QDir::Files);
+    return found.isEmpty() ? QString() : runtimeFolder() + QLatin1Char('/') + found.first();
 }
 
 QString HeadlessCompositor::log() const
 {
-    QFile file(m_folder.filePath(m_name + ".log"));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(DesktopApps::readAll(filePath(m_name + ".log")));
 }
 
 bool HeadlessCompositor::fail(const QString& why)
 {
     m_failure = why + QStringLiteral("\n--- %1's log ---\n").arg(m_name) + log();
     return false;
-}
-
-bool HeadlessCompositor::findWaylandSocket()
-{
-    const QStringList found = QDir(runtimeFolder()).entryList({"wayland-*[0-9]"}, QDir::System | QDir::Files);
-    if (!found.isEmpty())
-        m_waylandSocket = runtimeFolder() + QLatin1Char('/') + found.first();
-    return !found.isEmpty();
 }
 
 QProcessEnvironment HeadlessCompositor::clientEnvironment() const
@@ -169,42 +168,38 @@ QProcessEnvironment HeadlessCompositor::clientEnvironment() const
     return environment;
 }
 
-std::optional<QByteArray> HeadlessCompositor::run(const QString& program, const QStringList& arguments, bool asSessionUser)
+std::optional<QByteArray> HeadlessCompositor::run(const QStringList& command, bool asSessionUser)
 {
-    QProcess process;
+    DesktopApps::Program process;
     process.setProcessEnvironment(clientEnvironment());
     if (asSessionUser)
         TestSupport::startAs(process, m_uid, m_gid);
     // Quiet: wl-paste's "No selection" is an answer here, not news.
     process.setStandardErrorFile(QProcess::nullDevice());
-    process.start(program, arguments);
+    process.start(command.first(), command.mid(1));
     process.closeWriteChannel();
     // The event loop keeps running meanwhile: the other end may be a process the test drives.
     const bool ended = TestSupport::waitUntil([&] { return process.state() == QProcess::NotRunning; }, 20s);
-    if (!ended || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        process.kill();
-        process.waitForFinished(2000);
+    if (!ended || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
         return std::nullopt;
-    }
     return process.readAllStandardOutput();
 }
 
-void HeadlessCompositor::dropClipboardOwner()
+QStringList HeadlessCompositor::clipboardCommand(const QString& action, const QString& mimeType) const
 {
-    if (!m_clipboardOwner)
-        return;
-    m_clipboardOwner->kill();
-    m_clipboardOwner->waitForFinished(2000);
-    m_clipboardOwner.reset();
+    if (!m_clipboardHelper.isEmpty())
+        return QStringList{m_clipboardHelper, action} + (mimeType.isEmpty() ? QStringList() : QStringList{mimeType});
+    if (action == QLatin1String("copy"))
+        return {"wl-copy", "--foreground", "-t", mimeType};
+    return action == QLatin1String("paste") ? QStringList{"wl-paste", "-n", "-t", mimeType} : QStringList{"wl-paste", "-l"};
 }
 
 bool HeadlessCompositor::copy(const QByteArray& data, const QString& mimeType)
 {
-    dropClipboardOwner();
-    m_clipboardOwner = std::make_unique<QProcess>();
+    m_clipboardOwner.emplace(); // ending the owner before
     m_clipboardOwner->setProcessEnvironment(clientEnvironment());
     m_clipboardOwner->setProcessChannelMode(QProcess::ForwardedChannels);
-    const QStringList command = copyCommand(mimeType);
+    const QStringList command = clipboardCommand("copy", mimeType);
     m_clipboardOwner->start(command.first(), command.mid(1));
     m_clipboardOwner->write(data);
     m_clipboardOwner->closeWriteChannel();
@@ -214,28 +209,11 @@ bool HeadlessCompositor::copy(const QByteArray& data, const QString& mimeType)
 
 QStringList HeadlessCompositor::clipboardTypes()
 {
-    const QStringList command = typesCommand();
-    const std::optional<QByteArray> types = run(command.first(), command.mid(1));
+    const std::optional<QByteArray> types = run(clipboardCommand("types"));
     return types ? QString::fromUtf8(*types).split(QLatin1Char('\n'), Qt::SkipEmptyParts) : QStringList();
 }
 
 std::optional<QByteArray> HeadlessCompositor::paste(const QString& mimeType)
 {
-    const QStringList command = pasteCommand(mimeType);
-    return run(command.first(), command.mid(1));
-}
-
-QStringList HeadlessCompositor::copyCommand(const QString& mimeType) const
-{
-    return {"wl-copy", "--foreground", "-t", mimeType};
-}
-
-QStringList HeadlessCompositor::pasteCommand(const QString& mimeType) const
-{
-    return {"wl-paste", "-n", "-t", mimeType};
-}
-
-QStringList HeadlessCompositor::typesCommand() const
-{
-    return {"wl-paste", "-l"};
+    return run(clipboardCommand("paste", mimeType));
 }

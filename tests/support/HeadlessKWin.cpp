@@ -7,8 +7,6 @@
 
 #include <csignal>
 
-using namespace std::chrono_literals;
-
 QString HeadlessKWin::unavailableReason()
 {
     return HeadlessCompositor::unavailableReason({"kwin_wayland", "dbus-run-session", "dbus-send", "wl-copy", "wl-paste"});
@@ -23,12 +21,9 @@ HeadlessKWin::HeadlessKWin(const QString& keyboardLayout)
 HeadlessKWin::~HeadlessKWin()
 {
     // Ending KWin ends the session: dbus-run-session then stops the bus.
-    QFile pidFile(filePath("kwin.pid"));
-    if (m_compositor.state() != QProcess::NotRunning && pidFile.open(QIODevice::ReadOnly)) {
-        if (const int pid = pidFile.readAll().trimmed().toInt(); pid > 0)
-            ::kill(pid, SIGTERM);
+    const int pid = DesktopApps::readAll(filePath("kwin.pid")).trimmed().toInt();
+    if (m_compositor.state() != QProcess::NotRunning && pid > 0 && ::kill(pid, SIGTERM) == 0)
         m_compositor.waitForFinished(5000);
-    }
 }
 
 bool HeadlessKWin::start()
@@ -53,41 +48,27 @@ bool HeadlessKWin::start()
                 .toUtf8())
         || !installApplication("fakeinputkeys.desktop",
             "[Desktop Entry]\nType=Application\nName=fakeinputkeys\nNoDisplay=true\nExec=" + keys.toUtf8()
-                + "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n")
-        || !TestSupport::handOver(folder(), uid(), gid()))
+                + "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n"))
         return fail("cannot prepare KWin's folder " + folder());
 
     QProcessEnvironment environment = compositorEnvironment();
     environment.insert("XDG_DATA_DIRS", filePath("share") + ":/usr/local/share:/usr/share");
-    m_compositor.setProcessEnvironment(environment);
-    TestSupport::startAs(m_compositor, uid(), gid());
     // The bus address is written down for the session's programs, and KWin's process id for the end.
-    m_compositor.start("dbus-run-session",
-        {"--", "sh", "-c",
-            QStringLiteral("echo \"$DBUS_SESSION_BUS_ADDRESS\" > \"$0.new\" && mv \"$0.new\" \"$0\" && echo $$ > \"$1\" && "
-                           "exec \"$2\" --virtual --socket wayland-0 --width 1024 --height 768"),
-            busFile, filePath("kwin.pid"), kwin});
-    if (!m_compositor.waitForStarted(10000))
-        return fail("dbus-run-session did not start: " + m_compositor.errorString());
-
-    const bool up = TestSupport::waitUntil(
-        [&] {
-            QFile bus(busFile);
-            if (m_busAddress.isEmpty() && bus.open(QIODevice::ReadOnly))
-                m_busAddress = QString::fromUtf8(bus.readAll()).trimmed();
-            return m_compositor.state() == QProcess::Running && findWaylandSocket() && !m_busAddress.isEmpty()
-                && run("dbus-send",
-                    {"--session", "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.NameHasOwner",
-                        "string:org.kde.kglobalaccel"},
-                    true)
-                       .value_or(QByteArray())
-                       .contains("boolean true");
-        },
-        60s);
-    if (!up)
-        return fail(
-            QStringLiteral("KWin (state %1) did not offer its Wayland socket and kglobalaccel within 60 s").arg(m_compositor.state()));
-    return true;
+    const QStringList command{"dbus-run-session", "--", "sh", "-c",
+        QStringLiteral("echo \"$DBUS_SESSION_BUS_ADDRESS\" > \"$0.new\" && mv \"$0.new\" \"$0\" && echo $$ > \"$1\" && "
+                       "exec \"$2\" --virtual --socket wayland-0 --width 1024 --height 768"),
+        busFile, filePath("kwin.pid"), kwin};
+    const auto up = [&] {
+        if (m_busAddress.isEmpty())
+            m_busAddress = QString::fromUtf8(DesktopApps::readAll(busFile)).trimmed();
+        return !m_busAddress.isEmpty()
+            && run({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.NameHasOwner",
+                       "string:org.kde.kglobalaccel"},
+                true)
+                   .value_or(QByteArray())
+                   .contains("boolean true");
+    };
+    return launch(command, environment, up, "kglobalaccel");
 }
 
 QProcessEnvironment HeadlessKWin::sessionVariables() const
@@ -100,11 +81,6 @@ QProcessEnvironment HeadlessKWin::sessionVariables() const
 
 bool HeadlessKWin::installApplication(const QString& fileName, const QByteArray& desktopEntry)
 {
-    const QString path = filePath("share/applications/" + fileName);
-    return TestSupport::writeFile(path, desktopEntry) && TestSupport::handOver(filePath("share"), uid(), gid());
-}
-
-bool HeadlessKWin::pressKeys(const QStringList& steps)
-{
-    return run(filePath("fakeinputkeys"), steps, true).has_value();
+    return TestSupport::writeFile(filePath("share/applications/" + fileName), desktopEntry)
+        && TestSupport::handOver(filePath("share"), uid(), gid());
 }

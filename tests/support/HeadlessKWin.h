@@ -7,8 +7,7 @@
 // kglobalaccel. The Voxaria under test must run as its user: the session bus answers no other.
 class HeadlessKWin final : public HeadlessCompositor {
 public:
-    // Empty when KWin can run here; otherwise why not.
-    static QString unavailableReason();
+    static QString unavailableReason(); // empty when KWin can run here
     static bool available() { return unavailableReason().isEmpty(); }
 
     // `keyboardLayout`: the XKB layout its keyboard types with ("br": Right Alt is AltGr), with its
@@ -24,7 +23,7 @@ public:
     // A desktop file where KWin looks for who may use its restricted protocols (best before start()).
     bool installApplication(const QString& fileName, const QByteArray& desktopEntry);
     // Types through fake input: +CODE presses, -CODE releases, MILLISECONDS waits.
-    bool pressKeys(const QStringList& steps);
+    bool pressKeys(const QStringList& steps) { return run(QStringList{filePath("fakeinputkeys")} + steps, true).has_value(); }
 
 private:
     QString m_keyboardLayout;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "DesktopApps.h"
 #include "History/HistoryStore.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -23,8 +23,7 @@ inline QByteArray json(const QList<HistoryStore::Entry>& entries)
 
 inline QByteArray read(const QString& path)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return DesktopApps::readAll(path);
 }
 
 }

@@ -77,23 +77,23 @@ QByteArray ModelFiles::gguf(const QList<GgufTensor>& tensors, quint32 alignment)
     put<quint32>(out, 3);
     put<qint64>(out, tensors.size());
     put<qint64>(out, alignment != 0 ? 4 : 3);
-    putGgufString(out, "general.name");
-    put<quint32>(out, 8);
+    const auto key = [&](const QByteArray& name, quint32 type) {
+        putGgufString(out, name);
+        put<quint32>(out, type);
+    };
+    key("general.name", 8); // a string
     putGgufString(out, "modelo de teste");
-    putGgufString(out, "tokenizer.tokens"); // an array of strings
-    put<quint32>(out, 9);
+    key("tokenizer.tokens", 9); // an array of two strings
     put<quint32>(out, 8);
     put<quint64>(out, 2);
     putGgufString(out, "<s>");
     putGgufString(out, "olá");
-    putGgufString(out, "sample_rate.scores"); // an array of float32
-    put<quint32>(out, 9);
+    key("sample_rate.scores", 9); // an array of three float32
     put<quint32>(out, 6);
     put<quint64>(out, 3);
     out.append(QByteArray(12, '\0'));
     if (alignment != 0) {
-        putGgufString(out, "general.alignment");
-        put<quint32>(out, 4);
+        key("general.alignment", 4); // a uint32
         put<quint32>(out, alignment);
     }
     const qint64 align = alignment != 0 ? alignment : 32;

@@ -35,17 +35,11 @@ bool pactl(const QStringList& arguments, QString* output = nullptr)
 void isolateUserFolders()
 {
     static const QTemporaryDir root(QDir::tempPath() + "/voxaria-test-XXXXXX");
-    const QString base = root.path();
-    const auto set = [&](const char* variable, const QString& sub) {
-        const QString path = base + QLatin1Char('/') + sub;
-        QDir().mkpath(path);
-        qputenv(variable, path.toUtf8());
-    };
-    set("HOME", "home");
-    set("XDG_DATA_HOME", "home/.local/share");
-    set("XDG_CONFIG_HOME", "home/.config");
-    set("XDG_CACHE_HOME", "home/.cache");
-    set("TMPDIR", "tmp");
+    for (const auto& [variable, folder] : {std::pair{"HOME", "home"}, {"XDG_DATA_HOME", "home/.local/share"},
+             {"XDG_CONFIG_HOME", "home/.config"}, {"XDG_CACHE_HOME", "home/.cache"}, {"TMPDIR", "tmp"}}) {
+        QDir().mkpath(root.filePath(folder));
+        qputenv(variable, root.filePath(folder).toUtf8());
+    }
     // A whisper-cli installed on PATH must not stand in for the one a test took away.
     QStringList path = qEnvironmentVariable("PATH").split(QLatin1Char(':'));
     path.removeIf([](const QString& folder) { return QFileInfo::exists(folder + "/whisper-cli"); });
@@ -86,11 +80,6 @@ bool writeFile(const QString& path, const QByteArray& bytes, bool executable)
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
         return false;
     return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner | QFileDevice::ExeUser);
-}
-
-bool mustRun()
-{
-    return qEnvironmentVariable("CI") == QLatin1String("true");
 }
 
 bool hasX11()
@@ -231,9 +220,7 @@ FakeWhisper::FakeWhisper()
     : m_binary(QCoreApplication::applicationDirPath() + "/whisper-cli")
 {
     QFile::remove(m_binary);
-    QFile fake(fakesPath("whisper-cli"));
-    fake.open(QIODevice::ReadOnly);
-    writeFile(m_binary, fake.readAll(), true);
+    QFile::copy(fakesPath("whisper-cli"), m_binary); // executable as in the repository
     script({});
 }
 
@@ -246,10 +233,8 @@ FakeWhisper::~FakeWhisper()
 QStringList FakeWhisper::lastArguments() const
 {
     QFile file(m_binary + ".lastargs");
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
     // One argument a line, each line ended; an empty argument is an empty line.
-    return QString::fromUtf8(file.readAll()).chopped(1).split(QLatin1Char('\n'));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).chopped(1).split(QLatin1Char('\n')) : QStringList();
 }
 
 }

@@ -11,12 +11,11 @@
 #include <ostream>
 #include <string>
 
-// Skips the running test and says why; in CI (CI=true) fails it with that reason instead. Every
-// test that cannot run here goes through this, never through GTEST_SKIP alone.
+// Skips the running test and says why; in CI (CI=true) fails it with that reason instead.
 #define VOXARIA_SKIP(reason)                                                                                                               \
     do {                                                                                                                                   \
         const std::string voxariaSkipReason = QString(reason).toStdString();                                                               \
-        if (TestSupport::mustRun())                                                                                                        \
+        if (qEnvironmentVariable("CI") == QLatin1String("true"))                                                                           \
             GTEST_FAIL() << "cannot run, and CI=true requires every test to: " << voxariaSkipReason;                                       \
         GTEST_SKIP() << voxariaSkipReason;                                                                                                 \
     } while (false)
@@ -29,16 +28,11 @@ inline void PrintTo(const QString& text, std::ostream* out)
 
 namespace TestSupport {
 
-// Whether every test must run here: in CI (CI=true) a test that cannot run is a failure, not a pass.
-bool mustRun();
-
 // Points HOME, the XDG folders and TMPDIR at a fresh folder, so no test touches the user's files.
-// Called once by the test main, before the QApplication exists.
 void isolateUserFolders();
 
 // Spins the event loop until `condition` holds or the time is up; answers the condition's value.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
-// Spins the event loop for the given time.
 void spin(std::chrono::milliseconds duration);
 
 QString testDataPath(const QString& relative); // e.g. "speech/jfk.wav"
@@ -46,14 +40,13 @@ QString fakesPath(const QString& name); // a fake program under tests/fakes
 // Writes a file, making its folder first.
 bool writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
-// Whether the headless harness (Xvfb + PulseAudio virtual microphone) is running around us.
+// Whether the headless harness (Xvfb, PulseAudio and its virtual microphone) is around us.
 bool hasX11();
 bool hasPulseAudio();
 
 // Plays a sound file into the virtual microphone and waits until it has been played.
 bool playIntoMicrophone(const QString& path);
-// Length in seconds of an audio file, as ffprobe reports it.
-double audioDuration(const QString& path);
+double audioDuration(const QString& path); // in seconds, as ffprobe reports it
 
 // The header of a canonical 44-byte WAV file; `valid` when its sizes agree with the file's.
 struct WavInfo {
@@ -81,29 +74,26 @@ struct EngineAnswers {
     bool answered() const { return count() > 0; }
 };
 
-// What `pactl list WHAT...` prints.
-QString pulseListing(const QStringList& what);
+QString pulseListing(const QStringList& what); // what `pactl list WHAT...` prints
 
-// A second microphone (think of a USB headset) made PulseAudio's default source until the test
-// unplugs it. The harness's own microphone is the default again afterwards, whatever happened.
+// A second microphone (a USB headset, say) made PulseAudio's default source until unplugged; the
+// harness's own microphone is the default again afterwards, whatever happened.
 class Headset {
 public:
     Headset();
     ~Headset();
     QString source() const { return m_source; }
-    // Plugged in, and listed by Qt as an input.
-    bool isPlugged() const;
+    bool isPlugged() const; // and listed by Qt as an input
     bool unplug();
-    // Still listed, but PulseAudio delivers nothing from it any more.
-    bool fallSilent();
+    bool fallSilent(); // still listed, but PulseAudio delivers nothing from it any more
 
 private:
     QString m_source;
     QString m_module;
 };
 
-// The harness's microphone unplugged, so PulseAudio lists no capture source, until the end of the
-// scope; both changes are waited for until the program's own look-up sees them.
+// The harness's microphone unplugged until the end of the scope, both changes waited for until the
+// program's own look-up sees them.
 class NoMicrophone {
 public:
     NoMicrophone();
@@ -113,8 +103,8 @@ private:
     QString m_arguments;
 };
 
-// The fake whisper-cli, installed beside this test program (where the app looks first), and the
-// control file beside it that scripts its next runs.
+// The fake whisper-cli beside this test program (where the app looks first), scripted by the
+// control file beside it.
 class FakeWhisper {
 public:
     FakeWhisper();

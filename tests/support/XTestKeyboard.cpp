@@ -17,10 +17,9 @@ Display* display()
 bool send(int keycode, bool down, std::chrono::milliseconds delay = {})
 {
     Display* d = display();
-    if (!d)
-        return false;
-    const bool sent = XTestFakeKeyEvent(d, unsigned(keycode), down ? True : False, static_cast<unsigned long>(delay.count()));
-    XSync(d, False);
+    const bool sent = d && XTestFakeKeyEvent(d, unsigned(keycode), down ? True : False, static_cast<unsigned long>(delay.count()));
+    if (sent)
+        XSync(d, False);
     return sent;
 }
 
@@ -52,12 +51,10 @@ void focus(quint64 window)
 
 quint64 focusedWindow()
 {
-    Display* d = display();
-    if (!d)
-        return 0;
     Window window = 0;
     int revert = 0;
-    XGetInputFocus(d, &window, &revert);
+    if (display())
+        XGetInputFocus(display(), &window, &revert);
     return window;
 }
 
