@@ -215,7 +215,7 @@ TEST_F(ModelDownloaderTest, FailuresInstallNothingAndTheNextTryFinishes)
             TestSupport::writeFile(small.filePath() + "/no caminho", "");
         if ((readOnly && !setReadOnly(true))
             || (!c.diskSize.isEmpty() && QProcess::execute("mount", {"-t", "tmpfs", "-o", "size=" + c.diskSize, "tmpfs", models}) != 0)) {
-            EXPECT_FALSE(TestSupport::mustRun()) << "cannot make a folder immutable or mount a tmpfs here";
+            EXPECT_NE(qEnvironmentVariable("CI"), "true") << "cannot make a folder immutable or mount a tmpfs here";
             continue;
         }
         if (!c.part.isEmpty()) {
