@@ -9,7 +9,6 @@
 #include "XTestKeyboard.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
@@ -35,8 +34,7 @@ protected:
     void installLiveModel()
     {
         const QString folder = app.dataFolder() + "/models";
-        QDir().mkpath(folder);
-        ASSERT_TRUE(QFile::copy(QStringLiteral(VOXARIA_TOY_NEMOTRON_MODEL), folder + QLatin1Char('/') + LiveSpeechModel::fileName()));
+        ASSERT_TRUE(QDir().mkpath(folder) && QFile::copy(VOXARIA_TOY_NEMOTRON_MODEL, folder + '/' + LiveSpeechModel::fileName()));
     }
 
     // The native engine's made-up words reach the HUD while the key is held, then the window and the history.
@@ -57,13 +55,12 @@ protected:
     void holdAndSpeak(const QString& sound, int key = rightAlt)
     {
         const int from = app.lineCount();
-        QElapsedTimer held;
-        held.start();
+        const auto pressedAt = std::chrono::steady_clock::now();
         ASSERT_TRUE(XTestKeyboard::press(key));
         ASSERT_TRUE(app.waitForLog(listening, 5s, from)) << app.logText();
         const bool played = TestSupport::playIntoMicrophone(sound);
         ASSERT_TRUE(XTestKeyboard::release(key));
-        heldSeconds = held.elapsed() / 1000.0;
+        heldSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - pressedAt).count();
         ASSERT_TRUE(played) << "paplay could not play " << sound.toStdString();
     }
 
@@ -100,15 +97,6 @@ protected:
         }
         XTestKeyboard::tap(enterKey, 20ms);
     }
-    // Saves the alert as `screenshot` and answers it with its default button.
-    void answerAlert(const QString& screenshot)
-    {
-        ASSERT_TRUE(Desktop::waitForWindow("Voxaria", 10s)) << "no alert came";
-        EXPECT_TRUE(Desktop::screenshot(screenshot));
-        XTestKeyboard::tap(enterKey, 20ms);
-        EXPECT_TRUE(TestSupport::waitUntil([] { return !Desktop::waitForWindow("Voxaria", 0ms); }, 10s));
-        XTestKeyboard::focus(receiver.windowId());
-    }
     bool settingBecomes(const QString& key, const QVariant& value)
     {
         return TestSupport::waitUntil([&] { return app.setting(key) == value; }, 10s);
@@ -124,13 +112,15 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingModelThenTypesTheSpeech)
     app.setSetting("engine", "apple");
     app.setSetting("playSounds", false); // the virtual microphone would hear them
     ASSERT_TRUE(app.start());
-    answerAlert("alert-no-engine.png"); // neither engine can dictate in Portuguese here
+    ASSERT_TRUE(Desktop::waitForWindow("Voxaria", 10s)) << "no alert that neither engine can dictate in Portuguese here";
+    EXPECT_TRUE(Desktop::screenshot("alert-no-engine.png"));
+    XTestKeyboard::tap(enterKey, 20ms);
+    EXPECT_TRUE(TestSupport::waitUntil([] { return !Desktop::waitForWindow("Voxaria", 0ms); }, 10s));
+    XTestKeyboard::focus(receiver.windowId());
 
     const int from = app.lineCount();
     ASSERT_TRUE(XTestKeyboard::tap(rightAlt, 500ms));
-    const QString warning = QStringLiteral("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR. "
-                                           "Baixe o modelo do motor nativo no menu ou escolha outro idioma.");
-    EXPECT_TRUE(app.waitForLog(warning, 5s, from)) << app.logText();
+    EXPECT_TRUE(app.waitForLog("⚠️ Reconhecimento de fala indisponível para o idioma pt-BR.", 5s, from)) << app.logText();
     expectNothingInserted();
 
     // Installed while the program runs: the next press is transcribed live.
@@ -138,7 +128,8 @@ TEST_F(EndToEnd, NativeEngineExplainsAMissingModelThenTypesTheSpeech)
     speakNatively("speech/fleurs-pt-000.ogg");
 }
 
-// Then the tray menu changes the key, the sounds, the language, the engine and the start with the session.
+// A short press or a silent hold inserts nothing, a held key pastes what whisper-cli heard; the tray
+// menu changes the key, the sounds, the language, the engine and the start with the session.
 TEST_F(EndToEnd, AShortPressOrASilentHoldInsertsNothingAHeldOnePastesWhatWhisperHeardAndTheTrayMenuChangesTheSettings)
 {
     const QString heard = "o texto que o whisper ouviu";
@@ -240,11 +231,8 @@ TEST_F(EndToEnd, QuittingDuringAModelDownloadEndsAtOnceAndKeepsThePart)
     const QString part = program.dataFolder() + "/models/ggml-small-q5_1.bin.part";
     ASSERT_TRUE(TestSupport::waitUntil([&] { return QFileInfo(part).size() == 1 << 20; }, 10s)) << program.logText();
 
-    QElapsedTimer clock;
-    clock.start();
     program.process().terminate();
-    ASSERT_TRUE(program.waitForExit(5s)) << "the download held the program up";
-    EXPECT_LT(clock.elapsed(), 1000);
+    ASSERT_TRUE(program.waitForExit(1s)) << "the download held the program up";
     EXPECT_EQ(program.process().exitCode(), 0);
     EXPECT_EQ(QFileInfo(part).size(), 1 << 20);
     EXPECT_FALSE(program.log().filter("quitting: the download of").isEmpty());

@@ -102,24 +102,18 @@ protected:
 TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarkedAndAChordHeldByTheDesktop)
 {
     EXPECT_EQ(describe(*app->menu()),
-        "Segure Alt direito (AltGr) para ditar (off)\n--\n"
-        "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
-        "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  Nemotron (nativo, tempo real)\n"
-        "Modelo Whisper\n"
-        "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
-        "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
-        "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
-        "  --\n"
-        "  Texto ao vivo — Nemotron (473 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\n"
-        "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
-        "Idioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n  English (UK)\n  Español (España)\n"
-        "  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n  Italiano\n  Nederlands\n  Türkçe\n"
-        "  Русский\n  Українська\n  العربية\n  हिन्दी\n  日本語\n  한국어\n  Tiếng Việt\n"
-        "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
-        "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v"
-            + UpdaterManager::version()
-            + ")\n--\n"
-              "Sair do Voxaria [Ctrl+Q]\n");
+        QString("Segure Alt direito (AltGr) para ditar (off)\n--\nTranscrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
+                "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  Nemotron (nativo, tempo real)\nModelo Whisper\n"
+                "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
+                "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
+                "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n  --\n"
+                "  Texto ao vivo — Nemotron (473 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\nTecla de ditado\n"
+                "  ✓ Alt direito (AltGr)\n  Super direito\n  fn\nIdioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n"
+                "  English (UK)\n  Español (España)\n  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n"
+                "  Italiano\n  Nederlands\n  Türkçe\n  Русский\n  Українська\n  العربية\n  हिन्दी\n  日本語\n  한국어\n  Tiếng Việt\n"
+                "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\nIniciar com o sistema\nVerificar permissões…\n"
+                "Verificar atualizações… (v%1)\n--\nSair do Voxaria [Ctrl+Q]\n")
+            .arg(UpdaterManager::version()));
 
     // A desktop that holds a chord for the key (GNOME's portal, KDE in the US layout) names it under it.
     platform.source.chord = "Ctrl+Alt+Espaço";
@@ -179,7 +173,6 @@ TEST_F(StatusMenuTest, EnginesWithoutTheirModelsOfferThemAndTheDownloadSelectsTh
     EXPECT_EQ(click("Nemotron (nativo, tempo real)", "Cancelar").filter("✓").first(), "  ✓ Whisper (melhor qualidade)");
     EXPECT_EQ(lastAlert(), offer);
     click("Nemotron (nativo, tempo real)", "Baixar agora (473 MB)");
-    EXPECT_EQ(lastAlert(), offer);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return settings.engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
     ASSERT_TRUE(TestSupport::waitUntil([&] { return marks().join('|').contains("✓ Texto ao vivo"); })) << "the menu was not rebuilt";
     EXPECT_EQ(marks().mid(0, 3),
