@@ -206,7 +206,7 @@ TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)
             EXPECT_EQ(trust->lastPrompt, trust->checks > 0) << "the trust test must ask the user when access is missing";
             if (!scenario.inserted.isEmpty()) {
                 EXPECT_EQ(frontQueriesAtInsertion, 1) << "the application is named before the text reaches it";
-                EXPECT_EQ(HistoryStore::shared().entries().value(0).appName, playSounds ? "Editor de texto" : "—");
+                EXPECT_EQ(HistoryStore::shared().entries().value(0).appName, QString(playSounds ? "Editor de texto" : "—"));
             }
             EXPECT_EQ(script->made, scenario.states.isEmpty() ? 0 : 1);
             EXPECT_EQ(script->finished, scenario.finished);
