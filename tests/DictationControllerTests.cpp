@@ -159,8 +159,7 @@ struct Scenario {
     QStringList sounds;
     QString hud; // empty when hidden
     QStringList inserted;
-    int finished;
-    int cancelled;
+    int finished, cancelled;
 };
 
 const QList<State> dropped{State::recording, State::idle};

@@ -134,9 +134,8 @@ protected:
         TestSupport::writeFile(AppPaths::modelsFolder() + QStringLiteral("/ggml-base.bin"), "ggml");
     }
 
-    // Two dictations into `receiver`, and the clipboard as it was before them (read while this process
-    // may still own it). The first dictation of a run also pays for what is made once (the HUD's
-    // window, the sound server's list of devices): work, not waiting. The limit holds from the second.
+    // Two dictations into `receiver`, the clipboard read back while this process may still own it. The
+    // first of a run also makes the HUD's window and the sound server's device list: the limit holds from the second.
     void dictateTwice(const char* session, const ReceivingWindow& receiver, const std::function<std::optional<QByteArray>()>& clipboard)
     {
         Dictation dictation(watch);

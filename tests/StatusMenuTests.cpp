@@ -115,8 +115,7 @@ TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarkedAndAChordH
                 "Verificar atualizações… (v%1)\n--\nSair do Voxaria [Ctrl+Q]\n")
             .arg(UpdaterManager::version()));
 
-    // A desktop that holds a chord for the key (GNOME's portal, KDE in the US layout) names it under it.
-    platform.source.chord = "Ctrl+Alt+Espaço";
+    platform.source.chord = "Ctrl+Alt+Espaço"; // held by the desktop (GNOME's portal, KDE in the US layout)
     app->statusMenu().selectHotkey("rightOption"); // rebuilds the menu
     EXPECT_EQ(describe(*app->menu()).split('\n').mid(0, 2),
         (QStringList{"Segure Alt direito (AltGr) para ditar (off)", "ou segure Ctrl+Alt+Espaço (atalho do sistema) (off)"}));
