@@ -2,7 +2,6 @@
 #include "Dictation/HUDPanel.h"
 #include "Engines/SpeechTranscriber.h"
 #include "Engines/WhisperError.h"
-#include "Engines/WhisperTranscriber.h"
 #include "History/HistoryStore.h"
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeFrontApplication.h"
@@ -14,10 +13,8 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QLabel>
 #include <QSet>
-#include <QWidget>
 
 #include <gtest/gtest.h>
 
@@ -28,13 +25,10 @@ using State = DictationController::State;
 
 namespace {
 
-// What the engines of one test were asked to do, and the callbacks of the latest one, which the
-// test calls to play the engine's part (also after the engine itself is gone, as a late event would).
+// What the engines were asked to do; the test calls the latest one's callbacks in its place (also late).
 struct EngineScript {
-    int made = 0;
-    int finished = 0;
-    int cancelled = 0;
-    std::chrono::milliseconds startTakes{0}; // a slow microphone
+    int made = 0, finished = 0, cancelled = 0;
+    std::chrono::milliseconds startTakes{0};
     std::optional<WhisperError> startFailure;
     TranscriptionEngine::PartialCallback partial;
     TranscriptionEngine::FinalCallback final;
@@ -96,7 +90,6 @@ public:
         auto fakeFront = std::make_unique<FakeFrontApplication>();
         trust = fakeTrust.get();
         front = fakeFront.get();
-        front->name = QStringLiteral("Editor de texto");
         auto panel = std::make_unique<HUDPanel>();
         hud = panel.get();
         controller = std::make_unique<DictationController>(
@@ -120,8 +113,7 @@ public:
     }
     QString hudStatus() { return hud->panel()->accessibleName(); }
 
-    // The key held for 0.4 s by its events' times.
-    void dictate()
+    void dictate() // the key held for 0.4 s by its events' times
     {
         controller->startRecording(1000);
         controller->stopRecordingAndInsert(1400);
@@ -141,28 +133,7 @@ public:
     HUDPanel* hud = nullptr;
 };
 
-TEST_F(DictationTest, TheApplicationIsNamedBeforeThePasteAndADashStandsForNoName)
-{
-    controller->startRecording(1000);
-    EXPECT_TRUE(trust->lastPrompt) << "the trust test must ask the user when access is missing";
-    controller->stopRecordingAndInsert(1400);
-    script->final("go forward ten meters");
-    EXPECT_EQ(frontQueriesAtInsertion, 1) << "the application is named before the text reaches it";
-
-    front->name.reset();
-    dictate();
-    script->final("sem janela");
-    front->name = QString();
-    dictate();
-    script->final("janela sem nome");
-    QStringList names;
-    for (const auto& entry : HistoryStore::shared().entries())
-        names << entry.appName;
-    EXPECT_EQ(names, QStringList({"—", "—", "Editor de texto"})) << "newest first";
-}
-
-// One step of a dictation: a key event at its own time (none: the moment of the call), the engine's
-// result or error, or how the world is when the key goes down.
+// A key event at its own time (none: the moment of the call), the engine's answer, or the world's state.
 using Step = std::function<void(DictationTest&)>;
 Step down(std::optional<KeyEventTime> time)
 {
@@ -186,10 +157,9 @@ struct Scenario {
     std::vector<Step> steps;
     QList<State> states;
     QStringList sounds;
-    QString hud; // the status left on the HUD; empty when it is hidden
+    QString hud; // empty when hidden
     QStringList inserted;
-    int finished;
-    int cancelled;
+    int finished, cancelled;
 };
 
 const QList<State> dropped{State::recording, State::idle};
@@ -205,8 +175,7 @@ const Scenario scenarios[] = {
     {"no event times, slow microphone", 500ms, {down({}), up({})}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
     {"no event times, quick release", 0ms, {down({}), up({})}, dropped, {"Tink"}, "", {}, 0, 1},
     {"across the clock's wrap", 0ms, {down(0xFFFFFF00u), up(0x100)}, stillFinishing, {"Tink"}, transcribing, {}, 1, 0},
-    {"a press while finishing", 0ms, {down(0), up(400), down(500), up(600), result("primeiro")}, completed, {"Tink", "Pop"}, "",
-        {"primeiro"}, 1, 0},
+    {"a press while finishing", 0ms, {down(0), up(400), down(500), up(600), result("um")}, completed, {"Tink", "Pop"}, "", {"um"}, 1, 0},
     {"ended by the engine while held", 0ms, {down(0), result("já"), up(400)}, dropped, {"Tink", "Pop"}, "", {"já"}, 0, 0},
     {"an empty result", 0ms, {down(0), up(400), result(" \n\t ")}, completed, {"Tink", "Basso"}, "", {}, 1, 0},
     {"an error while finishing", 0ms, {down(0), up(400), failure}, completed, {"Tink", "Basso"},
@@ -221,8 +190,9 @@ TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)
 {
     for (const Scenario& scenario : scenarios) {
         for (const bool playSounds : {true, false}) {
-            SCOPED_TRACE(std::string(scenario.name) + (playSounds ? "" : ", sounds off"));
+            SCOPED_TRACE(std::string(scenario.name) + (playSounds ? "" : ", sounds off, a window without a name"));
             restart(playSounds);
+            front->name = playSounds ? "Editor de texto" : "";
             script->startTakes = scenario.startTakes;
             for (const Step& step : scenario.steps)
                 step(*this);
@@ -232,6 +202,11 @@ TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)
             EXPECT_EQ(inserted, scenario.inserted);
             EXPECT_EQ(HistoryStore::shared().entries().size(), scenario.inserted.size());
             EXPECT_EQ(front->queryCount, script->made) << "each dictation names the application once";
+            EXPECT_EQ(trust->lastPrompt, trust->checks > 0) << "the trust test must ask the user when access is missing";
+            if (!scenario.inserted.isEmpty()) {
+                EXPECT_EQ(frontQueriesAtInsertion, 1) << "the application is named before the text reaches it";
+                EXPECT_EQ(HistoryStore::shared().entries().value(0).appName, QString(playSounds ? "Editor de texto" : "—"));
+            }
             EXPECT_EQ(script->made, scenario.states.isEmpty() ? 0 : 1);
             EXPECT_EQ(script->finished, scenario.finished);
             EXPECT_EQ(script->cancelled, scenario.cancelled);
@@ -252,33 +227,13 @@ TEST_F(DictationTest, TheTimerOfAnOldMessageNeverHidesANewDictation)
     EXPECT_EQ(hudStatus(), listening);
 }
 
-TEST_F(DictationTest, TheWarningStaysThreeSecondsAndAnErrorFour)
-{
-    restart(true, DictationController::Timing{});
-    script->startFailure = WhisperError::notInstalled();
-    for (const bool trusted : {false, true}) {
-        trust->trusted = trusted;
-        const auto shownAt = std::chrono::steady_clock::now();
-        controller->startRecording();
-        ASSERT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 10s));
-        EXPECT_GE(std::chrono::steady_clock::now() - shownAt, trusted ? 4s : 3s) << (trusted ? "the error" : "the warning");
-    }
-}
-
-// A live engine reports a new text every few milliseconds: the HUD shows the first at once, then at
-// most one a tenth of a second, always the latest, its last words in view however long it grows.
+// The HUD shows a live engine's first text at once, then at most one a tenth of a second, its end in view.
 TEST_F(DictationTest, LiveTextIsShownAtMostTenTimesASecondWithItsLatestWordsInView)
 {
     controller->startRecording(1000);
     script->partial("Olá");
     EXPECT_EQ(hudText(), "Olá") << "the first text waited";
-    script->partial("Olá, tudo");
-    script->partial("Olá, tudo bem");
-    EXPECT_EQ(hudText(), "Olá") << "texts within a tenth of a second of the last one shown were not held back";
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText() == "Olá, tudo bem"; }, 2s)) << hudText().toStdString();
-
-    // Words every 10 ms for 0.6 s, the panel looked at between them.
-    QString said = "Olá, tudo bem";
+    QString said = "Olá,";
     QSet<QString> seen;
     const auto startedAt = std::chrono::steady_clock::now();
     for (int word = 0; word < 60; ++word) {
@@ -287,11 +242,9 @@ TEST_F(DictationTest, LiveTextIsShownAtMostTenTimesASecondWithItsLatestWordsInVi
         TestSupport::spin(10ms);
         seen.insert(hudText());
     }
-    const auto took = std::chrono::steady_clock::now() - startedAt;
-    EXPECT_LE(seen.size(), took / 100ms + 2) << "more texts shown than one a tenth of a second";
+    EXPECT_LE(seen.size(), (std::chrono::steady_clock::now() - startedAt) / 100ms + 2) << "more texts shown than one a tenth of a second";
     EXPECT_GE(seen.size(), 3) << "the text stood still while the words came";
     ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText().endsWith("palavra58 palavra59"); }, 2s)) << hudText().toStdString();
-    EXPECT_TRUE(hudText().startsWith(QChar(0x2026))) << "the beginning of a text longer than three lines gives way to its end";
 
     controller->stopRecordingAndInsert(1400);
     EXPECT_EQ(hudStatus(), transcribing);
@@ -299,22 +252,17 @@ TEST_F(DictationTest, LiveTextIsShownAtMostTenTimesASecondWithItsLatestWordsInVi
     ASSERT_TRUE(TestSupport::waitUntil([&] { return hudText().endsWith("palavra59 fim."); }, 2s)) << "no live text while finishing";
 }
 
-// A text that was waiting when its dictation ended never shows up in the next one.
+// A live text still waiting when its dictation ends (released, failed, too short) stays out of the next.
 TEST_F(DictationTest, ALiveTextLeftWaitingNeverReachesTheNextDictation)
 {
-    const std::function<void()> ends[] = {
-        [this] {
-            controller->stopRecordingAndInsert(1400);
-            script->final("primeiro ditado");
-        },
-        [this] { script->error(whisperFailed); }, [this] { controller->stopRecordingAndInsert(1100); }, // a slip of the key
-    };
+    const std::vector<Step> ends[] = {{up(1400), result("primeiro ditado")}, {failure}, {up(1100)}};
     for (const auto& end : ends) {
         restart();
         controller->startRecording(1000);
         script->partial("primeiro");
         script->partial("primeiro ditado");
-        end();
+        for (const Step& step : end)
+            step(*this);
         controller->startRecording(2000);
         TestSupport::spin(300ms);
         EXPECT_EQ(hudStatus(), listening);
@@ -322,24 +270,17 @@ TEST_F(DictationTest, ALiveTextLeftWaitingNeverReachesTheNextDictation)
     }
 }
 
-// Where no paste can reach the focused window, the text stays on the clipboard and the HUD says so.
-TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndSaysSoForThreeSeconds)
+// Where no paste can reach the window the text stays on the clipboard; GNOME holds the first paste
+// of a run behind its consent dialog. The HUD says what to do.
+TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndGnomesConsentIsAskedFor)
 {
     insertionMode = TextInserter::Mode::copyOnly;
     dictate();
-    const auto shownAt = std::chrono::steady_clock::now();
     script->final(" texto ditado ");
     EXPECT_EQ(hudStatus(), "Texto copiado — cole com Ctrl+V");
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return !hudVisible(); }, 10s));
-    EXPECT_GE(std::chrono::steady_clock::now() - shownAt, 3s);
     EXPECT_EQ(pasteboard->string(), "texto ditado") << "the clipboard was put back";
-    EXPECT_TRUE(keyPoster->posted.empty());
     EXPECT_EQ(HistoryStore::shared().entries().value(0).text, "texto ditado");
-}
 
-// GNOME holds the first paste of a run behind its consent dialog: the HUD says what to answer.
-TEST_F(DictationTest, APasteWaitingForGnomesConsentAsksTheUserToAllowIt)
-{
     insertionMode = TextInserter::Mode::askingConsent;
     dictate();
     script->final("texto ditado");
@@ -347,7 +288,6 @@ TEST_F(DictationTest, APasteWaitingForGnomesConsentAsksTheUserToAllowIt)
     EXPECT_TRUE(TestSupport::waitUntil([&] { return keyPoster->posted.size() == 2; })) << "the paste goes out all the same";
 }
 
-// The engine follows the chosen one and what is installed.
 TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSilently)
 {
     const PlatformServices services = FakePlatformServices().services();
@@ -360,7 +300,6 @@ TEST(EngineChoice, WhisperOnlyWhenChosenAndInstalledOtherwiseTheNativeEngineSile
     ASSERT_TRUE(TestSupport::writeFile(AppPaths::modelsFolder() + QStringLiteral("/ggml-small-q5_1.bin"), "model"));
     EXPECT_FALSE(madeNative(TranscriptionEngineKind::whisper)) << "Whisper is chosen and installed";
     EXPECT_TRUE(madeNative(TranscriptionEngineKind::apple));
-    QDir(AppPaths::modelsFolder()).removeRecursively();
 }
 
 }

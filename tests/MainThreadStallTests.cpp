@@ -12,9 +12,9 @@
 #include "TestSupport.h"
 #include "XTestKeyboard.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QScopeGuard>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -36,9 +36,8 @@ qint64 queuedNanoseconds()
     return fields.size() >= 2 ? fields[1].toLongLong() : 0;
 }
 
-// Ticks every 2 ms on the main thread and keeps the longest time between two ticks that the thread
-// itself was away, with the step of the dictation it began in: a step's own call (the key press)
-// runs between two ticks.
+// Ticks every 2 ms on the main thread and notes each time the thread itself was away longer than the
+// limit, with the dictation's step at the tick before (a step's own call runs between two ticks).
 class StallWatch {
 public:
     StallWatch()
@@ -48,20 +47,17 @@ public:
         m_timer.start(2);
         restart();
     }
-
     void restart()
     {
-        m_stepAtTick = m_step;
         m_sinceTick.start();
         m_queued = queuedNanoseconds();
-        m_longestMs = 0;
-        m_stalls.clear();
+        longestMs = 0;
+        stalls.clear();
     }
-    void enter(const QString& step) { m_step = step; }
-    qint64 longestMs() const { return m_longestMs; }
-    QString longest() const { return QStringLiteral("%1 ms (%2)").arg(m_longestMs).arg(m_longestStep); }
-    // Every stall over the limit, with its step.
-    QString stalls() const { return m_stalls.join(QLatin1Char('\n')); }
+
+    QString step = QStringLiteral("start");
+    qint64 longestMs = 0;
+    QStringList stalls;
 
 private:
     void tick()
@@ -71,20 +67,15 @@ private:
         m_sinceTick.restart();
         m_queued = queued;
         if (awayMs > kLimitMs)
-            m_stalls << QStringLiteral("%1 ms in %2").arg(awayMs).arg(m_stepAtTick);
-        if (awayMs > m_longestMs) {
-            m_longestMs = awayMs;
-            m_longestStep = m_stepAtTick;
-        }
-        m_stepAtTick = m_step;
+            stalls << QStringLiteral("%1 ms in %2").arg(awayMs).arg(m_stepAtTick);
+        longestMs = std::max(longestMs, awayMs);
+        m_stepAtTick = step;
     }
 
     QTimer m_timer;
     QElapsedTimer m_sinceTick;
     qint64 m_queued = 0;
-    QString m_step = QStringLiteral("start"), m_stepAtTick = m_step, m_longestStep;
-    qint64 m_longestMs = 0;
-    QStringList m_stalls;
+    QString m_stepAtTick = step;
 };
 
 // The controller on the session's real backends, with the real microphone and the fake whisper-cli.
@@ -102,34 +93,25 @@ public:
         collaborators.display = std::make_unique<HUDPanel>();
         collaborators.insertText = [this, insert = std::move(collaborators.insertText)](
                                        const QString& text, const FrontApplication::Answer& front, std::function<void()>) {
-            m_watch.enter(QStringLiteral("paste"));
-            return insert(text, front, [this] {
-                m_pasted = true;
-                m_watch.enter(QStringLiteral("clipboard restoration"));
-            });
+            m_watch.step = QStringLiteral("paste");
+            return insert(text, front, [this] { m_watch.step = QStringLiteral("clipboard restoration"); });
         };
         m_controller = std::make_unique<DictationController>(std::move(collaborators));
-        m_controller->onStateChange = [this](DictationController::State state) {
-            if (state == DictationController::State::finishing)
-                m_watch.enter(QStringLiteral("release and transcription"));
-        };
     }
 
     // Holds the key while the speech plays into the microphone; true once the text was pasted and
     // the clipboard restored (600 ms after the paste keys).
     bool dictate()
     {
-        m_watch.enter(QStringLiteral("key press"));
+        m_watch.step = QStringLiteral("key press");
         m_watch.restart();
         m_controller->startRecording();
-        m_watch.enter(QStringLiteral("recording"));
-        QProcess speech;
-        speech.start(QStringLiteral("paplay"), {TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg"))});
-        if (!TestSupport::waitUntil([&] { return speech.state() == QProcess::NotRunning; }, 30s))
+        m_watch.step = QStringLiteral("recording");
+        if (!TestSupport::playIntoMicrophone(TestSupport::testDataPath(QStringLiteral("speech/fleurs-pt-002.ogg"))))
             return false;
-        m_watch.enter(QStringLiteral("key release"));
+        m_watch.step = QStringLiteral("key release and transcription");
         m_controller->stopRecordingAndInsert();
-        if (!TestSupport::waitUntil([&] { return std::exchange(m_pasted, false); }, 30s))
+        if (!TestSupport::waitUntil([&] { return m_watch.step == QStringLiteral("clipboard restoration"); }, 30s))
             return false;
         TestSupport::spin(1500ms);
         return true;
@@ -140,7 +122,6 @@ private:
     const PlatformServices m_services = LinuxServices::make();
     StallWatch& m_watch;
     std::unique_ptr<DictationController> m_controller;
-    bool m_pasted = false;
 };
 
 class MainThreadStall : public ::testing::Test {
@@ -150,23 +131,21 @@ protected:
         if (!TestSupport::hasX11() || !TestSupport::hasPulseAudio())
             VOXARIA_SKIP("needs the headless desktop and microphone (run under scripts/with-harness.sh)");
         whisper.script(QStringLiteral("text=sem esperar\n"));
-        QDir().mkpath(AppPaths::modelsFolder());
         TestSupport::writeFile(AppPaths::modelsFolder() + QStringLiteral("/ggml-base.bin"), "ggml");
     }
 
-    // The first dictation of a run also pays for what is made once (the HUD's window, the sound
-    // server's list of devices): work, not waiting. The limit holds from the second one on.
-    bool dictateTwice(Dictation& dictation, const char* session)
+    // Two dictations into `receiver`, the clipboard read back while this process may still own it. The
+    // first of a run also makes the HUD's window and the sound server's device list: the limit holds from the second.
+    void dictateTwice(const char* session, const ReceivingWindow& receiver, const std::function<std::optional<QByteArray>()>& clipboard)
     {
-        if (!dictation.dictate())
-            return false;
-        const QString first = watch.longest();
-        if (!dictation.dictate())
-            return false;
-        std::printf(
-            "longest main-thread stall on %s: first dictation %s, second %s\n", session, qPrintable(first), qPrintable(watch.longest()));
-        EXPECT_LE(watch.longestMs(), kLimitMs) << watch.stalls().toStdString();
-        return true;
+        Dictation dictation(watch);
+        ASSERT_TRUE(dictation.dictate());
+        const qint64 first = watch.longestMs;
+        ASSERT_TRUE(dictation.dictate());
+        std::printf("longest main-thread stall on %s: first dictation %lld ms, second %lld ms\n", session, first, watch.longestMs);
+        EXPECT_LE(watch.longestMs, kLimitMs) << watch.stalls.join('\n').toStdString();
+        EXPECT_TRUE(receiver.text().contains(QStringLiteral("sem esperarsem esperar"))) << receiver.text().toStdString();
+        EXPECT_EQ(clipboard(), QByteArray("antes"));
     }
 
     TestSupport::FakeWhisper whisper;
@@ -180,10 +159,7 @@ TEST_F(MainThreadStall, X11ClipboardAndXTestPaste)
     XTestKeyboard::focus(receiver.windowId());
     DesktopApps::ClipboardOwner previous({{QStringLiteral("text/plain"), QByteArray("antes")}});
     ASSERT_TRUE(previous.isReady());
-    Dictation dictation(watch);
-    ASSERT_TRUE(dictateTwice(dictation, "X11"));
-    EXPECT_TRUE(receiver.waitForText(QStringLiteral("sem esperarsem esperar"), 5s)) << receiver.text().toStdString();
-    EXPECT_EQ(DesktopApps::clipboardData(QStringLiteral("text/plain")), "antes");
+    dictateTwice("X11", receiver, [] { return DesktopApps::clipboardData(QStringLiteral("text/plain")); });
 }
 
 TEST_F(MainThreadStall, SwayDataControlAndVirtualKeyboardPaste)
@@ -196,22 +172,14 @@ TEST_F(MainThreadStall, SwayDataControlAndVirtualKeyboardPaste)
     ASSERT_TRUE(receiver.start(sway, ReceivingWindow::OnSway::wayland)) << "focused: " << sway.focusedApplication().toStdString();
     ASSERT_TRUE(sway.copy("antes", QStringLiteral("text/plain;charset=utf-8")));
     // This process joins the sway session for its Wayland backends; its Qt stays on the harness's X server.
-    const QProcessEnvironment session = sway.sessionVariables();
-    std::vector<std::pair<QByteArray, std::optional<QByteArray>>> saved;
-    for (const char* name : {"WAYLAND_DISPLAY", "SWAYSOCK", "XDG_SESSION_TYPE", "XDG_CURRENT_DESKTOP"}) {
-        saved.emplace_back(name, qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt);
-        qputenv(name, session.value(QString::fromLatin1(name)).toUtf8());
-    }
-    std::optional<Dictation> dictation(std::in_place, watch);
-    const bool dictated = dictateTwice(*dictation, "sway");
-    // The clipboard given back is this process's: it is looked at before the process lets go of it.
-    const std::optional<QByteArray> restored = sway.paste(QStringLiteral("text/plain;charset=utf-8"));
-    dictation.reset();
-    for (const auto& [name, value] : saved)
-        value ? qputenv(name.constData(), *value) : qunsetenv(name.constData());
-    ASSERT_TRUE(dictated);
-    EXPECT_TRUE(receiver.waitForText(QStringLiteral("sem esperarsem esperar"), 5s)) << receiver.text().toStdString();
-    EXPECT_EQ(restored, QByteArray("antes"));
+    const auto use = [](const QProcessEnvironment& variables) {
+        for (const char* name : {"WAYLAND_DISPLAY", "SWAYSOCK", "XDG_SESSION_TYPE", "XDG_CURRENT_DESKTOP"})
+            variables.contains(name) ? qputenv(name, variables.value(name).toUtf8()) : qunsetenv(name);
+    };
+    const QProcessEnvironment harness = QProcessEnvironment::systemEnvironment();
+    const auto restore = qScopeGuard([&] { use(harness); });
+    use(sway.sessionVariables());
+    dictateTwice("sway", receiver, [&] { return sway.paste(QStringLiteral("text/plain;charset=utf-8")); });
 }
 
 }

@@ -1,5 +1,4 @@
-// The tray menu built from the settings, and what its items do, with the alerts, the login item and
-// the browser scripted. Choosing items through the real tray is in EndToEndTests.
+// The tray menu and what its items do, the alerts, login item and browser scripted (the real tray: EndToEndTests).
 #include "App/AppDelegate.h"
 #include "App/Permissions.h"
 #include "App/UpdaterManager.h"
@@ -30,8 +29,7 @@ namespace {
 const QString kSmall = "ggml-small-q5_1.bin", kBase = "ggml-base-q5_1.bin";
 QStringList warnings;
 
-// The menu as the user reads it: one line per item, "✓" before a marked one, the shortcut and the
-// tooltip after it, submenus indented, "--" for a separator.
+// The menu as the user reads it: "✓" for a mark, [shortcut], {tooltip}, submenus indented, "--" a separator.
 QString describe(const QMenu& menu, const QString& indent = {})
 {
     QString text;
@@ -101,34 +99,23 @@ protected:
     }
 };
 
-TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarked)
+TEST_F(StatusMenuTest, FreshSettingsShowEveryItemWithTheDefaultsMarkedAndAChordHeldByTheDesktop)
 {
     EXPECT_EQ(describe(*app->menu()),
-        "Segure Alt direito (AltGr) para ditar (off)\n--\n"
-        "Transcrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
-        "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  Nemotron (nativo, tempo real)\n"
-        "Modelo Whisper\n"
-        "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
-        "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
-        "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n"
-        "  --\n"
-        "  Texto ao vivo — Nemotron (473 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\n"
-        "Tecla de ditado\n  ✓ Alt direito (AltGr)\n  Super direito\n  fn\n"
-        "Idioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n  English (UK)\n  Español (España)\n"
-        "  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n  Italiano\n  Nederlands\n  Türkçe\n"
-        "  Русский\n  Українська\n  العربية\n  हिन्दी\n  日本語\n  한국어\n  Tiếng Việt\n"
-        "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\n"
-        "Iniciar com o sistema\nVerificar permissões…\nVerificar atualizações… (v"
-            + UpdaterManager::version()
-            + ")\n--\n"
-              "Sair do Voxaria [Ctrl+Q]\n");
-}
+        QString("Segure Alt direito (AltGr) para ditar (off)\n--\nTranscrever vídeo ou link…\nHistórico de ditados… [Ctrl+H]\n--\n"
+                "Motor de transcrição\n  ✓ Whisper (melhor qualidade) — indisponível\n  Nemotron (nativo, tempo real)\nModelo Whisper\n"
+                "  Máxima qualidade — large-v3-turbo (547 MB) — baixar {para processadores rápidos ou GPU}\n"
+                "  Equilibrado — small (190 MB) — baixar {recomendado para a maioria dos computadores}\n"
+                "  Leve — base (60 MB) — baixar {máquinas antigas; qualidade menor}\n  --\n"
+                "  Texto ao vivo — Nemotron (473 MB) — baixar {motor nativo: o texto aparece enquanto você fala}\nTecla de ditado\n"
+                "  ✓ Alt direito (AltGr)\n  Super direito\n  fn\nIdioma\n  ✓ Português (Brasil)\n  Português (Portugal)\n  English (US)\n"
+                "  English (UK)\n  Español (España)\n  Español (Estados Unidos)\n  Français (France)\n  Français (Canada)\n  Deutsch\n"
+                "  Italiano\n  Nederlands\n  Türkçe\n  Русский\n  Українська\n  العربية\n  हिन्दी\n  日本語\n  한국어\n  Tiếng Việt\n"
+                "✓ Preferir transcrição local (offline)\n✓ Sons de feedback\n--\nIniciar com o sistema\nVerificar permissões…\n"
+                "Verificar atualizações… (v%1)\n--\nSair do Voxaria [Ctrl+Q]\n")
+            .arg(UpdaterManager::version()));
 
-// A desktop that holds a chord for the dictation key (GNOME's portal, KDE in the US layout) names it
-// under the key.
-TEST_F(StatusMenuTest, AChordTheDesktopHoldsForTheKeyIsNamedUnderIt)
-{
-    platform.source.chord = "Ctrl+Alt+Espaço";
+    platform.source.chord = "Ctrl+Alt+Espaço"; // held by the desktop (GNOME's portal, KDE in the US layout)
     app->statusMenu().selectHotkey("rightOption"); // rebuilds the menu
     EXPECT_EQ(describe(*app->menu()).split('\n').mid(0, 2),
         (QStringList{"Segure Alt direito (AltGr) para ditar (off)", "ou segure Ctrl+Alt+Espaço (atalho do sistema) (off)"}));
@@ -146,7 +133,9 @@ TEST_F(StatusMenuTest, MarksFallBackOnUnknownValuesAndSkipAMissingModel)
     EXPECT_EQ(settings.engine(), TranscriptionEngineKind::whisper);
 }
 
-TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownloadSelectsWhisper)
+// An engine without what it needs is explained, or its model offered; the download selects the
+// engine and its model is marked in the rebuilt menu, and can be removed.
+TEST_F(StatusMenuTest, EnginesWithoutTheirModelsOfferThemAndTheDownloadSelectsTheEngine)
 {
     settings.setEngine(TranscriptionEngineKind::apple);
     app->statusMenu().selectEngine("whisper");
@@ -176,21 +165,13 @@ TEST_F(StatusMenuTest, WhisperAndModelsNotThereAreExplainedOrOfferedAndADownload
     ASSERT_TRUE(TestSupport::waitUntil([&] { return !downloader.isDownloading(); }, std::chrono::seconds(30)));
     EXPECT_TRUE(marks().join('|').startsWith("  ✓ Whisper (melhor qualidade)|  ✓ Equilibrado — small (190 MB) {"))
         << "the menu was rebuilt when the model arrived: " << marks().join('\n').toStdString();
-}
 
-// The native engine needs its live model as Whisper needs one: choosing the engine without it offers
-// the download, which selects the engine; the model is then marked and can be removed.
-TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovable)
-{
-    arrange({kSmall}, {{"whisperModelFileName", kSmall}});
-    const QString model = LiveSpeechModel::fileName();
-    server.setRoute(model, {.body = ModelFiles::gguf({{{3 << 17}}})});
+    server.setRoute(LiveSpeechModel::fileName(), {.body = ModelFiles::gguf({{{3 << 17}}})});
     const QString offer = "Baixar o modelo do motor nativo?\nO motor nativo precisa do modelo Texto ao vivo — Nemotron "
                           "(473 MB, download único, roda offline).\n[Baixar agora (473 MB) | Cancelar]";
     EXPECT_EQ(click("Nemotron (nativo, tempo real)", "Cancelar").filter("✓").first(), "  ✓ Whisper (melhor qualidade)");
     EXPECT_EQ(lastAlert(), offer);
     click("Nemotron (nativo, tempo real)", "Baixar agora (473 MB)");
-    EXPECT_EQ(lastAlert(), offer);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return settings.engine() == TranscriptionEngineKind::apple; }, std::chrono::seconds(30)));
     ASSERT_TRUE(TestSupport::waitUntil([&] { return marks().join('|').contains("✓ Texto ao vivo"); })) << "the menu was not rebuilt";
     EXPECT_EQ(marks().mid(0, 3),
@@ -206,50 +187,39 @@ TEST_F(StatusMenuTest, TheNativeEngineOffersItsModelWhichIsThenMarkedAndRemovabl
     EXPECT_EQ(removals, QStringList{"  Remover small (0 MB)"});
 }
 
-TEST_F(StatusMenuTest, ModelsAndUnfinishedDownloadsAreRemovedOnlyAfterConfirming)
-{
-    const QString folder = AppPaths::modelsFolder() + '/';
-    TestSupport::writeFile(folder + kSmall, QByteArray(1 << 20, 'w'));
-    TestSupport::writeFile(folder + kBase + ".part", QByteArray(3 << 19, 'w'));
-    TestSupport::writeFile(folder + kBase + ".part.etag", "\"a\"");
-    const auto choose = [&](const QString& title, const QString& answer) { return click(title, answer).filter("  Remover"); };
-    EXPECT_EQ(choose("Remover small (1 MB)", "Cancelar"),
-        (QStringList{"  Remover small (1 MB)", "  Remover download incompleto de base (2 MB)"}));
-    EXPECT_EQ(
-        lastAlert(), "Remover small (1 MB)?\nO arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.\n[Remover | Cancelar]");
-    EXPECT_EQ(choose("Remover small (1 MB)", "Remover"), QStringList{"  Remover download incompleto de base (2 MB)"});
-    EXPECT_EQ(choose("Remover download incompleto de base (2 MB)", "Remover"), QStringList{});
-    EXPECT_EQ(QDir(folder).entryList(QDir::Files), QStringList{});
-}
-
-// The selected model removed, dictation goes on with another installed one, and the alert said so
-// beforehand; with none left, it says that too.
-TEST_F(StatusMenuTest, RemovingTheSelectedModelWarnsAndMarksAnother)
+// Removal is asked first; when it takes the selected model the alert says which one dictation goes
+// on with, or that none is left. An item from before a download started cannot remove its part.
+TEST_F(StatusMenuTest, FilesAreRemovedOnlyAfterConfirmingTheSelectedOnesWarnAndARunningPartStays)
 {
     arrange({kSmall, kBase}, {{"whisperModelFileName", kSmall}});
-    const QString question = "O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.\n\n";
-    click("Remover small (0 MB)", "Remover");
-    EXPECT_EQ(lastAlert(),
-        "Remover small (0 MB)?\n" + question + "É o modelo em uso: os ditados passam a usar \"Leve — base\".\n[Remover | Cancelar]");
+    const QString part = AppPaths::modelsFolder() + "/ggml-large-v3-turbo-q5_0.bin.part";
+    TestSupport::writeFile(part, QByteArray(3 << 19, 'w'));
+    TestSupport::writeFile(part + ".etag", "\"a\"");
+    const QString question = "O arquivo é apagado do disco; para usá-lo de novo, é preciso baixá-lo.";
+    const QString unfinished = "Remover download incompleto de large-v3-turbo (2 MB)", small = "Remover small (0 MB)",
+                  base = "Remover base (0 MB)";
+    const auto removals = [&] { return describe(*app->menu()).split('\n').filter("  Remover"); };
+    click(base, "Cancelar");
+    EXPECT_EQ(removals(), (QStringList{"  " + unfinished, "  " + small, "  " + base}));
+    EXPECT_EQ(lastAlert(), base + "?\n" + question + "\n[Remover | Cancelar]");
+    click(unfinished, "Remover");
+    EXPECT_EQ(removals(), (QStringList{"  " + small, "  " + base}));
+    click(small, "Remover");
+    EXPECT_EQ(
+        lastAlert(), small + "?\n" + question + "\n\nÉ o modelo em uso: os ditados passam a usar \"Leve — base\".\n[Remover | Cancelar]");
     EXPECT_TRUE(marks().value(1).startsWith("  ✓ Leve — base (60 MB) {")) << marks().join('\n').toStdString();
-    click("Remover base (0 MB)", "Remover");
+    click(base, "Remover");
     EXPECT_EQ(lastAlert(),
-        "Remover base (0 MB)?\n" + question
-            + "É o modelo em uso, e nenhum outro está baixado: o Whisper fica indisponível até que um modelo seja baixado.\n[Remover | "
+        base + "?\n" + question
+            + "\n\nÉ o modelo em uso, e nenhum outro está baixado: o Whisper fica indisponível até que um modelo seja baixado.\n[Remover | "
               "Cancelar]");
     EXPECT_EQ(QDir(AppPaths::modelsFolder()).entryList(QDir::Files), QStringList{});
-}
 
-// The menu follows a download as it starts and ends, and an item from before it started cannot
-// remove the part it is writing.
-TEST_F(StatusMenuTest, TheMenuFollowsDownloadsAndAStaleItemLeavesTheRunningPart)
-{
-    arrange({});
     const QByteArray model = ModelFiles::whisper(3 << 20);
-    const QString part = AppPaths::modelsFolder() + '/' + kBase + ".part";
-    TestSupport::writeFile(part, model.left(3 << 19));
+    const QString running = AppPaths::modelsFolder() + '/' + kBase + ".part";
+    TestSupport::writeFile(running, model.left(3 << 19));
+    app->statusMenu().refresh();
     const QString removal = "  Remover download incompleto de base (2 MB)";
-    const auto removals = [&] { return describe(*app->menu()).split('\n').filter("  Remover"); };
     EXPECT_EQ(removals(), QStringList{removal});
     const QList<QAction*> items = app->menu()->findChildren<QAction*>();
     const auto stale = std::find_if(items.begin(), items.end(), [&](QAction* item) { return "  " + item->text() == removal; });
@@ -259,13 +229,13 @@ TEST_F(StatusMenuTest, TheMenuFollowsDownloadsAndAStaleItemLeavesTheRunningPart)
     downloader.download(ModelDownloader::Model::catalog().at(2));
     fakes.alerts->answers = QStringList{"Remover"};
     (*stale)->trigger();
-    EXPECT_TRUE(TestSupport::waitUntil([&] { return !fakes.alerts->shown.isEmpty() && removals().isEmpty(); }));
-    EXPECT_TRUE(QFile::exists(part));
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == 5 && removals().isEmpty(); }));
+    EXPECT_TRUE(QFile::exists(running));
     downloader.cancelTapped();
     EXPECT_TRUE(TestSupport::waitUntil([&] { return removals() == QStringList{removal}; })) << removals().join('\n').toStdString();
 }
 
-TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
+TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApprovalAndPermissionsOpenHelpOnlyWhenAsked)
 {
     fakes.loginItem->failure = "sem permissão de escrita";
     app->statusMenu().toggleLaunchAtLogin();
@@ -274,22 +244,18 @@ TEST_F(StatusMenuTest, LaunchAtLoginLogsAFailureAndRegistersWhatAwaitsApproval)
     fakes.loginItem->current = LoginItem::Status::requiresApproval;
     app->statusMenu().toggleLaunchAtLogin();
     EXPECT_EQ(marks().last(), "✓ Iniciar com o sistema");
-}
 
-TEST_F(StatusMenuTest, PermissionsAlertOpensTheHelpPageOnlyWhenAsked)
-{
     fakes.alerts->answers = QStringList{"OK", "Abrir ajuda"};
-    app->openPermissions();
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == 1; }, std::chrono::seconds(10)));
-    EXPECT_TRUE(fakes.urlOpener->opened.isEmpty());
-    app->openPermissions();
-    ASSERT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == 2; }, std::chrono::seconds(10)));
+    for (const qsizetype asked : {1, 2}) {
+        app->openPermissions();
+        ASSERT_TRUE(TestSupport::waitUntil([&] { return fakes.alerts->shown.size() == asked; }, std::chrono::seconds(10)));
+        EXPECT_EQ(fakes.urlOpener->opened, asked == 1 ? QList<QUrl>{} : QList<QUrl>{Permissions::helpPageURL()});
+    }
     EXPECT_EQ(fakes.alerts->shown.last().messageText, "Permissões do Voxaria");
-    EXPECT_EQ(fakes.urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
 }
 
-// Last: it ends the application's loop. Without a tray, at start-up or when it goes away later, a
-// window offers the menu's main commands, and on X11 leaves the keyboard focus where it was.
+// Last: it ends the application's loop. Without a tray, at start-up, when it goes away later or the
+// program is started again, a window offers the menu's main commands, and leaves the focus alone.
 TEST_F(StatusMenuTest, WithoutATrayAWindowOffersTheMainCommandsAndLeavesTheFocusAlone)
 {
     const auto shown = [](const QString& title) -> QWidget* {
@@ -323,14 +289,16 @@ TEST_F(StatusMenuTest, WithoutATrayAWindowOffersTheMainCommandsAndLeavesTheFocus
             if (candidate->text() == button)
                 candidate->click();
     };
-    click("Histórico de ditados…");
-    click("Transcrever vídeo ou link…");
-    click("Ajuda");
+    for (const char* button : {"Histórico de ditados…", "Transcrever vídeo ou link…", "Ajuda"})
+        click(button);
     EXPECT_TRUE(shown("Histórico de ditados") && shown("Transcrever vídeo ou link"));
     EXPECT_EQ(fakes.urlOpener->opened, QList<QUrl>{Permissions::helpPageURL()});
     click("Fechar");
     app->checkSystemTray();
     EXPECT_FALSE(shown(title)) << "not again while the tray stays away";
+    app->comeForward();
+    EXPECT_TRUE(shown(title)) << "the program started again brings it back";
+    click("Fechar");
     fakes.systemTray->available = true;
     app->checkSystemTray();
     fakes.systemTray->available = false;
