@@ -73,14 +73,18 @@ LeadIn measureLeadIn(const QString& wav)
     const QByteArray bytes = file.readAll().mid(44);
     const auto* samples = reinterpret_cast<const qint16*>(bytes.constData());
     const qsizetype count = bytes.size() / 2;
+    // The tone ends at the first tenth of a second of quiet; the sentence after it is not measured.
+    constexpr qsizetype gap = 1600;
     qsizetype first = -1;
     qsizetype last = -1;
     for (qsizetype i = 0; i < count; ++i) {
-        if (std::abs(int(samples[i])) > 1500) {
-            if (first < 0)
-                first = i;
-            last = i;
-        }
+        if (std::abs(int(samples[i])) <= 1500)
+            continue;
+        if (first >= 0 && i - last > gap)
+            break;
+        if (first < 0)
+            first = i;
+        last = i;
     }
     if (first < 0)
         return {};
@@ -111,20 +115,29 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "voxaria did not start:\n%s\n", qPrintable(run.log().join('\n')));
         return 1;
     }
+    // The marker tone, a pause, then a sentence: a tone alone is rightly taken for a key held by
+    // mistake and never reaches whisper-cli.
     const QString tone = run.root() + QStringLiteral("/tone.wav");
-    QProcess::execute(QStringLiteral("sox"),
-        {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"), tone,
-            QStringLiteral("synth"), QString::number(toneMs / 1000), QStringLiteral("sine"), QStringLiteral("1000"), QStringLiteral("vol"),
-            QStringLiteral("0.5")});
+    const QString sentence = run.root() + QStringLiteral("/sentence.wav");
+    const QString marked = run.root() + QStringLiteral("/marked.wav");
+    const QStringList format{"-r", "48000", "-c", "2"};
+    const QList<QStringList> commands{QStringList{"-n"} + format
+            + QStringList{tone, "synth", QString::number(toneMs / 1000), "sine", "1000", "vol", "0.5", "pad", "0", "0.3"},
+        QStringList{TestSupport::testDataPath("speech/jfk.wav")} + format + QStringList{sentence, "trim", "0", "3"},
+        {tone, sentence, marked}};
+    for (const QStringList& command : commands) {
+        if (QProcess::execute(QStringLiteral("sox"), command) != 0) {
+            std::fprintf(stderr, "sox %s failed\n", qPrintable(command.join(' ')));
+            return 1;
+        }
+    }
 
     std::vector<double> missing, toneStart, releaseToStart, exitToText;
-    // Every dictation carries the tone: a silent one is rightly taken for a key held by mistake and
-    // never reaches whisper-cli.
     for (int dictation = 0; dictation < 10; ++dictation) {
         const qint64 textBefore = receiver.text().size();
         XTestKeyboard::press(rightAlt);
         TestSupport::spin(50ms);
-        TestSupport::playIntoMicrophone(tone);
+        TestSupport::playIntoMicrophone(marked);
         TestSupport::spin(150ms);
         const qint64 releasedUs = BenchClock::nanoseconds(CLOCK_REALTIME) / 1000;
         XTestKeyboard::release(rightAlt);
