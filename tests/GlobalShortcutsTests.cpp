@@ -319,11 +319,13 @@ TEST_F(Portal, GnomeOnWaylandHearsTheDictationKeyThroughThePortal)
 }
 
 // The key itself where KDE sees it alone, and the chord where it does not (Right Alt is Alt_R in the
-// US layout); both registered again at once when kglobalaccel restarts.
+// US layout); both registered again at once when kglobalaccel restarts, and replaced when another
+// key is chosen.
 TEST_F(KGlobalAccel, TheKeyAndTheChordAreBoundAndBoundAgainWhenKGlobalAccelComesBack)
 {
     const int chord = (Qt::ControlModifier | Qt::AltModifier | Qt::Key_Space).toCombined();
-    KGlobalAccelKeyMonitor monitor([] { return HotKey::rightOption; });
+    HotKey chosen = HotKey::rightOption;
+    KGlobalAccelKeyMonitor monitor([&] { return chosen; });
     ASSERT_NE(record(monitor), 0u);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return service->assigned.size() == 1; }));
     EXPECT_EQ(service->assigned[0], (QList<int>{Qt::Key_AltGr, chord}));
@@ -339,4 +341,9 @@ TEST_F(KGlobalAccel, TheKeyAndTheChordAreBoundAndBoundAgainWhenKGlobalAccelComes
     service->press(false);
     ASSERT_TRUE(TestSupport::waitUntil([&] { return events.size() == 2; }));
     EXPECT_EQ(events, (QStringList{"61/0x80000", "61/0x0"}));
+
+    chosen = HotKey::rightCommand;
+    monitor.dictationKeyChanged();
+    ASSERT_TRUE(TestSupport::waitUntil([&] { return service->assigned.size() == 3; })) << "the new key was not bound";
+    EXPECT_EQ(service->assigned[2], KGlobalAccelKeyMonitor::shortcutsFor(HotKey::rightCommand));
 }

@@ -49,7 +49,7 @@ AppDelegate::AppDelegate(
               .openPermissions = [this] { openPermissions(); },
               .checkForUpdates = [this] { checkForUpdates(); },
               .engineChosen = [this] { prepareLiveEngine(); },
-              .hotKeyChosen = [this] { m_hotkeyManager.start(); },
+              .hotKeyChosen = [this] { m_hotkeyManager.dictationKeyChanged(); },
           })
     , m_hotkeyManager(platform.takeKeyMonitor(), [&settings] { return settings.hotKey(); })
     , m_dictation(dictationCollaborators())
@@ -101,8 +101,8 @@ bool AppDelegate::applicationDidFinishLaunching()
         if (weakSelf)
             weakSelf->m_dictation.stopRecordingAndInsert(time);
     };
-    // Never stopped: the key is watched for as long as the program runs (started again, not stopped,
-    // when the menu chooses another key).
+    // Never stopped: the key is watched for as long as the program runs, and a key chosen in the
+    // menu counts from the next event on.
     m_hotkeyManager.start();
     // Which of the possible whisper-cli programs a dictation will run, when there is one at all.
     if (const std::optional<QString> whisper = WhisperTranscriber::binaryURL())

@@ -36,6 +36,12 @@ void HotkeyManager::stop()
     m_isDown = false;
 }
 
+void HotkeyManager::dictationKeyChanged()
+{
+    m_isDown = false;
+    m_source->dictationKeyChanged();
+}
+
 void HotkeyManager::handle(const FlagsChangedEvent& event)
 {
     const HotKey key = m_dictationKey();

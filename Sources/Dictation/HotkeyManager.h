@@ -27,6 +27,9 @@ public:
     void start();
     // Removes the monitor and forgets the key, without an onRelease even when the key is held.
     void stop();
+    // Another key was chosen: the old one, even held, is forgotten without an onRelease. The monitor
+    // stays installed, so a press of the new key right after the choice is heard.
+    void dictationKeyChanged();
 
     void handle(const FlagsChangedEvent& event);
 

@@ -30,3 +30,9 @@ void CombinedKeyMonitor::removeMonitor(Token token)
     }
     m_installed.erase(found);
 }
+
+void CombinedKeyMonitor::dictationKeyChanged()
+{
+    for (const auto& source : m_sources)
+        source->dictationKeyChanged();
+}

@@ -16,6 +16,7 @@ public:
     // 0 only when no source could watch.
     Token addMonitor(Handler handler) override;
     void removeMonitor(Token token) override;
+    void dictationKeyChanged() override;
 
 private:
     std::vector<std::unique_ptr<KeyMonitor>> m_sources;

@@ -36,4 +36,7 @@ public:
     virtual Token addMonitor(Handler handler) = 0;
     // Removes a handler; no call to it happens afterwards. Unknown tokens are ignored.
     virtual void removeMonitor(Token token) = 0;
+    // Another dictation key was chosen. Most sources see every key and have nothing to do; one that
+    // binds the key itself binds the new one, without ever leaving the handlers unheard.
+    virtual void dictationKeyChanged() { }
 };

@@ -104,6 +104,15 @@ void KGlobalAccelKeyMonitor::removeMonitor(Token token)
     m_handlers.remove(token);
 }
 
+// kglobalaccel's setShortcut replaces the action's keys: the old key is let go as the new one is bound.
+void KGlobalAccelKeyMonitor::dictationKeyChanged()
+{
+    if (!m_registeredKey)
+        return;
+    m_registeredKey = m_dictationKey();
+    sendShortcuts(*m_registeredKey);
+}
+
 bool KGlobalAccelKeyMonitor::registerKey()
 {
     const HotKey key = m_dictationKey();

@@ -39,6 +39,7 @@ public:
 
     Token addMonitor(Handler handler) override;
     void removeMonitor(Token token) override;
+    void dictationKeyChanged() override;
 
 private slots:
     void onPressed(const QString& component, const QString& actionName, qlonglong timestamp);
