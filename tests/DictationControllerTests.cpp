@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QTemporaryDir>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -72,13 +73,15 @@ const WhisperError whisperFailed = WhisperError::transcriptionFailed(QStringLite
 class DictationTest : public ::testing::Test {
 public:
     static constexpr auto errorDelay = 250ms;
+    QTemporaryDir scratch;
+    HistoryStore history{scratch.filePath("history.json")};
 
     void SetUp() override { restart(); }
 
     // A fresh controller over fresh fakes, with nothing recorded yet; the messages go quickly.
     void restart(bool playSounds = true, DictationController::Timing timing = {300ms, 150ms, errorDelay})
     {
-        HistoryStore::shared().clear();
+        history.clear();
         controller.reset();
         script = std::make_shared<EngineScript>();
         inserted.clear();
@@ -100,7 +103,7 @@ public:
                     frontQueriesAtInsertion = front->queryCount;
                     return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode}, std::move(onPasted));
                 },
-                timing, std::move(panel)});
+                timing, std::move(panel), &history});
         controller->onStateChange = [this](State state) { states << state; };
     }
 
@@ -200,12 +203,12 @@ TEST_F(DictationTest, KeysAndResultsFollowTheRulesWithSoundsOnOrOff)
             EXPECT_EQ(sounds->played, playSounds ? scenario.sounds : QStringList());
             EXPECT_EQ(hudVisible() ? hudStatus() : QString(), scenario.hud);
             EXPECT_EQ(inserted, scenario.inserted);
-            EXPECT_EQ(HistoryStore::shared().entries().size(), scenario.inserted.size());
+            EXPECT_EQ(history.entries().size(), scenario.inserted.size());
             EXPECT_EQ(front->queryCount, script->made) << "each dictation names the application once";
             EXPECT_EQ(trust->lastPrompt, trust->checks > 0) << "the trust test must ask the user when access is missing";
             if (!scenario.inserted.isEmpty()) {
                 EXPECT_EQ(frontQueriesAtInsertion, 1) << "the application is named before the text reaches it";
-                EXPECT_EQ(HistoryStore::shared().entries().value(0).appName, QString(playSounds ? "Editor de texto" : "—"));
+                EXPECT_EQ(history.entries().value(0).appName, QString(playSounds ? "Editor de texto" : "—"));
             }
             EXPECT_EQ(script->made, scenario.states.isEmpty() ? 0 : 1);
             EXPECT_EQ(script->finished, scenario.finished);
@@ -279,7 +282,7 @@ TEST_F(DictationTest, CopyOnlyLeavesTheTextOnTheClipboardAndGnomesConsentIsAsked
     script->final(" texto ditado ");
     EXPECT_EQ(hudStatus(), "Texto copiado — cole com Ctrl+V");
     EXPECT_EQ(pasteboard->string(), "texto ditado") << "the clipboard was put back";
-    EXPECT_EQ(HistoryStore::shared().entries().value(0).text, "texto ditado");
+    EXPECT_EQ(history.entries().value(0).text, "texto ditado");
 
     insertionMode = TextInserter::Mode::askingConsent;
     dictate();

@@ -6,6 +6,7 @@
 #include "Dictation/HUDPanel.h"
 #include "Engines/WhisperTranscriber.h"
 #include "HeadlessSway.h"
+#include "History/HistoryStore.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxServices.h"
 #include "Shared/AppPaths.h"
@@ -17,6 +18,7 @@
 #include <QScopeGuard>
 #include <QTimer>
 
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 using namespace std::chrono_literals;
@@ -91,6 +93,7 @@ public:
                 m_services.waitsOnStandardInput, DictationOptions{QStringLiteral("pt-BR"), QStringLiteral("ggml-base.bin")});
         };
         collaborators.display = std::make_unique<HUDPanel>();
+        collaborators.history = &m_history;
         collaborators.insertText = [this, insert = std::move(collaborators.insertText)](
                                        const QString& text, const FrontApplication::Answer& front, std::function<void()>) {
             m_watch.step = QStringLiteral("paste");
@@ -120,6 +123,8 @@ public:
 private:
     LinuxPlatform m_platform;
     const PlatformServices m_services = LinuxServices::make();
+    QTemporaryDir m_scratch;
+    HistoryStore m_history{m_scratch.filePath("history.json")};
     StallWatch& m_watch;
     std::unique_ptr<DictationController> m_controller;
 };

@@ -3,6 +3,7 @@
 #include "App/Permissions.h"
 #include "App/UpdaterManager.h"
 #include "AppRun.h"
+#include "History/HistoryStore.h"
 #include "LocalHttpServer.h"
 #include "ModelFiles.h"
 #include "Platform/Fakes/FakePlatformServices.h"
@@ -53,6 +54,7 @@ protected:
     FakeSessionPlatform platform;
     QTemporaryDir scratch;
     Settings settings{scratch.filePath("settings.conf")};
+    HistoryStore history{scratch.filePath("history.json")};
     std::unique_ptr<AppDelegate> app;
     const QString whisperCli = QCoreApplication::applicationDirPath() + "/whisper-cli";
 
@@ -63,7 +65,7 @@ protected:
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) { warnings << message; });
         PlatformServices services = fakes.services();
         services.windowFocus = std::make_shared<X11WindowFocus>(); // the focus is checked on the real X server
-        app = std::make_unique<AppDelegate>(platform, services, settings, downloader);
+        app = std::make_unique<AppDelegate>(platform, services, settings, history, downloader);
     }
     void TearDown() override { qInstallMessageHandler(nullptr); }
 

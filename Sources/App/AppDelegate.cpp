@@ -33,12 +33,13 @@ DictationOptions dictationOptions(const Settings& settings)
 
 }
 
-AppDelegate::AppDelegate(
-    SessionPlatform& platform, PlatformServices services, Settings& settings, ModelDownloader& downloader, QObject* parent)
+AppDelegate::AppDelegate(SessionPlatform& platform, PlatformServices services, Settings& settings, HistoryStore& history,
+    ModelDownloader& downloader, QObject* parent)
     : QObject(parent)
     , m_platform(platform)
     , m_services(std::move(services))
     , m_settings(settings)
+    , m_historyStore(history)
     , m_downloader(downloader)
     , m_updater(UpdaterManager::Channel::fromBuild(), m_services.alerts, m_services.urlOpener)
     , m_checks(Permissions::Checks::system(platform, m_services.microphoneListed))
@@ -70,6 +71,7 @@ DictationController::Collaborators AppDelegate::dictationCollaborators()
     };
     collaborators.sounds = FeedbackSounds(m_services.sounds, [&settings = m_settings] { return settings.playSounds(); });
     collaborators.display = std::make_unique<HUDPanel>();
+    collaborators.history = &m_historyStore;
     return collaborators;
 }
 
@@ -209,7 +211,7 @@ void AppDelegate::updateStatusIcon(DictationController::State state)
 void AppDelegate::openHistory()
 {
     if (!m_history)
-        m_history = std::make_unique<HistoryWindow>(HistoryStore::shared(), *m_services.alerts, m_platform.pasteboard());
+        m_history = std::make_unique<HistoryWindow>(m_historyStore, *m_services.alerts, m_platform.pasteboard());
     m_history->show();
 }
 

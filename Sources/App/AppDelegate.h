@@ -32,9 +32,9 @@ class AppDelegate : public QObject {
     Q_OBJECT
 public:
     // `platform` is the session's and `services` the desktop's, chosen at start-up; `settings` are
-    // the user's preferences. The platform, the settings and the downloader outlive the delegate.
-    AppDelegate(
-        SessionPlatform& platform, PlatformServices services, Settings& settings, ModelDownloader& downloader, QObject* parent = nullptr);
+    // the user's preferences and `history` their dictations. All but the services outlive the delegate.
+    AppDelegate(SessionPlatform& platform, PlatformServices services, Settings& settings, HistoryStore& history,
+        ModelDownloader& downloader, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The whole start-up; false when another copy already runs and this one must leave (main then
@@ -80,6 +80,7 @@ private:
     SessionPlatform& m_platform;
     PlatformServices m_services;
     Settings& m_settings;
+    HistoryStore& m_historyStore;
     ModelDownloader& m_downloader;
     // Made with the delegate, it starts the daily check where the build has a feed.
     UpdaterManager m_updater;

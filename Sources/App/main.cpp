@@ -1,4 +1,5 @@
 #include "AppDelegate.h"
+#include "History/HistoryStore.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxServices.h"
 #include "Platform/SessionInfo.h"
@@ -108,11 +109,12 @@ int main(int argc, char** argv)
     Settings settings(AppPaths::settingsFile());
     LinuxPlatform platform(session, [&settings] { return settings.hotKey(); });
     const PlatformServices services = LinuxServices::make();
+    HistoryStore history(HistoryStore::defaultFileLocation());
     ModelDownloader downloader(services.alerts);
     std::optional<AppDelegate> delegate;
     // The program starts on the event loop once the session's key source is chosen.
     platform.whenReady([&] {
-        if (!delegate.emplace(platform, services, settings, downloader).applicationDidFinishLaunching()) {
+        if (!delegate.emplace(platform, services, settings, history, downloader).applicationDidFinishLaunching()) {
             bringRunningCopyForward();
             QCoreApplication::exit(0);
             return;

@@ -63,6 +63,7 @@ DictationController::DictationController(Collaborators collaborators, QObject* p
     , m_insertText(std::move(collaborators.insertText))
     , m_timing(collaborators.timing)
     , m_display(std::move(collaborators.display))
+    , m_history(*collaborators.history)
 {
     m_liveTextTimer.setSingleShot(true);
     m_liveTextTimer.setInterval(m_timing.liveTextInterval);
@@ -245,7 +246,7 @@ void DictationController::insertInto(
     const QString shownName = appName.isEmpty() ? noApplicationName : appName;
     qCInfo(lcDictation) << "inserting" << text.size() << "characters into" << shownName;
     const TextInserter::Mode mode = m_insertText(text, front, [timing] { logTiming(timing, QStringLiteral("paste done")); });
-    HistoryStore::shared().add(text, shownName);
+    m_history.add(text, shownName);
     if (mode != TextInserter::Mode::paste) {
         m_display->show(mode == TextInserter::Mode::copyOnly ? copiedMessage : consentMessage, QString());
         hideLaterIfStillIdle(m_timing.copiedMessage);

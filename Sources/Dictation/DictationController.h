@@ -23,6 +23,8 @@
 
 // Runs one push-to-talk dictation at a time: picks and drives the engine, tells the user on the
 // HUD and with sounds what is happening, and pastes and records the final text. Main thread only.
+class HistoryStore;
+
 class DictationController : public QObject {
     Q_OBJECT
 public:
@@ -58,6 +60,8 @@ public:
         Timing timing;
         // Where the status shows: the HUD, which the program's widgets provide.
         std::unique_ptr<StatusDisplay> display;
+        // Where every inserted dictation is kept (required); it outlives the controller.
+        HistoryStore* history = nullptr;
 
         // The session's trust test, front application and paste, to which the owner adds the engine
         // factory and the sounds; `platform` must outlive the controller.
@@ -133,6 +137,7 @@ private:
     TextInsertion m_insertText;
     Timing m_timing;
     std::unique_ptr<StatusDisplay> m_display;
+    HistoryStore& m_history;
 };
 
 QDebug operator<<(QDebug debug, DictationController::State state);

@@ -156,12 +156,6 @@ QDateTime HistoryStore::Entry::dateTime() const
     return QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(std::llround(unixMilliseconds)), Qt::UTC);
 }
 
-HistoryStore& HistoryStore::shared()
-{
-    static HistoryStore instance(defaultFileLocation());
-    return instance;
-}
-
 QString HistoryStore::defaultFileLocation()
 {
     return AppPaths::dataFolder() + QStringLiteral("/history.json");

@@ -28,8 +28,6 @@ public:
     // Seconds between the Unix epoch and 2001-01-01 00:00:00 UTC.
     static constexpr double referenceDateOffset = 978307200.0;
 
-    // The process's store, loaded from the default location on first use.
-    static HistoryStore& shared();
     // ~/.local/share/Voxaria/history.json (the data folder as it is now).
     static QString defaultFileLocation();
     // A store over the given file, loaded at once. The folder is created by the first save.
