@@ -103,7 +103,8 @@ public:
                     frontQueriesAtInsertion = front->queryCount;
                     return TextInserter::insert(text, {pasteboard, keyPoster, {}, insertionMode}, std::move(onPasted));
                 },
-                timing, std::move(panel), &history});
+                timing, std::move(panel)},
+            history);
         controller->onStateChange = [this](State state) { states << state; };
     }
 

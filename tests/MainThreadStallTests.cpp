@@ -93,13 +93,12 @@ public:
                 m_services.waitsOnStandardInput, DictationOptions{QStringLiteral("pt-BR"), QStringLiteral("ggml-base.bin")});
         };
         collaborators.display = std::make_unique<HUDPanel>();
-        collaborators.history = &m_history;
         collaborators.insertText = [this, insert = std::move(collaborators.insertText)](
                                        const QString& text, const FrontApplication::Answer& front, std::function<void()>) {
             m_watch.step = QStringLiteral("paste");
             return insert(text, front, [this] { m_watch.step = QStringLiteral("clipboard restoration"); });
         };
-        m_controller = std::make_unique<DictationController>(std::move(collaborators));
+        m_controller = std::make_unique<DictationController>(std::move(collaborators), m_history);
     }
 
     // Holds the key while the speech plays into the microphone; true once the text was pasted and

@@ -5,6 +5,7 @@
 #include "Engines/SpeechGate.h"
 #include "Engines/WhisperTranscriber.h"
 #include "GateSounds.h"
+#include "History/HistoryStore.h"
 #include "Media/AudioExtractor.h"
 #include "Platform/Fakes/FakeAccessibilityTrust.h"
 #include "Platform/Fakes/FakeAudioInput.h"
@@ -24,6 +25,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QWidget>
 
 #include <gtest/gtest.h>
@@ -416,6 +418,8 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
     auto panel = std::make_unique<HUDPanel>();
     const HUDPanel* hud = panel.get();
     std::chrono::milliseconds recording{-1};
+    QTemporaryDir scratch;
+    HistoryStore history(scratch.filePath("history.json"));
     DictationController controller({[&] {
                                         auto engine = makeEngine();
                                         engine->setAnswerBound([&](std::chrono::milliseconds length) {
@@ -424,13 +428,14 @@ TEST_F(WhisperTranscriberTest, TheHudSaysWhenTheVoiceIsTooFaintOrWhisperHungAndT
                                         });
                                         return engine;
                                     },
-        {}, std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
-        [&](const QString& text, const FrontApplication::Answer&, std::function<void()> onPasted) {
-            inserted << text;
-            onPasted();
-            return TextInserter::Mode::paste;
-        },
-        {}, std::move(panel)});
+                                       {}, std::make_unique<FakeAccessibilityTrust>(), std::make_unique<FakeFrontApplication>(),
+                                       [&](const QString& text, const FrontApplication::Answer&, std::function<void()> onPasted) {
+                                           inserted << text;
+                                           onPasted();
+                                           return TextInserter::Mode::paste;
+                                       },
+                                       {}, std::move(panel)},
+        history);
     const auto dictateFor = [&](KeyEventTime at, float loudness) {
         controller.startRecording(at);
         speak(11, loudness);

@@ -53,7 +53,7 @@ AppDelegate::AppDelegate(SessionPlatform& platform, PlatformServices services, S
               .hotKeyChosen = [this] { m_hotkeyManager.dictationKeyChanged(); },
           })
     , m_hotkeyManager(platform.takeKeyMonitor(), [&settings] { return settings.hotKey(); })
-    , m_dictation(dictationCollaborators())
+    , m_dictation(dictationCollaborators(), history)
 {
     ModelDownloadWindow::follow(m_downloader);
     // A Whisper model that has just arrived is the one dictation uses from then on.
@@ -71,7 +71,6 @@ DictationController::Collaborators AppDelegate::dictationCollaborators()
     };
     collaborators.sounds = FeedbackSounds(m_services.sounds, [&settings = m_settings] { return settings.playSounds(); });
     collaborators.display = std::make_unique<HUDPanel>();
-    collaborators.history = &m_historyStore;
     return collaborators;
 }
 

@@ -54,7 +54,7 @@ DictationController::Collaborators DictationController::Collaborators::forSessio
     return collaborators;
 }
 
-DictationController::DictationController(Collaborators collaborators, QObject* parent)
+DictationController::DictationController(Collaborators collaborators, HistoryStore& history, QObject* parent)
     : QObject(parent)
     , m_makeEngine(std::move(collaborators.makeEngine))
     , m_sounds(std::move(collaborators.sounds))
@@ -63,7 +63,7 @@ DictationController::DictationController(Collaborators collaborators, QObject* p
     , m_insertText(std::move(collaborators.insertText))
     , m_timing(collaborators.timing)
     , m_display(std::move(collaborators.display))
-    , m_history(*collaborators.history)
+    , m_history(history)
 {
     m_liveTextTimer.setSingleShot(true);
     m_liveTextTimer.setInterval(m_timing.liveTextInterval);

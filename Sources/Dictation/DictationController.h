@@ -60,15 +60,14 @@ public:
         Timing timing;
         // Where the status shows: the HUD, which the program's widgets provide.
         std::unique_ptr<StatusDisplay> display;
-        // Where every inserted dictation is kept (required); it outlives the controller.
-        HistoryStore* history = nullptr;
 
         // The session's trust test, front application and paste, to which the owner adds the engine
         // factory and the sounds; `platform` must outlive the controller.
         static Collaborators forSession(const SessionPlatform& platform);
     };
 
-    explicit DictationController(Collaborators collaborators, QObject* parent = nullptr);
+    // Every inserted dictation is added to `history`, which outlives the controller.
+    DictationController(Collaborators collaborators, HistoryStore& history, QObject* parent = nullptr);
     ~DictationController() override;
 
     // Called after every change of state, synchronously, with the new state.
