@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -74,12 +75,14 @@ public:
     {
         if (m_source) {
             deliverPending();
-            m_source->stop();
-            delete m_source;
-            delete m_watch;
-            m_source = nullptr;
-            m_watch = nullptr;
+            // Let go of before it is closed: Qt's PulseAudio backend runs an event loop while the
+            // stream closes, and a stop posted meanwhile (the input being destroyed) or a last
+            // readyRead must find nothing left to read or close.
+            QAudioSource* source = std::exchange(m_source, nullptr);
             m_io = nullptr;
+            delete std::exchange(m_watch, nullptr);
+            source->stop();
+            delete source;
         }
         m_handler = nullptr;
         m_onLost = nullptr;
